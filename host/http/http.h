@@ -45,6 +45,10 @@ class HTTP_Query_String_Builder_T {
     buffer_ += url_encode(value);
     return *this;
   }
+  // Without it a string literal would convert to bool and pick the overload below.
+  HTTP_Query_String_Builder_T& append(const std::string& key, const char* value) {
+    return append(key, std::string(value));
+  }
   HTTP_Query_String_Builder_T& append(const std::string& key, bool value) {
     return append(key, std::string(value ? "true" : "false"));
   }

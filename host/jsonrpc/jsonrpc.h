@@ -84,7 +84,9 @@ class JSON_RPC_Channel {
   static std::shared_ptr<JSON_RPC_Response> create_response(const JSON_RPC_Request& req);
 };
 
-class JSON_RPC_Handler {
+// Handlers are owned by std::shared_ptr (the router, a module's factory wrapper), so a request
+// still running on a worker thread can keep its handler alive.
+class JSON_RPC_Handler : public std::enable_shared_from_this<JSON_RPC_Handler> {
  public:
   virtual ~JSON_RPC_Handler() = default;
   // Handles one message routed to this handler: the result of the channel's send, or -1 when

@@ -1,0 +1,390 @@
+#include "h3ccas/restful_client.h"
+
+#include "host/core/log.h"
+#include "host/core/text.h"
+
+#include <ace/Basic_Types.h>
+#include <ace/OS_NS_time.h>
+
+#include <chrono>
+#include <cstring>
+#include <exception>
+#include <functional>
+#include <utility>
+
+namespace h3ccas {
+
+namespace {
+
+// Reports, on leaving its scope, an operation that took more than 2 whole seconds.
+class Slow_Operation_Warning {
+ public:
+  explicit Slow_Operation_Warning(std::function<void(ACE_UINT64 seconds)> report)
+      : report_(std::move(report)), start_(std::chrono::steady_clock::now()) {}
+  ~Slow_Operation_Warning() {
+    auto elapsed =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
+    if (elapsed.count() > 2)
+      report_(static_cast<ACE_UINT64>(elapsed.count()));
+  }
+  Slow_Operation_Warning(const Slow_Operation_Warning&) = delete;
+  Slow_Operation_Warning& operator=(const Slow_Operation_Warning&) = delete;
+
+ private:
+  std::function<void(ACE_UINT64)> report_;
+  std::chrono::steady_clock::time_point start_;
+};
+
+std::string md5_hex(const char* data, std::size_t length) {
+  MD_Generator md(data, length, MD_MD5);
+  return Hex_String_T(md.get(), md.length()).str();
+}
+
+// The text up to the next double quote, when `p` starts with `key` (which ends in a quote).
+bool take_quoted(const char*& p, const char* key, std::string& value) {
+  std::size_t key_length = std::strlen(key);
+  if (std::strncmp(p, key, key_length) != 0)
+    return false;
+  const char* begin = p + key_length;
+  const char* end = std::strchr(begin, '"');
+  if (!end)
+    return false;
+  value.assign(begin, end);
+  p = end + 1;
+  return true;
+}
+
+// Words of `text` separated by runs of spaces and newlines.
+std::vector<std::string> split_words(const std::string& text) {
+  std::vector<std::string> words;
+  std::size_t pos = 0;
+  while ((pos = text.find_first_not_of(" \n", pos)) != std::string::npos) {
+    std::size_t end = text.find_first_of(" \n", pos);
+    words.push_back(text.substr(pos, end - pos));
+    pos = end;
+  }
+  return words;
+}
+
+// Copies `message` to `*error` when given and logs it; false.
+bool fail_with(std::string* error, const std::string& message) {
+  if (error)
+    *error = message;
+  LOG_MSG((LM_ERROR, "%s.\n", message.c_str()));
+  return false;
+}
+
+const char s_operator_list_path[] = "/cas/casrs/operator/operatorInfoList";
+
+}  // namespace
+
+bool parse_www_auth(const char* challenge, std::string& realm, std::string& nonce) {
+  for (const char* p = challenge; p && *p && (realm.empty() || nonce.empty());) {
+    if (realm.empty() && take_quoted(p, "realm=\"", realm))
+      continue;
+    if (nonce.empty() && take_quoted(p, "nonce=\"", nonce))
+      continue;
+    ++p;
+  }
+  return !realm.empty() && !nonce.empty();
+}
+
+RESTful_Client::RESTful_Client(CVM_Info cvm) : cvm_(std::move(cvm)) {}
+
+std::time_t RESTful_Client::now() const {
+  return ACE_OS::time();
+}
+
+bool RESTful_Client::send_request(HTTP_Request& req, HTTP_Response& resp, const JSON_Value* body,
+                                  JSON_Value* out) {
+  // CVM forgets idle sessions: renegotiate when the previous request is a minute old.
+  std::time_t t = now();
+  bool stale = t - session_start_ > 59;
+  session_start_ = t;
+  last_error_.clear();
+  last_error_code_.clear();
+
+  if (!digest_auth(req, nullptr, stale, body))
+    return false;
+  if (send_request_i(req, resp, body, out))
+    return true;
+  if (resp.status() != 401) {
+    record_cvm_error(req, resp);
+    return false;
+  }
+  // The nonce expired: one fresh challenge, one more try. A second 401 means bad credentials.
+  if (!digest_auth(req, nullptr, true, body))
+    return false;
+  if (send_request_i(req, resp, body, out))
+    return true;
+  if (resp.status() != 401)
+    record_cvm_error(req, resp);
+  return false;
+}
+
+bool RESTful_Client::send_request(HTTP_Request& req, const JSON_Value* body, JSON_Value* out) {
+  HTTP_Response resp;
+  return send_request(req, resp, body, out);
+}
+
+bool RESTful_Client::send_request(HTTP_Request& req, JSON_Value* out) {
+  return send_request(req, nullptr, out);
+}
+
+void RESTful_Client::record_cvm_error(const HTTP_Request& req, const HTTP_Response& resp) {
+  if (const std::string* code = resp.headers().get("Error-Code"))
+    last_error_code_ = *code;
+  if (const std::string* message = resp.headers().get("Error-Message")) {
+    // A message that does not convert is replaced by the code rather than shown garbled.
+    if (!Compound_Charset_Converter("utf8", nullptr).convert(*message, last_error_))
+      last_error_ = last_error_code_;
+  }
+  LOG_MSG((LM_INFO,
+           "CAS request '%s %s' returns error, http status = %d, error code = '%s', message = "
+           "'%s'.\n",
+           http_method_string(req.method()), req.uri().c_str(), resp.status(),
+           last_error_code_.c_str(), last_error_.c_str()));
+}
+
+bool RESTful_Client::send_request_i(HTTP_Request& req, HTTP_Response& resp,
+                                    const JSON_Value* req_body, JSON_Value* out) {
+  Slow_Operation_Warning slow([&req](ACE_UINT64 seconds) {
+    LOG_MSG((LM_INFO, "Slow CAS request '%s %s' detected, cost %Qs.\n",
+             http_method_string(req.method()), req.uri().c_str(), seconds));
+  });
+  resp.clear();
+  switch (req.method()) {
+    case HTTP_Method::DELETE:
+    case HTTP_Method::GET:
+      if (req_body != nullptr)
+        return check_failed(__FILE__, __LINE__, "req_body != nullptr");
+      return req.method() == HTTP_Method::GET ? client_.get(req, resp, out)
+                                              : client_.del(req, resp, out);
+    case HTTP_Method::POST:
+      return client_.post(req, req_body, resp, out);
+    case HTTP_Method::PUT:
+      return client_.put(req, req_body, resp, out);
+    default:
+      LOG_MSG((LM_ERROR, "Unsupported HTTP method '%s' for CAS RESTful client.\n",
+               http_method_string(req.method())));
+      return false;
+  }
+}
+
+bool RESTful_Client::digest_auth(HTTP_Request& req, std::string* error, bool force,
+                                 const JSON_Value* req_body) {
+  const char* method = http_method_string(req.method());
+  const std::string uri = req.uri();
+  if (!auth_.nonce_.empty() && !force)
+    return req.headers().put("Authorization", build_auth_header(method, uri.c_str()));
+
+  auto session = HTTP_Session_Factory::create(cvm_.host(), cvm_.port(), cvm_.ssl(), nullptr, 3,
+                                              nullptr, false, 120, 120, 0, 0);
+  if (!session)
+    return fail_with(error, "Failed to create HTTP session");
+  session->headers().put("Content-Type", "application/json");
+  auto json_session = std::make_shared<JSON_HTTP_Session>(session, 5, 300);
+
+  // The unsigned request only fetches the challenge.
+  req.headers().remove("Authorization");
+  HTTP_Response resp;
+  bool answered = false;
+  switch (req.method()) {
+    case HTTP_Method::GET:
+    case HTTP_Method::DELETE:
+      if (req_body != nullptr)
+        return check_failed(__FILE__, __LINE__, "req_body != nullptr");
+      answered = req.method() == HTTP_Method::GET ? json_session->get(req, resp, nullptr)
+                                                  : json_session->del(req, resp, nullptr);
+      break;
+    case HTTP_Method::POST:
+      answered = json_session->post(req, req_body, resp, nullptr);
+      break;
+    case HTTP_Method::PUT:
+      answered = json_session->put(req, req_body, resp, nullptr);
+      break;
+    default:
+      return fail_with(error, "Unexpected CAS HTTP request method.\n");
+  }
+  if (!answered)
+    return fail_with(error, "Failed to send request to CVM, network error.");
+  if (resp.status() != 401)
+    return fail_with(error, "The first response for digest auth is not unauthorized");
+  const std::string* challenge = resp.headers().get("WWW-Authenticate");
+  if (!challenge)
+    return fail_with(error, "Digest auth response header WWW-Authenticate not found");
+
+  uuid_string(auth_.cnonce_, false);
+  auth_.nonce_count_ = 0;
+  auth_.realm_.clear();
+  auth_.nonce_.clear();
+  // Skip the scheme word "Digest".
+  const char* params = challenge->size() > 6 ? challenge->c_str() + 6 : "";
+  if (!parse_www_auth(params, auth_.realm_, auth_.nonce_)) {
+    auth_.nonce_.clear();  // half a challenge is no session
+    return fail_with(error, snprintf_t<256>("Unknown CVM auth '%s'", challenge->c_str()).c_str());
+  }
+
+  client_.reset(std::move(json_session));
+  req.headers().reset();
+  return req.headers().put("Authorization", build_auth_header(method, uri.c_str()));
+}
+
+std::string RESTful_Client::build_auth_header(const char* method, const char* uri) {
+  ++auth_.nonce_count_;
+  Secure_String a1;
+  a1.append(cvm_.username()).append(1, ':').append(auth_.realm_).append(1, ':');
+  a1.append(cvm_.password());
+  std::string ha1 = md5_hex(a1.data(), a1.size());
+  std::string a2 = string_sprintf("%s:%s", method, uri);
+  std::string ha2 = md5_hex(a2.data(), a2.size());
+  // The nonce count is decimal ("%08d"), in the hash and in the header alike, as CVM expects.
+  std::string r = string_sprintf("%s:%s:%08d:%s:auth:%s", ha1.c_str(), auth_.nonce_.c_str(),
+                                 auth_.nonce_count_, auth_.cnonce_.c_str(), ha2.c_str());
+  std::string response = md5_hex(r.data(), r.size());
+  return string_sprintf(
+      "Digest username=\"%s\", realm=\"%s\", nonce=\"%s\", uri=\"%s\", response=\"%s\", "
+      "qop=\"auth\", nc=%08d, cnonce=\"%s\"",
+      cvm_.username().c_str(), auth_.realm_.c_str(), auth_.nonce_.c_str(), uri, response.c_str(),
+      auth_.nonce_count_, auth_.cnonce_.c_str());
+}
+
+bool RESTful_Client::test_login(std::string& error, std::string& version) {
+  HTTP_Request req(HTTP_Method::GET, s_operator_list_path);
+  if (!digest_auth(req, &error, false, nullptr))
+    return false;
+
+  HTTP_Response resp;
+  JSON_Value body;
+  if (!client_.get(req, resp, &body)) {
+    if (resp.status() == 401)
+      return fail_with(&error, "Invalid CVM username or password");
+    if (resp.status() >= 500)
+      return fail_with(&error, "CVM internal error");
+    return fail_with(&error, "Failed to send request to CVM, network error");
+  }
+  if (body.is_null())
+    return fail_with(&error, "CVM user do NOT have permissions to list operators");
+
+  std::vector<JSON_Value> operators;
+  if (!extract_list(s_operator_list_path, "operator", std::move(body), operators))
+    return fail_with(&error,
+                     string_sprintf("Unknown response from CVM '%s'", s_operator_list_path));
+  try {
+    // Only a listed user outside the administrators' group is refused.
+    for (const JSON_Value& op : operators) {
+      std::string login_name;
+      json_extract(op, "loginName", login_name);
+      if (login_name != cvm_.username())
+        continue;
+      std::string group_id;
+      json_extract(op, "groupId", group_id);
+      if (group_id != "1")
+        return fail_with(&error,
+                         "CVM user is NOT a member of 'System Default Administrator Group'");
+    }
+  } catch (const std::exception& e) {
+    return fail_with(&error, string_sprintf("Unknown response of CVM: %s", e.what()));
+  }
+
+  if (!get_cvm_version(version)) {
+    error = string_sprintf("Failed to get CVM version, error: %s, %s", last_error_code_.c_str(),
+                           last_error_.c_str());
+    return false;
+  }
+  if (!is_supported(version)) {
+    error = string_sprintf("Unsupported CVM verson '%s', only supports E07+.", version.c_str());
+    return false;
+  }
+  return true;
+}
+
+bool RESTful_Client::get_cvm_version(std::string& version) {
+  JSON_Value out;
+  if (!get("/cas/casrs/datacenter/casVersion", out))
+    return false;
+  std::string data;
+  try {
+    json_extract(out, "data", data);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Unrecognized CAS CVK version response: %s\n", e.what()));
+    return false;
+  }
+  // "H3C CAS E0750": the release is the third word.
+  std::vector<std::string> words = split_words(data);
+  if (words.size() >= 3) {
+    version = words[2];
+  } else {
+    LOG_MSG((LM_WARNING, "Unknown CVM version: '%s'.\n", data.c_str()));
+    version = data;
+  }
+  return true;
+}
+
+bool RESTful_Client::get(const char* path, JSON_Value& out) {
+  HTTP_Request req(HTTP_Method::GET, path);
+  return send_request(req, &out);
+}
+
+bool RESTful_Client::get(HTTP_Request& req, HTTP_Response& resp, JSON_Value& out) {
+  return send_request(req, resp, nullptr, &out);
+}
+
+bool RESTful_Client::post(const char* path, const JSON_Value& body, JSON_Value& out) {
+  HTTP_Request req(HTTP_Method::POST, path);
+  return send_request(req, &body, &out);
+}
+
+bool RESTful_Client::put(const char* path, JSON_Value& out) {
+  HTTP_Request req(HTTP_Method::PUT, path);
+  return send_request(req, nullptr, &out);
+}
+
+bool RESTful_Client::del(const char* path, JSON_Value& out) {
+  HTTP_Request req(HTTP_Method::DELETE, path);
+  return send_request(req, &out);
+}
+
+bool RESTful_Client::list(const char* path, const char* key, std::vector<JSON_Value>& out) {
+  return list(path, key, out, Query());
+}
+
+bool RESTful_Client::list(const char* path, const char* key, std::vector<JSON_Value>& out,
+                          const Query& query) {
+  HTTP_Request req(HTTP_Method::GET, path);
+  HTTP_Query_String_Builder builder(req.query());
+  for (const auto& [name, value] : query)
+    builder.append(name, value);
+  JSON_Value response;
+  if (!send_request(req, &response))
+    return false;
+  return extract_list(path, key, std::move(response), out);
+}
+
+bool RESTful_Client::extract_list(const char* path, const char* key, JSON_Value&& response,
+                                  std::vector<JSON_Value>& out) {
+  if (response.is_null()) {
+    out.clear();
+    LOG_MSG((LM_WARNING, "CAS request '%s' returns empty result.\n", path));
+    return true;
+  }
+  if (!response.is_object()) {
+    LOG_MSG((LM_ERROR, "Expect JSON object response from '%s', got %d.\n", path,
+             static_cast<int>(response.type())));
+    return false;
+  }
+  auto it = response.find(key);
+  if (it != response.end() && it->is_array()) {
+    out = std::move(it->get_ref<JSON_Value::array_t&>());
+    return true;
+  }
+  if (it != response.end() && it->is_object()) {
+    out.push_back(std::move(*it));
+    return true;
+  }
+  int type = static_cast<int>(it == response.end() ? JSON_Value::value_t::null : it->type());
+  LOG_MSG((LM_ERROR, "Unknown response type %d from '%s', key = %s.\n", type, path, key));
+  return false;
+}
+
+}  // namespace h3ccas

@@ -1,0 +1,90 @@
+// Client of the CVM REST API (paths under "/cas/casrs/") with HTTP digest authentication.
+// One client serves one thread at a time; every operation returns false after logging why, and
+// requests that reached CVM leave CAS's error code and message in last_error_code()/last_error().
+#pragma once
+
+#include "h3ccas/common.h"
+#include "host/http/client.h"
+
+#include <ctime>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace h3ccas {
+
+// Reads realm="..." and nonce="..." out of a digest challenge; true only when both are found.
+bool parse_www_auth(const char* challenge, std::string& realm, std::string& nonce);
+
+class RESTful_Client {
+ public:
+  using Query = std::map<std::string, std::string>;
+
+  explicit RESTful_Client(CVM_Info cvm);
+  virtual ~RESTful_Client() = default;
+
+  const CVM_Info& cvm() const { return cvm_; }
+  const std::string& last_error() const { return last_error_; }
+  const std::string& last_error_code() const { return last_error_code_; }
+  const std::string& task_fail_msg() const { return task_fail_msg_; }
+
+  // Signs and sends one request. A session is (re)negotiated before the first request, when the
+  // previous one started 60 or more seconds ago, and once after a 401 answer.
+  bool send_request(HTTP_Request& req, HTTP_Response& resp, const JSON_Value* body,
+                    JSON_Value* out);
+  bool send_request(HTTP_Request& req, const JSON_Value* body, JSON_Value* out);
+  bool send_request(HTTP_Request& req, JSON_Value* out);
+
+  bool get(const char* path, JSON_Value& out);
+  bool get(HTTP_Request& req, HTTP_Response& resp, JSON_Value& out);
+  bool post(const char* path, const JSON_Value& body, JSON_Value& out);
+  // CAS PUTs carry their arguments in the path or the query, never in a body.
+  bool put(const char* path, JSON_Value& out);
+  bool del(const char* path, JSON_Value& out);
+
+  // GET `path` and the list under `key` of its answer (see extract_list).
+  bool list(const char* path, const char* key, std::vector<JSON_Value>& out);
+  bool list(const char* path, const char* key, std::vector<JSON_Value>& out, const Query& query);
+  // CAS lists hold an array, or a bare object for a single member; no body is an empty list.
+  bool extract_list(const char* path, const char* key, JSON_Value&& response,
+                    std::vector<JSON_Value>& out);
+
+  // Whether the CVM accepts the credentials, the user may administer it and its version is
+  // supported. On failure `error` holds the text for the user.
+  bool test_login(std::string& error, std::string& version);
+  // The version word of CVM's casVersion ("E0750" of "H3C CAS E0750").
+  bool get_cvm_version(std::string& version);
+
+ protected:
+  struct Digest_Auth {
+    std::string realm_;
+    std::string nonce_;  // empty: no session yet
+    std::string cnonce_;
+    int nonce_count_ = 0;
+  };
+
+  // Seconds since the epoch; the session-renewal clock.
+  virtual std::time_t now() const;
+
+  // One attempt through the current session.
+  bool send_request_i(HTTP_Request& req, HTTP_Response& resp, const JSON_Value* body,
+                      JSON_Value* out);
+  // Signs `req`, first running the challenge exchange on a new session when there is none or
+  // `force` is set. The failure text goes to `*error` when given.
+  bool digest_auth(HTTP_Request& req, std::string* error, bool force, const JSON_Value* body);
+  // The Authorization value for the next request of the session (RFC 2617, qop "auth", MD5).
+  std::string build_auth_header(const char* method, const char* uri);
+
+  CVM_Info cvm_;
+  JSON_RESTful_Client client_{1};
+  std::string last_error_;
+  std::string last_error_code_;
+  std::string task_fail_msg_;
+  std::time_t session_start_ = 0;
+  Digest_Auth auth_;
+
+ private:
+  void record_cvm_error(const HTTP_Request& req, const HTTP_Response& resp);
+};
+
+}  // namespace h3ccas

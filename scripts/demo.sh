@@ -1,0 +1,90 @@
+#!/usr/bin/env bash
+# The walk-through on a fresh machine: installs what is missing, builds, starts cas-sim,
+# brimlet-server and brimlet-agent under a private install root, registers the simulated CVM,
+# tests its login, and stops everything it started.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+repo=$(pwd)
+
+bash scripts/setup.sh
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build build -j "$(nproc)"
+
+export BRIMLET_ROOT
+BRIMLET_ROOT=$(mktemp -d /tmp/brimlet-demo-XXXXXX)
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+  echo "Demo files are in $BRIMLET_ROOT"
+}
+trap cleanup EXIT
+
+wait_for() {  # wait_for FILE: until the program has written its ready file
+  for _ in $(seq 1 200); do [ -s "$1" ] && return 0; sleep 0.05; done
+  echo "timed out waiting for $1" >&2
+  return 1
+}
+json_get() { python3 -c "import json,sys; print(json.load(open(sys.argv[1]))[sys.argv[2]])" "$@"; }
+step() { printf '\n== %s\n' "$*"; }
+
+bin=$repo/build/bin
+step "Starting cas-sim with the default world"
+"$bin/cas-sim" --world sim/cas/worlds/default.json --listen 127.0.0.1:0 \
+  --ready-file "$BRIMLET_ROOT/sim.json" --data "$BRIMLET_ROOT/sim" --log "$BRIMLET_ROOT/sim.log" &
+pids+=($!)
+wait_for "$BRIMLET_ROOT/sim.json"
+sim_port=$(json_get "$BRIMLET_ROOT/sim.json" http_port)
+echo "CVM simulator on 127.0.0.1:$sim_port"
+
+step "Starting brimlet-server and enrolling this agent"
+"$bin/brimlet-server" --listen 127.0.0.1:0 --data "$BRIMLET_ROOT/server" \
+  --ready-file "$BRIMLET_ROOT/server.json" 2>>"$BRIMLET_ROOT/server.err" &
+pids+=($!)
+wait_for "$BRIMLET_ROOT/server.json"
+server_port=$(json_get "$BRIMLET_ROOT/server.json" port)
+etc=$BRIMLET_ROOT/etc/opt/quorvex/brimlet5
+mkdir -p "$etc"
+echo "demo-agent" > "$etc/host_id"
+key=$("$bin/brimlet-server" enroll --data "$BRIMLET_ROOT/server" --host-id demo-agent)
+cat > "$etc/agent.json" <<CONF
+{
+  "listen": "127.0.0.1:0",
+  "backup_server": {"host": "127.0.0.1", "port": $server_port, "ssl": false, "access_key": "$key"},
+  "host_id_file": "$etc/host_id",
+  "modules": ["$repo/build/lib/h3ccas.module.json"]
+}
+CONF
+chmod 600 "$etc/agent.json"
+echo "Backup server on 127.0.0.1:$server_port"
+
+step "Starting brimlet-agent with the CAS module"
+"$bin/brimlet-agent" --ready-file "$BRIMLET_ROOT/agent.json" 2>>"$BRIMLET_ROOT/agent.err" &
+pids+=($!)
+wait_for "$BRIMLET_ROOT/agent.json"
+echo "Agent on 127.0.0.1:$(json_get "$BRIMLET_ROOT/agent.json" port)"
+
+admin_password=$(python3 -c "import json; w=json.load(open('sim/cas/worlds/default.json')); \
+print(next(o['password'] for o in w['operators'] if o['group_id'] == 1))")
+admin_user=$(python3 -c "import json; w=json.load(open('sim/cas/worlds/default.json')); \
+print(next(o['login_name'] for o in w['operators'] if o['group_id'] == 1))")
+
+step "brimlet cvm add (password read from stdin, never from argv)"
+printf '%s\n' "$admin_password" |
+  "$bin/brimlet" cvm add --name lab --host 127.0.0.1 --port "$sim_port" --username "$admin_user" \
+    --password-stdin
+printf 'wrong\n' |
+  "$bin/brimlet" cvm add --name lab-wrong-password --host 127.0.0.1 --port "$sim_port" \
+    --username "$admin_user" --password-stdin
+
+step "brimlet cvm list"
+"$bin/brimlet" cvm list
+
+step "brimlet cvm test lab"
+"$bin/brimlet" cvm test lab
+
+step "brimlet cvm test lab-wrong-password (expected to fail)"
+"$bin/brimlet" cvm test lab-wrong-password || echo "(exit status $?)"
+
+step "brimlet --json cvm test lab"
+"$bin/brimlet" --json cvm test lab

@@ -1,0 +1,35 @@
+// The simulator's control API under /sim/: read and clear the request log, script faults, change
+// knobs, show the world. No authentication: a testing tool bound to loopback (see README.md).
+#pragma once
+
+#include "host/http/server.h"
+#include "sim/cas/router.h"
+#include "sim/cas/simulator.h"
+
+namespace cas_sim {
+
+class Control_Api {
+ public:
+  explicit Control_Api(Simulator& sim);
+  Control_Api(const Control_Api&) = delete;
+  Control_Api& operator=(const Control_Api&) = delete;
+
+  void attach(HTTP_Server& server);
+
+ private:
+  using Handler = void (Control_Api::*)(const HTTP_Server_Request&, HTTP_Server_Response&);
+
+  void serve(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void get_requests(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void delete_requests(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void get_faults(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void post_fault(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void delete_faults(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void put_knobs(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void get_world(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+
+  Simulator& sim_;
+  Path_Router<Handler> routes_;
+};
+
+}  // namespace cas_sim

@@ -1,0 +1,52 @@
+// The CVM's REST API under /cas/casrs/ as the simulated CAS answers it. Each request waits the
+// latency knob, passes digest authentication, may meet a scripted fault, and is then routed; every
+// one is written to the request log. Paths outside /cas/casrs/ and /sim/ get a plain 404.
+#pragma once
+
+#include "host/http/server.h"
+#include "sim/cas/router.h"
+#include "sim/cas/simulator.h"
+
+#include <string>
+#include <vector>
+
+namespace cas_sim {
+
+// CAS's habits in answers: numbers as decimal strings, and a list under `key` whose single member
+// stands as a bare object; an empty list is an answer without a body (null here).
+std::string cas_number(std::int64_t n);
+JSON_Value cas_list(const std::string& key, std::vector<JSON_Value> members);
+
+class CVM_Api {
+ public:
+  explicit CVM_Api(Simulator& sim);
+  CVM_Api(const CVM_Api&) = delete;
+  CVM_Api& operator=(const CVM_Api&) = delete;
+
+  // Registers the routes; `server` must outlive the answers (its port names dropped connections).
+  void attach(HTTP_Server& server);
+
+ private:
+  struct Call {
+    const HTTP_Server_Request& request;
+    const std::string& user;  // the authenticated operator
+    const Path_Params& params;
+  };
+  using Handler = void (CVM_Api::*)(const Call&, HTTP_Server_Response&);
+
+  void serve(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  // False when the connection is to be dropped without an answer.
+  bool answer_i(const HTTP_Server_Request& request, HTTP_Server_Response& response,
+                std::string& user);
+  bool apply_fault_i(const Fault& fault, const HTTP_Server_Request& request,
+                     HTTP_Server_Response& response);
+
+  void operator_list(const Call& call, HTTP_Server_Response& response);
+  void cas_version(const Call& call, HTTP_Server_Response& response);
+
+  Simulator& sim_;
+  HTTP_Server* server_ = nullptr;
+  Path_Router<Handler> routes_;
+};
+
+}  // namespace cas_sim

@@ -1,0 +1,88 @@
+#include "sim/cas/simulator.h"
+
+#include <algorithm>
+
+namespace cas_sim {
+
+Simulator::Simulator(World world, std::string data_dir)
+    : world_(std::move(world)),
+      digest_(world_.realm, world_.knobs.nonce_lifetime_seconds),
+      data_dir_(std::move(data_dir)) {
+  for (Fault& fault : world_.faults)
+    fault.id = ++last_fault_id_;
+}
+
+World Simulator::world() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return world_;
+}
+
+Knobs Simulator::knobs() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return world_.knobs;
+}
+
+std::string Simulator::version() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return world_.version;
+}
+
+std::vector<Operator> Simulator::operators() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return world_.operators;
+}
+
+bool Simulator::password_of(const std::string& login_name, std::string& password) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const Operator& op : world_.operators) {
+    if (op.login_name == login_name) {
+      password = op.password;
+      return true;
+    }
+  }
+  return false;
+}
+
+bool Simulator::change_knobs(const JSON_Value& changes, std::string& error) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!apply_knobs(changes, world_, error))
+    return false;
+  digest_.set_lifetime(world_.knobs.nonce_lifetime_seconds);
+  return true;
+}
+
+std::int64_t Simulator::add_fault(Fault fault) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  fault.id = ++last_fault_id_;
+  world_.faults.push_back(std::move(fault));
+  return last_fault_id_;
+}
+
+bool Simulator::take_fault(const std::string& method, const std::string& path, Fault& fault) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = std::find_if(world_.faults.begin(), world_.faults.end(), [&](const Fault& f) {
+    return path.compare(0, f.path.size(), f.path) == 0 && (f.method.empty() || f.method == method);
+  });
+  if (it == world_.faults.end())
+    return false;
+  fault = *it;
+  if (it->count > 0 && --it->count == 0)
+    world_.faults.erase(it);
+  return true;
+}
+
+std::size_t Simulator::remove_faults(std::int64_t id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::size_t before = world_.faults.size();
+  world_.faults.erase(std::remove_if(world_.faults.begin(), world_.faults.end(),
+                                     [&](const Fault& f) { return id == 0 || f.id == id; }),
+                      world_.faults.end());
+  return before - world_.faults.size();
+}
+
+std::vector<Fault> Simulator::faults() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return world_.faults;
+}
+
+}  // namespace cas_sim

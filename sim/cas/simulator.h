@@ -1,0 +1,51 @@
+// The running simulator's shared state: the world (changeable through the control API), the
+// digest verifier and the request log. Every member function is thread-safe.
+#pragma once
+
+#include "sim/cas/digest.h"
+#include "sim/cas/request_log.h"
+#include "sim/cas/world.h"
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace cas_sim {
+
+class Simulator {
+ public:
+  // `data_dir`: where state that outlives a request lives (disks, later); may be empty.
+  Simulator(World world, std::string data_dir);
+
+  World world() const;
+  Knobs knobs() const;
+  std::string version() const;
+  std::vector<Operator> operators() const;
+  // False for an unknown login name.
+  bool password_of(const std::string& login_name, std::string& password) const;
+  // A partial update of the knobs, the version and the operators; see apply_knobs().
+  bool change_knobs(const JSON_Value& changes, std::string& error);
+
+  // Returns the id given to the fault.
+  std::int64_t add_fault(Fault fault);
+  // The first fault (in the order added) that matches the request, counting the hit; a fault
+  // whose count runs out is removed.
+  bool take_fault(const std::string& method, const std::string& path, Fault& fault);
+  // Removes one fault by id, or every fault for id 0; returns how many went.
+  std::size_t remove_faults(std::int64_t id);
+  std::vector<Fault> faults() const;
+
+  Digest_Verifier& digest() { return digest_; }
+  Request_Log& requests() { return requests_; }
+  const std::string& data_dir() const { return data_dir_; }
+
+ private:
+  mutable std::mutex mutex_;
+  World world_;
+  std::int64_t last_fault_id_ = 0;
+  Digest_Verifier digest_;
+  Request_Log requests_;
+  const std::string data_dir_;
+};
+
+}  // namespace cas_sim

@@ -1,0 +1,57 @@
+// The whole system on loopback for one test: cas-sim, brimlet-server and brimlet-agent under a
+// private install root, driven through the brimlet CLI as an administrator would.
+#pragma once
+
+#include "host/core/json.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+class Stack {
+ public:
+  Stack();
+  ~Stack();
+
+  // Starts a simulator on `world_file` (TLS when cert and key are given); its HTTP port.
+  // Several simulators may run at once (named by `name`).
+  std::uint16_t start_sim(const std::string& name, const std::string& world_file,
+                          const std::string& tls_cert = "", const std::string& tls_key = "");
+  // brimlet-server, the agent's key and the agent, in that order.
+  void start_server_and_agent();
+
+  // The CLI with BRIMLET_ROOT set; `input` on its stdin.
+  Run_Result cli(const std::vector<std::string>& args, const std::string& input = "") const;
+  // `brimlet cvm add` of a CVM reached at 127.0.0.1:port; the uuid.
+  std::string add_cvm(const std::string& name, std::uint16_t port, const std::string& user,
+                      const std::string& password, bool ssl = false) const;
+
+  // A request to a simulator's control API (/sim/...); the parsed answer.
+  JSON_Value sim_control(const std::string& name, const std::string& method,
+                         const std::string& path, const JSON_Value& body = nullptr) const;
+  // POST /jsonrpc on the agent with a raw body; the HTTP status and the parsed answer.
+  int agent_post(const std::string& body, JSON_Value& answer) const;
+
+  const Temp_Dir& dir() const { return dir_; }
+  std::vector<std::string> env() const { return {"BRIMLET_ROOT=" + dir_.path()}; }
+  static const char* agent_host_id() { return "agent-under-test"; }
+
+ private:
+  struct Sim {
+    std::string name;
+    std::uint16_t port;
+    std::unique_ptr<Test_Process> process;
+  };
+  Temp_Dir dir_;
+  std::vector<Sim> sims_;
+  Test_Process server_;
+  Test_Process agent_;
+  std::uint16_t server_port_ = 0;
+  std::uint16_t agent_port_ = 0;
+};
+
+// A self-signed certificate for "localhost" made with the openssl command; false on failure.
+bool make_test_certificate(const std::string& cert, const std::string& key);

@@ -1,0 +1,199 @@
+#include "host/core/json.h"
+#include "host/core/log.h"
+#include "host/core/paths.h"
+#include "host/core/text.h"
+#include "host/core/worker_pool.h"
+#include "tests/support/temp_dir.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <climits>
+#include <cstdlib>
+
+namespace {
+
+struct Natoi_Case {
+  const char* text;
+  int expected_errno;
+  long long value;
+  std::size_t consumed;
+};
+
+TEST(Natoi, UnsignedAndSignedLimitsSignsAndStops) {
+  const Natoi_Case unsigned_cases[] = {
+      {"4294967295", 0, 4294967295LL, 10}, {"4294967296", ERANGE, 4294967295LL, 9},
+      {"+7", 0, 7, 2},                     {"-0", EINVAL, 0, 0},
+      {"", EINVAL, 0, 0},                  {"12 ", 0, 12, 2},
+      {"x1", EINVAL, 0, 0},                {"+", EINVAL, 0, 0},
+      {"007", 0, 7, 3},
+  };
+  for (const auto& c : unsigned_cases) {
+    const char* stop = nullptr;
+    const char* end = c.text + strlen(c.text);
+    unsigned int v = natoi<unsigned int>(c.text, end, &stop);
+    EXPECT_EQ(errno, c.expected_errno) << c.text;
+    EXPECT_EQ(static_cast<long long>(v), c.value) << c.text;
+    EXPECT_EQ(static_cast<std::size_t>(stop - c.text), c.consumed) << c.text;
+  }
+  const Natoi_Case int_cases[] = {
+      {"-2147483648", 0, INT_MIN, 11},
+      {"-2147483649", ERANGE, INT_MIN, 10},
+      {"2147483647", 0, INT_MAX, 10},
+      {"2147483648", ERANGE, INT_MAX, 9},
+      {"-12abc", 0, -12, 3},
+  };
+  for (const auto& c : int_cases) {
+    const char* stop = nullptr;
+    int v = natoi<int>(c.text, c.text + strlen(c.text), &stop);
+    EXPECT_EQ(errno, c.expected_errno) << c.text;
+    EXPECT_EQ(v, c.value) << c.text;
+    EXPECT_EQ(static_cast<std::size_t>(stop - c.text), c.consumed) << c.text;
+  }
+  const char* stop = nullptr;
+  EXPECT_EQ(natoi<unsigned long>("18446744073709551615", nullptr, &stop), ULONG_MAX);
+}
+
+TEST(Text, BoundedFormattingAndHelpers) {
+  snprintf_t<8> small("%s-%d", "abcdef", 42);
+  EXPECT_STREQ(small.c_str(), "abcdef-");
+  EXPECT_TRUE(small.truncated());
+  EXPECT_EQ(small.length(), 7u);
+  snprintf_t<64> fits("%08d", 10);
+  EXPECT_STREQ(fits, "00000010");
+  EXPECT_FALSE(fits.truncated());
+
+  EXPECT_EQ(string_sprintf("%s=%u", "k", 5u), "k=5");
+  EXPECT_EQ(string_sprintf("%s", std::string(5000, 'x').c_str()).size(), 5000u);
+
+  std::string out;
+  filenamify(std::string("a/b\\c:d*e?f\"g<h>i|j\x01k") + std::string(1, '\0') + "l", out, '_');
+  EXPECT_EQ(out, "a_b_c_d_e_f_g_h_i_j_k_l");
+
+  Pretty_Formatter pf(1);
+  EXPECT_EQ(pf.size_formatter(512, out), "512 B");
+  EXPECT_EQ(pf.size_formatter(1536, out), "1.5 KiB");
+  EXPECT_EQ(pf.size_formatter(10ul << 30, out), "10.0 GiB");
+
+  const unsigned char bytes[] = {0x00, 0x7f, 0xab, 0xff};
+  EXPECT_EQ(Hex_String_T(bytes, sizeof bytes).str(), "007fabff");
+
+  std::string a, b;
+  uuid_string(a, false);
+  uuid_string(b, true);
+  EXPECT_EQ(a.size(), 36u);
+  EXPECT_EQ(b.size(), 32u);
+  EXPECT_EQ(b.find('-'), std::string::npos);
+  EXPECT_NE(new_uuid(), new_uuid());
+}
+
+TEST(Text, CharsetConversionRefusesInvalidInput) {
+  Compound_Charset_Converter to_latin1("utf8", "ISO-8859-1");
+  std::string out;
+  ASSERT_TRUE(to_latin1.convert("caf\xc3\xa9", out));
+  EXPECT_EQ(out, "caf\xe9");
+  EXPECT_FALSE(to_latin1.convert("\xe4\xb8\xad", out)) << "CJK has no Latin-1 form";
+  Compound_Charset_Converter to_utf8("utf8", "UTF-8");
+  EXPECT_FALSE(to_utf8.convert("bad \xff\xfe", out));
+  ASSERT_TRUE(to_utf8.convert("\xe4\xb8\xad\xe6\x96\x87", out));
+  EXPECT_EQ(out, "\xe4\xb8\xad\xe6\x96\x87");
+  Compound_Charset_Converter unknown("no-such-charset", nullptr);
+  EXPECT_FALSE(unknown.convert("x", out));
+}
+
+TEST(Json, ExtractorNamesKeyAndType) {
+  JSON_Value obj = JSON_Value::parse(
+      R"({"s":"x","n":70000,"neg":-1,"b":true,"o":{},"a":[],"d":1.5,"big":18446744073709551615})");
+  std::string s;
+  EXPECT_TRUE(json_extract(obj, "s", s));
+  EXPECT_EQ(s, "x");
+  int n = 0;
+  EXPECT_TRUE(json_extract(obj, "n", n));
+  EXPECT_EQ(n, 70000);
+  std::string missing = "keep";
+  EXPECT_FALSE(json_extract(obj, "absent", missing, false));
+  EXPECT_EQ(missing, "keep");
+
+  auto message = [&](auto&& f) {
+    try {
+      f();
+    } catch (const JSON_Error& e) {
+      return std::string(e.what());
+    }
+    return std::string("no exception");
+  };
+  std::uint16_t port = 0;
+  unsigned int u = 0;
+  bool flag = false;
+  double d = 0;
+  JSON_Value o;
+  EXPECT_EQ(message([&] { json_extract(obj, "n", port); }), "'n' is expected as integer in range");
+  EXPECT_EQ(message([&] { json_extract(obj, "neg", u); }), "'neg' is expected as integer in range");
+  EXPECT_EQ(message([&] { json_extract(obj, "big", n); }), "'big' is expected as integer in range");
+  EXPECT_EQ(message([&] { json_extract(obj, "s", n); }), "'s' is expected as integer");
+  EXPECT_EQ(message([&] { json_extract(obj, "d", n); }), "'d' is expected as integer");
+  EXPECT_EQ(message([&] { json_extract(obj, "s", flag); }), "'s' is expected as boolean");
+  EXPECT_EQ(message([&] { json_extract(obj, "n", s); }), "'n' is expected as string");
+  EXPECT_EQ(message([&] { json_extract(obj, "absent", s); }), "missing key 'absent'");
+  EXPECT_EQ(message([&] { json_extract_object(obj, "a", o); }), "'a' is expected as object");
+  EXPECT_EQ(message([&] { json_extract_array(obj, "o", o); }), "'o' is expected as array");
+  EXPECT_EQ(message([&] { json_extract(JSON_Value::array(), "s", s); }),
+            "expected an object, got array");
+  EXPECT_TRUE(json_extract(obj, "d", d));
+  EXPECT_DOUBLE_EQ(d, 1.5);
+}
+
+TEST(Paths, EverythingLivesUnderTheInstallRoot) {
+  Temp_Dir dir;
+  setenv("BRIMLET_ROOT", (dir.path() + "/").c_str(), 1);
+  EXPECT_EQ(install_root(), dir.path());
+  EXPECT_EQ(rooted_path("/etc/x"), dir.path() + "/etc/x");
+  Path_Conf conf("/etc/opt/quorvex/brimlet5/$COMPONENT/servant", "h3c-cas", "svc.conf", 0750);
+  std::string path;
+  ASSERT_TRUE(conf.get(path));
+  EXPECT_EQ(path, dir.path() + "/etc/opt/quorvex/brimlet5/h3c-cas/servant/svc.conf");
+  struct stat st {};
+  ASSERT_EQ(stat((dir.path() + "/etc/opt/quorvex/brimlet5/h3c-cas/servant").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0750u);
+
+  ASSERT_TRUE(write_file_atomic(dir.file("f"), "one", 0600));
+  ASSERT_TRUE(write_file_atomic(dir.file("f"), "two", 0600));
+  std::string text;
+  ASSERT_TRUE(read_file(dir.file("f"), text));
+  EXPECT_EQ(text, "two");
+  EXPECT_FALSE(write_file_atomic(dir.file("no/such/dir/f"), "x", 0600));
+  unsetenv("BRIMLET_ROOT");
+  EXPECT_EQ(install_root(), "");
+}
+
+TEST(Log, LinesCarryRelativeSourceAndReachSinks) {
+  std::vector<std::string> lines;
+  int id = add_log_sink([&](ACE_Log_Priority, const std::string& line) { lines.push_back(line); });
+  Log_Options opts;
+  opts.program = "core_test";
+  opts.to_stderr = false;
+  ASSERT_TRUE(open_log(opts));
+  LOG_MSG((LM_ERROR, "Failed to open '%s' at %N:%l.\n", "x"));
+  EXPECT_FALSE(CHECK_TRUE(lines.size() > 100));
+  LOG_MSG((LM_DEBUG, "hidden unless debug\n"));
+  remove_log_sink(id);
+  LOG_MSG((LM_ERROR, "not seen by the removed sink\n"));
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_NE(lines[0].find("ERROR tests/unit/core/core_test.cc:"), std::string::npos) << lines[0];
+  EXPECT_NE(lines[0].find("Failed to open 'x' at tests/unit/core/core_test.cc:"), std::string::npos);
+  EXPECT_NE(lines[1].find("EMERGENCY"), std::string::npos);
+  EXPECT_NE(lines[1].find("Unexpected error in tests/unit/core/core_test.cc:"), std::string::npos);
+  EXPECT_NE(lines[1].find("lines.size() > 100:\n"), std::string::npos);
+}
+
+TEST(Worker_Pool, RunsEveryPostedJobBeforeJoining) {
+  std::atomic<int> done{0};
+  {
+    Worker_Pool pool(3);
+    for (int i = 0; i < 100; ++i) ASSERT_TRUE(pool.post([&] { ++done; }));
+  }
+  EXPECT_EQ(done.load(), 100);
+}
+
+}  // namespace
