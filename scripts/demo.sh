@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 repo=$(pwd)
 
 bash scripts/setup.sh
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake -S . -B build -G Ninja >/dev/null
 cmake --build build -j "$(nproc)"
 
 export BRIMLET_ROOT
@@ -64,18 +64,20 @@ pids+=($!)
 wait_for "$BRIMLET_ROOT/agent.json"
 echo "Agent on 127.0.0.1:$(json_get "$BRIMLET_ROOT/agent.json" port)"
 
-admin_password=$(python3 -c "import json; w=json.load(open('sim/cas/worlds/default.json')); \
-print(next(o['password'] for o in w['operators'] if o['group_id'] == 1))")
-admin_user=$(python3 -c "import json; w=json.load(open('sim/cas/worlds/default.json')); \
-print(next(o['login_name'] for o in w['operators'] if o['group_id'] == 1))")
+# operator FIELD GROUP: a field of the world's first operator in (or, with !GROUP, outside) a group.
+operator() {
+  python3 -c "import json,sys; w=json.load(open('sim/cas/worlds/default.json')); \
+g=sys.argv[2]; pick=(lambda o: o['group_id'] != int(g[1:])) if g[0] == '!' else (lambda o: o['group_id'] == int(g)); \
+print(next(o[sys.argv[1]] for o in w['operators'] if pick(o)))" "$1" "$2"
+}
 
 step "brimlet cvm add (password read from stdin, never from argv)"
-printf '%s\n' "$admin_password" |
-  "$bin/brimlet" cvm add --name lab --host 127.0.0.1 --port "$sim_port" --username "$admin_user" \
-    --password-stdin
-printf 'wrong\n' |
-  "$bin/brimlet" cvm add --name lab-wrong-password --host 127.0.0.1 --port "$sim_port" \
-    --username "$admin_user" --password-stdin
+operator password 1 |
+  "$bin/brimlet" cvm add --name lab --host 127.0.0.1 --port "$sim_port" \
+    --username "$(operator login_name 1)" --password-stdin
+operator password '!1' |
+  "$bin/brimlet" cvm add --name lab-auditor --host 127.0.0.1 --port "$sim_port" \
+    --username "$(operator login_name '!1')" --password-stdin
 
 step "brimlet cvm list"
 "$bin/brimlet" cvm list
@@ -83,8 +85,8 @@ step "brimlet cvm list"
 step "brimlet cvm test lab"
 "$bin/brimlet" cvm test lab
 
-step "brimlet cvm test lab-wrong-password (expected to fail)"
-"$bin/brimlet" cvm test lab-wrong-password || echo "(exit status $?)"
+step "brimlet cvm test lab-auditor (not an administrator: expected to fail)"
+"$bin/brimlet" cvm test lab-auditor || echo "(exit status $?)"
 
 step "brimlet --json cvm test lab"
 "$bin/brimlet" --json cvm test lab

@@ -7,20 +7,31 @@
 #include <cstring>
 
 void secure_zero(void* p, std::size_t n) {
-  if (p && n) OPENSSL_cleanse(p, n);
+  if (p && n)
+    OPENSSL_cleanse(p, n);
 }
 
 MD_Generator::MD_Generator(const void* data, std::size_t length, int algorithm) {
   const EVP_MD* md = nullptr;
   switch (algorithm) {
-    case MD_SHA1: md = EVP_sha1(); break;
-    case MD_SHA256: md = EVP_sha256(); break;
-    case MD_SHA512: md = EVP_sha512(); break;
-    case MD_MD5: md = EVP_md5(); break;
-    default: return;
+    case MD_SHA1:
+      md = EVP_sha1();
+      break;
+    case MD_SHA256:
+      md = EVP_sha256();
+      break;
+    case MD_SHA512:
+      md = EVP_sha512();
+      break;
+    case MD_MD5:
+      md = EVP_md5();
+      break;
+    default:
+      return;
   }
   unsigned int n = 0;
-  if (EVP_Digest(data, length, digest_, &n, md, nullptr) == 1) length_ = n;
+  if (EVP_Digest(data, length, digest_, &n, md, nullptr) == 1)
+    length_ = n;
 }
 
 bool random_bytes(void* out, std::size_t length) {
@@ -36,15 +47,18 @@ std::string base64_encode(const void* data, std::size_t length) {
 }
 
 bool base64_decode(const std::string& text, std::string& out) {
-  if (text.size() % 4 != 0) return false;
+  if (text.size() % 4 != 0)
+    return false;
   std::string buf(text.size() / 4 * 3 + 1, '\0');
   int n = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(&buf[0]),
                           reinterpret_cast<const unsigned char*>(text.data()),
                           static_cast<int>(text.size()));
-  if (n < 0) return false;
+  if (n < 0)
+    return false;
   // EVP_DecodeBlock counts the padding as data bytes.
   std::size_t pad = 0;
-  if (!text.empty() && text.back() == '=') pad = text.size() > 1 && text[text.size() - 2] == '=' ? 2 : 1;
+  if (!text.empty() && text.back() == '=')
+    pad = text.size() > 1 && text[text.size() - 2] == '=' ? 2 : 1;
   buf.resize(static_cast<std::size_t>(n) - pad);
   out = std::move(buf);
   return true;
@@ -75,16 +89,16 @@ bool encrypt_string(const char* plain, std::size_t length, std::string& cipher, 
   auto* out = reinterpret_cast<unsigned char*>(&raw[0]);
   Cipher_Ctx c;
   int n = 0;
-  bool ok = c.ctx && random_bytes(out, nonce_size) &&
-            EVP_EncryptInit_ex(c.ctx, EVP_aes_256_gcm(), nullptr, k, out) == 1 &&
-            EVP_EncryptUpdate(c.ctx, out + nonce_size, &n,
-                              reinterpret_cast<const unsigned char*>(plain),
-                              static_cast<int>(length)) == 1 &&
-            EVP_EncryptFinal_ex(c.ctx, out + nonce_size + n, &n) == 1 &&
-            EVP_CIPHER_CTX_ctrl(c.ctx, EVP_CTRL_GCM_GET_TAG, tag_size,
-                                out + nonce_size + length) == 1;
+  bool ok =
+      c.ctx && random_bytes(out, nonce_size) &&
+      EVP_EncryptInit_ex(c.ctx, EVP_aes_256_gcm(), nullptr, k, out) == 1 &&
+      EVP_EncryptUpdate(c.ctx, out + nonce_size, &n, reinterpret_cast<const unsigned char*>(plain),
+                        static_cast<int>(length)) == 1 &&
+      EVP_EncryptFinal_ex(c.ctx, out + nonce_size + n, &n) == 1 &&
+      EVP_CIPHER_CTX_ctrl(c.ctx, EVP_CTRL_GCM_GET_TAG, tag_size, out + nonce_size + length) == 1;
   secure_zero(k, sizeof k);
-  if (!ok) return false;
+  if (!ok)
+    return false;
   cipher = base64_encode(raw.data(), raw.size());
   return true;
 }
@@ -92,7 +106,8 @@ bool encrypt_string(const char* plain, std::size_t length, std::string& cipher, 
 bool decrypt_string(const std::string& cipher, Secure_String& plain, const char* key,
                     unsigned long key_length) {
   std::string raw;
-  if (!base64_decode(cipher, raw) || raw.size() < nonce_size + tag_size) return false;
+  if (!base64_decode(cipher, raw) || raw.size() < nonce_size + tag_size)
+    return false;
   std::size_t length = raw.size() - nonce_size - tag_size;
   auto* in = reinterpret_cast<unsigned char*>(&raw[0]);
   unsigned char k[32];
@@ -100,15 +115,16 @@ bool decrypt_string(const std::string& cipher, Secure_String& plain, const char*
   Secure_String out(length, '\0');
   Cipher_Ctx c;
   int n = 0;
-  bool ok = c.ctx && EVP_DecryptInit_ex(c.ctx, EVP_aes_256_gcm(), nullptr, k, in) == 1 &&
-            EVP_DecryptUpdate(c.ctx, reinterpret_cast<unsigned char*>(&out[0]), &n,
-                              in + nonce_size, static_cast<int>(length)) == 1 &&
-            EVP_CIPHER_CTX_ctrl(c.ctx, EVP_CTRL_GCM_SET_TAG, tag_size,
-                                in + nonce_size + length) == 1 &&
-            EVP_DecryptFinal_ex(c.ctx, reinterpret_cast<unsigned char*>(&out[0]) + n, &n) == 1;
+  bool ok =
+      c.ctx && EVP_DecryptInit_ex(c.ctx, EVP_aes_256_gcm(), nullptr, k, in) == 1 &&
+      EVP_DecryptUpdate(c.ctx, reinterpret_cast<unsigned char*>(&out[0]), &n, in + nonce_size,
+                        static_cast<int>(length)) == 1 &&
+      EVP_CIPHER_CTX_ctrl(c.ctx, EVP_CTRL_GCM_SET_TAG, tag_size, in + nonce_size + length) == 1 &&
+      EVP_DecryptFinal_ex(c.ctx, reinterpret_cast<unsigned char*>(&out[0]) + n, &n) == 1;
   secure_zero(k, sizeof k);
   secure_zero(&raw[0], raw.size());
-  if (!ok) return false;
+  if (!ok)
+    return false;
   plain = std::move(out);
   return true;
 }

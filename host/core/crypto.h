@@ -15,9 +15,13 @@ struct Zeroing_Allocator {
   T* allocate(std::size_t n) { return std::allocator<T>().allocate(n); }
   void deallocate(T* p, std::size_t n);
   template <class U>
-  bool operator==(const Zeroing_Allocator<U>&) const { return true; }
+  bool operator==(const Zeroing_Allocator<U>&) const {
+    return true;
+  }
   template <class U>
-  bool operator!=(const Zeroing_Allocator<U>&) const { return false; }
+  bool operator!=(const Zeroing_Allocator<U>&) const {
+    return false;
+  }
 };
 
 void secure_zero(void* p, std::size_t n);
@@ -58,8 +62,9 @@ class MD_Generator {
   std::size_t length_ = 0;
 };
 
-// AES-256-GCM with key = SHA-256(key bytes); the text is base64 of nonce(12) | ciphertext | tag(16).
-// decrypt_string fails (false, `plain` untouched) on bad base64, a short text or a wrong tag.
+// AES-256-GCM with key = SHA-256(key bytes); the text is base64 of nonce(12) | ciphertext |
+// tag(16). decrypt_string fails (false, `plain` untouched) on bad base64, a short text or a wrong
+// tag.
 bool encrypt_string(const char* plain, std::size_t length, std::string& cipher, const char* key,
                     unsigned long key_length);
 bool decrypt_string(const std::string& cipher, Secure_String& plain, const char* key,

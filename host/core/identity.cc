@@ -13,7 +13,8 @@ Host_ID* Host_ID::instance() {
 bool Host_ID::load(const std::string& path) {
   std::string text;
   if (read_file(path, text)) {
-    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' '))
+      text.pop_back();
     if (text.empty()) {
       LOG_MSG((LM_ERROR, "Host id file '%s' is empty.\n", path.c_str()));
       return false;
@@ -25,7 +26,8 @@ bool Host_ID::load(const std::string& path) {
   if (slash != std::string::npos && slash > 0 && !make_dirs(path.substr(0, slash), 0750))
     return false;
   std::string id = new_uuid();
-  if (!write_file_atomic(path, id + "\n", 0640)) return false;
+  if (!write_file_atomic(path, id + "\n", 0640))
+    return false;
   id_ = id;
   return true;
 }

@@ -44,14 +44,17 @@ template <class T>
 bool json_extract(const JSON_Value& obj, const char* key, T& target, bool required) {
   const JSON_Value* v = json_find(obj, key);
   if (!v) {
-    if (required) throw JSON_Error(std::string("missing key '") + key + "'");
+    if (required)
+      throw JSON_Error(std::string("missing key '") + key + "'");
     return false;
   }
   if constexpr (std::is_same_v<T, bool>) {
-    if (!v->is_boolean()) json_throw_type(key, "boolean");
+    if (!v->is_boolean())
+      json_throw_type(key, "boolean");
     target = v->get<bool>();
   } else if constexpr (std::is_integral_v<T>) {
-    if (!v->is_number_integer()) json_throw_type(key, "integer");
+    if (!v->is_number_integer())
+      json_throw_type(key, "integer");
     if (v->is_number_unsigned()) {
       auto n = v->get<std::uint64_t>();
       if (n > static_cast<std::uint64_t>(std::numeric_limits<T>::max()))
@@ -70,12 +73,14 @@ bool json_extract(const JSON_Value& obj, const char* key, T& target, bool requir
       target = static_cast<T>(n);
     }
   } else if constexpr (std::is_floating_point_v<T>) {
-    if (!v->is_number()) json_throw_type(key, "number");
+    if (!v->is_number())
+      json_throw_type(key, "number");
     target = v->get<T>();
   } else if constexpr (std::is_same_v<T, JSON_Value>) {
     target = *v;
   } else {
-    if (!v->is_string()) json_throw_type(key, "string");
+    if (!v->is_string())
+      json_throw_type(key, "string");
     const auto& s = v->get_ref<const std::string&>();
     target.assign(s.data(), s.size());
   }

@@ -30,7 +30,8 @@ class Log_Backend : public ACE_Log_Msg_Backend {
     strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
 
     std::string text = record.msg_data();
-    if (text.empty() || text.back() != '\n') text += '\n';
+    if (text.empty() || text.back() != '\n')
+      text += '\n';
     char head[256];
     std::lock_guard<std::mutex> lock(mutex_);
     snprintf(head, sizeof head, "%s.%03ld %s[%d:%ld] %s %s:%d ", stamp, now.tv_nsec / 1000000,
@@ -41,18 +42,22 @@ class Log_Backend : public ACE_Log_Msg_Backend {
       fputs(line.c_str(), file_);
       fflush(file_);
     }
-    if (to_stderr_) fputs(line.c_str(), stderr);
-    for (auto& [id, sink] : sinks_) sink(priority, line);
+    if (to_stderr_)
+      fputs(line.c_str(), stderr);
+    for (auto& [id, sink] : sinks_)
+      sink(priority, line);
     return static_cast<ssize_t>(line.size());
   }
 
   bool configure(const Log_Options& options) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (file_) fclose(file_);
+    if (file_)
+      fclose(file_);
     file_ = nullptr;
     if (!options.file.empty()) {
       file_ = fopen(options.file.c_str(), "ae");
-      if (!file_) return false;
+      if (!file_)
+        return false;
     }
     program_ = options.program.empty() ? "" : options.program + " ";
     to_stderr_ = options.to_stderr;
@@ -117,7 +122,8 @@ bool open_log(const Log_Options& options) {
   }
   u_long mask = LM_INFO | LM_NOTICE | LM_WARNING | LM_STARTUP | LM_ERROR | LM_CRITICAL | LM_ALERT |
                 LM_EMERGENCY | LM_SHUTDOWN;
-  if (options.debug) mask |= LM_DEBUG | LM_TRACE;
+  if (options.debug)
+    mask |= LM_DEBUG | LM_TRACE;
   ACE_Log_Msg::instance()->priority_mask(mask, ACE_Log_Msg::PROCESS);
   return true;
 }
@@ -127,21 +133,35 @@ int add_log_sink(Log_Sink sink) {
   return backend().add(std::move(sink));
 }
 
-void remove_log_sink(int id) { backend().remove(id); }
+void remove_log_sink(int id) {
+  backend().remove(id);
+}
 
 const char* log_priority_name(ACE_Log_Priority priority) {
   switch (priority) {
-    case LM_TRACE: return "TRACE";
-    case LM_DEBUG: return "DEBUG";
-    case LM_INFO: return "INFO";
-    case LM_NOTICE: return "NOTICE";
-    case LM_WARNING: return "WARNING";
-    case LM_STARTUP: return "STARTUP";
-    case LM_ERROR: return "ERROR";
-    case LM_CRITICAL: return "CRITICAL";
-    case LM_ALERT: return "ALERT";
-    case LM_EMERGENCY: return "EMERGENCY";
-    case LM_SHUTDOWN: return "SHUTDOWN";
-    default: return "LOG";
+    case LM_TRACE:
+      return "TRACE";
+    case LM_DEBUG:
+      return "DEBUG";
+    case LM_INFO:
+      return "INFO";
+    case LM_NOTICE:
+      return "NOTICE";
+    case LM_WARNING:
+      return "WARNING";
+    case LM_STARTUP:
+      return "STARTUP";
+    case LM_ERROR:
+      return "ERROR";
+    case LM_CRITICAL:
+      return "CRITICAL";
+    case LM_ALERT:
+      return "ALERT";
+    case LM_EMERGENCY:
+      return "EMERGENCY";
+    case LM_SHUTDOWN:
+      return "SHUTDOWN";
+    default:
+      return "LOG";
   }
 }

@@ -21,10 +21,10 @@ bool check_failed(const char* file, int line, const char* condition);
 using Log_Sink = std::function<void(ACE_Log_Priority priority, const std::string& line)>;
 
 struct Log_Options {
-  std::string program;   // prefixed to each line
-  std::string file;      // appended to; empty: none
+  std::string program;  // prefixed to each line
+  std::string file;     // appended to; empty: none
   bool to_stderr = true;
-  bool debug = false;    // LM_DEBUG and LM_TRACE pass only when set
+  bool debug = false;  // LM_DEBUG and LM_TRACE pass only when set
 };
 
 // Process-wide: applies to every thread, whoever created it. Safe to call again.

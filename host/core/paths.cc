@@ -14,12 +14,14 @@
 std::string install_root() {
   const char* root = std::getenv("BRIMLET_ROOT");
   std::string r = root && *root ? root : "/";
-  while (!r.empty() && r.back() == '/') r.pop_back();
+  while (!r.empty() && r.back() == '/')
+    r.pop_back();
   return r;
 }
 
 std::string rooted_path(const std::string& absolute) {
-  if (absolute.empty() || absolute[0] != '/') return install_root() + "/" + absolute;
+  if (absolute.empty() || absolute[0] != '/')
+    return install_root() + "/" + absolute;
   return install_root() + absolute;
 }
 
@@ -29,7 +31,8 @@ bool make_dirs(const std::string& dir, mode_t mode) {
   while (pos != std::string::npos) {
     pos = dir.find('/', pos + 1);
     partial = dir.substr(0, pos);
-    if (partial.empty()) continue;
+    if (partial.empty())
+      continue;
     if (mkdir(partial.c_str(), mode) != 0 && errno != EEXIST) {
       LOG_MSG((LM_ERROR, "Failed to create directory '%s': %m.\n", partial.c_str()));
       return false;
@@ -40,7 +43,8 @@ bool make_dirs(const std::string& dir, mode_t mode) {
 
 bool read_file(const std::string& path, std::string& out) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
+  if (!in)
+    return false;
   std::ostringstream ss;
   ss << in.rdbuf();
   out = ss.str();
@@ -58,7 +62,8 @@ bool write_file_atomic(const std::string& path, const std::string& data, mode_t 
   std::size_t left = data.size();
   while (left > 0) {
     ssize_t n = ::write(fd, p, left);
-    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EINTR)
+      continue;
     if (n < 0) {
       LOG_MSG((LM_ERROR, "Failed to write '%s': %m.\n", tmp.c_str()));
       ::close(fd);
@@ -78,7 +83,9 @@ bool write_file_atomic(const std::string& path, const std::string& data, mode_t 
 
 Path_Conf::Path_Conf(const char* dir_pattern, const char* component, const char* file_name,
                      mode_t dir_mode)
-    : dir_pattern_(dir_pattern), component_(component), file_name_(file_name),
+    : dir_pattern_(dir_pattern),
+      component_(component),
+      file_name_(file_name),
       dir_mode_(dir_mode) {}
 
 std::string Path_Conf::dir() const {
@@ -91,13 +98,20 @@ std::string Path_Conf::dir() const {
 
 bool Path_Conf::get(std::string& path) const {
   std::string d = dir();
-  if (!make_dirs(d, dir_mode_)) return false;
+  if (!make_dirs(d, dir_mode_))
+    return false;
   path = d + "/" + file_name_;
   return true;
 }
 
 namespace brimlet_paths {
-std::string etc_dir() { return rooted_path("/etc/opt/quorvex/brimlet5"); }
-std::string log_dir() { return rooted_path("/var/log/brimlet5"); }
-std::string opt_dir() { return rooted_path("/opt/quorvex/brimlet5"); }
+std::string etc_dir() {
+  return rooted_path("/etc/opt/quorvex/brimlet5");
+}
+std::string log_dir() {
+  return rooted_path("/var/log/brimlet5");
+}
+std::string opt_dir() {
+  return rooted_path("/opt/quorvex/brimlet5");
+}
 }  // namespace brimlet_paths

@@ -68,11 +68,13 @@ Compound_Charset_Converter::Compound_Charset_Converter(const char* from, const c
 }
 
 Compound_Charset_Converter::~Compound_Charset_Converter() {
-  if (cd_) iconv_close(static_cast<iconv_t>(cd_));
+  if (cd_)
+    iconv_close(static_cast<iconv_t>(cd_));
 }
 
 bool Compound_Charset_Converter::convert(const std::string& in, std::string& out) {
-  if (!cd_) return false;
+  if (!cd_)
+    return false;
   auto cd = static_cast<iconv_t>(cd_);
   iconv(cd, nullptr, nullptr, nullptr, nullptr);
   std::string result(in.size() * 4 + 16, '\0');
@@ -80,8 +82,10 @@ bool Compound_Charset_Converter::convert(const std::string& in, std::string& out
   size_t src_left = in.size();
   char* dst = &result[0];
   size_t dst_left = result.size();
-  if (iconv(cd, &src, &src_left, &dst, &dst_left) == static_cast<size_t>(-1)) return false;
-  if (iconv(cd, nullptr, nullptr, &dst, &dst_left) == static_cast<size_t>(-1)) return false;
+  if (iconv(cd, &src, &src_left, &dst, &dst_left) == static_cast<size_t>(-1))
+    return false;
+  if (iconv(cd, nullptr, nullptr, &dst, &dst_left) == static_cast<size_t>(-1))
+    return false;
   result.resize(result.size() - dst_left);
   out = std::move(result);
   return true;
@@ -93,7 +97,8 @@ std::string& uuid_string(std::string& out, bool compact) {
   char text[37];
   uuid_unparse_lower(id, text);
   out = text;
-  if (compact) out.erase(std::remove(out.begin(), out.end(), '-'), out.end());
+  if (compact)
+    out.erase(std::remove(out.begin(), out.end(), '-'), out.end());
   return out;
 }
 

@@ -42,7 +42,8 @@ template <class T>
 T natoi(const char* begin, const char* end, const char** stop) {
   static_assert(std::is_integral_v<T>, "natoi parses integers");
   using U = std::make_unsigned_t<T>;
-  if (stop) *stop = begin;
+  if (stop)
+    *stop = begin;
   if (!begin || begin == end || *begin == '\0') {
     errno = EINVAL;
     return 0;
@@ -66,7 +67,8 @@ T natoi(const char* begin, const char* end, const char** stop) {
   for (; p != end && *p >= '0' && *p <= '9'; ++p) {
     U digit = static_cast<U>(*p - '0');
     if (value > limit / 10 || (value == limit / 10 && digit > limit % 10)) {
-      if (stop) *stop = p;
+      if (stop)
+        *stop = p;
       errno = ERANGE;
       return negative ? std::numeric_limits<T>::min() : std::numeric_limits<T>::max();
     }
@@ -76,9 +78,11 @@ T natoi(const char* begin, const char* end, const char** stop) {
     errno = EINVAL;
     return 0;
   }
-  if (stop) *stop = p;
+  if (stop)
+    *stop = p;
   errno = 0;
-  if (negative) return static_cast<T>(0 - value);
+  if (negative)
+    return static_cast<T>(0 - value);
   return static_cast<T>(value);
 }
 

@@ -1,7 +1,8 @@
 #include "host/core/worker_pool.h"
 
 Worker_Pool::Worker_Pool(int threads) {
-  for (int i = 0; i < (threads > 0 ? threads : 1); ++i) threads_.emplace_back([this] { run(); });
+  for (int i = 0; i < (threads > 0 ? threads : 1); ++i)
+    threads_.emplace_back([this] { run(); });
 }
 
 Worker_Pool::~Worker_Pool() {
@@ -10,13 +11,15 @@ Worker_Pool::~Worker_Pool() {
     stopping_ = true;
   }
   cv_.notify_all();
-  for (auto& t : threads_) t.join();
+  for (auto& t : threads_)
+    t.join();
 }
 
 bool Worker_Pool::post(std::function<void()> job) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_) return false;
+    if (stopping_)
+      return false;
     jobs_.push_back(std::move(job));
   }
   cv_.notify_one();
@@ -29,7 +32,8 @@ void Worker_Pool::run() {
     {
       std::unique_lock<std::mutex> lock(mutex_);
       cv_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
-      if (jobs_.empty()) return;
+      if (jobs_.empty())
+        return;
       job = std::move(jobs_.front());
       jobs_.pop_front();
     }

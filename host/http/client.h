@@ -39,14 +39,12 @@ class HTTP_Session_Factory {
   //   connect_timeout, io_timeout: seconds
   //   max_response_bytes: 0 means 256 MiB
   // Null after one log line when the session cannot be set up (bad TLS setup).
-  static std::shared_ptr<HTTP_Session> create(const std::string& host, std::uint16_t port,
-                                              bool ssl, const char* local_address = nullptr,
-                                              int connect_attempts = 3,
-                                              ssl_ctx_st* tls = nullptr,
-                                              bool verify_peer = false,
-                                              int connect_timeout = 120, int io_timeout = 120,
-                                              std::size_t max_response_bytes = 0,
-                                              int reserved = 0);
+  static std::shared_ptr<HTTP_Session> create(const std::string& host, std::uint16_t port, bool ssl,
+                                              const char* local_address = nullptr,
+                                              int connect_attempts = 3, ssl_ctx_st* tls = nullptr,
+                                              bool verify_peer = false, int connect_timeout = 120,
+                                              int io_timeout = 120,
+                                              std::size_t max_response_bytes = 0, int reserved = 0);
 };
 
 // JSON requests over a session. Each call returns true when an answer arrived (any status);
@@ -58,12 +56,9 @@ class JSON_HTTP_Session {
   JSON_HTTP_Session(std::shared_ptr<HTTP_Session> session, int attempts, int timeout);
   bool get(const HTTP_Request& req, HTTP_Response& resp, JSON_Value* out);
   bool del(const HTTP_Request& req, HTTP_Response& resp, JSON_Value* out);
-  bool post(const HTTP_Request& req, const JSON_Value* body, HTTP_Response& resp,
-            JSON_Value* out);
-  bool put(const HTTP_Request& req, const JSON_Value* body, HTTP_Response& resp,
-           JSON_Value* out);
-  bool send(const HTTP_Request& req, const JSON_Value* body, HTTP_Response& resp,
-            JSON_Value* out);
+  bool post(const HTTP_Request& req, const JSON_Value* body, HTTP_Response& resp, JSON_Value* out);
+  bool put(const HTTP_Request& req, const JSON_Value* body, HTTP_Response& resp, JSON_Value* out);
+  bool send(const HTTP_Request& req, const JSON_Value* body, HTTP_Response& resp, JSON_Value* out);
   HTTP_Session& session() { return *session_; }
 
  private:
@@ -81,10 +76,8 @@ class JSON_RESTful_Client {
   bool has_session() const { return session_ != nullptr; }
   bool get(const HTTP_Request& req, HTTP_Response& resp, JSON_Value* out);
   bool del(const HTTP_Request& req, HTTP_Response& resp, JSON_Value* out);
-  bool post(const HTTP_Request& req, const JSON_Value* body, HTTP_Response& resp,
-            JSON_Value* out);
-  bool put(const HTTP_Request& req, const JSON_Value* body, HTTP_Response& resp,
-           JSON_Value* out);
+  bool post(const HTTP_Request& req, const JSON_Value* body, HTTP_Response& resp, JSON_Value* out);
+  bool put(const HTTP_Request& req, const JSON_Value* body, HTTP_Response& resp, JSON_Value* out);
 
  private:
   bool finish(bool sent, const HTTP_Request& req, HTTP_Response& resp);

@@ -39,7 +39,8 @@ class HTTP_Query_String_Builder_T {
  public:
   explicit HTTP_Query_String_Builder_T(Buffer& buffer) : buffer_(buffer) {}
   HTTP_Query_String_Builder_T& append(const std::string& key, const std::string& value) {
-    if (!buffer_.empty()) buffer_ += '&';
+    if (!buffer_.empty())
+      buffer_ += '&';
     buffer_ += url_encode(key);
     buffer_ += '=';
     buffer_ += url_encode(value);
@@ -60,8 +61,7 @@ using HTTP_Query_String_Builder = HTTP_Query_String_Builder_T<std::string>;
 
 class HTTP_Request {
  public:
-  HTTP_Request(HTTP_Method method, std::string path)
-      : method_(method), path_(std::move(path)) {}
+  HTTP_Request(HTTP_Method method, std::string path) : method_(method), path_(std::move(path)) {}
   HTTP_Method method() const { return method_; }
   const std::string& path() const { return path_; }
   // The query string without '?', URL-encoded; fill it with HTTP_Query_String_Builder.

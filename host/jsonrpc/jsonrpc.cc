@@ -15,8 +15,10 @@ JSON_RPC_Request::JSON_RPC_Request(std::string method, JSON_Value params, JSON_V
 
 JSON_Value JSON_RPC_Request::to_json() const {
   JSON_Value v = {{"jsonrpc", "2.0"}, {"method", method_}};
-  if (!params_.is_null()) v["params"] = params_;
-  if (has_id_) v["id"] = id_;
+  if (!params_.is_null())
+    v["params"] = params_;
+  if (has_id_)
+    v["id"] = id_;
   return v;
 }
 
@@ -75,9 +77,11 @@ std::shared_ptr<JSON_RPC_Object> parse_json_rpc(const JSON_Value& value, int& co
     }
     auto req = std::make_shared<JSON_RPC_Request>();
     req->method_ = method->get<std::string>();
-    if (params != value.end()) req->params_ = *params;
+    if (params != value.end())
+      req->params_ = *params;
     req->has_id_ = id != value.end();
-    if (req->has_id_) req->id_ = *id;
+    if (req->has_id_)
+      req->id_ = *id;
     return req;
   }
   auto result = value.find("result");
@@ -124,7 +128,8 @@ std::unique_ptr<Worker_Pool> pool;
 
 Worker_Pool& worker_pool() {
   std::lock_guard<std::mutex> lock(pool_mutex);
-  if (!pool) pool = std::make_unique<Worker_Pool>(pool_threads);
+  if (!pool)
+    pool = std::make_unique<Worker_Pool>(pool_threads);
   return *pool;
 }
 
@@ -159,7 +164,8 @@ int JSON_RPC_Thread_Handler::handle_object(std::shared_ptr<JSON_RPC_Channel> cha
       if (chn && obj && obj->is_request())
         chn->send_error(JSON_RPC_INTERNAL_ERROR, obj->id(), "Internal error.");
     }
-    if (chn) chn->done();
+    if (chn)
+      chn->done();
   });
   if (!queued) {
     LOG_MSG((LM_ERROR, "JSON-RPC workers are stopping, request dropped.\n"));

@@ -15,7 +15,8 @@ std::shared_ptr<Module> Module::load(const std::string& manifest_path) {
     return nullptr;
   }
   std::shared_ptr<Module> m(new (std::nothrow) Module);
-  if (!m) return nullptr;
+  if (!m)
+    return nullptr;
   std::string library;
   try {
     m->manifest_ = JSON_Value::parse(text);
@@ -26,7 +27,8 @@ std::shared_ptr<Module> Module::load(const std::string& manifest_path) {
     JSON_Value methods = JSON_Value::object();
     if (json_extract_object(m->manifest_, "jsonrpc", methods, false))
       for (auto& [method, factory] : methods.items())
-        if (!factory.is_string()) json_throw_type(method.c_str(), "string");
+        if (!factory.is_string())
+          json_throw_type(method.c_str(), "string");
   } catch (const std::exception& e) {
     LOG_MSG((LM_ERROR, "Invalid module manifest '%s': %s.\n", manifest_path.c_str(), e.what()));
     return nullptr;
@@ -39,8 +41,8 @@ std::shared_ptr<Module> Module::load(const std::string& manifest_path) {
   m->path_ = library;
   m->dll_ = std::make_unique<ACE_DLL>();
   if (m->dll_->open(library.c_str(), RTLD_NOW | RTLD_LOCAL, true) != 0) {
-    LOG_MSG((LM_ERROR, "Failed to load module library '%s': %s.\n", library.c_str(),
-             m->dll_->error()));
+    LOG_MSG(
+        (LM_ERROR, "Failed to load module library '%s': %s.\n", library.c_str(), m->dll_->error()));
     return nullptr;
   }
   // Every factory the manifest names must exist now, not at the first request.
@@ -50,7 +52,8 @@ std::shared_ptr<Module> Module::load(const std::string& manifest_path) {
   for (const auto& method : m->json_rpc_methods())
     suffixes.push_back(m->manifest_["jsonrpc"][method].get<std::string>());
   for (const auto& s : suffixes)
-    if (!m->symbol("_make_" + s) || !m->symbol("_gobble_" + s)) return nullptr;
+    if (!m->symbol("_make_" + s) || !m->symbol("_gobble_" + s))
+      return nullptr;
   return m;
 }
 
@@ -60,7 +63,8 @@ std::vector<std::string> Module::json_rpc_methods() const {
   std::vector<std::string> out;
   auto it = manifest_.find("jsonrpc");
   if (it != manifest_.end() && it->is_object())
-    for (auto& [method, factory] : it->items()) out.push_back(method);
+    for (auto& [method, factory] : it->items())
+      out.push_back(method);
   return out;
 }
 

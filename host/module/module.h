@@ -65,10 +65,12 @@ class Module : public std::enable_shared_from_this<Module> {
     using Gobble = void (*)(T*);
     using Make = T* (*)(Gobble*);
     void* make_sym = symbol("_make_" + suffix);
-    if (!make_sym) return nullptr;
+    if (!make_sym)
+      return nullptr;
     Gobble gobble = nullptr;
     T* obj = reinterpret_cast<Make>(make_sym)(&gobble);
-    if (!obj || !gobble) return factory_failed<T>(suffix, obj);
+    if (!obj || !gobble)
+      return factory_failed<T>(suffix, obj);
     auto self = shared_from_this();
     return std::shared_ptr<T>(obj, [self, gobble](T* p) { gobble(p); });
   }

@@ -2,10 +2,11 @@
 #include "host/core/identity.h"
 #include "host/core/log.h"
 #include "host/core/paths.h"
+#include "host/core/service.h"
 #include "host/http/server.h"
 #include "host/jsonrpc/router.h"
 #include "host/module/module.h"
-#include "programs/common/endpoint.h"
+#include "programs/common/agent_files.h"
 
 #include <cstdio>
 #include <cstring>
@@ -46,7 +47,8 @@ bool load_config(const std::string& path, Agent_Config& conf) {
     JSON_Value modules = JSON_Value::array();
     json_extract_array(conf.raw, "modules", modules, false);
     for (const auto& m : modules) {
-      if (!m.is_string()) json_throw_type("modules", "array of strings");
+      if (!m.is_string())
+        json_throw_type("modules", "array of strings");
       conf.modules.push_back(m.get<std::string>());
     }
   } catch (const std::exception& e) {
@@ -67,7 +69,8 @@ class Agent_Info_Handler : public JSON_RPC_Handler {
   int handle_object(std::shared_ptr<JSON_RPC_Channel> chn,
                     std::shared_ptr<JSON_RPC_Object> obj) override {
     auto resp = JSON_RPC_Channel::create_response(static_cast<JSON_RPC_Request&>(*obj));
-    if (!resp) return chn->send_error(JSON_RPC_INTERNAL_ERROR, obj->id(), "Out of memory.");
+    if (!resp)
+      return chn->send_error(JSON_RPC_INTERNAL_ERROR, obj->id(), "Out of memory.");
     resp->set_result(info_);
     return chn->send(*resp);
   }
@@ -109,8 +112,10 @@ int main(int argc, char** argv) {
   }
 
   Agent_Config conf;
-  if (!load_config(config_path, conf)) return 1;
-  if (!listen_override.empty()) conf.listen = listen_override;
+  if (!load_config(config_path, conf))
+    return 1;
+  if (!listen_override.empty())
+    conf.listen = listen_override;
   HTTP_Server::Options opts;
   if (!parse_listen(conf.listen, opts.host, opts.port)) {
     fprintf(stderr, "brimlet-agent: invalid listen address '%s'.\n", conf.listen.c_str());
@@ -130,11 +135,14 @@ int main(int argc, char** argv) {
   log.program = "brimlet-agent";
   log.file = conf.log_file.empty() ? brimlet_paths::log_dir() + "/agent.log" : conf.log_file;
   log.debug = conf.debug;
-  if (!make_dirs(log.file.substr(0, log.file.rfind('/')), 0750) || !open_log(log)) return 1;
+  if (!make_dirs(log.file.substr(0, log.file.rfind('/')), 0750) || !open_log(log))
+    return 1;
 
   block_stop_signals();
+  use_utf8_locale();
   try {
-    if (!apply_agent_identity(conf.raw)) return 1;
+    if (!apply_agent_identity(conf.raw))
+      return 1;
   } catch (const std::exception& e) {
     LOG_MSG((LM_ERROR, "Invalid agent configuration '%s': %s.\n", config_path.c_str(), e.what()));
     return 1;
@@ -149,11 +157,13 @@ int main(int argc, char** argv) {
                      {"instances", JSON_Value::array()}};
   for (const auto& manifest : conf.modules) {
     auto module = Module::load(manifest);
-    if (!module) return 1;
+    if (!module)
+      return 1;
     JSON_Value entry = {{"name", module->name()}, {"methods", JSON_Value::array()}};
     for (const auto& method : module->json_rpc_methods()) {
       auto handler = module->make_json_rpc_handler(method);
-      if (!handler) return 1;
+      if (!handler)
+        return 1;
       router->add(method, handler);
       entry["methods"].push_back(method);
     }
@@ -161,23 +171,23 @@ int main(int argc, char** argv) {
       std::map<std::string, std::shared_ptr<Instance>> found;
       if (ih->init() == 0 && ih->probe_instances(found) == 0)
         for (auto& [name, inst] : found)
-          info["instances"].push_back({{"name", name}, {"type", inst->type},
-                                       {"options", inst->options}});
+          info["instances"].push_back(
+              {{"name", name}, {"type", inst->type}, {"options", inst->options}});
       instance_handlers.push_back(ih);
     }
     info["modules"].push_back(entry);
     modules.push_back(module);
-    LOG_MSG((LM_INFO, "Loaded module '%s' from '%s'.\n", module->name().c_str(),
-             manifest.c_str()));
+    LOG_MSG((LM_INFO, "Loaded module '%s' from '%s'.\n", module->name().c_str(), manifest.c_str()));
   }
   router->add("agent.info", std::make_shared<Agent_Info_Handler>(info));
 
   HTTP_Server server;
   serve_json_rpc(server, "/jsonrpc", router, conf.request_timeout);
-  if (!server.start(opts)) return 1;
+  if (!server.start(opts))
+    return 1;
 
-  JSON_Value endpoint = {{"host", opts.host}, {"port", server.port()},
-                         {"ssl", !opts.tls_cert.empty()}};
+  JSON_Value endpoint = {
+      {"host", opts.host}, {"port", server.port()}, {"ssl", !opts.tls_cert.empty()}};
   std::string endpoint_file = agent_files::endpoint_file();
   if (!make_dirs(endpoint_file.substr(0, endpoint_file.rfind('/')), 0750) ||
       !write_ready_file(endpoint_file, endpoint) ||
@@ -191,7 +201,8 @@ int main(int argc, char** argv) {
   server.stop();
   stop_json_rpc_workers();
   router->clear();
-  for (auto& ih : instance_handlers) ih->fini();
+  for (auto& ih : instance_handlers)
+    ih->fini();
   instance_handlers.clear();
   unlink(endpoint_file.c_str());
   return 0;

@@ -5,10 +5,11 @@
 #include "host/core/json.h"
 #include "host/core/log.h"
 #include "host/core/paths.h"
+#include "host/core/service.h"
 #include "host/core/text.h"
 #include "host/http/client.h"
 #include "programs/cli/table.h"
-#include "programs/common/endpoint.h"
+#include "programs/common/agent_files.h"
 
 #include <termios.h>
 #include <unistd.h>
@@ -135,7 +136,8 @@ bool agent_call(const std::string& method, const JSON_Value& params, JSON_Value&
 bool find_cvm(const std::string& key, JSON_Value& entry, std::string& error) {
   HTTP_Request req(HTTP_Method::GET, "/k4/r/h3ccas/cvm");
   JSON_Value out;
-  if (!server_call(req, nullptr, out, error)) return false;
+  if (!server_call(req, nullptr, out, error))
+    return false;
   for (const auto& row : out.value("rows", JSON_Value::array()))
     if (row.value("uuid", "") == key || row.value("name", "") == key) {
       entry = row;
@@ -157,8 +159,10 @@ bool read_password(bool from_stdin, Secure_String& password) {
   }
   password.clear();
   int c;
-  while ((c = fgetc(stdin)) != EOF && c != '\n') password += static_cast<char>(c);
-  if (!password.empty() && password.back() == '\r') password.pop_back();
+  while ((c = fgetc(stdin)) != EOF && c != '\n')
+    password += static_cast<char>(c);
+  if (!password.empty() && password.back() == '\r')
+    password.pop_back();
   if (tty) {
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
     fprintf(stderr, "\n");
@@ -176,8 +180,9 @@ int cvm_add(Cli& cli) {
     } else if (opt == "--password-stdin") {
       password_stdin = true;
     } else if (opt == "--password") {
-      return usage_error("passwords are never taken from the command line; use the prompt or "
-                         "--password-stdin");
+      return usage_error(
+          "passwords are never taken from the command line; use the prompt or "
+          "--password-stdin");
     } else if ((opt == "--host" || opt == "--username" || opt == "--name" || opt == "--port") &&
                cli.more()) {
       std::string value = cli.take();
@@ -197,14 +202,16 @@ int cvm_add(Cli& cli) {
   if (!body.contains("host") || !body.contains("username"))
     return usage_error("'cvm add' needs --host and --username");
   Secure_String password;
-  if (!read_password(password_stdin, password)) return fail("no password given");
+  if (!read_password(password_stdin, password))
+    return fail("no password given");
   body["password"] = std::string(password.data(), password.size());
   HTTP_Request req(HTTP_Method::POST, "/k4/r/h3ccas/cvm");
   JSON_Value out;
   std::string error;
   bool ok = server_call(req, &body, out, error);
   body["password"] = "";
-  if (!ok) return fail(error);
+  if (!ok)
+    return fail(error);
   if (cli.json)
     std::cout << out.dump(2) << "\n";
   else
@@ -217,7 +224,8 @@ int cvm_list(Cli& cli) {
   HTTP_Request req(HTTP_Method::GET, "/k4/r/h3ccas/cvm");
   JSON_Value out;
   std::string error;
-  if (!server_call(req, nullptr, out, error)) return fail(error);
+  if (!server_call(req, nullptr, out, error))
+    return fail(error);
   JSON_Value rows = out.value("rows", JSON_Value::array());
   if (cli.json) {
     std::cout << rows.dump(2) << "\n";
@@ -233,13 +241,16 @@ int cvm_list(Cli& cli) {
 }
 
 int cvm_remove(Cli& cli) {
-  if (!cli.more()) return usage_error("'cvm remove' needs a CVM uuid or name");
+  if (!cli.more())
+    return usage_error("'cvm remove' needs a CVM uuid or name");
   JSON_Value entry, out;
   std::string error;
-  if (!find_cvm(cli.take(), entry, error)) return fail(error);
+  if (!find_cvm(cli.take(), entry, error))
+    return fail(error);
   HTTP_Request req(HTTP_Method::DELETE, "/k4/r/h3ccas/cvm");
   HTTP_Query_String_Builder(req.query()).append("uuid", entry.value("uuid", ""));
-  if (!server_call(req, nullptr, out, error)) return fail(error);
+  if (!server_call(req, nullptr, out, error))
+    return fail(error);
   if (cli.json)
     std::cout << JSON_Value{{"removed", entry["uuid"]}}.dump(2) << "\n";
   else
@@ -248,19 +259,24 @@ int cvm_remove(Cli& cli) {
 }
 
 int cvm_test(Cli& cli) {
-  if (!cli.more()) return usage_error("'cvm test' needs a CVM uuid or name");
+  if (!cli.more())
+    return usage_error("'cvm test' needs a CVM uuid or name");
   JSON_Value entry, out, result;
   std::string error;
-  if (!find_cvm(cli.take(), entry, error)) return fail(error);
+  if (!find_cvm(cli.take(), entry, error))
+    return fail(error);
   // The entry with its password sealed for this agent: only the module can open it.
   HTTP_Request req(HTTP_Method::GET, "/k4/r/h3ccas/cvm");
   HTTP_Query_String_Builder(req.query())
       .append("uuid", entry.value("uuid", ""))
       .append("with_password", std::string(Host_ID::instance()->c_str()));
-  if (!server_call(req, nullptr, out, error)) return fail(error);
+  if (!server_call(req, nullptr, out, error))
+    return fail(error);
   JSON_Value rows = out.value("rows", JSON_Value::array());
-  if (rows.empty()) return fail("the backup server no longer has this CVM");
-  if (!agent_call("h3ccas.test_login", rows[0], result, error)) return fail(error);
+  if (rows.empty())
+    return fail("the backup server no longer has this CVM");
+  if (!agent_call("h3ccas.test_login", rows[0], result, error))
+    return fail(error);
   bool ok = result.is_object() && result.value("result", false);
   if (cli.json) {
     std::cout << result.dump(2) << "\n";
@@ -279,7 +295,8 @@ int cvm_test(Cli& cli) {
 
 int main(int argc, char** argv) {
   Cli cli;
-  for (int i = 1; i < argc; ++i) cli.args.emplace_back(argv[i]);
+  for (int i = 1; i < argc; ++i)
+    cli.args.emplace_back(argv[i]);
   while (cli.more() && cli.args[cli.next].rfind("--", 0) == 0) {
     std::string opt = cli.take();
     if (opt == "--json") {
@@ -301,13 +318,20 @@ int main(int argc, char** argv) {
   open_log(log);
 
   std::string area = cli.take(), verb = cli.take();
-  if (area.empty()) return usage_error("no command given");
-  if (area != "cvm") return usage_error("unknown command '" + area + "'");
+  if (area.empty())
+    return usage_error("no command given");
+  if (area != "cvm")
+    return usage_error("unknown command '" + area + "'");
   std::string error;
-  if (!load_agent_config(cli, error)) return fail(error);
-  if (verb == "add") return cvm_add(cli);
-  if (verb == "list") return cvm_list(cli);
-  if (verb == "remove") return cvm_remove(cli);
-  if (verb == "test") return cvm_test(cli);
+  if (!load_agent_config(cli, error))
+    return fail(error);
+  if (verb == "add")
+    return cvm_add(cli);
+  if (verb == "list")
+    return cvm_list(cli);
+  if (verb == "remove")
+    return cvm_remove(cli);
+  if (verb == "test")
+    return cvm_test(cli);
   return usage_error("unknown command 'cvm " + verb + "'");
 }

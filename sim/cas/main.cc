@@ -3,18 +3,12 @@
 
 #include "host/core/log.h"
 #include "host/core/paths.h"
-#include "host/core/text.h"
+#include "host/core/service.h"
 #include "host/http/server.h"
 #include "sim/cas/control.h"
 #include "sim/cas/cvm_api.h"
 #include "sim/cas/simulator.h"
 
-#include <pthread.h>
-#include <signal.h>
-
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <string>
 
 namespace {
@@ -40,24 +34,6 @@ struct Options {
   std::string log_file;
   bool help = false;
 };
-
-// "HOST:PORT", "[v6]:PORT".
-bool parse_listen(const std::string& text, Options& options) {
-  std::size_t colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0)
-    return false;
-  std::string host = text.substr(0, colon);
-  if (host.front() == '[' && host.back() == ']')
-    host = host.substr(1, host.size() - 2);
-  const char* port = text.c_str() + colon + 1;
-  const char* stop = nullptr;
-  std::uint16_t n = natoi<std::uint16_t>(port, port + strlen(port), &stop);
-  if (errno != 0 || *stop != '\0' || host.empty())
-    return false;
-  options.host = host;
-  options.port = n;
-  return true;
-}
 
 // False after one log line.
 bool parse_options(int argc, char** argv, Options& options) {
@@ -95,7 +71,7 @@ bool parse_options(int argc, char** argv, Options& options) {
     LOG_MSG((LM_ERROR, "Missing --world FILE: the installation to play; see cas-sim --help.\n"));
     return false;
   }
-  if (!listen.empty() && !parse_listen(listen, options)) {
+  if (!listen.empty() && !parse_listen(listen, options.host, options.port)) {
     LOG_MSG((LM_ERROR, "Invalid --listen '%s': expected HOST:PORT with a port up to 65535.\n",
              listen.c_str()));
     return false;
@@ -130,14 +106,9 @@ int main(int argc, char** argv) {
   if (!options.data_dir.empty() && !make_dirs(options.data_dir, 0750))
     return 1;
 
-  // The stop signals are blocked before the server's threads start (they inherit the mask), so
-  // that only sigwait() below receives them.
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGTERM);
-  sigaddset(&stop_signals, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  // Before the server's threads start (they inherit the mask), so that only the wait below
+  // receives the stop signals.
+  block_stop_signals();
 
   cas_sim::Simulator sim(std::move(world), options.data_dir);
   cas_sim::CVM_Api cvm(sim);
@@ -164,8 +135,7 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  int signal_number = 0;
-  sigwait(&stop_signals, &signal_number);
+  int signal_number = wait_stop_signal();
   LOG_MSG((LM_INFO, "Stopping on signal %d.\n", signal_number));
   server.stop();
   return 0;

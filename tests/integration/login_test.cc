@@ -1,11 +1,13 @@
 // Registering a CVM and testing its login, through the CLI, the agent, the module and cas-sim.
 #include "h3ccas/common.h"
 #include "h3ccas/restful_client.h"
+#include "host/core/paths.h"
 #include "tests/integration/stack.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <thread>
 
 namespace {
@@ -48,6 +50,15 @@ TEST_F(Login, GroupOneUserOnE07Succeeds) {
   Run_Result r = stack_.cli({"cvm", "test", uuid});
   EXPECT_EQ(r.exit_code, 0) << r.err;
   EXPECT_NE(r.out.find("succeeded, CVM version E0750"), std::string::npos) << r.out;
+
+  // Nothing the programs wrote (logs, database, configuration, outputs) holds the password.
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(stack_.dir().path())) {
+    if (!entry.is_regular_file() || entry.path().filename() == "world.json")
+      continue;
+    std::string text;
+    ASSERT_TRUE(read_file(entry.path().string(), text));
+    EXPECT_EQ(text.find("Adm1n pass"), std::string::npos) << entry.path();
+  }
 }
 
 TEST_F(Login, FailuresAreResultsWithTheCauseNamed) {
@@ -62,8 +73,7 @@ TEST_F(Login, FailuresAreResultsWithTheCauseNamed) {
   EXPECT_EQ(result["message"], "Invalid CVM username or password");
 
   EXPECT_EQ(test_login("auditor", result), 1);
-  EXPECT_EQ(result["message"],
-            "CVM user is NOT a member of 'System Default Administrator Group'");
+  EXPECT_EQ(result["message"], "CVM user is NOT a member of 'System Default Administrator Group'");
 
   EXPECT_EQ(test_login("nowhere", result), 1);
   EXPECT_EQ(result["message"], "Failed to send request to CVM, network error.");
@@ -89,8 +99,11 @@ TEST_F(Login, ExpiredNonceIsRenegotiatedTransparently) {
   // A login is one signed exchange; the renegotiation shows between two requests of one client.
   stack_.sim_control("sim", "PUT", "/sim/knobs", {{"nonce_lifetime_seconds", 1}});
   h3ccas::CVM_Info cvm;
-  ASSERT_TRUE(cvm.load({{"host", "127.0.0.1"}, {"port", sim_port_}, {"ssl", false},
-                        {"username", "admin"}, {"password", "Adm1n pass"}},
+  ASSERT_TRUE(cvm.load({{"host", "127.0.0.1"},
+                        {"port", sim_port_},
+                        {"ssl", false},
+                        {"username", "admin"},
+                        {"password", "Adm1n pass"}},
                        false));
   h3ccas::RESTful_Client client(cvm);
   const char* path = "/cas/casrs/datacenter/casVersion";
@@ -149,8 +162,8 @@ TEST_F(Login, MalformedJsonRpcGetsErrorsAndTheAgentKeepsServing) {
     EXPECT_EQ(answer["id"], c.id) << c.body;
   }
   JSON_Value answer;
-  ASSERT_EQ(stack_.agent_post(R"({"jsonrpc":"2.0","method":"h3ccas.test_login","params":{},"id":1})",
-                              answer),
+  ASSERT_EQ(stack_.agent_post(
+                R"({"jsonrpc":"2.0","method":"h3ccas.test_login","params":{},"id":1})", answer),
             200);
   EXPECT_EQ(answer["error"]["message"], "Invalid H3C CVM entry.");
 

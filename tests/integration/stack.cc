@@ -9,7 +9,8 @@
 namespace {
 
 std::string trimmed(std::string s) {
-  while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' ')) s.pop_back();
+  while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' '))
+    s.pop_back();
   return s;
 }
 
@@ -20,16 +21,26 @@ Stack::Stack() = default;
 Stack::~Stack() {
   agent_.stop();
   server_.stop();
-  for (auto& s : sims_) s.process->stop();
+  for (auto& s : sims_)
+    s.process->stop();
 }
 
 std::uint16_t Stack::start_sim(const std::string& name, const std::string& world_file,
                                const std::string& tls_cert, const std::string& tls_key) {
   std::string ready = dir_.file(name + ".ready");
-  std::vector<std::string> argv = {"cas-sim", "--world", world_file, "--listen", "127.0.0.1:0",
-                                   "--ready-file", ready, "--data", dir_.file(name + "-data"),
-                                   "--log", dir_.file(name + ".log")};
-  if (!tls_cert.empty()) argv.insert(argv.end(), {"--tls-cert", tls_cert, "--tls-key", tls_key});
+  std::vector<std::string> argv = {"cas-sim",
+                                   "--world",
+                                   world_file,
+                                   "--listen",
+                                   "127.0.0.1:0",
+                                   "--ready-file",
+                                   ready,
+                                   "--data",
+                                   dir_.file(name + "-data"),
+                                   "--log",
+                                   dir_.file(name + ".log")};
+  if (!tls_cert.empty())
+    argv.insert(argv.end(), {"--tls-cert", tls_cert, "--tls-key", tls_key});
   auto process = std::make_unique<Test_Process>();
   JSON_Value info;
   EXPECT_TRUE(process->start(argv, env(), dir_.file(name + ".out")));
@@ -45,9 +56,9 @@ std::uint16_t Stack::start_sim(const std::string& name, const std::string& world
 void Stack::start_server_and_agent() {
   std::string data = dir_.file("server");
   std::string server_ready = dir_.file("server.ready");
-  ASSERT_TRUE(server_.start({"brimlet-server", "--listen", "127.0.0.1:0", "--data", data,
-                             "--ready-file", server_ready},
-                            env(), dir_.file("server.out")));
+  ASSERT_TRUE(server_.start(
+      {"brimlet-server", "--listen", "127.0.0.1:0", "--data", data, "--ready-file", server_ready},
+      env(), dir_.file("server.out")));
   JSON_Value info;
   ASSERT_TRUE(server_.wait_ready(server_ready, info)) << "brimlet-server did not start";
   server_port_ = info.value("port", std::uint16_t{0});
@@ -59,19 +70,20 @@ void Stack::start_server_and_agent() {
   std::string etc = dir_.path() + "/etc/opt/quorvex/brimlet5";
   ASSERT_EQ(system(("mkdir -p " + etc).c_str()), 0);
   write_text_file(etc + "/host_id", std::string(agent_host_id()) + "\n");
-  JSON_Value conf = {
-      {"listen", "127.0.0.1:0"},
-      {"backup_server",
-       {{"host", "127.0.0.1"}, {"port", server_port_}, {"ssl", false},
-        {"access_key", trimmed(key.out)}}},
-      {"host_id_file", etc + "/host_id"},
-      {"log_file", dir_.file("agent.log")},
-      {"modules", {std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json"}}};
+  JSON_Value conf = {{"listen", "127.0.0.1:0"},
+                     {"backup_server",
+                      {{"host", "127.0.0.1"},
+                       {"port", server_port_},
+                       {"ssl", false},
+                       {"access_key", trimmed(key.out)}}},
+                     {"host_id_file", etc + "/host_id"},
+                     {"log_file", dir_.file("agent.log")},
+                     {"modules", {std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json"}}};
   write_text_file(etc + "/agent.json", conf.dump(2));
 
   std::string agent_ready = dir_.file("agent.ready");
-  ASSERT_TRUE(agent_.start({"brimlet-agent", "--ready-file", agent_ready}, env(),
-                           dir_.file("agent.out")));
+  ASSERT_TRUE(
+      agent_.start({"brimlet-agent", "--ready-file", agent_ready}, env(), dir_.file("agent.out")));
   ASSERT_TRUE(agent_.wait_ready(agent_ready, info)) << "brimlet-agent did not start";
   agent_port_ = info.value("port", std::uint16_t{0});
 }
@@ -84,10 +96,12 @@ Run_Result Stack::cli(const std::vector<std::string>& args, const std::string& i
 
 std::string Stack::add_cvm(const std::string& name, std::uint16_t port, const std::string& user,
                            const std::string& password, bool ssl) const {
-  std::vector<std::string> args = {"--json", "cvm", "add", "--name", name, "--host", "127.0.0.1",
-                                   "--port", std::to_string(port), "--username", user,
-                                   "--password-stdin"};
-  if (ssl) args.push_back("--ssl");
+  std::vector<std::string> args = {"--json",     "cvm",    "add",
+                                   "--name",     name,     "--host",
+                                   "127.0.0.1",  "--port", std::to_string(port),
+                                   "--username", user,     "--password-stdin"};
+  if (ssl)
+    args.push_back("--ssl");
   Run_Result r = cli(args, password + "\n");
   EXPECT_EQ(r.exit_code, 0) << r.err;
   JSON_Value out = JSON_Value::parse(r.out, nullptr, false);
@@ -97,7 +111,8 @@ std::string Stack::add_cvm(const std::string& name, std::uint16_t port, const st
 JSON_Value Stack::sim_control(const std::string& name, const std::string& method,
                               const std::string& path, const JSON_Value& body) const {
   for (const auto& s : sims_) {
-    if (s.name != name) continue;
+    if (s.name != name)
+      continue;
     auto session = HTTP_Session_Factory::create("127.0.0.1", s.port, false);
     JSON_HTTP_Session json(session, 1, 30);
     HTTP_Request req(http_method_from_string(method), path);
@@ -115,14 +130,15 @@ int Stack::agent_post(const std::string& body, JSON_Value& answer) const {
   auto session = HTTP_Session_Factory::create("127.0.0.1", agent_port_, false);
   HTTP_Request req(HTTP_Method::POST, "/jsonrpc");
   HTTP_Response resp;
-  if (!session->send(req, &body, resp)) return 0;
+  if (!session->send(req, &body, resp))
+    return 0;
   answer = JSON_Value::parse(resp.body(), nullptr, false);
   return resp.status();
 }
 
 bool make_test_certificate(const std::string& cert, const std::string& key) {
-  Run_Result r = run_program({"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes",
-                              "-subj", "/CN=localhost", "-days", "2", "-keyout", key, "-out",
-                              cert});
+  Run_Result r =
+      run_program({"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj",
+                   "/CN=localhost", "-days", "2", "-keyout", key, "-out", cert});
   return r.exit_code == 0;
 }

@@ -21,7 +21,8 @@ using Clock = std::chrono::steady_clock;
 
 std::vector<char*> to_argv(std::vector<std::string>& items) {
   std::vector<char*> out;
-  for (auto& s : items) out.push_back(&s[0]);
+  for (auto& s : items)
+    out.push_back(&s[0]);
   out.push_back(nullptr);
   return out;
 }
@@ -32,8 +33,10 @@ std::vector<std::string> merged_env(const std::vector<std::string>& extra) {
     std::string entry = *e;
     bool overridden = false;
     for (const auto& x : extra)
-      if (x.substr(0, x.find('=') + 1) == entry.substr(0, entry.find('=') + 1)) overridden = true;
-    if (!overridden) env.push_back(entry);
+      if (x.substr(0, x.find('=') + 1) == entry.substr(0, entry.find('=') + 1))
+        overridden = true;
+    if (!overridden)
+      env.push_back(entry);
   }
   env.insert(env.end(), extra.begin(), extra.end());
   return env;
@@ -54,9 +57,12 @@ pid_t spawn(const std::vector<std::string>& argv_in, const std::vector<std::stri
   pid_t pid = fork();
   if (pid == 0) {
     setpgid(0, 0);
-    if (in_fd >= 0) dup2(in_fd, 0);
-    if (out_fd >= 0) dup2(out_fd, 1);
-    if (err_fd >= 0) dup2(err_fd, 2);
+    if (in_fd >= 0)
+      dup2(in_fd, 0);
+    if (out_fd >= 0)
+      dup2(out_fd, 1);
+    if (err_fd >= 0)
+      dup2(err_fd, 2);
     execve(a[0], a.data(), e.data());
     fprintf(stderr, "exec %s: %s\n", a[0], strerror(errno));
     _exit(127);
@@ -66,22 +72,29 @@ pid_t spawn(const std::vector<std::string>& argv_in, const std::vector<std::stri
 
 }  // namespace
 
-std::string bin_path(const std::string& name) { return std::string(BRIMLET_BIN_DIR) + "/" + name; }
+std::string bin_path(const std::string& name) {
+  return std::string(BRIMLET_BIN_DIR) + "/" + name;
+}
 
-Test_Process::~Test_Process() { stop(); }
+Test_Process::~Test_Process() {
+  stop();
+}
 
 bool Test_Process::start(const std::vector<std::string>& argv, const std::vector<std::string>& env,
                          const std::string& log_file) {
   int fd = -1;
-  if (!log_file.empty()) fd = open(log_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (!log_file.empty())
+    fd = open(log_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   pid_ = spawn(argv, env, -1, fd, fd);
-  if (fd >= 0) close(fd);
+  if (fd >= 0)
+    close(fd);
   status_ = -1;
   return pid_ > 0;
 }
 
 bool Test_Process::running() {
-  if (pid_ <= 0) return false;
+  if (pid_ <= 0)
+    return false;
   int st = 0;
   pid_t r = waitpid(pid_, &st, WNOHANG);
   if (r == pid_) {
@@ -101,20 +114,24 @@ bool Test_Process::wait_ready(const std::string& ready_file, JSON_Value& ready,
       std::stringstream ss;
       ss << in.rdbuf();
       ready = JSON_Value::parse(ss.str(), nullptr, false);
-      if (!ready.is_discarded()) return true;
+      if (!ready.is_discarded())
+        return true;
     }
-    if (!running()) return false;
+    if (!running())
+      return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return false;
 }
 
 int Test_Process::stop() {
-  if (pid_ <= 0) return status_;
+  if (pid_ <= 0)
+    return status_;
   kill(pid_, SIGTERM);
   auto deadline = Clock::now() + std::chrono::seconds(10);
   while (Clock::now() < deadline) {
-    if (!running()) return status_;
+    if (!running())
+      return status_;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   kill_now();
@@ -122,7 +139,8 @@ int Test_Process::stop() {
 }
 
 void Test_Process::kill_now() {
-  if (pid_ <= 0) return;
+  if (pid_ <= 0)
+    return;
   kill(pid_, SIGKILL);
   int st = 0;
   waitpid(pid_, &st, 0);
@@ -158,9 +176,11 @@ Run_Result run_program(const std::vector<std::string>& argv, const std::string& 
   std::string* sinks[2] = {&result.out, &result.err};
   int open_fds = 2;
   while (open_fds > 0 && Clock::now() < deadline) {
-    if (poll(fds, 2, 100) <= 0) continue;
+    if (poll(fds, 2, 100) <= 0)
+      continue;
     for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
+      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP)))
+        continue;
       char buf[4096];
       ssize_t n = read(fds[i].fd, buf, sizeof buf);
       if (n > 0) {
@@ -173,8 +193,10 @@ Run_Result run_program(const std::vector<std::string>& argv, const std::string& 
     }
   }
   for (auto& f : fds)
-    if (f.fd >= 0) close(f.fd);
-  if (open_fds > 0) kill(pid, SIGKILL);
+    if (f.fd >= 0)
+      close(f.fd);
+  if (open_fds > 0)
+    kill(pid, SIGKILL);
   int st = 0;
   waitpid(pid, &st, 0);
   result.exit_code = WIFEXITED(st) ? WEXITSTATUS(st) : -1;

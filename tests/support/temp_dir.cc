@@ -9,7 +9,8 @@
 Temp_Dir::Temp_Dir() {
   const char* base = std::getenv("TMPDIR");
   std::string pattern = std::string(base && *base ? base : "/tmp") + "/brimlet-test-XXXXXX";
-  if (!mkdtemp(&pattern[0])) throw std::runtime_error("mkdtemp failed");
+  if (!mkdtemp(&pattern[0]))
+    throw std::runtime_error("mkdtemp failed");
   path_ = pattern;
 }
 

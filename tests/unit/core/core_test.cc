@@ -23,10 +23,14 @@ struct Natoi_Case {
 
 TEST(Natoi, UnsignedAndSignedLimitsSignsAndStops) {
   const Natoi_Case unsigned_cases[] = {
-      {"4294967295", 0, 4294967295LL, 10}, {"4294967296", ERANGE, 4294967295LL, 9},
-      {"+7", 0, 7, 2},                     {"-0", EINVAL, 0, 0},
-      {"", EINVAL, 0, 0},                  {"12 ", 0, 12, 2},
-      {"x1", EINVAL, 0, 0},                {"+", EINVAL, 0, 0},
+      {"4294967295", 0, 4294967295LL, 10},
+      {"4294967296", ERANGE, 4294967295LL, 9},
+      {"+7", 0, 7, 2},
+      {"-0", EINVAL, 0, 0},
+      {"", EINVAL, 0, 0},
+      {"12 ", 0, 12, 2},
+      {"x1", EINVAL, 0, 0},
+      {"+", EINVAL, 0, 0},
       {"007", 0, 7, 3},
   };
   for (const auto& c : unsigned_cases) {
@@ -38,10 +42,8 @@ TEST(Natoi, UnsignedAndSignedLimitsSignsAndStops) {
     EXPECT_EQ(static_cast<std::size_t>(stop - c.text), c.consumed) << c.text;
   }
   const Natoi_Case int_cases[] = {
-      {"-2147483648", 0, INT_MIN, 11},
-      {"-2147483649", ERANGE, INT_MIN, 10},
-      {"2147483647", 0, INT_MAX, 10},
-      {"2147483648", ERANGE, INT_MAX, 9},
+      {"-2147483648", 0, INT_MIN, 11}, {"-2147483649", ERANGE, INT_MIN, 10},
+      {"2147483647", 0, INT_MAX, 10},  {"2147483648", ERANGE, INT_MAX, 9},
       {"-12abc", 0, -12, 3},
   };
   for (const auto& c : int_cases) {
@@ -181,7 +183,8 @@ TEST(Log, LinesCarryRelativeSourceAndReachSinks) {
   LOG_MSG((LM_ERROR, "not seen by the removed sink\n"));
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_NE(lines[0].find("ERROR tests/unit/core/core_test.cc:"), std::string::npos) << lines[0];
-  EXPECT_NE(lines[0].find("Failed to open 'x' at tests/unit/core/core_test.cc:"), std::string::npos);
+  EXPECT_NE(lines[0].find("Failed to open 'x' at tests/unit/core/core_test.cc:"),
+            std::string::npos);
   EXPECT_NE(lines[1].find("EMERGENCY"), std::string::npos);
   EXPECT_NE(lines[1].find("Unexpected error in tests/unit/core/core_test.cc:"), std::string::npos);
   EXPECT_NE(lines[1].find("lines.size() > 100:\n"), std::string::npos);
@@ -191,7 +194,8 @@ TEST(Worker_Pool, RunsEveryPostedJobBeforeJoining) {
   std::atomic<int> done{0};
   {
     Worker_Pool pool(3);
-    for (int i = 0; i < 100; ++i) ASSERT_TRUE(pool.post([&] { ++done; }));
+    for (int i = 0; i < 100; ++i)
+      ASSERT_TRUE(pool.post([&] { ++done; }));
   }
   EXPECT_EQ(done.load(), 100);
 }

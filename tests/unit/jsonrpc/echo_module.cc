@@ -16,7 +16,8 @@ class Echo_Handler : public JSON_RPC_Thread_Handler {
  protected:
   int handle_object_i(std::shared_ptr<JSON_RPC_Channel> chn,
                       std::shared_ptr<JSON_RPC_Object> obj) override {
-    if (!chn) return -1;
+    if (!chn)
+      return -1;
     auto& req = static_cast<JSON_RPC_Request&>(*obj);
     auto resp = JSON_RPC_Channel::create_response(req);
     resp->set_result({{"echo", req.params()}, {"live", live_objects.load()}});
@@ -40,16 +41,24 @@ class Echo_Instances : public Instance_Handler {
 }  // namespace
 
 MODULE_EXPORT JSON_RPC_Handler* _make_Echo_Handler(void (**gobble)(JSON_RPC_Handler*));
-MODULE_EXPORT void _gobble_Echo_Handler(JSON_RPC_Handler* p) { delete p; }
+MODULE_EXPORT void _gobble_Echo_Handler(JSON_RPC_Handler* p) {
+  delete p;
+}
 JSON_RPC_Handler* _make_Echo_Handler(void (**gobble)(JSON_RPC_Handler*)) {
-  if (gobble) *gobble = _gobble_Echo_Handler;
+  if (gobble)
+    *gobble = _gobble_Echo_Handler;
   return new Echo_Handler;
 }
 
-MODULE_EXPORT void _gobble_Echo_Instances(Instance_Handler* p) { delete p; }
+MODULE_EXPORT void _gobble_Echo_Instances(Instance_Handler* p) {
+  delete p;
+}
 MODULE_EXPORT Instance_Handler* _make_Echo_Instances(void (**gobble)(Instance_Handler*)) {
-  if (gobble) *gobble = _gobble_Echo_Instances;
+  if (gobble)
+    *gobble = _gobble_Echo_Instances;
   return new Echo_Instances;
 }
 
-MODULE_EXPORT int echo_live_objects() { return live_objects.load(); }
+MODULE_EXPORT int echo_live_objects() {
+  return live_objects.load();
+}

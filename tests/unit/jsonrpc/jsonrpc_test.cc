@@ -45,8 +45,8 @@ TEST(JSON_RPC, ParsesRequestsAndResponsesAndRefusesTheRest) {
   }
   int code = 0;
   std::string message;
-  auto notification = parse_json_rpc(JSON_Value::parse(R"({"jsonrpc":"2.0","method":"m"})"),
-                                     code, message);
+  auto notification =
+      parse_json_rpc(JSON_Value::parse(R"({"jsonrpc":"2.0","method":"m"})"), code, message);
   EXPECT_TRUE(static_cast<JSON_RPC_Request&>(*notification).is_notification());
 }
 
@@ -55,11 +55,14 @@ class Sum_Handler : public JSON_RPC_Thread_Handler {
  protected:
   int handle_object_i(std::shared_ptr<JSON_RPC_Channel> chn,
                       std::shared_ptr<JSON_RPC_Object> obj) override {
-    if (!chn) return -1;
+    if (!chn)
+      return -1;
     auto& req = static_cast<JSON_RPC_Request&>(*obj);
     const JSON_Value& p = req.params();
-    if (p.value("sleep", 0) > 0) std::this_thread::sleep_for(std::chrono::seconds(p["sleep"]));
-    if (p.value("silent", false)) return 0;
+    if (p.value("sleep", 0) > 0)
+      std::this_thread::sleep_for(std::chrono::seconds(p["sleep"]));
+    if (p.value("silent", false))
+      return 0;
     if (!p.is_object() || !p.contains("a") || !p.contains("b"))
       return chn->send_error(JSON_RPC_INVALID_PARAMS, req.id(), "Need 'a' and 'b'.");
     auto resp = JSON_RPC_Channel::create_response(req);
@@ -82,7 +85,8 @@ class JSON_RPC_Over_HTTP : public ::testing::Test {
     auto session = HTTP_Session_Factory::create("127.0.0.1", server_.port(), false);
     HTTP_Request req(HTTP_Method::POST, "/jsonrpc");
     HTTP_Response resp;
-    if (!session->send(req, &body, resp)) return 0;
+    if (!session->send(req, &body, resp))
+      return 0;
     answer = JSON_Value::parse(resp.body(), nullptr, false);
     return resp.status();
   }

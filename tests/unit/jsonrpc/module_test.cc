@@ -1,5 +1,5 @@
-#include "host/jsonrpc/jsonrpc.h"
 #include "host/module/module.h"
+#include "host/jsonrpc/jsonrpc.h"
 #include "tests/support/temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -37,9 +37,9 @@ std::string manifest(const Temp_Dir& dir, const std::string& text) {
 
 TEST(Module, LoadsByManifestAndMakesObjectsThroughFactories) {
   Temp_Dir dir;
-  auto m = Module::load(manifest(dir, std::string(R"({"name":"echo","library":")") +
-                                          ECHO_MODULE_PATH +
-                                          R"(","instance_handler":"Echo_Instances",
+  auto m =
+      Module::load(manifest(dir, std::string(R"({"name":"echo","library":")") + ECHO_MODULE_PATH +
+                                     R"(","instance_handler":"Echo_Instances",
                                              "jsonrpc":{"echo.say":"Echo_Handler"}})"));
   ASSERT_NE(m, nullptr);
   EXPECT_EQ(m->name(), "echo");
@@ -79,7 +79,8 @@ TEST(Module, RefusesBadManifestsAndMissingFactories) {
       R"({"name":"echo","library":")" + lib + R"(","instance_handler":"Missing"})",
       R"({"name":"echo","library":"libnothere.so"})",
   };
-  for (const auto& text : bad) EXPECT_EQ(Module::load(manifest(dir, text)), nullptr) << text;
+  for (const auto& text : bad)
+    EXPECT_EQ(Module::load(manifest(dir, text)), nullptr) << text;
   EXPECT_EQ(Module::load(dir.file("absent.json")), nullptr);
 }
 

@@ -1,19 +1,26 @@
-#include "programs/common/endpoint.h"
+#include "host/core/service.h"
 
-#include "host/core/paths.h"
 #include "host/core/text.h"
 
+#include <langinfo.h>
 #include <signal.h>
+
+#include <cerrno>
+#include <clocale>
+#include <cstring>
 
 bool parse_listen(const std::string& text, std::string& host, std::uint16_t& port) {
   auto colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0) return false;
+  if (colon == std::string::npos || colon == 0)
+    return false;
   std::string h = text.substr(0, colon);
-  if (h.size() >= 2 && h.front() == '[' && h.back() == ']') h = h.substr(1, h.size() - 2);
+  if (h.size() >= 2 && h.front() == '[' && h.back() == ']')
+    h = h.substr(1, h.size() - 2);
   std::string p = text.substr(colon + 1);
   const char* stop = nullptr;
   unsigned int n = natoi<unsigned int>(p.data(), p.data() + p.size(), &stop);
-  if (h.empty() || errno != 0 || stop != p.data() + p.size() || n > 65535) return false;
+  if (h.empty() || errno != 0 || stop != p.data() + p.size() || n > 65535)
+    return false;
   host = h;
   port = static_cast<std::uint16_t>(n);
   return true;
@@ -45,7 +52,7 @@ int wait_stop_signal() {
   return sig;
 }
 
-namespace agent_files {
-std::string default_config() { return rooted_path("/etc/opt/quorvex/brimlet5/agent.json"); }
-std::string endpoint_file() { return rooted_path("/var/opt/quorvex/brimlet5/agent/endpoint.json"); }
-}  // namespace agent_files
+void use_utf8_locale() {
+  if (!setlocale(LC_ALL, "") || strcmp(nl_langinfo(CODESET), "UTF-8") != 0)
+    setlocale(LC_CTYPE, "C.UTF-8");
+}

@@ -1,4 +1,4 @@
-// Helpers shared by the programs: "host:port" parsing, signal waiting, default file locations.
+// What every long-running program needs: "host:port" parsing, stop signals, a UTF-8 locale.
 #pragma once
 
 #include <cstdint>
@@ -15,8 +15,6 @@ void block_stop_signals();
 // Waits for one of them; returns the signal number.
 int wait_stop_signal();
 
-namespace agent_files {
-// The agent's configuration file and the file where a running agent publishes its endpoint.
-std::string default_config();
-std::string endpoint_file();
-}  // namespace agent_files
+// CAS and the JSON we speak are UTF-8, and text is converted to the locale's character set:
+// takes the environment's locale, and C.UTF-8 when that is not a UTF-8 one.
+void use_utf8_locale();
