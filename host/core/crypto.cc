@@ -34,6 +34,10 @@ MD_Generator::MD_Generator(const void* data, std::size_t length, int algorithm) 
     length_ = n;
 }
 
+bool secrets_equal(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+}
+
 bool random_bytes(void* out, std::size_t length) {
   return RAND_bytes(static_cast<unsigned char*>(out), static_cast<int>(length)) == 1;
 }

@@ -70,6 +70,9 @@ bool encrypt_string(const char* plain, std::size_t length, std::string& cipher, 
 bool decrypt_string(const std::string& cipher, Secure_String& plain, const char* key,
                     unsigned long key_length);
 
+// Compares secrets in time that does not depend on where they differ.
+bool secrets_equal(const std::string& a, const std::string& b);
+
 // Cryptographically random bytes; false when the generator fails.
 bool random_bytes(void* out, std::size_t length);
 std::string base64_encode(const void* data, std::size_t length);

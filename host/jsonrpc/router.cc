@@ -71,49 +71,55 @@ void answer_error(HTTP_Server_Response& resp, int code, const JSON_Value& id,
 }  // namespace
 
 void serve_json_rpc(HTTP_Server& server, const std::string& path,
-                    std::shared_ptr<JSON_RPC_Router> router, int timeout) {
-  server.route(HTTP_Method::POST, path,
-               [router, timeout](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-                 JSON_Value body = JSON_Value::parse(req.body, nullptr, false);
-                 if (body.is_discarded()) {
-                   answer_error(resp, JSON_RPC_PARSE_ERROR, nullptr, "Parse error.");
-                   return;
-                 }
-                 int code = 0;
-                 std::string message;
-                 auto obj = parse_json_rpc(body, code, message);
-                 if (!obj || !obj->is_request()) {
-                   answer_error(resp, JSON_RPC_INVALID_REQUEST, obj ? obj->id() : JSON_Value(),
-                                obj ? "Expected a request." : message);
-                   return;
-                 }
-                 auto& request = static_cast<JSON_RPC_Request&>(*obj);
-                 auto handler = router->find(request.method());
-                 if (!handler) {
-                   answer_error(resp, JSON_RPC_METHOD_NOT_FOUND, request.id(),
-                                "Method '" + request.method() + "' not found.");
-                   return;
-                 }
-                 auto channel = std::make_shared<HTTP_Exchange_Channel>();
-                 if (handler->handle_object(channel, obj) < 0)
-                   channel->done();
-                 std::string reply;
-                 if (!channel->wait(timeout, reply)) {
-                   LOG_MSG((LM_ERROR, "JSON-RPC method '%s' did not answer within %d seconds.\n",
-                            request.method().c_str(), timeout));
-                   answer_error(resp, JSON_RPC_INTERNAL_ERROR, request.id(), "Request timed out.");
-                   return;
-                 }
-                 if (reply.empty()) {
-                   if (request.is_notification()) {
-                     resp.status = 204;
-                   } else {
-                     answer_error(resp, JSON_RPC_INTERNAL_ERROR, request.id(),
-                                  "No answer from the handler.");
-                   }
-                   return;
-                 }
-                 resp.body = std::move(reply);
-                 resp.headers.put("Content-Type", "application/json");
-               });
+                    std::shared_ptr<JSON_RPC_Router> router, int timeout,
+                    HTTP_Authorizer authorize) {
+  server.route(
+      HTTP_Method::POST, path,
+      [router, timeout, authorize](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+        if (authorize && !authorize(req)) {
+          resp.error(401, "unknown access key");
+          return;
+        }
+        JSON_Value body = JSON_Value::parse(req.body, nullptr, false);
+        if (body.is_discarded()) {
+          answer_error(resp, JSON_RPC_PARSE_ERROR, nullptr, "Parse error.");
+          return;
+        }
+        int code = 0;
+        std::string message;
+        auto obj = parse_json_rpc(body, code, message);
+        if (!obj || !obj->is_request()) {
+          answer_error(resp, JSON_RPC_INVALID_REQUEST, obj ? obj->id() : JSON_Value(),
+                       obj ? "Expected a request." : message);
+          return;
+        }
+        auto& request = static_cast<JSON_RPC_Request&>(*obj);
+        auto handler = router->find(request.method());
+        if (!handler) {
+          answer_error(resp, JSON_RPC_METHOD_NOT_FOUND, request.id(),
+                       "Method '" + request.method() + "' not found.");
+          return;
+        }
+        auto channel = std::make_shared<HTTP_Exchange_Channel>();
+        if (handler->handle_object(channel, obj) < 0)
+          channel->done();
+        std::string reply;
+        if (!channel->wait(timeout, reply)) {
+          LOG_MSG((LM_ERROR, "JSON-RPC method '%s' did not answer within %d seconds.\n",
+                   request.method().c_str(), timeout));
+          answer_error(resp, JSON_RPC_INTERNAL_ERROR, request.id(), "Request timed out.");
+          return;
+        }
+        if (reply.empty()) {
+          if (request.is_notification()) {
+            resp.status = 204;
+          } else {
+            answer_error(resp, JSON_RPC_INTERNAL_ERROR, request.id(),
+                         "No answer from the handler.");
+          }
+          return;
+        }
+        resp.body = std::move(reply);
+        resp.headers.put("Content-Type", "application/json");
+      });
 }

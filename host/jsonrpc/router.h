@@ -3,12 +3,14 @@
 
 #include "host/jsonrpc/jsonrpc.h"
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 
 class HTTP_Server;
+struct HTTP_Server_Request;
 
 class JSON_RPC_Router {
  public:
@@ -26,6 +28,9 @@ class JSON_RPC_Router {
 // Serves `router` on POST `path`: a JSON-RPC request in the body, its answer in the reply.
 // Parse errors (-32700), invalid requests (-32600) and unknown methods (-32601) are answered here;
 // a handler that has not answered within `timeout` seconds gets -32603 "Request timed out.".
-// Notifications are answered with 204 once handled.
+// Notifications are answered with 204 once handled. A request that `authorize` (when given)
+// refuses gets 401 and reaches no handler.
+using HTTP_Authorizer = std::function<bool(const HTTP_Server_Request&)>;
 void serve_json_rpc(HTTP_Server& server, const std::string& path,
-                    std::shared_ptr<JSON_RPC_Router> router, int timeout);
+                    std::shared_ptr<JSON_RPC_Router> router, int timeout,
+                    HTTP_Authorizer authorize = nullptr);

@@ -1,4 +1,5 @@
 // brimlet-agent: loads modules from their manifests and serves their JSON-RPC methods over HTTP.
+#include "host/core/crypto.h"
 #include "host/core/identity.h"
 #include "host/core/log.h"
 #include "host/core/paths.h"
@@ -121,7 +122,8 @@ int main(int argc, char** argv) {
     fprintf(stderr, "brimlet-agent: invalid listen address '%s'.\n", conf.listen.c_str());
     return 1;
   }
-  // Off loopback the agent carries module secrets (CVM passwords) on the wire: TLS is required.
+  // Off loopback the agent carries module secrets (CVM passwords) on the wire: TLS is required,
+  // and so is the access key (below).
   if (!is_loopback(opts.host) && (conf.tls_cert.empty() || conf.tls_key.empty())) {
     fprintf(stderr, "brimlet-agent: listening on '%s' needs 'tls_cert' and 'tls_key'.\n",
             opts.host.c_str());
@@ -181,8 +183,15 @@ int main(int argc, char** argv) {
   }
   router->add("agent.info", std::make_shared<Agent_Info_Handler>(info));
 
+  // Off loopback, callers prove themselves with this agent's access key.
+  HTTP_Authorizer authorize;
+  if (!is_loopback(opts.host))
+    authorize = [key = Host_Manager::instance()->access_key()](const HTTP_Server_Request& req) {
+      const std::string* given = req.headers.get("X-Access-Key");
+      return !key.empty() && given && secrets_equal(*given, key);
+    };
   HTTP_Server server;
-  serve_json_rpc(server, "/jsonrpc", router, conf.request_timeout);
+  serve_json_rpc(server, "/jsonrpc", router, conf.request_timeout, authorize);
   if (!server.start(opts))
     return 1;
 

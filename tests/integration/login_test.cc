@@ -172,6 +172,12 @@ TEST_F(Login, MalformedJsonRpcGetsErrorsAndTheAgentKeepsServing) {
   EXPECT_EQ(test_login("lab", result), 0);
 }
 
+TEST_F(Login, AgentOffLoopbackNeedsTls) {
+  Run_Result r = run_program({"brimlet-agent", "--listen", "0.0.0.0:0"}, "", stack_.env(), 30);
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("needs 'tls_cert' and 'tls_key'"), std::string::npos) << r.err;
+}
+
 TEST_F(Login, CliRefusesBadUseWithOneLine) {
   Run_Result r = stack_.cli({"cvm", "add", "--host", "h", "--username", "u", "--password", "x"});
   EXPECT_EQ(r.exit_code, 2);

@@ -77,13 +77,20 @@ class JSON_RPC_Over_HTTP : public ::testing::Test {
     auto router = std::make_shared<JSON_RPC_Router>();
     router->add("sum", std::make_shared<Sum_Handler>());
     serve_json_rpc(server_, "/jsonrpc", router, 2);
+    serve_json_rpc(server_, "/guarded", router, 2, [](const HTTP_Server_Request& req) {
+      const std::string* key = req.headers.get("X-Access-Key");
+      return key && *key == "k1";
+    });
     ASSERT_TRUE(server_.start(HTTP_Server::Options()));
   }
 
   // The HTTP status and the parsed answer of one POST.
-  int post(const std::string& body, JSON_Value& answer) {
+  int post(const std::string& body, JSON_Value& answer, const std::string& path = "/jsonrpc",
+           const std::string& key = "") {
     auto session = HTTP_Session_Factory::create("127.0.0.1", server_.port(), false);
-    HTTP_Request req(HTTP_Method::POST, "/jsonrpc");
+    HTTP_Request req(HTTP_Method::POST, path);
+    if (!key.empty())
+      req.headers().put("X-Access-Key", key);
     HTTP_Response resp;
     if (!session->send(req, &body, resp))
       return 0;
@@ -119,6 +126,15 @@ TEST_F(JSON_RPC_Over_HTTP, AnswersRequestsAndErrorsWithTheirCodes) {
   // Still serving after all that.
   ASSERT_EQ(post(R"({"jsonrpc":"2.0","method":"sum","params":{"a":1,"b":1},"id":2})", a), 200);
   EXPECT_EQ(a["result"]["sum"], 2);
+}
+
+TEST_F(JSON_RPC_Over_HTTP, AGuardedPathNeedsTheAccessKey) {
+  const std::string body = R"({"jsonrpc":"2.0","method":"sum","params":{"a":1,"b":2},"id":1})";
+  JSON_Value a;
+  EXPECT_EQ(post(body, a, "/guarded"), 401);
+  EXPECT_EQ(post(body, a, "/guarded", "k2"), 401);
+  ASSERT_EQ(post(body, a, "/guarded", "k1"), 200);
+  EXPECT_EQ(a["result"]["sum"], 3);
 }
 
 TEST_F(JSON_RPC_Over_HTTP, AHandlerThatNeverAnswersTimesOut) {
