@@ -4,12 +4,9 @@
 #include "host/core/log.h"
 #include "host/core/text.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdlib>
+#include <cstring>
+#include <regex>
 
 Log_Capture::Log_Capture() {
   id_ = add_log_sink([this](ACE_Log_Priority, const std::string& line) {
@@ -28,32 +25,10 @@ std::string Log_Capture::text() const {
 }
 
 std::map<std::string, std::string> parse_auth_params(const std::string& text) {
+  static const std::regex param(R"re(([\w-]+)=(?:"([^"]*)"|([^,\s]*)))re");
   std::map<std::string, std::string> out;
-  std::size_t i = 0;
-  while (i < text.size()) {
-    while (i < text.size() && (text[i] == ' ' || text[i] == ','))
-      ++i;
-    std::size_t eq = text.find('=', i);
-    if (eq == std::string::npos)
-      break;
-    std::string key = text.substr(i, eq - i);
-    std::string value;
-    i = eq + 1;
-    if (i < text.size() && text[i] == '"') {
-      std::size_t close = text.find('"', i + 1);
-      if (close == std::string::npos)
-        break;
-      value = text.substr(i + 1, close - i - 1);
-      i = close + 1;
-    } else {
-      std::size_t comma = text.find(',', i);
-      if (comma == std::string::npos)
-        comma = text.size();
-      value = text.substr(i, comma - i);
-      i = comma;
-    }
-    out[key] = value;
-  }
+  for (std::sregex_iterator it(text.begin(), text.end(), param), end; it != end; ++it)
+    out[(*it)[1]] = (*it)[2].matched ? (*it)[2].str() : (*it)[3].str();
   return out;
 }
 
@@ -62,19 +37,17 @@ std::string md5_hex(const std::string& text) {
   return Hex_String_T(md.get(), md.length()).str();
 }
 
+std::string encrypt_for_agent(const std::string& plain) {
+  const char key[] = "P!L@O#V$A%R^N&3157";
+  std::string cipher;
+  EXPECT_TRUE(encrypt_string(plain.data(), plain.size(), cipher, key, std::strlen(key)));
+  return cipher;
+}
+
 std::uint16_t free_port() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  if (fd < 0)
-    return 0;
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof addr;
-  std::uint16_t port = 0;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length) == 0)
-    port = ntohs(addr.sin_port);
-  close(fd);
+  HTTP_Server server;
+  std::uint16_t port = server.start(HTTP_Server::Options()) ? server.port() : 0;
+  server.stop();
   return port;
 }
 
@@ -82,13 +55,12 @@ namespace h3ccas {
 
 CVM_Info make_cvm(std::uint16_t port, const std::string& user, const std::string& password) {
   CVM_Info cvm;
-  bool loaded = cvm.load({{"host", "127.0.0.1"},
-                          {"port", port},
-                          {"ssl", false},
-                          {"username", user},
-                          {"password", password}},
-                         false);
-  if (!loaded)
+  if (!cvm.load({{"host", "127.0.0.1"},
+                 {"port", port},
+                 {"ssl", false},
+                 {"username", user},
+                 {"password", password}},
+                false))
     std::abort();
   return cvm;
 }
@@ -97,8 +69,15 @@ CVM_Info make_cvm(std::uint16_t port, const std::string& user, const std::string
 
 const char* const Digest_Peer::realm = "VMC RESTful Web Services";
 
-Digest_Peer::Digest_Peer(std::string user, std::string password)
-    : user_(std::move(user)), password_(std::move(password)) {}
+Digest_Peer::Answer Digest_Peer::json(std::string body, int status) {
+  return {status, std::move(body), {{"Content-Type", "application/json"}}};
+}
+
+Digest_Peer::Digest_Peer() {
+  JSON_Value admin = {{"operator", {{{"loginName", kCvmUser}, {"groupId", "1"}}}}};
+  set("/cas/casrs/operator/operatorInfoList", json(admin.dump()));
+  set("/cas/casrs/datacenter/casVersion", json(R"({"data":"H3C CAS E0750"})"));
+}
 
 bool Digest_Peer::start() {
   server_.route_prefix(
@@ -114,12 +93,9 @@ void Digest_Peer::set(const std::string& path, Answer answer) {
   answers_[path] = std::move(answer);
 }
 
-void Digest_Peer::set_json(const std::string& path, const JSON_Value& body, int status) {
-  Answer answer;
-  answer.status = status;
-  answer.body = body.dump();
-  answer.headers.emplace_back("Content-Type", "application/json");
-  set(path, std::move(answer));
+void Digest_Peer::answer_unsigned(Answer answer) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  unsigned_answer_ = std::move(answer);
 }
 
 void Digest_Peer::expire_nonce() {
@@ -127,47 +103,9 @@ void Digest_Peer::expire_nonce() {
   nonce_.clear();
 }
 
-void Digest_Peer::set_challenge(const std::string& value) {
+Digest_Peer::Record Digest_Peer::seen() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  challenge_override_ = value;
-  override_challenge_ = true;
-}
-
-void Digest_Peer::set_unsigned_status(int status) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  unsigned_status_ = status;
-}
-
-int Digest_Peer::challenges() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return challenges_;
-}
-
-int Digest_Peer::refusals() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return refusals_;
-}
-
-std::vector<Digest_Peer::Signed_Request> Digest_Peer::accepted() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return accepted_;
-}
-
-// Called with the lock held. A new challenge makes a new nonce; older ones are refused.
-void Digest_Peer::challenge(HTTP_Server_Response& resp, bool stale) {
-  resp.status = 401;
-  resp.body = "<html><body>401 Unauthorized</body></html>";
-  if (override_challenge_) {
-    if (!challenge_override_.empty())
-      resp.headers.put("WWW-Authenticate", challenge_override_);
-    return;
-  }
-  nonce_ = new_uuid();
-  last_nc_ = 0;
-  resp.headers.put("WWW-Authenticate", std::string("Digest realm=\"") + realm +
-                                           "\", qop=\"auth\", nonce=\"" + nonce_ +
-                                           "\", opaque=\"5ccc069c403ebaf9f0171e9517f40e41\"" +
-                                           (stale ? ", stale=true" : ""));
+  return seen_;
 }
 
 // Called with the lock held.
@@ -177,52 +115,52 @@ bool Digest_Peer::verify(const HTTP_Server_Request& req,
     auto it = auth.find(key);
     return it == auth.end() ? std::string() : it->second;
   };
-  if (nonce_.empty() || param("nonce") != nonce_ || param("username") != user_ ||
+  if (nonce_.empty() || param("nonce") != nonce_ || param("username") != kCvmUser ||
       param("realm") != realm || param("uri") != req.target || param("qop") != "auth")
     return false;
-  // CVM reads the count as decimal, and it must grow by one per request.
   const std::string nc = param("nc");
   if (nc.size() != 8 || std::strtol(nc.c_str(), nullptr, 10) != last_nc_ + 1)
     return false;
-  std::string ha1 = md5_hex(user_ + ":" + realm + ":" + password_);
+  std::string ha1 = md5_hex(std::string(kCvmUser) + ":" + realm + ":" + kCvmPassword);
   std::string ha2 = md5_hex(req.method_text + ":" + req.target);
-  std::string expected =
-      md5_hex(ha1 + ":" + nonce_ + ":" + nc + ":" + param("cnonce") + ":auth:" + ha2);
-  if (param("response") != expected)
+  if (param("response") !=
+      md5_hex(ha1 + ":" + nonce_ + ":" + nc + ":" + param("cnonce") + ":auth:" + ha2))
     return false;
   ++last_nc_;
   return true;
 }
 
 void Digest_Peer::handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+  auto reply = [&resp](const Answer& answer) {
+    resp.status = answer.status;
+    resp.body = answer.body;
+    for (const auto& [name, value] : answer.headers)
+      resp.headers.put(name, value);
+  };
   std::lock_guard<std::mutex> lock(mutex_);
   const std::string* authorization = req.headers.get("Authorization");
-  if (!authorization) {
-    ++challenges_;
-    if (unsigned_status_ == 401) {
-      challenge(resp, false);
-    } else {
-      resp.status = unsigned_status_;
-      resp.body = "{}";
-    }
+  if (!authorization && unsigned_answer_) {
+    ++seen_.challenges;
+    return reply(*unsigned_answer_);
+  }
+  std::map<std::string, std::string> auth;
+  if (authorization)
+    auth = parse_auth_params(authorization->substr(authorization->find(' ') + 1));
+  if (!authorization || authorization->compare(0, 7, "Digest ") != 0 || !verify(req, auth)) {
+    // A new challenge makes a new nonce; older ones are refused from then on.
+    ++(authorization ? seen_.refusals : seen_.challenges);
+    nonce_ = new_uuid();
+    last_nc_ = 0;
+    resp.status = 401;
+    resp.headers.put("WWW-Authenticate", std::string("Digest realm=\"") + realm +
+                                             "\", qop=\"auth\", nonce=\"" + nonce_ +
+                                             "\", opaque=\"5ccc069c403ebaf9f0171e9517f40e41\"");
+    // A refusal's own error header must not be taken for a CAS error.
+    if (authorization)
+      resp.headers.put("Error-Code", "401");
     return;
   }
-  auto auth = parse_auth_params(authorization->substr(authorization->find(' ') + 1));
-  if (authorization->compare(0, 7, "Digest ") != 0 || !verify(req, auth)) {
-    ++refusals_;
-    challenge(resp, true);
-    // A refusal's own error headers must not be taken for a CAS error.
-    resp.headers.put("Error-Code", "401");
-    return;
-  }
-  accepted_.push_back({req.method_text, req.target, req.body, auth});
+  seen_.accepted.push_back({req.method_text, req.target, req.body, std::move(auth)});
   auto it = answers_.find(req.path);
-  if (it == answers_.end()) {
-    resp.status = 404;
-    return;
-  }
-  resp.status = it->second.status;
-  resp.body = it->second.body;
-  for (const auto& [name, value] : it->second.headers)
-    resp.headers.put(name, value);
+  reply(it == answers_.end() ? Answer{404, "", {}} : it->second);
 }

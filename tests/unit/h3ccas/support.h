@@ -1,16 +1,22 @@
 // Test support for the module: log capture, a client with an adjustable clock, and a small
-// in-process CVM stand-in (HTTP digest authentication in front of canned answers).
+// in-process CVM (HTTP digest authentication in front of canned answers).
 #pragma once
 
 #include "h3ccas/restful_client.h"
 #include "host/core/json.h"
 #include "host/http/server.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
+
+const char kCvmUser[] = "admin";
+const char kCvmPassword[] = "Adm1n:p@ss";
 
 // Log lines written while an object lives.
 class Log_Capture {
@@ -28,17 +34,17 @@ class Log_Capture {
   int id_;
 };
 
-// "k=v, k2="v2"" parameters of an Authorization or WWW-Authenticate value (after the scheme).
+// k=v and k="v" parameters of an Authorization value (after the scheme).
 std::map<std::string, std::string> parse_auth_params(const std::string& text);
-
 std::string md5_hex(const std::string& text);
-
-// A loopback port that nothing listens on (bound, read back and closed).
+// A password as the backup server stores it for this agent.
+std::string encrypt_for_agent(const std::string& plain);
+// A loopback port that nothing listens on (bound, read back and released).
 std::uint16_t free_port();
 
 namespace h3ccas {
 
-// A CVM entry with a clear password.
+// A CVM entry on 127.0.0.1 with a clear password.
 CVM_Info make_cvm(std::uint16_t port, const std::string& user, const std::string& password);
 
 // The client with its digest state open and a clock the test sets.
@@ -55,8 +61,9 @@ class Test_Client : public RESTful_Client {
 
 }  // namespace h3ccas
 
-// RFC 2617 digest (qop "auth", nonce counts read as decimal, as CVM does). Only the nonce of the
-// latest challenge is valid.
+// RFC 2617 digest for kCvmUser (qop "auth", nonce counts read as decimal and required to grow by
+// one, as CVM does). Only the nonce of the latest challenge is valid. Until told otherwise it
+// lists the user as an administrator (group "1") and reports version "H3C CAS E0750".
 class Digest_Peer {
  public:
   struct Answer {
@@ -64,52 +71,53 @@ class Digest_Peer {
     std::string body;  // sent as is
     std::vector<std::pair<std::string, std::string>> headers;
   };
-  // What one signed request carried.
   struct Signed_Request {
     std::string method;
     std::string target;
     std::string body;
     std::map<std::string, std::string> auth;
   };
-
   static const char* const realm;
+  static Answer json(std::string body, int status = 200);
 
-  Digest_Peer(std::string user, std::string password);
+  Digest_Peer();
   ~Digest_Peer() { server_.stop(); }
-
   bool start();
   std::uint16_t port() const { return server_.port(); }
 
-  // The answer to authenticated requests on `path` (without query); unknown paths get 404.
+  // The answer to signed requests on `path` (without query); unknown paths get 404.
   void set(const std::string& path, Answer answer);
-  void set_json(const std::string& path, const JSON_Value& body, int status = 200);
+  // What requests without credentials get instead of a challenge.
+  void answer_unsigned(Answer answer);
   // The next signed request is refused as if its nonce had expired.
   void expire_nonce();
-  // The WWW-Authenticate value of challenges; empty: none is sent.
-  void set_challenge(const std::string& value);
-  // Status for requests without credentials (401 unless changed).
-  void set_unsigned_status(int status);
 
-  int challenges() const;  // requests without credentials
-  int refusals() const;    // signed requests answered 401
-  std::vector<Signed_Request> accepted() const;
+  struct Record {
+    int challenges = 0;  // requests without credentials
+    int refusals = 0;    // signed requests answered 401
+    std::vector<Signed_Request> accepted;
+  };
+  Record seen() const;
 
  private:
   void handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
-  void challenge(HTTP_Server_Response& resp, bool stale);
   bool verify(const HTTP_Server_Request& req, const std::map<std::string, std::string>& auth);
 
-  const std::string user_;
-  const std::string password_;
   HTTP_Server server_;
   mutable std::mutex mutex_;
   std::map<std::string, Answer> answers_;
+  std::optional<Answer> unsigned_answer_;
   std::string nonce_;
   long last_nc_ = 0;
-  std::string challenge_override_;
-  bool override_challenge_ = false;
-  int unsigned_status_ = 401;
-  int challenges_ = 0;
-  int refusals_ = 0;
-  std::vector<Signed_Request> accepted_;
+  Record seen_;
+};
+
+// A running Digest_Peer per test.
+class Cas_Peer : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(peer_.start()); }
+  h3ccas::CVM_Info cvm(const std::string& password = kCvmPassword) const {
+    return h3ccas::make_cvm(peer_.port(), kCvmUser, password);
+  }
+  Digest_Peer peer_;
 };
