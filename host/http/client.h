@@ -71,9 +71,9 @@ class JSON_HTTP_Session {
 // keeps status and headers for the caller; a 2xx body that is not JSON is a failure.
 class JSON_RESTful_Client {
  public:
-  explicit JSON_RESTful_Client(int flags = 0) : flags_(flags) {}
+  // `flags` is kept for callers written against the agent framework's signature; none is defined.
+  explicit JSON_RESTful_Client(int flags = 0) {}
   void reset(std::shared_ptr<JSON_HTTP_Session> session) { session_ = std::move(session); }
-  bool has_session() const { return session_ != nullptr; }
   bool get(const HTTP_Request& req, HTTP_Response& resp, JSON_Value* out);
   bool del(const HTTP_Request& req, HTTP_Response& resp, JSON_Value* out);
   bool post(const HTTP_Request& req, const JSON_Value* body, HTTP_Response& resp, JSON_Value* out);
@@ -82,7 +82,6 @@ class JSON_RESTful_Client {
  private:
   bool finish(bool sent, const HTTP_Request& req, HTTP_Response& resp);
   std::shared_ptr<JSON_HTTP_Session> session_;
-  int flags_;
 };
 
 // The authenticated client to the backup server this agent belongs to; every request carries

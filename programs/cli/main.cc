@@ -76,15 +76,14 @@ bool load_agent_config(const Cli& cli, std::string& error) {
 }
 
 // One request to the backup server; `error` gets the server's own message on failure.
-bool server_call(HTTP_Request& req, const JSON_Value* body, JSON_Value& out, std::string& error,
-                 int expected_status = 0) {
+bool server_call(HTTP_Request& req, const JSON_Value* body, JSON_Value& out, std::string& error) {
   HTTP_Response resp;
   if (!Upstream_JSON_RESTful_Client::instance()->send(req, body, resp, out)) {
     error = "cannot reach the backup server at " + WebSocket_Options::instance()->host + ":" +
             std::to_string(WebSocket_Options::instance()->port);
     return false;
   }
-  if (resp.status() / 100 == 2 && (!expected_status || resp.status() == expected_status))
+  if (resp.status() / 100 == 2)
     return true;
   error = "backup server answered " + std::to_string(resp.status());
   if (out.is_object() && out.contains("error") && out["error"].is_string())

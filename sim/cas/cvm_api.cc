@@ -17,7 +17,7 @@ namespace cas_sim {
 
 namespace {
 
-const char kPrefix[] = "/cas/casrs/";
+const char cas_prefix[] = "/cas/casrs/";
 
 // CAS's own error numbers for these cases are not modelled: the code is the HTTP status. The
 // messages are in Chinese, as a CVM in its default locale sends them.
@@ -143,7 +143,7 @@ void CVM_Api::serve(const HTTP_Server_Request& request, HTTP_Server_Response& re
 
 bool CVM_Api::answer_i(const HTTP_Server_Request& request, HTTP_Server_Response& response,
                        std::string& user) {
-  if (request.path.compare(0, sizeof kPrefix - 1, kPrefix) != 0) {
+  if (request.path.compare(0, sizeof cas_prefix - 1, cas_prefix) != 0) {
     response.status = 404;
     response.body.clear();
     return true;

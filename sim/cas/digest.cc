@@ -13,7 +13,7 @@ namespace {
 
 // Stale nonces are kept for another lifetime so that a late client hears "stale" rather than
 // "unknown"; beyond this many the oldest are forgotten whatever their age.
-constexpr std::size_t kMaxNonces = 100000;
+constexpr std::size_t max_nonces = 100000;
 
 std::string md5_hex(const std::string& text) {
   MD_Generator md(text.data(), text.size(), MD_MD5);
@@ -136,7 +136,7 @@ void Digest_Verifier::set_lifetime(int seconds) {
 void Digest_Verifier::forget_old_i(std::int64_t now) {
   while (!issue_order_.empty()) {
     auto it = nonces_.find(issue_order_.front());
-    if (it != nonces_.end() && nonces_.size() <= kMaxNonces &&
+    if (it != nonces_.end() && nonces_.size() <= max_nonces &&
         now - it->second.issued < 2 * static_cast<std::int64_t>(lifetime_))
       break;
     if (it != nonces_.end())

@@ -13,7 +13,7 @@
 
 namespace {
 
-const char kUsage[] =
+const char usage_text[] =
     "usage: cas-sim --world FILE [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE]\n"
     "               [--ready-file FILE] [--data DIR] [--log FILE]\n"
     "  --world FILE       the simulated installation (JSON, see sim/cas/README.md)\n"
@@ -90,7 +90,7 @@ int main(int argc, char** argv) {
   if (!parse_options(argc, argv, options))
     return 2;
   if (options.help) {
-    fputs(kUsage, stdout);
+    fputs(usage_text, stdout);
     return 0;
   }
   Log_Options log;

@@ -12,7 +12,7 @@ namespace cas_sim {
 namespace {
 
 // Deeper documents are refused while parsing: copying and dumping values recurse.
-constexpr int kMaxDepth = 64;
+constexpr int max_depth = 64;
 
 // Runs `f`, prefixing the message of any JSON_Error with `where` so that nested keys are named.
 template <class F>
@@ -192,8 +192,8 @@ bool load(const std::string& origin, std::string& error, F&& parse) {
 
 bool parse_json_text(const std::string& text, JSON_Value& out, std::string& error) {
   auto limit_depth = [](int depth, JSON_Value::parse_event_t, JSON_Value&) {
-    if (depth > kMaxDepth)
-      throw JSON_Error("nested deeper than " + std::to_string(kMaxDepth) + " levels");
+    if (depth > max_depth)
+      throw JSON_Error("nested deeper than " + std::to_string(max_depth) + " levels");
     return true;
   };
   try {

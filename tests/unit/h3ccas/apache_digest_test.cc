@@ -20,7 +20,7 @@
 namespace h3ccas {
 namespace {
 
-const char kApache[] = "/usr/sbin/apache2";
+const char apache_binary[] = "/usr/sbin/apache2";
 
 std::string read_text(const std::string& path) {
   std::ifstream in(path);
@@ -51,8 +51,8 @@ std::string apache_config(const Temp_Dir& dir, std::uint16_t port) {
 }
 
 TEST(Cas_Apache_Digest, LoginWithRightAndWrongPassword) {
-  if (access(kApache, X_OK) != 0)
-    GTEST_SKIP() << kApache << " is not installed";
+  if (access(apache_binary, X_OK) != 0)
+    GTEST_SKIP() << apache_binary << " is not installed";
   Temp_Dir dir;
   const std::uint16_t port = free_port();
   ASSERT_NE(port, 0);
@@ -63,9 +63,9 @@ TEST(Cas_Apache_Digest, LoginWithRightAndWrongPassword) {
                   R"({"operator":[{"loginName":"admin","groupId":"1"}]})");
   write_text_file(casrs + "/datacenter/casVersion", R"({"data":"H3C CAS E0750"})");
   // What htdigest writes: user:realm:MD5(user:realm:password).
-  const std::string user_realm = std::string(kCvmUser) + ":" + Digest_Peer::realm;
+  const std::string user_realm = std::string(cvm_user) + ":" + Digest_Peer::realm;
   write_text_file(dir.file("htdigest"),
-                  user_realm + ":" + md5_hex(user_realm + ":" + kCvmPassword) + "\n");
+                  user_realm + ":" + md5_hex(user_realm + ":" + cvm_password) + "\n");
   write_text_file(dir.file("httpd.conf"), apache_config(dir, port));
   // Apache started as root serves as "nobody", who must be able to read the files.
   for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path()))
@@ -73,20 +73,20 @@ TEST(Cas_Apache_Digest, LoginWithRightAndWrongPassword) {
   chmod(dir.path().c_str(), 0755);
 
   Test_Process apache;
-  ASSERT_TRUE(apache.start({kApache, "-f", dir.file("httpd.conf"), "-D", "FOREGROUND"}, {},
+  ASSERT_TRUE(apache.start({apache_binary, "-f", dir.file("httpd.conf"), "-D", "FOREGROUND"}, {},
                            dir.file("apache.out")));
   // The pid file is written once the port listens.
   JSON_Value pid;
   ASSERT_TRUE(apache.wait_ready(dir.file("httpd.pid"), pid))
       << read_text(dir.file("apache.out")) << read_text(dir.file("error.log"));
 
-  RESTful_Client client(make_cvm(port, kCvmUser, kCvmPassword));
+  RESTful_Client client(make_cvm(port, cvm_user, cvm_password));
   std::string error, version;
   EXPECT_TRUE(client.test_login(error, version)) << error << read_text(dir.file("error.log"));
   EXPECT_EQ(error, "");
   EXPECT_EQ(version, "E0750");
 
-  RESTful_Client wrong(make_cvm(port, kCvmUser, "Adm1n:p@sS"));
+  RESTful_Client wrong(make_cvm(port, cvm_user, "Adm1n:p@sS"));
   EXPECT_FALSE(wrong.test_login(error, version));
   EXPECT_EQ(error, "Invalid CVM username or password");
 }

@@ -34,7 +34,7 @@ class Cas_Login_Handler : public Cas_Peer {
     return {{"host", "127.0.0.1"},
             {"port", peer_.port()},
             {"ssl", false},
-            {"username", kCvmUser},
+            {"username", cvm_user},
             {"password", encrypt_for_agent(password)}};
   }
   Exposed_Test_Login_Handler handler_;
@@ -54,13 +54,13 @@ JSON_Value result_reply(bool result, const char* version, const char* message) {
 
 // A failed login is a result; only malformed requests get errors (a bad entry with id -1).
 TEST_F(Cas_Login_Handler, Replies) {
-  JSON_Value without_ssl = entry(kCvmPassword);
+  JSON_Value without_ssl = entry(cvm_password);
   without_ssl.erase("ssl");
   const std::pair<JSON_Value, JSON_Value> cases[] = {
       {JSON_Value::array({1, 2}),
        error_reply(7, -32602, "Invalid params: params type must be object.")},
       {without_ssl, error_reply(-1, -32600, "Invalid H3C CVM entry.")},
-      {entry(kCvmPassword), result_reply(true, "E0750", "")},
+      {entry(cvm_password), result_reply(true, "E0750", "")},
       {entry("not it"), result_reply(false, "", "Invalid CVM username or password")},
   };
   for (const auto& [params, expected] : cases) {
@@ -76,7 +76,7 @@ TEST_F(Cas_Login_Handler, NothingIsSentForResponsesOrAbsentRequesters) {
   auto chn = std::make_shared<Capture_Channel>();
   EXPECT_EQ(handler_.handle_object_i(chn, std::make_shared<JSON_RPC_Response>(JSON_Value(3))), -1);
   EXPECT_TRUE(log.contains("obj is not JSON-RPC request!\n"));
-  auto req = std::make_shared<JSON_RPC_Request>("h3ccas.test_login", entry(kCvmPassword), 4);
+  auto req = std::make_shared<JSON_RPC_Request>("h3ccas.test_login", entry(cvm_password), 4);
   EXPECT_EQ(handler_.handle_object_i(nullptr, req), -1);
   EXPECT_TRUE(log.contains("Abort handling JSON-RPC request, requester has gone.\n"));
   EXPECT_TRUE(chn->sent.empty());

@@ -222,7 +222,7 @@ TEST_F(Cas_Peer, TestLoginOutcomes) {
     const char* error;  // empty: success
     const char* found_version;
     const char* log = "";
-    const char* password = kCvmPassword;
+    const char* password = cvm_password;
   } const cases[] = {
       {"administrator", admin, e0750, "", "E0750"},
       {"not listed", json(R"({"operator":[{"loginName":"bob","groupId":"2"}]})"),
@@ -283,7 +283,7 @@ TEST_F(Cas_Peer, TestLoginChallengeFailures) {
   }
   EXPECT_EQ(peer_.seen().accepted.size(), 0u);
 
-  RESTful_Client unreachable(make_cvm(free_port(), kCvmUser, kCvmPassword));
+  RESTful_Client unreachable(make_cvm(free_port(), cvm_user, cvm_password));
   EXPECT_FALSE(unreachable.test_login(error, version));
   EXPECT_EQ(error, "Failed to send request to CVM, network error.");
 }

@@ -74,7 +74,7 @@ Digest_Peer::Answer Digest_Peer::json(std::string body, int status) {
 }
 
 Digest_Peer::Digest_Peer() {
-  JSON_Value admin = {{"operator", {{{"loginName", kCvmUser}, {"groupId", "1"}}}}};
+  JSON_Value admin = {{"operator", {{{"loginName", cvm_user}, {"groupId", "1"}}}}};
   set("/cas/casrs/operator/operatorInfoList", json(admin.dump()));
   set("/cas/casrs/datacenter/casVersion", json(R"({"data":"H3C CAS E0750"})"));
 }
@@ -115,13 +115,13 @@ bool Digest_Peer::verify(const HTTP_Server_Request& req,
     auto it = auth.find(key);
     return it == auth.end() ? std::string() : it->second;
   };
-  if (nonce_.empty() || param("nonce") != nonce_ || param("username") != kCvmUser ||
+  if (nonce_.empty() || param("nonce") != nonce_ || param("username") != cvm_user ||
       param("realm") != realm || param("uri") != req.target || param("qop") != "auth")
     return false;
   const std::string nc = param("nc");
   if (nc.size() != 8 || std::strtol(nc.c_str(), nullptr, 10) != last_nc_ + 1)
     return false;
-  std::string ha1 = md5_hex(std::string(kCvmUser) + ":" + realm + ":" + kCvmPassword);
+  std::string ha1 = md5_hex(std::string(cvm_user) + ":" + realm + ":" + cvm_password);
   std::string ha2 = md5_hex(req.method_text + ":" + req.target);
   if (param("response") !=
       md5_hex(ha1 + ":" + nonce_ + ":" + nc + ":" + param("cnonce") + ":auth:" + ha2))

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-const char kCvmUser[] = "admin";
-const char kCvmPassword[] = "Adm1n:p@ss";
+const char cvm_user[] = "admin";
+const char cvm_password[] = "Adm1n:p@ss";
 
 // Log lines written while an object lives.
 class Log_Capture {
@@ -61,7 +61,7 @@ class Test_Client : public RESTful_Client {
 
 }  // namespace h3ccas
 
-// RFC 2617 digest for kCvmUser (qop "auth", nonce counts read as decimal and required to grow by
+// RFC 2617 digest for cvm_user (qop "auth", nonce counts read as decimal and required to grow by
 // one, as CVM does). Only the nonce of the latest challenge is valid. Until told otherwise it
 // lists the user as an administrator (group "1") and reports version "H3C CAS E0750".
 class Digest_Peer {
@@ -116,8 +116,8 @@ class Digest_Peer {
 class Cas_Peer : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(peer_.start()); }
-  h3ccas::CVM_Info cvm(const std::string& password = kCvmPassword) const {
-    return h3ccas::make_cvm(peer_.port(), kCvmUser, password);
+  h3ccas::CVM_Info cvm(const std::string& password = cvm_password) const {
+    return h3ccas::make_cvm(peer_.port(), cvm_user, password);
   }
   Digest_Peer peer_;
 };
