@@ -33,6 +33,71 @@ const Provision_Mode_Entry s_provision_mode_table[] = {
     {nullptr, 0, UNKNOWN},
 };
 
+// Parses a whole decimal string of MiB into bytes (refusing sizes that do not fit); nothing is
+// logged.
+bool mib_to_bytes(const std::string& text, std::uint64_t& bytes) {
+  unsigned long mib = 0;
+  if (!try_natoi<unsigned long>(mib, text, 0) || mib > (UINT64_MAX >> 20))
+    return false;
+  bytes = static_cast<std::uint64_t>(mib) << 20;
+  return true;
+}
+
+// A whole decimal string of MiB, fraction allowed ("1.5"), into bytes. Unlike try_atod nothing is
+// logged: the caller's message names the volume. Negative, non-finite and too large values fail.
+bool fractional_mib_to_bytes(const std::string& text, std::uint64_t& bytes) {
+  std::size_t used = 0;
+  double mib = 0;
+  try {
+    mib = std::stod(text, &used);
+  } catch (const std::exception&) {
+    return false;
+  }
+  const double value = mib * 1048576.0;
+  if (used != text.size() || !(value >= 0 && value < 18446744073709551616.0))
+    return false;
+  // The unsigned conversion keeps sizes of 2^63 bytes and above.
+  bytes = static_cast<std::uint64_t>(value);
+  return true;
+}
+
+const char* host_status(const std::string& code) {
+  if (code == "0")
+    return "disconnected";
+  if (code == "1")
+    return "connected";
+  return "unresponsive";
+}
+
+const char* vm_status(const std::string& cas_status) {
+  if (cas_status == "shutOff")
+    return "poweroff";
+  if (cas_status == "running")
+    return "poweron";
+  if (cas_status == "paused")
+    return "suspended";
+  return "unknown";
+}
+
+// Throws JSON_Error on a shape error; the host detail reads the same keys under its own message.
+void read_host_i(const JSON_Value& value, CVK_Host& host) {
+  std::string status;
+  json_extract(value, "id", host.id_);
+  json_extract(value, "ip", host.ip_);
+  json_extract(value, "name", host.name_);
+  json_extract(value, "status", status);
+  host.status_ = host_status(status);
+}
+
+const std::pair<Virtual_Switch::VS_TYPE, const char*> s_vs_type_names[] = {
+    {Virtual_Switch::VS_TYPE_MANAGEMENT, "management"},
+    {Virtual_Switch::VS_TYPE_SERVICE, "service"},
+    {Virtual_Switch::VS_TYPE_STORAGE, "storage"},
+    {Virtual_Switch::VS_TYPE_BACKUP, "backup"},
+    {Virtual_Switch::VS_TYPE_MIGRATION, "migration"},
+    {Virtual_Switch::VS_TYPE_OTHER, "other"},
+};
+
 }  // namespace
 
 bool try_atod(double& out, const std::string& s) {
@@ -193,6 +258,421 @@ bool CVM_Info::load_from_server(const std::string& uuid) {
     return false;
   }
   return load(rows->front(), true);
+}
+
+bool CVK_Host::load(const JSON_Value& value) {
+  try {
+    read_host_i(value, *this);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid CVK host entry: %s\n", e.what()));
+    return false;
+  }
+  return true;
+}
+
+JSON_Value CVK_Host::dump() const {
+  return {{"id", id_}, {"ip", ip_}, {"name", name_}, {"status", status_}};
+}
+
+bool CVK_Host_Detail::load(const JSON_Value& value) {
+  try {
+    read_host_i(value, basic_);
+  } catch (const std::exception&) {
+    LOG_MSG((LM_ERROR, "Invalid CAS CVK detailed info.\n"));
+    return false;
+  }
+  std::string memory, count, cores;
+  try {
+    json_extract(value, "memorySize", memory);
+    json_extract(value, "cpuCount", count);
+    json_extract(value, "cpuCores", cores);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid CAS CVK detailed info: %s.\n", e.what()));
+    return false;
+  }
+  if (!try_natoi<unsigned>(cpu_count_, count, 0)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS CVK CPU count '%s'.\n", count.c_str()));
+    return false;
+  }
+  if (!try_natoi<unsigned>(cpu_cores_, cores, 0)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS CVK CPU cores '%s'.\n", cores.c_str()));
+    return false;
+  }
+  unsigned long mbytes = 0;
+  if (!try_natoi<unsigned long>(mbytes, memory, 0)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS CVK memory size '%s'.\n", memory.c_str()));
+    return false;
+  }
+  memory_mbytes_ = mbytes;
+  return true;
+}
+
+JSON_Value CVK_Host_Detail::dump() const {
+  JSON_Value out = basic_.dump();
+  out["memory_mbytes"] = memory_mbytes_;
+  out["cpu_count"] = cpu_count_;
+  out["cpu_cores"] = cpu_cores_;
+  return out;
+}
+
+bool VM_Info::load(const JSON_Value& value) {
+  std::string status, cpu, memory;
+  try {
+    json_extract(value, "id", id_);
+    json_extract(value, "name", name_);
+    json_extract(value, "title", display_name_);
+    json_extract(value, "vmStatus", status);
+    json_extract(value, "hostId", host_id_);
+    json_extract(value, "hostName", host_name_);
+    json_extract(value, "osDesc", os_, false);
+    json_extract(value, "cpu", cpu);
+    json_extract(value, "memory", memory);
+    json_extract(value, "uuid", uuid_);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid CAS VM info entry: %s\n", e.what()));
+    return false;
+  }
+  status_ = vm_status(status);
+  // A VM with odd numbers is still listed, with a plausible default.
+  if (!try_natoi<unsigned>(cpu_, cpu, 1))
+    LOG_MSG(
+        (LM_WARNING, "Invalid processors count '%s' of VM '%s'.\n", cpu.c_str(), name_.c_str()));
+  if (!try_natoi<unsigned>(memory_mbytes_, memory, 1024))
+    LOG_MSG((LM_WARNING, "Invalid memory size '%s' of VM '%s'.\n", memory.c_str(), name_.c_str()));
+  return true;
+}
+
+JSON_Value VM_Info::dump() const {
+  return {{"id", id_},         {"name", name_},       {"title", display_name_},
+          {"status", status_}, {"host_id", host_id_}, {"host_name", host_name_},
+          {"os", os_},         {"cpu", cpu_},         {"memory_mbytes", memory_mbytes_},
+          {"uuid", uuid_}};
+}
+
+bool VM_Detail::load(const JSON_Value& value) {
+  try {
+    JSON_Value list;
+    if (json_extract(value, "storage", list, false)) {
+      JSON_Value::array_t storages;
+      convert_to_array(list, storages);
+      storages_ = std::move(storages);
+    }
+    if (json_extract(value, "network", list, false)) {
+      JSON_Value::array_t networks;
+      convert_to_array(list, networks);
+      networks_ = std::move(networks);
+    }
+    json_extract(value, "status", status_, false);
+    json_extract_object(value, "basic", basic_);
+    json_extract_object(value, "cpu", cpu_);
+    json_extract_object(value, "memory", memory_);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid CAS VM detail: %s.\n", e.what()));
+    return false;
+  }
+  return true;
+}
+
+JSON_Value VM_Detail::dump() const {
+  return {{"basic", basic_},
+          {"cpu", cpu_},
+          {"memory", memory_},
+          {"network", networks_},
+          {"storage", storages_}};
+}
+
+bool VM_Detail::dump_cpu_mem(int& sockets, int& cores, unsigned& memory) const {
+  try {
+    std::string sockets_text, cores_text, memory_text;
+    json_extract(cpu_, "cpuSockets", sockets_text);
+    json_extract(cpu_, "cpuCores", cores_text);
+    if (!try_natoi<int>(sockets, sockets_text, 0) || !try_natoi<int>(cores, cores_text, 0)) {
+      LOG_MSG((LM_ERROR, "Invalid CAS VM CPU config '%s' or '%s'.\n", sockets_text.c_str(),
+               cores_text.c_str()));
+      return false;
+    }
+    json_extract(memory_, "size", memory_text);
+    if (!try_natoi<unsigned>(memory, memory_text, 0)) {
+      LOG_MSG((LM_ERROR, "Invalid CAS VM memory config '%s'.\n", memory_text.c_str()));
+      return false;
+    }
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_WARNING, "Failed to get CPU or memory config of CAS VM: %s.\n", e.what()));
+    return false;
+  }
+  return true;
+}
+
+const JSON_Value& operator>>(const JSON_Value& value, Snapshot_Info& info) {
+  std::string mode;
+  json_extract(value, "name", info.name);
+  json_extract(value, "snapshotMode", mode);
+  info.is_internal = mode == "1";
+  const JSON_Value* snapshots = json_find(value, "snapshots");
+  if (!snapshots || snapshots->is_null())
+    return value;
+  JSON_Value children;
+  json_extract(*snapshots, "snapshot", children);
+  // CAS sends a single child as the bare object.
+  if (children.is_array()) {
+    info.children.reserve(info.children.size() + children.size());
+    for (const JSON_Value& child : children)
+      child >> info.children.emplace_back();
+  } else if (children.is_object()) {
+    children >> info.children.emplace_back();
+  }
+  return value;
+}
+
+bool VM_Disk::load(const JSON_Value& value) {
+  std::string size, allocation, mode, cluster_size, is_shared;
+  bool has_mode = false, has_cluster_size = false, has_is_shared = false;
+  try {
+    json_extract(value, "device", device_);
+    json_extract(value, "deviceName", device_name_);
+    json_extract(value, "fileType", file_type_);
+    json_extract(value, "path", path_);
+    json_extract(value, "format", format_);
+    json_extract(value, "targetBus", target_bus_);
+    json_extract(value, "size", size);
+    json_extract(value, "allocation", allocation);
+    json_extract(value, "cacheType", cache_type_);
+    // Required for image files, but its absence is reported below as an unknown mode.
+    has_mode = json_extract(value, "mode", mode, false);
+    has_cluster_size = json_extract(value, "clusterSize", cluster_size, false);
+    json_extract(value, "backingFile", backing_file_, false);
+    has_is_shared = json_extract(value, "isShareStorage", is_shared, false);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid CAS VM storage info: %s.\n", e.what()));
+    return false;
+  }
+  if (!mib_to_bytes(size, total_bytes_)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS VM disk size '%s'.\n", size.c_str()));
+    return false;
+  }
+  if (!mib_to_bytes(allocation, alloc_bytes_)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS VM disk allocated size '%s'.\n", allocation.c_str()));
+    return false;
+  }
+  if (has_cluster_size && !try_natoi<unsigned>(cluster_bytes_, cluster_size, 0)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS VM disk cluster size '%s'.\n", cluster_size.c_str()));
+    return false;
+  }
+  if (has_mode)
+    provisioning_mode_ = str_to_provision_mode(mode.c_str());
+  if (provisioning_mode_ == UNKNOWN && file_type_ == "file") {
+    LOG_MSG(
+        (LM_ERROR, "Unknown CAS VM disk provision mode '%s'.\n", has_mode ? mode.c_str() : "null"));
+    return false;
+  }
+  if (format_ != "raw" && format_ != "qcow2") {
+    LOG_MSG((LM_ERROR, "Unknown CAS VM disk format '%s'.\n", format_.c_str()));
+    return false;
+  }
+  is_shared_ = has_is_shared && is_shared == "1";
+  return true;
+}
+
+bool VM_Disk::load_from_catalog(const JSON_Value& value) {
+  try {
+    std::string mode;
+    json_extract(value, "device", device_);
+    json_extract(value, "device_name", device_name_);
+    json_extract(value, "file_type", file_type_);
+    json_extract(value, "path", path_);
+    json_extract(value, "format", format_);
+    json_extract(value, "target_bus", target_bus_);
+    json_extract(value, "size", total_bytes_);
+    json_extract(value, "allocation", alloc_bytes_);
+    json_extract(value, "cache_type", cache_type_);
+    json_extract(value, "mode", mode);
+    json_extract(value, "cluster_size", cluster_bytes_);
+    json_extract(value, "backing_file", backing_file_);
+    json_extract(value, "is_shared", is_shared_);
+    json_extract(value, "pool_name", pool_name_);
+    json_extract(value, "pool_path", pool_path_);
+    json_extract(value, "pool_type", pool_type_);
+    // Written by dump; "UNKNOWN" stands for a block device without a mode.
+    provisioning_mode_ = str_to_provision_mode(mode.c_str());
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid CAS VM disk info in catalog: %s.\n", e.what()));
+    return false;
+  }
+  return true;
+}
+
+JSON_Value VM_Disk::dump() const {
+  return {{"device", device_},
+          {"device_name", device_name_},
+          {"file_type", file_type_},
+          {"path", path_},
+          {"format", format_},
+          {"target_bus", target_bus_},
+          {"size", total_bytes_},
+          {"allocation", alloc_bytes_},
+          {"cache_type", cache_type_},
+          {"mode", provision_mode_to_str(provisioning_mode_)},
+          {"cluster_size", cluster_bytes_},
+          {"backing_file", backing_file_},
+          {"is_shared", is_shared_},
+          {"pool_name", pool_name_},
+          {"pool_path", pool_path_},
+          {"pool_type", pool_type_}};
+}
+
+bool CAS_Storage_Pool::load(const JSON_Value& value) {
+  std::string total, status, free;
+  title_.clear();
+  try {
+    json_extract(value, "name", name_);
+    json_extract(value, "title", title_, false);
+    json_extract(value, "type", type_);
+    json_extract(value, "path", path_);
+    json_extract(value, "totalSize", total);
+    json_extract(value, "status", status);
+    json_extract(value, "freeSize", free);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Unrecognized CAS storage pool info: %s.\n", e.what()));
+    return false;
+  }
+  if (!mib_to_bytes(total, total_bytes_)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS storage pool total size '%s'.\n", total.c_str()));
+    return false;
+  }
+  if (!mib_to_bytes(free, free_bytes_)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS storage pool free size '%s'.\n", free.c_str()));
+    return false;
+  }
+  is_active_ = status != "0";
+  if (title_.empty())
+    title_ = name_;
+  return true;
+}
+
+JSON_Value CAS_Storage_Pool::dump() const {
+  return {{"name", name_},
+          {"title", title_},
+          {"storage_type", type_},
+          {"path", path_},
+          {"total_size", total_bytes_},
+          {"free_size", free_bytes_},
+          {"is_active", is_active_}};
+}
+
+bool CAS_Storage_Volume::load(const JSON_Value& value) {
+  std::string size;
+  try {
+    json_extract(value, "size", size);
+    json_extract(value, "users", used_by_);
+    json_extract(value, "name", name_);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Unrecognized CAS storage volume info: %s.\n", e.what()));
+    return false;
+  }
+  if (!fractional_mib_to_bytes(size, total_bytes_)) {
+    LOG_MSG(
+        (LM_ERROR, "Invalid CAS size '%s' of storage volume '%s'.\n", size.c_str(), name_.c_str()));
+    return false;
+  }
+  return true;
+}
+
+JSON_Value CAS_Storage_Volume::dump() const {
+  return {{"total_bytes", total_bytes_}, {"name", name_}, {"used_by", used_by_}};
+}
+
+bool Virtual_Switch::load(const JSON_Value& value) {
+  std::string status, types;
+  try {
+    json_extract(value, "id", id_);
+    json_extract(value, "name", name_);
+    json_extract(value, "pnic", physical_nic_name_, false);
+    json_extract(value, "address", address_);
+    json_extract(value, "gateway", gateway_);
+    json_extract(value, "status", status);
+    json_extract(value, "networkType", types);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Unrecognized CAS vSwitch info: %s.\n", e.what()));
+    return false;
+  }
+  is_active_ = status != "0";
+  if (!try_natoi<unsigned>(types_, types, VS_TYPE_NONE)) {
+    LOG_MSG((LM_ERROR, "Invalid network type '%s' of CAS vSwitch.\n", types.c_str()));
+    return false;
+  }
+  return true;
+}
+
+JSON_Value Virtual_Switch::dump() const {
+  return {{"id", id_},
+          {"name", name_},
+          {"physical_nic_name", physical_nic_name_},
+          {"address", address_},
+          {"gateway", gateway_},
+          {"is_active", is_active_},
+          {"network_types", vs_network_types_array(types_)}};
+}
+
+JSON_Value vs_network_types_array(std::uint32_t types) {
+  JSON_Value out = JSON_Value::array();
+  for (const auto& [bit, name] : s_vs_type_names)
+    if (types & bit)
+      out.push_back(name);
+  return out;
+}
+
+bool Port_Profile::load(const JSON_Value& value) {
+  try {
+    json_extract(value, "id", id_);
+    json_extract(value, "name", name_);
+    json_extract(value, "description", description_, false);
+    json_extract(value, "vlanId", vlan_id_, false);
+    json_extract(value, "aclName", acl_name_, false);
+    json_extract(value, "netLimitTitle", net_limit_title_, false);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Unrecognized CAS port profile info: %s.\n", e.what()));
+    return false;
+  }
+  return true;
+}
+
+JSON_Value Port_Profile::dump() const {
+  return {{"id", id_},           {"name", name_},         {"description", description_},
+          {"vlan_id", vlan_id_}, {"acl_name", acl_name_}, {"net_limit_title", net_limit_title_}};
+}
+
+bool Block::load(const JSON_Value& value) {
+  std::string offset, length;
+  try {
+    json_extract(value, "offset", offset);
+    json_extract(value, "length", length);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid CAS disk block: %s.\n", e.what()));
+    return false;
+  }
+  unsigned long o = 0, l = 0;
+  if (!try_natoi<unsigned long>(o, offset, 0) || !try_natoi<unsigned long>(l, length, 0)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS disk block(offset=%s, length=%s).\n", offset.c_str(),
+             length.c_str()));
+    return false;
+  }
+  offset_ = o;
+  length_ = l;
+  return true;
+}
+
+bool is_cas_block_storage(const std::string& pool_type) {
+  return pool_type == "iscsi" || pool_type == "fc" || pool_type == "rbd" || pool_type == "logical";
+}
+
+void convert_to_array(const JSON_Value& value, JSON_Value::array_t& out) {
+  if (value.is_object()) {
+    out.push_back(value);
+  } else if (value.is_array()) {
+    const auto& items = value.get_ref<const JSON_Value::array_t&>();
+    out.reserve(out.size() + items.size());
+    out.insert(out.end(), items.begin(), items.end());
+  }
 }
 
 }  // namespace h3ccas

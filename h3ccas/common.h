@@ -1,5 +1,7 @@
-// Conversions of CAS strings into numbers, enumerations and paths, and the connection record of
-// one CVM.
+// Conversions of CAS strings into numbers, enumerations and paths, the connection record of one
+// CVM, and the records of the CAS inventory. Each record loads from CVM's camel-case JSON (false
+// after one log line; a record that failed to load is discarded) and dumps to the module's own
+// snake-case JSON.
 #pragma once
 
 #include "host/core/crypto.h"
@@ -7,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace h3ccas {
 
@@ -77,5 +80,188 @@ class CVM_Info {
   std::uint16_t port_ = 0;
   bool ssl_ = false;
 };
+
+// A CAS host (CVK). Status "0" is "disconnected", "1" "connected", anything else "unresponsive".
+class CVK_Host {
+ public:
+  bool load(const JSON_Value& value);
+  JSON_Value dump() const;
+
+  std::string id_;
+  std::string ip_;
+  std::string name_;
+  std::string status_;
+};
+
+// A host with its capacity; dumped as the host's four keys plus the three numbers.
+class CVK_Host_Detail {
+ public:
+  bool load(const JSON_Value& value);
+  JSON_Value dump() const;
+
+  CVK_Host basic_;
+  std::uint64_t memory_mbytes_ = 0;
+  std::uint32_t cpu_count_ = 0;
+  std::uint32_t cpu_cores_ = 0;
+};
+
+// One VM of a list. Odd processor or memory numbers are tolerated (1 processor, 1024 MiB).
+class VM_Info {
+ public:
+  bool load(const JSON_Value& value);
+  JSON_Value dump() const;
+
+  std::string id_;
+  std::string name_;
+  std::string display_name_;  // CAS's "title"
+  std::string status_;        // "poweroff", "poweron", "suspended" or "unknown"
+  std::string host_id_;
+  std::string host_name_;
+  std::string os_;
+  std::uint32_t cpu_ = 1;
+  std::uint32_t memory_mbytes_ = 1024;
+  std::string uuid_;
+};
+
+// The whole configuration of one VM, kept as CAS sends it: what a backup saves and a restore sends
+// back when it re-creates the VM.
+class VM_Detail {
+ public:
+  bool load(const JSON_Value& value);
+  JSON_Value dump() const;
+  // Sockets and cores of "cpu" and the size of "memory", all parsed from CAS's strings.
+  bool dump_cpu_mem(int& sockets, int& cores, unsigned& memory) const;
+
+  std::string status_;
+  JSON_Value basic_ = JSON_Value::object();
+  JSON_Value cpu_ = JSON_Value::object();
+  JSON_Value memory_ = JSON_Value::object();
+  JSON_Value networks_ = JSON_Value::array();
+  JSON_Value storages_ = JSON_Value::array();
+};
+
+// A node of a VM's snapshot tree.
+struct Snapshot_Info {
+  std::string name;
+  std::vector<Snapshot_Info> children;
+  bool is_internal = false;
+};
+
+// Reads a node and its subtree; throws JSON_Error on a shape error (the caller reports it).
+const JSON_Value& operator>>(const JSON_Value& value, Snapshot_Info& info);
+
+struct VM_Capabilities {
+  bool support_snapshot = false;
+  bool support_cbt = false;
+  bool support_external_snapshot = false;
+  bool support_external_cbt = false;
+};
+
+// One virtual disk of a VM. Loads from a CAS storage entry; dumps to, and loads from, the form
+// kept in the backup catalog.
+class VM_Disk {
+ public:
+  bool load(const JSON_Value& value);
+  bool load_from_catalog(const JSON_Value& value);
+  JSON_Value dump() const;
+
+  std::string device_;
+  std::string device_name_;
+  std::string file_type_;  // "file": an image file in a pool; otherwise a block device
+  std::string path_;
+  std::string format_;  // "raw" or "qcow2"
+  std::string target_bus_;
+  std::uint64_t total_bytes_ = 0;
+  std::uint64_t alloc_bytes_ = 0;
+  std::string cache_type_;
+  Provisioning_Mode provisioning_mode_ = UNKNOWN;
+  std::uint32_t cluster_bytes_ = 0;
+  bool is_shared_ = false;
+  std::string backing_file_;
+  // The pool holding the disk; filled by the backup, not by load.
+  std::string pool_name_;
+  std::string pool_path_;
+  std::string pool_type_;
+};
+
+class CAS_Storage_Pool {
+ public:
+  bool load(const JSON_Value& value);
+  JSON_Value dump() const;
+
+  std::string name_;
+  std::string title_;  // the name when CAS gives none
+  std::string type_;   // "dir", "iscsi", "logical", ...
+  std::string path_;
+  std::uint64_t total_bytes_ = 0;
+  std::uint64_t free_bytes_ = 0;
+  bool is_active_ = false;
+};
+
+class CAS_Storage_Volume {
+ public:
+  bool load(const JSON_Value& value);
+  JSON_Value dump() const;
+
+  std::uint64_t total_bytes_ = 0;
+  std::string name_;
+  std::string used_by_;
+};
+
+class Virtual_Switch {
+ public:
+  enum VS_TYPE : std::uint32_t {
+    VS_TYPE_NONE = 0,
+    VS_TYPE_MANAGEMENT = 1,
+    VS_TYPE_SERVICE = 2,
+    VS_TYPE_STORAGE = 4,
+    VS_TYPE_BACKUP = 8,
+    VS_TYPE_MIGRATION = 16,
+    VS_TYPE_OTHER = 32,
+  };
+
+  bool load(const JSON_Value& value);
+  JSON_Value dump() const;
+
+  std::string id_;
+  std::string name_;
+  std::string physical_nic_name_;
+  std::string address_;
+  std::string gateway_;
+  std::uint32_t types_ = VS_TYPE_NONE;  // bit set of VS_TYPE
+  bool is_active_ = false;
+};
+
+// Names of the network types set in `types`, management first; empty for none.
+JSON_Value vs_network_types_array(std::uint32_t types);
+
+class Port_Profile {
+ public:
+  bool load(const JSON_Value& value);
+  JSON_Value dump() const;
+
+  std::string id_;
+  std::string name_;
+  std::string description_;
+  std::string vlan_id_;
+  std::string acl_name_;
+  std::string net_limit_title_;
+};
+
+// One extent of a disk, in bytes.
+class Block {
+ public:
+  bool load(const JSON_Value& value);
+
+  std::uint64_t offset_ = 0;
+  std::uint64_t length_ = 0;
+};
+
+// Pools of these types hold disks as block devices; the others hold image files.
+bool is_cas_block_storage(const std::string& pool_type);
+
+// CAS sends a one-member list as the bare member: appends the members of an array, or the object
+// itself, to `out` (not cleared); anything else appends nothing.
+void convert_to_array(const JSON_Value& value, JSON_Value::array_t& out);
 
 }  // namespace h3ccas

@@ -1,6 +1,7 @@
 // The module's entry points, found by name by the host. Each _make_ has a _gobble_ twin so that
 // objects are allocated and released inside the module.
 #include "h3ccas/websvcs_agent/instance_handler.h"
+#include "h3ccas/websvcs_agent/list_handler.h"
 #include "h3ccas/websvcs_agent/test_login_handler.h"
 #include "host/module/module.h"
 
@@ -34,4 +35,13 @@ MODULE_EXPORT JSON_RPC_Handler* _make_JSON_RPC_H3C_CAS_Test_Login_Handler(
     void (**gobble)(JSON_RPC_Handler*)) {
   return make_object<h3ccas::Test_Login_Handler>(gobble,
                                                  _gobble_JSON_RPC_H3C_CAS_Test_Login_Handler);
+}
+
+MODULE_EXPORT void _gobble_JSON_RPC_H3C_CAS_List_Handler(JSON_RPC_Handler* obj) {
+  delete obj;
+}
+
+MODULE_EXPORT JSON_RPC_Handler* _make_JSON_RPC_H3C_CAS_List_Handler(
+    void (**gobble)(JSON_RPC_Handler*)) {
+  return make_object<h3ccas::List_Handler>(gobble, _gobble_JSON_RPC_H3C_CAS_List_Handler);
 }

@@ -6,10 +6,12 @@
 #include <ace/Basic_Types.h>
 #include <ace/OS_NS_time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <exception>
 #include <functional>
+#include <iterator>
 #include <utility>
 
 namespace h3ccas {
@@ -75,6 +77,17 @@ bool fail_with(std::string* error, const std::string& message) {
 }
 
 const char s_operator_list_path[] = "/cas/casrs/operator/operatorInfoList";
+const char s_vm_list_path[] = "/cas/casrs/vm/vmList";
+
+// A member's text for messages: strings as they are, other values as JSON, absent as empty.
+std::string member_text(const JSON_Value& obj, const char* key) {
+  auto it = obj.find(key);
+  if (it == obj.end())
+    return std::string();
+  if (it->is_string())
+    return it->get<std::string>();
+  return it->dump(-1, ' ', false, JSON_Value::error_handler_t::replace);
+}
 
 }  // namespace
 
@@ -95,6 +108,10 @@ std::time_t RESTful_Client::now() const {
   return ACE_OS::time();
 }
 
+void RESTful_Client::sleep_between_polls() {
+  ACE_OS::sleep(1);
+}
+
 bool RESTful_Client::send_request(HTTP_Request& req, HTTP_Response& resp, const JSON_Value* body,
                                   JSON_Value* out) {
   // CVM forgets idle sessions: renegotiate when the previous request is a minute old.
@@ -103,10 +120,13 @@ bool RESTful_Client::send_request(HTTP_Request& req, HTTP_Response& resp, const 
   session_start_ = t;
   last_error_.clear();
   last_error_code_.clear();
+  last_status_ = 0;
 
   if (!digest_auth(req, nullptr, stale, body))
     return false;
-  if (send_request_i(req, resp, body, out))
+  bool sent = send_request_i(req, resp, body, out);
+  last_status_ = resp.status();
+  if (sent)
     return true;
   if (resp.status() != 401) {
     record_cvm_error(req, resp);
@@ -115,7 +135,9 @@ bool RESTful_Client::send_request(HTTP_Request& req, HTTP_Response& resp, const 
   // The nonce expired: one fresh challenge, one more try. A second 401 means bad credentials.
   if (!digest_auth(req, nullptr, true, body))
     return false;
-  if (send_request_i(req, resp, body, out))
+  sent = send_request_i(req, resp, body, out);
+  last_status_ = resp.status();
+  if (sent)
     return true;
   if (resp.status() != 401)
     record_cvm_error(req, resp);
@@ -385,6 +407,197 @@ bool RESTful_Client::extract_list(const char* path, const char* key, JSON_Value&
   int type = static_cast<int>(it == response.end() ? JSON_Value::value_t::null : it->type());
   LOG_MSG((LM_ERROR, "Unknown response type %d from '%s', key = %s.\n", type, path, key));
   return false;
+}
+
+bool RESTful_Client::wait_task(const char* action, const JSON_Value& task, std::string* target_id) {
+  Slow_Operation_Warning slow([action](ACE_UINT64 seconds) {
+    LOG_MSG((LM_INFO, "Slow CAS task '%s' detected, cost %Qs.\n", action, seconds));
+  });
+  task_fail_msg_.clear();
+  if (!task.is_object()) {
+    LOG_MSG((LM_EMERGENCY, "Unexpected error in %N:%l, task is not object!\n"));
+    return false;
+  }
+
+  auto msg_id = task.find("msgId");
+  if (msg_id == task.end() || !msg_id->is_string()) {
+    // No task was started: the call either finished at once or failed.
+    std::string error_code = member_text(task, "errorCode");
+    if (error_code == "0" && !target_id)
+      return true;
+    LOG_MSG((LM_ERROR,
+             "Message ID missed in CAS '%s' async task(%s) response, error code = '%s'.\n",
+             cvm_.host().c_str(), action, error_code.c_str()));
+    return false;
+  }
+
+  const std::string& id = msg_id->get_ref<const std::string&>();
+  snprintf_t<256> path("/cas/casrs/message/%s", id.c_str());
+  JSON_Value progress;
+  std::string completed, result;
+  try {
+    do {
+      if (!get(path, progress)) {
+        LOG_MSG((LM_ERROR, "Failed to get progress of CAS '%s' async task(%s), message_id=%s.\n",
+                 cvm_.host().c_str(), action, id.c_str()));
+        return false;
+      }
+      json_extract(progress, "completed", completed);
+      // Only the answer that reports completion tells the outcome.
+      result.clear();
+      json_extract(progress, "result", result, false);
+      json_extract(progress, "failMsg", task_fail_msg_, false);
+      sleep_between_polls();
+    } while (completed != "true");
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid response of CAS async task progress: %s, message_id=%s.\n",
+             e.what(), id.c_str()));
+    return false;
+  }
+
+  if (result != "0") {
+    LOG_MSG((LM_ERROR, "Failed to %s on CAS '%s', error: '%s'.\n", action, cvm_.host().c_str(),
+             task_fail_msg_.c_str()));
+    return false;
+  }
+  if (target_id) {
+    try {
+      json_extract(progress, "targetId", *target_id);
+    } catch (const std::exception&) {
+      LOG_MSG((LM_ERROR, "Failed to get target id after CAS '%s' on CVK '%s'.\n", action,
+               cvm_.host().c_str()));
+      return false;
+    }
+  }
+  return true;
+}
+
+bool RESTful_Client::list_host(std::vector<CVK_Host>& out) {
+  std::vector<JSON_Value> values;
+  return list("/cas/casrs/host", "host", values) && load_list(values, out);
+}
+
+bool RESTful_Client::list_host(std::unordered_map<std::string, CVK_Host>& out) {
+  std::vector<CVK_Host> hosts;
+  if (!list_host(hosts))
+    return false;
+  for (CVK_Host& host : hosts)
+    out[host.id_] = std::move(host);
+  return true;
+}
+
+bool RESTful_Client::list_vm(const std::string& host_id, std::vector<VM_Info>& out) {
+  std::vector<JSON_Value> values;
+  return list(s_vm_list_path, "domain", values, {{"hostId", host_id}, {"sortField", "title"}}) &&
+         load_list(values, out);
+}
+
+bool RESTful_Client::list_all_vm(std::vector<VM_Info>& out) {
+  std::vector<JSON_Value> values;
+  if (list(s_vm_list_path, "domain", values, {{"sortField", "title"}}))
+    return load_list(values, out);
+  if (last_status_ != 409)
+    return false;
+
+  // CAS refuses the unfiltered list on large installations: ask host by host.
+  LOG_MSG((LM_WARNING, "Failed to list CAS VM. Retrying to list VM again, which may be slow.\n"));
+  std::vector<CVK_Host> hosts;
+  if (!list_host(hosts))
+    return false;
+  for (const CVK_Host& host : hosts) {
+    std::vector<VM_Info> vms;
+    if (!list_vm(host.id_, vms)) {
+      LOG_MSG((LM_WARNING, "Skipped VMs of CAS host '%s' (id %s), failed to list them.\n",
+               host.name_.c_str(), host.id_.c_str()));
+      continue;
+    }
+    out.insert(out.end(), std::make_move_iterator(vms.begin()), std::make_move_iterator(vms.end()));
+  }
+  // Titles from "z" to "a". A non-strict comparison (>=) is undefined behaviour in std::sort;
+  // the strict one gives the same order and stable_sort keeps equal titles as the hosts gave them.
+  std::stable_sort(out.begin(), out.end(), [](const VM_Info& a, const VM_Info& b) {
+    return a.display_name_ > b.display_name_;
+  });
+  return true;
+}
+
+bool RESTful_Client::list_storage_pool(const std::string& host_id,
+                                       std::vector<CAS_Storage_Pool>& out) {
+  std::vector<JSON_Value> values;
+  return list("/cas/casrs/storage/pool", "storagePool", values, {{"hostId", host_id}}) &&
+         load_list(values, out);
+}
+
+bool RESTful_Client::list_storage_volume(const std::string& host_id, const std::string& pool_name,
+                                         std::vector<CAS_Storage_Volume>& out) {
+  std::vector<JSON_Value> values;
+  return list("/cas/casrs/storage/volume", "storageVolume", values,
+              {{"hostId", host_id}, {"poolName", pool_name}}) &&
+         load_list(values, out);
+}
+
+bool RESTful_Client::get_host_detail(const std::string& host_id, CVK_Host_Detail& out) {
+  JSON_Value response;
+  return get(snprintf_t<256>("/cas/casrs/host/id/%s", host_id.c_str()), response) &&
+         out.load(response);
+}
+
+bool RESTful_Client::list_virtual_switch(const std::string& host_id,
+                                         std::vector<Virtual_Switch>& out) {
+  std::vector<JSON_Value> values;
+  return list(snprintf_t<256>("/cas/casrs/host/id/%s/vswitch", host_id.c_str()), "vSwitch",
+              values) &&
+         load_list(values, out);
+}
+
+bool RESTful_Client::list_port_profile(std::vector<Port_Profile>& out) {
+  std::vector<JSON_Value> values;
+  return list("/cas/casrs/profile", "portProfile", values) && load_list(values, out);
+}
+
+bool RESTful_Client::get_vm_detail(const std::string& vm_id, VM_Detail& out) {
+  JSON_Value response;
+  return get(snprintf_t<256>("/cas/casrs/vm/detail/%s", vm_id.c_str()), response) &&
+         out.load(response);
+}
+
+bool RESTful_Client::get_vm_capabilities(const std::string& vm_id, VM_Capabilities& caps) {
+  JSON_Value response;
+  if (!get(snprintf_t<256>("/cas/casrs/vm/%s/capabilities", vm_id.c_str()), response))
+    return false;
+  std::string snapshot, external_snapshot, external_cbt, cbt;
+  try {
+    json_extract(response, "supportSnapshot", snapshot);
+    json_extract(response, "supportExternalSnapshot", external_snapshot, false);
+    json_extract(response, "supportExternalSnapshotFastBackup", external_cbt, false);
+    json_extract(response, "supportCbt", cbt);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Unrecognized response of CAS VM capabilities request: %s.\n", e.what()));
+    return false;
+  }
+  // CAS spells its flags in lower case; anything else is not a yes.
+  caps.support_snapshot = snapshot == "true";
+  caps.support_cbt = cbt == "true";
+  caps.support_external_snapshot = external_snapshot == "true";
+  caps.support_external_cbt = external_cbt == "true";
+  return true;
+}
+
+std::optional<Snapshot_Info> RESTful_Client::get_snapshot_info(const std::string& vm_id) {
+  JSON_Value response;
+  if (!get(snprintf_t<256>("/cas/casrs/vm/snapshot/%s", vm_id.c_str()), response))
+    return std::nullopt;
+  Snapshot_Info root;
+  try {
+    JSON_Value snapshot;
+    json_extract(response, "snapshot", snapshot);
+    snapshot >> root;
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Unrecognized CAS snapshot info: %s\n%s\n", e.what(),
+             response.dump(-1, ' ', false, JSON_Value::error_handler_t::replace).c_str()));
+    return std::nullopt;
+  }
+  return root;
 }
 
 }  // namespace h3ccas

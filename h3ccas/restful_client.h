@@ -8,7 +8,9 @@
 
 #include <ctime>
 #include <map>
+#include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace h3ccas {
@@ -27,6 +29,8 @@ class RESTful_Client {
   const std::string& last_error() const { return last_error_; }
   const std::string& last_error_code() const { return last_error_code_; }
   const std::string& task_fail_msg() const { return task_fail_msg_; }
+  // HTTP status of the last answer; 0 when none came.
+  int last_status() const { return last_status_; }
 
   // Signs and sends one request. A session is (re)negotiated before the first request, when the
   // previous one started 60 or more seconds ago, and once after a 401 answer.
@@ -49,6 +53,35 @@ class RESTful_Client {
   bool extract_list(const char* path, const char* key, JSON_Value&& response,
                     std::vector<JSON_Value>& out);
 
+  // Loads every value in order; stops at the first that fails (those before it stay in `out`).
+  template <class T>
+  static bool load_list(const std::vector<JSON_Value>& values, std::vector<T>& out);
+
+  // Waits for the CAS asynchronous task that `task` (the answer of the call that started it)
+  // names, polling its progress once a second for as long as CAS answers. `action` names the
+  // operation in messages; `target_id`, when given, receives the id of the object the task made.
+  // A failed task leaves CAS's text in task_fail_msg().
+  bool wait_task(const char* action, const JSON_Value& task, std::string* target_id);
+
+  // Inventory queries. Records are appended to `out`; a CAS answer without a body is an empty list.
+  bool list_host(std::vector<CVK_Host>& out);
+  // By host id; a later host with the same id replaces the earlier.
+  bool list_host(std::unordered_map<std::string, CVK_Host>& out);
+  bool list_vm(const std::string& host_id, std::vector<VM_Info>& out);
+  // All VMs ordered by title. A CVM that refuses the unfiltered list (409) is asked host by host;
+  // a host whose list fails is then skipped.
+  bool list_all_vm(std::vector<VM_Info>& out);
+  bool list_storage_pool(const std::string& host_id, std::vector<CAS_Storage_Pool>& out);
+  bool list_storage_volume(const std::string& host_id, const std::string& pool_name,
+                           std::vector<CAS_Storage_Volume>& out);
+  bool get_host_detail(const std::string& host_id, CVK_Host_Detail& out);
+  bool list_virtual_switch(const std::string& host_id, std::vector<Virtual_Switch>& out);
+  bool list_port_profile(std::vector<Port_Profile>& out);
+  bool get_vm_detail(const std::string& vm_id, VM_Detail& out);
+  bool get_vm_capabilities(const std::string& vm_id, VM_Capabilities& caps);
+  // The VM's snapshot tree under its root; nothing on failure.
+  std::optional<Snapshot_Info> get_snapshot_info(const std::string& vm_id);
+
   // Whether the CVM accepts the credentials, the user may administer it and its version is
   // supported. On failure `error` holds the text for the user.
   bool test_login(std::string& error, std::string& version);
@@ -65,6 +98,8 @@ class RESTful_Client {
 
   // Seconds since the epoch; the session-renewal clock.
   virtual std::time_t now() const;
+  // The pause between two polls of a task.
+  virtual void sleep_between_polls();
 
   // One attempt through the current session.
   bool send_request_i(HTTP_Request& req, HTTP_Response& resp, const JSON_Value* body,
@@ -80,11 +115,24 @@ class RESTful_Client {
   std::string last_error_;
   std::string last_error_code_;
   std::string task_fail_msg_;
+  int last_status_ = 0;  // HTTP status of the last answer; 0 when none came
   std::time_t session_start_ = 0;
   Digest_Auth auth_;
 
  private:
   void record_cvm_error(const HTTP_Request& req, const HTTP_Response& resp);
 };
+
+template <class T>
+bool RESTful_Client::load_list(const std::vector<JSON_Value>& values, std::vector<T>& out) {
+  out.reserve(out.size() + values.size());
+  for (const JSON_Value& value : values) {
+    T record;
+    if (!record.load(value))
+      return false;
+    out.push_back(std::move(record));
+  }
+  return true;
+}
 
 }  // namespace h3ccas

@@ -90,3 +90,30 @@ step "brimlet cvm test lab-auditor (not an administrator: expected to fail)"
 
 step "brimlet --json cvm test lab"
 "$bin/brimlet" --json cvm test lab
+
+step "brimlet ls lab (the CVK hosts)"
+"$bin/brimlet" ls lab
+
+step "brimlet ls lab host cvk01"
+"$bin/brimlet" ls lab host cvk01
+
+step "brimlet ls lab vms cvk01"
+"$bin/brimlet" ls lab vms cvk01
+
+step "brimlet ls lab pools cvk01"
+"$bin/brimlet" ls lab pools cvk01
+
+step "brimlet ls lab volumes cvk01 defaultpool"
+"$bin/brimlet" ls lab volumes cvk01 defaultpool
+
+step "brimlet ls lab vswitches cvk01"
+"$bin/brimlet" ls lab vswitches cvk01
+
+step "brimlet ls lab profiles"
+"$bin/brimlet" ls lab profiles
+
+step "brimlet search lab vms 01"
+"$bin/brimlet" search lab vms 01
+
+step "brimlet verify lab WEB01 db01 nosuchvm (one name is missing: expected to fail)"
+"$bin/brimlet" verify lab WEB01 db01 nosuchvm || echo "(exit status $?)"

@@ -2,7 +2,6 @@
 
 #include "h3ccas/common.h"
 #include "h3ccas/restful_client.h"
-#include "host/core/log.h"
 
 #include <cerrno>
 #include <string>
@@ -11,15 +10,10 @@ namespace h3ccas {
 
 int Test_Login_Handler::handle_object_i(std::shared_ptr<JSON_RPC_Channel> chn,
                                         std::shared_ptr<JSON_RPC_Object> obj) {
-  if (!obj || !obj->is_request()) {
-    LOG_MSG((LM_EMERGENCY, "Unexpected error in %N:%l, obj is not JSON-RPC request!\n"));
+  const JSON_RPC_Request* request = answerable_request(chn, obj);
+  if (!request)
     return -1;
-  }
-  if (!chn) {
-    LOG_MSG((LM_ERROR, "Abort handling JSON-RPC request, requester has gone.\n"));
-    return -1;
-  }
-  const auto& req = static_cast<const JSON_RPC_Request&>(*obj);
+  const JSON_RPC_Request& req = *request;
   if (!req.params().is_object())
     return chn->send_error(JSON_RPC_INVALID_PARAMS, req.id(),
                            "Invalid params: params type must be object.", nullptr);

@@ -1,5 +1,7 @@
 #include "host/core/log.h"
 
+#include "host/core/text.h"
+
 #include <ace/Log_Msg_Backend.h>
 #include <ace/Log_Record.h>
 #include <sys/syscall.h>
@@ -32,12 +34,12 @@ class Log_Backend : public ACE_Log_Msg_Backend {
     std::string text = record.msg_data();
     if (text.empty() || text.back() != '\n')
       text += '\n';
-    char head[256];
     std::lock_guard<std::mutex> lock(mutex_);
-    snprintf(head, sizeof head, "%s.%03ld %s[%d:%ld] %s %s:%d ", stamp, now.tv_nsec / 1000000,
-             program_.c_str(), getpid(), static_cast<long>(syscall(SYS_gettid)),
-             log_priority_name(priority), msg->file() ? msg->file() : "?", msg->linenum());
-    std::string line = head + text;
+    std::string line = string_sprintf(
+        "%s.%03ld %s[%d:%ld] %s %s:%d ", stamp, now.tv_nsec / 1000000, program_.c_str(), getpid(),
+        static_cast<long>(syscall(SYS_gettid)), log_priority_name(priority),
+        msg->file() ? msg->file() : "?", msg->linenum());
+    line += text;
     if (file_) {
       fputs(line.c_str(), file_);
       fflush(file_);

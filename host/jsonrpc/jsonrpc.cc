@@ -4,6 +4,8 @@
 
 #include "host/core/worker_pool.h"
 
+#include <malloc.h>
+
 #include <cerrno>
 #include <mutex>
 #include <new>
@@ -149,6 +151,19 @@ void stop_json_rpc_workers() {
   p.reset();
 }
 
+const JSON_RPC_Request* answerable_request(const std::shared_ptr<JSON_RPC_Channel>& chn,
+                                           const std::shared_ptr<JSON_RPC_Object>& obj) {
+  if (!obj || !obj->is_request()) {
+    LOG_MSG((LM_EMERGENCY, "Unexpected error in %N:%l, obj is not JSON-RPC request!\n"));
+    return nullptr;
+  }
+  if (!chn) {
+    LOG_MSG((LM_ERROR, "Abort handling JSON-RPC request, requester has gone.\n"));
+    return nullptr;
+  }
+  return static_cast<const JSON_RPC_Request*>(obj.get());
+}
+
 int JSON_RPC_Thread_Handler::handle_object(std::shared_ptr<JSON_RPC_Channel> channel,
                                            std::shared_ptr<JSON_RPC_Object> obj) {
   std::weak_ptr<JSON_RPC_Channel> weak = channel;
@@ -166,6 +181,9 @@ int JSON_RPC_Thread_Handler::handle_object(std::shared_ptr<JSON_RPC_Channel> cha
     }
     if (chn)
       chn->done();
+    // Each worker allocates from its own malloc arena, which keeps what a large answer freed;
+    // handing it back keeps the daemon's size near that of the requests in flight.
+    malloc_trim(0);
   });
   if (!queued) {
     LOG_MSG((LM_ERROR, "JSON-RPC workers are stopping, request dropped.\n"));

@@ -108,6 +108,11 @@ class JSON_RPC_Thread_Handler : public JSON_RPC_Handler {
                               std::shared_ptr<JSON_RPC_Object> obj) = 0;
 };
 
+// What a handler checks first: `obj` as the request to answer on `chn`, or null after one log line
+// when it is not a request or the requester has gone.
+const JSON_RPC_Request* answerable_request(const std::shared_ptr<JSON_RPC_Channel>& chn,
+                                           const std::shared_ptr<JSON_RPC_Object>& obj);
+
 // Size of the worker pool behind JSON_RPC_Thread_Handler (default 16); set before first use.
 void set_json_rpc_worker_threads(int threads);
 // Finishes queued requests and joins the workers; call before unloading handler code.

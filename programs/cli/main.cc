@@ -2,12 +2,11 @@
 // commands to the local agent; both are found through the agent's configuration.
 #include "host/core/crypto.h"
 #include "host/core/identity.h"
-#include "host/core/json.h"
 #include "host/core/log.h"
-#include "host/core/paths.h"
 #include "host/core/service.h"
 #include "host/core/text.h"
-#include "host/http/client.h"
+#include "programs/cli/cli.h"
+#include "programs/cli/inventory.h"
 #include "programs/cli/table.h"
 #include "programs/common/agent_files.h"
 
@@ -20,131 +19,6 @@
 #include <vector>
 
 namespace {
-
-const char usage_text[] =
-    "usage: brimlet [--config FILE] [--json] COMMAND ...\n"
-    "\n"
-    "  cvm add --host HOST --username USER [--port 443] [--ssl] [--name NAME] [--password-stdin]\n"
-    "                       register a CVM; the password is asked for (or read from stdin)\n"
-    "  cvm list             list registered CVMs\n"
-    "  cvm remove CVM       remove a registered CVM (uuid or name)\n"
-    "  cvm test CVM         log in to a registered CVM through the agent\n"
-    "\n"
-    "  --config FILE        the agent configuration (default %s)\n"
-    "  --json               machine-readable output\n";
-
-// Failures print one line to stderr; the exit status says the kind.
-enum Exit { OK = 0, FAILED = 1, USAGE = 2 };
-
-struct Cli {
-  std::string config_path = agent_files::default_config();
-  bool json = false;
-  std::vector<std::string> args;
-  std::size_t next = 0;
-
-  bool more() const { return next < args.size(); }
-  std::string take() { return more() ? args[next++] : std::string(); }
-};
-
-int fail(const std::string& message) {
-  fprintf(stderr, "brimlet: %s\n", message.c_str());
-  return FAILED;
-}
-
-int usage_error(const std::string& message) {
-  fprintf(stderr, "brimlet: %s\n", message.c_str());
-  fprintf(stderr, usage_text, agent_files::default_config().c_str());
-  return USAGE;
-}
-
-bool load_agent_config(const Cli& cli, std::string& error) {
-  std::string text;
-  if (!read_file(cli.config_path, text)) {
-    error = "cannot read the agent configuration '" + cli.config_path + "'";
-    return false;
-  }
-  try {
-    if (!apply_agent_identity(JSON_Value::parse(text))) {
-      error = "cannot read this agent's host id";
-      return false;
-    }
-  } catch (const std::exception& e) {
-    error = "invalid agent configuration '" + cli.config_path + "': " + e.what();
-    return false;
-  }
-  return true;
-}
-
-// One request to the backup server; `error` gets the server's own message on failure.
-bool server_call(HTTP_Request& req, const JSON_Value* body, JSON_Value& out, std::string& error) {
-  HTTP_Response resp;
-  if (!Upstream_JSON_RESTful_Client::instance()->send(req, body, resp, out)) {
-    error = "cannot reach the backup server at " + WebSocket_Options::instance()->host + ":" +
-            std::to_string(WebSocket_Options::instance()->port);
-    return false;
-  }
-  if (resp.status() / 100 == 2)
-    return true;
-  error = "backup server answered " + std::to_string(resp.status());
-  if (out.is_object() && out.contains("error") && out["error"].is_string())
-    error += ": " + out["error"].get<std::string>();
-  return false;
-}
-
-bool agent_call(const std::string& method, const JSON_Value& params, JSON_Value& result,
-                std::string& error) {
-  std::string text;
-  JSON_Value endpoint;
-  if (!read_file(agent_files::endpoint_file(), text) ||
-      (endpoint = JSON_Value::parse(text, nullptr, false)).is_discarded() ||
-      !endpoint.is_object() || !endpoint.contains("port")) {
-    error = "the agent is not running (no '" + agent_files::endpoint_file() + "')";
-    return false;
-  }
-  auto session = HTTP_Session_Factory::create(endpoint.value("host", "127.0.0.1"),
-                                              endpoint["port"].get<std::uint16_t>(),
-                                              endpoint.value("ssl", false));
-  if (!session) {
-    error = "cannot set up a connection to the agent";
-    return false;
-  }
-  JSON_HTTP_Session rpc(session, 1, 600);
-  HTTP_Request req(HTTP_Method::POST, "/jsonrpc");
-  req.headers().put("X-Access-Key", Host_Manager::instance()->access_key());
-  JSON_Value body = {{"jsonrpc", "2.0"}, {"id", 1}, {"method", method}, {"params", params}};
-  HTTP_Response resp;
-  JSON_Value answer;
-  if (!rpc.post(req, &body, resp, &answer)) {
-    error = "cannot reach the agent";
-    return false;
-  }
-  if (!answer.is_object()) {
-    error = "the agent answered " + std::to_string(resp.status()) + " without JSON-RPC";
-    return false;
-  }
-  if (answer.contains("error")) {
-    const JSON_Value& e = answer["error"];
-    error = "agent error " + std::to_string(e.value("code", 0)) + ": " + e.value("message", "");
-    return false;
-  }
-  result = answer.value("result", JSON_Value());
-  return true;
-}
-
-// Finds a registered CVM by uuid or name.
-bool find_cvm(const std::string& key, JSON_Value& entry, std::string& error) {
-  HTTP_Request req(HTTP_Method::GET, "/k4/r/h3ccas/cvm");
-  JSON_Value out;
-  if (!server_call(req, nullptr, out, error))
-    return false;
-  for (const auto& row : out.value("rows", JSON_Value::array()))
-    if (row.value("uuid", "") == key || row.value("name", "") == key) {
-      entry = row;
-      return true;
-    }
-  error = "no registered CVM '" + key + "'";
-  return false;
-}
 
 bool read_password(bool from_stdin, Secure_String& password) {
   bool tty = !from_stdin && isatty(STDIN_FILENO);
@@ -294,6 +168,7 @@ int cvm_test(Cli& cli) {
 
 int main(int argc, char** argv) {
   Cli cli;
+  cli.config_path = agent_files::default_config();
   for (int i = 1; i < argc; ++i)
     cli.args.emplace_back(argv[i]);
   while (cli.more() && cli.args[cli.next].rfind("--", 0) == 0) {
@@ -315,22 +190,37 @@ int main(int argc, char** argv) {
   log.to_stderr = getenv("BRIMLET_CLI_DEBUG") != nullptr;
   log.debug = log.to_stderr;
   open_log(log);
+  // Names from CAS are UTF-8; tables measure them in terminal columns.
+  use_utf8_locale();
 
-  std::string area = cli.take(), verb = cli.take();
-  if (area.empty())
-    return usage_error("no command given");
-  if (area != "cvm")
-    return usage_error("unknown command '" + area + "'");
+  using Command = int (*)(Cli&);
+  std::string area = cli.take();
+  Command command = nullptr;
+  if (area == "cvm") {
+    std::string verb = cli.take();
+    command = verb == "add"      ? cvm_add
+              : verb == "list"   ? cvm_list
+              : verb == "remove" ? cvm_remove
+              : verb == "test"   ? cvm_test
+                                 : nullptr;
+    if (!command)
+      return usage_error("unknown command 'cvm " + verb + "'");
+  } else if (area == "ls") {
+    command = inventory_ls;
+  } else if (area == "search") {
+    command = inventory_search;
+  } else if (area == "verify") {
+    command = inventory_verify;
+  } else {
+    return usage_error(area.empty() ? "no command given" : "unknown command '" + area + "'");
+  }
   std::string error;
   if (!load_agent_config(cli, error))
     return fail(error);
-  if (verb == "add")
-    return cvm_add(cli);
-  if (verb == "list")
-    return cvm_list(cli);
-  if (verb == "remove")
-    return cvm_remove(cli);
-  if (verb == "test")
-    return cvm_test(cli);
-  return usage_error("unknown command 'cvm " + verb + "'");
+  try {
+    return command(cli);
+  } catch (const std::exception& e) {
+    // A peer's answer of an unexpected shape.
+    return fail(std::string("unexpected answer: ") + e.what());
+  }
 }

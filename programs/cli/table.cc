@@ -1,6 +1,33 @@
 #include "programs/cli/table.h"
 
 #include <algorithm>
+#include <cwchar>
+
+namespace {
+
+// Terminal columns of UTF-8 text (in a UTF-8 locale); a byte that does not decode counts one.
+std::size_t display_width(const std::string& text) {
+  std::mbstate_t state{};
+  std::size_t width = 0;
+  const char* p = text.data();
+  const char* end = p + text.size();
+  while (p < end) {
+    wchar_t c;
+    std::size_t n = std::mbrtowc(&c, p, static_cast<std::size_t>(end - p), &state);
+    if (n == static_cast<std::size_t>(-1) || n == static_cast<std::size_t>(-2) || n == 0) {
+      state = std::mbstate_t{};
+      ++width;
+      ++p;
+      continue;
+    }
+    int w = wcwidth(c);
+    width += w < 0 ? 1 : static_cast<std::size_t>(w);
+    p += n;
+  }
+  return width;
+}
+
+}  // namespace
 
 void Table::print(std::ostream& out) const {
   std::vector<std::size_t> width;
@@ -8,15 +35,18 @@ void Table::print(std::ostream& out) const {
     if (width.size() < row.size())
       width.resize(row.size(), 0);
     for (std::size_t i = 0; i < row.size(); ++i)
-      width[i] = std::max(width[i], row[i].size());
+      width[i] = std::max(width[i], display_width(row[i]));
   }
   for (const auto& row : rows_) {
     std::string line;
     for (std::size_t i = 0; i < row.size(); ++i) {
       line += row[i];
       if (i + 1 < row.size())
-        line += std::string(width[i] - row[i].size() + 2, ' ');
+        line += std::string(width[i] - display_width(row[i]) + 2, ' ');
     }
+    // An empty last cell leaves no trailing blanks.
+    while (!line.empty() && line.back() == ' ')
+      line.pop_back();
     out << line << "\n";
   }
 }

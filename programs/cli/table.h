@@ -7,8 +7,11 @@
 
 class Table {
  public:
+  Table() = default;
   explicit Table(std::vector<std::string> header) : rows_{std::move(header)} {}
   void add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
+  // Columns are as wide as their widest cell on a terminal (a CJK character takes two places);
+  // no line ends in blanks.
   void print(std::ostream& out) const;
 
  private:

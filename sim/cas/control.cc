@@ -45,6 +45,7 @@ Control_Api::Control_Api(Simulator& sim) : sim_(sim) {
   routes_.add(HTTP_Method::DELETE, "/sim/faults", &Control_Api::delete_faults);
   routes_.add(HTTP_Method::PUT, "/sim/knobs", &Control_Api::put_knobs);
   routes_.add(HTTP_Method::GET, "/sim/world", &Control_Api::get_world);
+  routes_.add(HTTP_Method::POST, "/sim/tasks", &Control_Api::post_task);
 }
 
 void Control_Api::attach(HTTP_Server& server) {
@@ -124,11 +125,25 @@ void Control_Api::put_knobs(const HTTP_Server_Request& request, HTTP_Server_Resp
   std::string error;
   if (!sim_.change_knobs(json, error))
     return response.error(400, error);
-  response.json(dump_world(sim_.world()));
+  response.json(sim_.with_world(dump_settings));
 }
 
 void Control_Api::get_world(const HTTP_Server_Request&, HTTP_Server_Response& response) {
   response.json(dump_world(sim_.world()));
+}
+
+// Starts a task as a CVM operation would, and answers as CAS does when it starts one.
+void Control_Api::post_task(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
+  JSON_Value json;
+  if (!body_json(request, response, json))
+    return;
+  int duration_ms = sim_.knobs().task_duration_ms;
+  Task_Outcome outcome;
+  std::string error;
+  if (!load_task(json, duration_ms, outcome, error))
+    return response.error(400, error);
+  response.json(
+      {{"msgId", sim_.tasks().start(std::chrono::milliseconds(duration_ms), std::move(outcome))}});
 }
 
 }  // namespace cas_sim

@@ -1,5 +1,6 @@
 // The simulator's control API under /sim/: read and clear the request log, script faults, change
-// knobs, show the world. No authentication: a testing tool bound to loopback (see README.md).
+// knobs, show the world, start asynchronous tasks. No authentication: a testing tool bound to
+// loopback (see README.md).
 #pragma once
 
 #include "host/http/server.h"
@@ -27,6 +28,7 @@ class Control_Api {
   void delete_faults(const HTTP_Server_Request& request, HTTP_Server_Response& response);
   void put_knobs(const HTTP_Server_Request& request, HTTP_Server_Response& response);
   void get_world(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void post_task(const HTTP_Server_Request& request, HTTP_Server_Response& response);
 
   Simulator& sim_;
   Path_Router<Handler> routes_;

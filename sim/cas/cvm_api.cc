@@ -19,25 +19,6 @@ namespace {
 
 const char cas_prefix[] = "/cas/casrs/";
 
-// CAS's own error numbers for these cases are not modelled: the code is the HTTP status. The
-// messages are in Chinese, as a CVM in its default locale sends them.
-void cas_error(HTTP_Server_Response& response, int status, const char* message) {
-  response.status = status;
-  response.body.clear();
-  response.headers.put("Error-Code", std::to_string(status));
-  response.headers.put("Error-Message", message);
-}
-
-// A null value is CAS's empty answer: 200 without a body.
-void cas_json(HTTP_Server_Response& response, const JSON_Value& value) {
-  if (value.is_null()) {
-    response.status = 200;
-    response.body.clear();
-    return;
-  }
-  response.json(value);
-}
-
 bool same_address(const sockaddr_storage& a, const std::string& text) {
   if (a.ss_family == AF_INET) {
     in_addr want{};
@@ -102,17 +83,50 @@ std::string cas_number(std::int64_t n) {
   return std::to_string(n);
 }
 
-JSON_Value cas_list(const std::string& key, std::vector<JSON_Value> members) {
+std::string cas_mib(double mib) {
+  std::string text = string_sprintf("%.6f", mib);
+  text.erase(text.find_last_not_of('0') + 1);
+  if (text.back() == '.')
+    text.pop_back();
+  return text;
+}
+
+JSON_Value cas_members(std::vector<JSON_Value> members) {
   if (members.empty())
     return nullptr;
   if (members.size() == 1)
-    return {{key, std::move(members[0])}};
-  return {{key, std::move(members)}};
+    return std::move(members[0]);
+  return members;
+}
+
+JSON_Value cas_list(const std::string& key, std::vector<JSON_Value> members) {
+  if (members.empty())
+    return nullptr;
+  return {{key, cas_members(std::move(members))}};
+}
+
+// CAS's own error numbers are not modelled: the code is the HTTP status. The messages are in
+// Chinese, as a CVM in its default locale sends them.
+void cas_error(HTTP_Server_Response& response, int status, const char* message) {
+  response.status = status;
+  response.body.clear();
+  response.headers.put("Error-Code", std::to_string(status));
+  response.headers.put("Error-Message", message);
+}
+
+void cas_json(HTTP_Server_Response& response, const JSON_Value& value) {
+  if (value.is_null()) {
+    response.status = 200;
+    response.body.clear();
+    return;
+  }
+  response.json(value);
 }
 
 CVM_Api::CVM_Api(Simulator& sim) : sim_(sim) {
   routes_.add(HTTP_Method::GET, "/cas/casrs/operator/operatorInfoList", &CVM_Api::operator_list);
   routes_.add(HTTP_Method::GET, "/cas/casrs/datacenter/casVersion", &CVM_Api::cas_version);
+  add_inventory_routes();
 }
 
 void CVM_Api::attach(HTTP_Server& server) {

@@ -12,10 +12,17 @@
 
 namespace cas_sim {
 
-// CAS's habits in answers: numbers as decimal strings, and a list under `key` whose single member
-// stands as a bare object; an empty list is an answer without a body (null here).
+// CAS's habits in answers: numbers as decimal strings (sizes in MiB, with a fraction when there is
+// one), and a list whose single member stands as a bare object; an empty list under `key` is an
+// answer without a body (null here).
 std::string cas_number(std::int64_t n);
+std::string cas_mib(double mib);
+JSON_Value cas_members(std::vector<JSON_Value> members);  // null when empty
 JSON_Value cas_list(const std::string& key, std::vector<JSON_Value> members);
+// An error is told in the Error-Code and Error-Message headers, without a body.
+void cas_error(HTTP_Server_Response& response, int status, const char* message);
+// A null value is an answer without a body.
+void cas_json(HTTP_Server_Response& response, const JSON_Value& value);
 
 class CVM_Api {
  public:
@@ -43,6 +50,20 @@ class CVM_Api {
 
   void operator_list(const Call& call, HTTP_Server_Response& response);
   void cas_version(const Call& call, HTTP_Server_Response& response);
+
+  // The inventory and task progress (cvm_inventory.cc).
+  void add_inventory_routes();
+  void host_list(const Call& call, HTTP_Server_Response& response);
+  void host_detail(const Call& call, HTTP_Server_Response& response);
+  void vswitch_list(const Call& call, HTTP_Server_Response& response);
+  void vm_list(const Call& call, HTTP_Server_Response& response);
+  void vm_detail(const Call& call, HTTP_Server_Response& response);
+  void vm_capabilities(const Call& call, HTTP_Server_Response& response);
+  void snapshot_tree(const Call& call, HTTP_Server_Response& response);
+  void pool_list(const Call& call, HTTP_Server_Response& response);
+  void volume_list(const Call& call, HTTP_Server_Response& response);
+  void port_profile_list(const Call& call, HTTP_Server_Response& response);
+  void task_progress(const Call& call, HTTP_Server_Response& response);
 
   Simulator& sim_;
   HTTP_Server* server_ = nullptr;

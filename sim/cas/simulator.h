@@ -1,9 +1,11 @@
 // The running simulator's shared state: the world (changeable through the control API), the
-// digest verifier and the request log. Every member function is thread-safe.
+// digest verifier, the asynchronous tasks and the request log. Every member function is
+// thread-safe.
 #pragma once
 
 #include "sim/cas/digest.h"
 #include "sim/cas/request_log.h"
+#include "sim/cas/tasks.h"
 #include "sim/cas/world.h"
 
 #include <mutex>
@@ -18,6 +20,13 @@ class Simulator {
   Simulator(World world, std::string data_dir);
 
   World world() const;
+  // Runs `f` on the world under the lock and returns what it returns: a read of a large
+  // inventory without copying it. `f` must not call back into the simulator.
+  template <class F>
+  auto with_world(F&& f) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return f(static_cast<const World&>(world_));
+  }
   Knobs knobs() const;
   std::string version() const;
   std::vector<Operator> operators() const;
@@ -37,6 +46,7 @@ class Simulator {
 
   Digest_Verifier& digest() { return digest_; }
   Request_Log& requests() { return requests_; }
+  Task_Engine& tasks() { return tasks_; }
   const std::string& data_dir() const { return data_dir_; }
 
  private:
@@ -45,6 +55,7 @@ class Simulator {
   std::int64_t last_fault_id_ = 0;
   Digest_Verifier digest_;
   Request_Log requests_;
+  Task_Engine tasks_;
   const std::string data_dir_;
 };
 

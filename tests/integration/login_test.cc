@@ -2,7 +2,7 @@
 #include "h3ccas/common.h"
 #include "h3ccas/restful_client.h"
 #include "host/core/paths.h"
-#include "tests/integration/stack.h"
+#include "tests/integration/test_stack.h"
 
 #include <gtest/gtest.h>
 
@@ -26,7 +26,7 @@ class Login : public ::testing::Test {
     write_text_file(stack_.dir().file("world.json"), world);
     sim_port_ = stack_.start_sim("sim", stack_.dir().file("world.json"));
     ASSERT_NE(sim_port_, 0);
-    stack_.start_server_and_agent();
+    ASSERT_TRUE(stack_.start_server_and_agent());
   }
 
   // `brimlet --json cvm test` of a registered CVM: the exit code and the module's result.
@@ -36,7 +36,7 @@ class Login : public ::testing::Test {
     return r.exit_code;
   }
 
-  Stack stack_;
+  Test_Stack stack_;
   std::uint16_t sim_port_ = 0;
 };
 

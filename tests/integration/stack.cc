@@ -2,9 +2,8 @@
 
 #include "host/http/client.h"
 
-#include <gtest/gtest.h>
-
-#include <fstream>
+#include <filesystem>
+#include <system_error>
 
 namespace {
 
@@ -16,13 +15,18 @@ std::string trimmed(std::string s) {
 
 }  // namespace
 
-Stack::Stack() = default;
+Stack::Stack(Report report) : report_(std::move(report)) {}
 
 Stack::~Stack() {
   agent_.stop();
   server_.stop();
   for (auto& s : sims_)
     s.process->stop();
+}
+
+bool Stack::failed(const std::string& what) const {
+  report_(what);
+  return false;
 }
 
 std::uint16_t Stack::start_sim(const std::string& name, const std::string& world_file,
@@ -43,9 +47,8 @@ std::uint16_t Stack::start_sim(const std::string& name, const std::string& world
     argv.insert(argv.end(), {"--tls-cert", tls_cert, "--tls-key", tls_key});
   auto process = std::make_unique<Test_Process>();
   JSON_Value info;
-  EXPECT_TRUE(process->start(argv, env(), dir_.file(name + ".out")));
-  if (!process->wait_ready(ready, info)) {
-    ADD_FAILURE() << "cas-sim '" << name << "' did not start";
+  if (!process->start(argv, env(), dir_.file(name + ".out")) || !process->wait_ready(ready, info)) {
+    failed("cas-sim '" + name + "' did not start (see " + dir_.file(name + ".out") + ")");
     return 0;
   }
   auto port = info.value("http_port", std::uint16_t{0});
@@ -53,22 +56,27 @@ std::uint16_t Stack::start_sim(const std::string& name, const std::string& world
   return port;
 }
 
-void Stack::start_server_and_agent() {
+bool Stack::start_server_and_agent() {
   std::string data = dir_.file("server");
   std::string server_ready = dir_.file("server.ready");
-  ASSERT_TRUE(server_.start(
-      {"brimlet-server", "--listen", "127.0.0.1:0", "--data", data, "--ready-file", server_ready},
-      env(), dir_.file("server.out")));
   JSON_Value info;
-  ASSERT_TRUE(server_.wait_ready(server_ready, info)) << "brimlet-server did not start";
+  if (!server_.start({"brimlet-server", "--listen", "127.0.0.1:0", "--data", data, "--ready-file",
+                      server_ready},
+                     env(), dir_.file("server.out")) ||
+      !server_.wait_ready(server_ready, info))
+    return failed("brimlet-server did not start");
   server_port_ = info.value("port", std::uint16_t{0});
 
   Run_Result key = run_program(
       {"brimlet-server", "enroll", "--data", data, "--host-id", agent_host_id()}, "", env());
-  ASSERT_EQ(key.exit_code, 0) << key.err;
+  if (key.exit_code != 0)
+    return failed("brimlet-server enroll failed: " + key.err);
 
   std::string etc = dir_.path() + "/etc/opt/quorvex/brimlet5";
-  ASSERT_EQ(system(("mkdir -p " + etc).c_str()), 0);
+  std::error_code ec;
+  std::filesystem::create_directories(etc, ec);
+  if (ec)
+    return failed("cannot create " + etc + ": " + ec.message());
   write_text_file(etc + "/host_id", std::string(agent_host_id()) + "\n");
   JSON_Value conf = {{"listen", "127.0.0.1:0"},
                      {"backup_server",
@@ -82,10 +90,12 @@ void Stack::start_server_and_agent() {
   write_text_file(etc + "/agent.json", conf.dump(2));
 
   std::string agent_ready = dir_.file("agent.ready");
-  ASSERT_TRUE(
-      agent_.start({"brimlet-agent", "--ready-file", agent_ready}, env(), dir_.file("agent.out")));
-  ASSERT_TRUE(agent_.wait_ready(agent_ready, info)) << "brimlet-agent did not start";
+  if (!agent_.start({"brimlet-agent", "--ready-file", agent_ready}, env(),
+                    dir_.file("agent.out")) ||
+      !agent_.wait_ready(agent_ready, info))
+    return failed("brimlet-agent did not start (see " + dir_.file("agent.out") + ")");
   agent_port_ = info.value("port", std::uint16_t{0});
+  return true;
 }
 
 Run_Result Stack::cli(const std::vector<std::string>& args, const std::string& input) const {
@@ -103,9 +113,12 @@ std::string Stack::add_cvm(const std::string& name, std::uint16_t port, const st
   if (ssl)
     args.push_back("--ssl");
   Run_Result r = cli(args, password + "\n");
-  EXPECT_EQ(r.exit_code, 0) << r.err;
   JSON_Value out = JSON_Value::parse(r.out, nullptr, false);
-  return out.is_object() ? out.value("uuid", "") : "";
+  if (r.exit_code != 0 || !out.is_object() || !out.contains("uuid")) {
+    failed("brimlet cvm add '" + name + "' failed: " + r.err);
+    return "";
+  }
+  return out.value("uuid", "");
 }
 
 JSON_Value Stack::sim_control(const std::string& name, const std::string& method,
@@ -118,11 +131,14 @@ JSON_Value Stack::sim_control(const std::string& name, const std::string& method
     HTTP_Request req(http_method_from_string(method), path);
     HTTP_Response resp;
     JSON_Value out;
-    EXPECT_TRUE(json.send(req, body.is_null() ? nullptr : &body, resp, &out));
-    EXPECT_EQ(resp.status() / 100, 2) << method << " " << path << ": " << resp.body();
+    if (!json.send(req, body.is_null() ? nullptr : &body, resp, &out) || resp.status() / 100 != 2) {
+      failed(method + " " + path + " on " + name + " answered " + std::to_string(resp.status()) +
+             ": " + resp.body());
+      return nullptr;
+    }
     return out;
   }
-  ADD_FAILURE() << "no simulator " << name;
+  failed("no simulator " + name);
   return nullptr;
 }
 
@@ -134,6 +150,17 @@ int Stack::agent_post(const std::string& body, JSON_Value& answer) const {
     return 0;
   answer = JSON_Value::parse(resp.body(), nullptr, false);
   return resp.status();
+}
+
+JSON_Value Stack::agent_call(const std::string& method, const JSON_Value& params) const {
+  JSON_Value request = {{"jsonrpc", "2.0"}, {"id", 1}, {"method", method}, {"params", params}};
+  JSON_Value answer;
+  int status = agent_post(request.dump(), answer);
+  if (status != 200 || !answer.is_object()) {
+    failed(method + " on the agent answered " + std::to_string(status) + " without JSON-RPC");
+    return nullptr;
+  }
+  return answer;
 }
 
 bool make_test_certificate(const std::string& cert, const std::string& key) {

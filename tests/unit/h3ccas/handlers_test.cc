@@ -114,23 +114,28 @@ TEST(Cas_Module_Surface, ExportsExactlyTheFactories) {
   std::string address, type, name;
   while (lines >> address >> type >> name)
     symbols.insert(name);
-  EXPECT_EQ(symbols, (std::set<std::string>{"_make_H3C_CAS_Instance_Handler",
-                                            "_gobble_H3C_CAS_Instance_Handler",
-                                            "_make_JSON_RPC_H3C_CAS_Test_Login_Handler",
-                                            "_gobble_JSON_RPC_H3C_CAS_Test_Login_Handler"}));
+  EXPECT_EQ(symbols,
+            (std::set<std::string>{
+                "_make_H3C_CAS_Instance_Handler", "_gobble_H3C_CAS_Instance_Handler",
+                "_make_JSON_RPC_H3C_CAS_Test_Login_Handler",
+                "_gobble_JSON_RPC_H3C_CAS_Test_Login_Handler",
+                "_make_JSON_RPC_H3C_CAS_List_Handler", "_gobble_JSON_RPC_H3C_CAS_List_Handler"}));
 }
 
 // The host fills the _gobble_ slot and destroys through it; null slots and objects are harmless.
 TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
   auto module = Module::load(kLibDir + "/h3ccas.module.json");
   ASSERT_NE(module, nullptr);
-  EXPECT_EQ(module->json_rpc_methods(), std::vector<std::string>{"h3ccas.test_login"});
+  EXPECT_EQ(module->json_rpc_methods(),
+            (std::vector<std::string>{"h3ccas.list", "h3ccas.test_login"}));
   auto instances = module->make_instance_handler();
   ASSERT_NE(instances, nullptr);
   EXPECT_EQ(instances->type(), "h3c-cas");
-  EXPECT_NE(std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(
-                module->make_json_rpc_handler("h3ccas.test_login")),
-            nullptr);
+  for (const char* method : {"h3ccas.test_login", "h3ccas.list"})
+    EXPECT_NE(
+        std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(module->make_json_rpc_handler(method)),
+        nullptr)
+        << method;
 
   std::unique_ptr<void, int (*)(void*)> lib(dlopen((kLibDir + "/libh3ccas.so").c_str(), RTLD_NOW),
                                             dlclose);

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -47,16 +48,24 @@ namespace h3ccas {
 // A CVM entry on 127.0.0.1 with a clear password.
 CVM_Info make_cvm(std::uint16_t port, const std::string& user, const std::string& password);
 
-// The client with its digest state open and a clock the test sets.
+// The client with its digest state open, a clock the test sets and task polls that do not sleep.
 class Test_Client : public RESTful_Client {
  public:
   explicit Test_Client(CVM_Info cvm) : RESTful_Client(std::move(cvm)) {}
   using RESTful_Client::auth_;
   using RESTful_Client::build_auth_header;
   std::time_t clock = 1700000000;
+  int sleeps = 0;
+  // Runs at each pause between polls, with the number of pauses so far.
+  std::function<void(int)> on_sleep;
 
  protected:
   std::time_t now() const override { return clock; }
+  void sleep_between_polls() override {
+    ++sleeps;
+    if (on_sleep)
+      on_sleep(sleeps);
+  }
 };
 
 }  // namespace h3ccas
@@ -85,7 +94,8 @@ class Digest_Peer {
   bool start();
   std::uint16_t port() const { return server_.port(); }
 
-  // The answer to signed requests on `path` (without query); unknown paths get 404.
+  // The answer to signed requests on `path`; one set for a path with its query wins over the
+  // bare path. Unknown paths get 404.
   void set(const std::string& path, Answer answer);
   // What requests without credentials get instead of a challenge.
   void answer_unsigned(Answer answer);

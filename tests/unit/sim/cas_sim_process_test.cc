@@ -17,6 +17,29 @@ namespace {
 const char kWorld[] = R"({"operators": [
     {"id": 1, "login_name": "admin", "password": "Adm1n pass", "group_id": 1},
     {"id": 2, "login_name": "auditor", "password": "aud", "group_id": 3}], "hosts": []})";
+// Three hosts: one with a single VM, one with two, one with none.
+const char kInventory[] = R"({
+  "operators": [{"id": 1, "login_name": "admin", "password": "Adm1n pass", "group_id": 1}],
+  "pools": [{"name": "p1", "path": "/vms/p1", "capacity_mib": 1000, "free_mib": 600,
+             "volumes": [{"name": "a.iso", "size_mib": 1.5}]}],
+  "port_profiles": [{"id": 5, "name": "Default", "vlan_id": 10}],
+  "hosts": [
+    {"id": 1, "name": "cvk1", "ip": "10.0.0.1",
+     "vswitches": [{"id": 1, "name": "vs0", "address": "10.0.0.1", "types": ["management", "backup"]}],
+     "vms": [{"id": 11, "uuid": "u11", "name": "solo", "title": "mid",
+              "disks": [{"device_name": "vda", "size_mib": 10240, "allocation_mib": 1024,
+                         "pool": "p1", "path": "/vms/p1/solo-vda", "cluster_size": 65536}],
+              "networks": [{"mac": "0c:da:41:00:00:01", "vswitch": "vs0", "profile": "Default"}],
+              "snapshots": [{"name": "s1", "internal": true,
+                             "snapshots": [{"name": "s2"}, {"name": "s3"}]}]}]},
+    {"id": 2, "name": "cvk2", "ip": "10.0.0.2", "status": "2", "memory_mib": 65536,
+     "vms": [{"id": 21, "uuid": "u21", "name": "b", "title": "zeta", "status": "shutOff",
+              "os": "Linux", "cpus": 4, "cpu_sockets": 2,
+              "disks": [{"device_name": "vda", "size_mib": 20, "pool": "p1", "path": "/vms/p1/b-vda"},
+                        {"device_name": "sda", "size_mib": 30, "file_type": "block",
+                         "format": "raw", "path": "/dev/sdb"}]},
+             {"id": 22, "uuid": "u22", "name": "c", "title": "alpha", "status": "paused"}]},
+    {"id": 3, "name": "cvk3", "ip": "10.0.0.3"}]})";
 const char kAdmin[] = "admin:Adm1n pass";
 const char kChallenge[] = "Digest realm=\"VMC RESTful Web Services\", qop=\"auth\", nonce=\"";
 const char kList[] = "/cas/casrs/operator/operatorInfoList";
@@ -41,7 +64,7 @@ struct Reply {
 class Cas_Sim_Test : public ::testing::Test {
  protected:
   void start(std::vector<std::string> argv = {}) {
-    write_text_file(dir_.file("world.json"), kWorld);
+    write_text_file(dir_.file("world.json"), world_);
     argv.insert(argv.begin(), {"cas-sim", "--world", dir_.file("world.json"), "--ready-file",
                                dir_.file("ready.json")});
     ASSERT_TRUE(sim_.start(argv, {}, dir_.file("sim.out")));
@@ -80,6 +103,14 @@ class Cas_Sim_Test : public ::testing::Test {
     return curl(target, "", args);
   }
 
+  // The answer of a signed GET that must succeed.
+  JSON_Value get(const std::string& target) {
+    Reply reply = curl(target);
+    EXPECT_EQ(reply.status, 200) << target << " " << reply.error_message << reply.err;
+    return reply.body.empty() ? JSON_Value() : reply.json();
+  }
+
+  std::string world_ = kWorld;
   Temp_Dir dir_;
   Test_Process sim_;
   std::string base_;
@@ -124,6 +155,138 @@ TEST_F(Cas_Sim_Test, DigestLoginServesTheCvmFollowsKnobsAndLogsEachRequest) {
   int status = sim_.stop();  // SIGTERM
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_NE(slurp(dir_.file("sim.out")).find("Stopping on signal"), std::string::npos);
+}
+
+// The values of `key` in each member of a CAS list (a bare object counts as one member).
+std::vector<std::string> column(const JSON_Value& list, const char* key) {
+  std::vector<std::string> out;
+  if (list.is_object())
+    out.push_back(list.value(key, ""));
+  else
+    for (const JSON_Value& member : list)
+      out.push_back(member.value(key, ""));
+  return out;
+}
+
+using Column = std::vector<std::string>;
+
+TEST_F(Cas_Sim_Test, ListsTheInventoryWithCasShapes) {
+  world_ = kInventory;
+  start();
+  EXPECT_EQ(column(get("/cas/casrs/host")["host"], "id"), Column({"1", "2", "3"}));
+  EXPECT_EQ(get("/cas/casrs/host/id/2"), JSON_Value::parse(R"({"id": "2", "name": "cvk2",
+      "ip": "10.0.0.2", "status": "2", "cpuCount": "2", "cpuCores": "8", "memorySize": "65536"})"));
+
+  // One member: a bare object; none: 200 without a body.
+  JSON_Value solo = get("/cas/casrs/vm/vmList?hostId=1&sortField=title")["domain"];
+  EXPECT_EQ(solo, JSON_Value::parse(R"({"id": "11", "uuid": "u11", "name": "solo", "title": "mid",
+      "vmStatus": "running", "hostId": "1", "hostName": "cvk1", "cpu": "1", "memory": "1024"})"));
+  Reply none = curl("/cas/casrs/vm/vmList?hostId=3&sortField=title");
+  EXPECT_EQ(none.status, 200);
+  EXPECT_TRUE(none.body.empty()) << none.body;
+  JSON_Value two = get("/cas/casrs/vm/vmList?hostId=2&sortField=title")["domain"];
+  EXPECT_EQ(column(two, "title"), Column({"alpha", "zeta"}));
+  EXPECT_EQ(column(two, "osDesc"), Column({"", "Linux"}));
+  EXPECT_EQ(column(two, "vmStatus"), Column({"paused", "shutOff"}));
+  EXPECT_EQ(column(get("/cas/casrs/vm/vmList?sortField=title")["domain"], "title"),
+            Column({"alpha", "mid", "zeta"}));
+  EXPECT_EQ(column(get("/cas/casrs/vm/vmList")["domain"], "title"),
+            Column({"mid", "zeta", "alpha"}));
+
+  JSON_Value detail = get("/cas/casrs/vm/detail/11");
+  EXPECT_EQ(detail["storage"], JSON_Value::parse(R"({"device": "disk", "deviceName": "vda",
+      "fileType": "file", "path": "/vms/p1/solo-vda", "format": "qcow2", "targetBus": "virtio",
+      "size": "10240", "allocation": "1024", "cacheType": "directsync", "mode": "2",
+      "clusterSize": "65536", "isShareStorage": "0", "storagePool": "p1"})"));
+  EXPECT_EQ(detail["network"]["vsName"], "vs0");
+  EXPECT_EQ(detail["basic"]["uuid"], "u11");
+  detail = get("/cas/casrs/vm/detail/21");
+  EXPECT_EQ(detail["cpu"], JSON_Value::parse(R"({"cpuSockets": "2", "cpuCores": "2"})"));
+  EXPECT_EQ(detail["memory"]["size"], "1024");
+  ASSERT_EQ(column(detail["storage"], "deviceName"), Column({"vda", "sda"}));
+  EXPECT_FALSE(detail["storage"][1].contains("mode"));  // a block device has none
+  EXPECT_FALSE(get("/cas/casrs/vm/detail/22").contains("storage"));
+
+  EXPECT_EQ(get("/cas/casrs/vm/snapshot/11"), JSON_Value::parse(R"({"snapshot":
+      {"name": "solo", "snapshotMode": "0", "snapshots": {"snapshot":
+      {"name": "s1", "snapshotMode": "1", "snapshots": {"snapshot":
+      [{"name": "s2", "snapshotMode": "0"}, {"name": "s3", "snapshotMode": "0"}]}}}}})"));
+  EXPECT_FALSE(get("/cas/casrs/vm/snapshot/22")["snapshot"].contains("snapshots"));
+  EXPECT_EQ(get("/cas/casrs/vm/11/capabilities")["supportCbt"], "true");
+
+  JSON_Value vswitch = get("/cas/casrs/host/id/1/vswitch")["vSwitch"];
+  EXPECT_EQ(vswitch.value("networkType", ""), "9");
+  EXPECT_EQ(vswitch.value("address", ""), "10.0.0.1");
+  JSON_Value pool = get("/cas/casrs/storage/pool?hostId=2")["storagePool"];
+  EXPECT_EQ(pool.value("totalSize", "") + " " + pool.value("freeSize", ""), "1000 600");
+  JSON_Value volumes = get("/cas/casrs/storage/volume?hostId=1&poolName=p1")["storageVolume"];
+  EXPECT_EQ(column(volumes, "name"), Column({"a.iso", "solo-vda", "b-vda"}));
+  EXPECT_EQ(column(volumes, "size"), Column({"1.5", "10240", "20"}));
+  EXPECT_EQ(get("/cas/casrs/profile")["portProfile"]["vlanId"], "10");
+}
+
+TEST_F(Cas_Sim_Test, RefusesUnknownIdsAndTheUnfilteredListOnDemand) {
+  world_ = kInventory;
+  start();
+  struct Case {
+    const char* target;
+    int status;
+    const char* error_message;
+  };
+  const Case cases[] = {
+      {"/cas/casrs/host/id/9", 404, "主机不存在"},
+      {"/cas/casrs/host/id/x/vswitch", 404, "主机不存在"},
+      {"/cas/casrs/vm/vmList?hostId=9", 404, "主机不存在"},
+      {"/cas/casrs/vm/vmList?sortField=size", 400, "不支持的排序字段"},
+      {"/cas/casrs/vm/detail/12", 404, "虚拟机不存在"},
+      {"/cas/casrs/vm/1/capabilities", 404, "虚拟机不存在"},
+      {"/cas/casrs/vm/snapshot/-11", 404, "虚拟机不存在"},
+      {"/cas/casrs/storage/pool", 400, "缺少参数hostId"},
+      {"/cas/casrs/storage/volume?hostId=1", 400, "缺少参数poolName"},
+      {"/cas/casrs/storage/volume?hostId=1&poolName=p2", 404, "存储池不存在"},
+      {"/cas/casrs/message/1", 404, "消息不存在"},
+  };
+  for (const Case& c : cases) {
+    Reply reply = curl(c.target);
+    EXPECT_EQ(reply.status, c.status) << c.target;
+    EXPECT_EQ(reply.error_code, std::to_string(c.status)) << c.target;
+    EXPECT_EQ(reply.error_message, c.error_message) << c.target;
+    EXPECT_TRUE(reply.body.empty()) << c.target << " " << reply.body;
+  }
+
+  ASSERT_EQ(control("PUT", "/sim/knobs", R"({"vm_list_conflict": true})").status, 200);
+  Reply conflict = curl("/cas/casrs/vm/vmList?sortField=title");
+  EXPECT_EQ(conflict.status, 409);
+  EXPECT_EQ(conflict.error_code, "409");
+  EXPECT_FALSE(conflict.error_message.empty());
+  EXPECT_TRUE(conflict.body.empty()) << conflict.body;
+  EXPECT_EQ(get("/cas/casrs/vm/vmList?hostId=1&sortField=title")["domain"]["id"], "11");
+}
+
+TEST_F(Cas_Sim_Test, TasksReportProgressUntilTheirOutcome) {
+  start();
+  // A task far from its end shows no outcome yet.
+  Reply started = control("POST", "/sim/tasks", R"({"duration_ms": 600000})");
+  ASSERT_EQ(started.status, 200) << started.body;
+  JSON_Value progress = get("/cas/casrs/message/" + started.json().value("msgId", ""));
+  EXPECT_EQ(progress["completed"], "false");
+  EXPECT_FALSE(progress.contains("result"));
+
+  started = control("POST", "/sim/tasks",
+                    R"({"duration_ms": 0, "result": "1", "fail_msg": "存储空间不足"})");
+  ASSERT_EQ(started.status, 200) << started.body;
+  progress = get("/cas/casrs/message/" + started.json().value("msgId", ""));
+  EXPECT_EQ(progress, JSON_Value::parse(R"({"msgId": ")" + started.json().value("msgId", "") +
+                                        R"(", "completed": "true", "progress": "100",
+      "result": "1", "failMsg": "存储空间不足"})"));
+
+  // Without a duration the knob decides.
+  ASSERT_EQ(control("PUT", "/sim/knobs", R"({"task_duration_ms": 0})").status, 200);
+  started = control("POST", "/sim/tasks", R"({"target_id": "33"})");
+  progress = get("/cas/casrs/message/" + started.json().value("msgId", ""));
+  EXPECT_EQ(progress.value("completed", "") + progress.value("result", "") +
+                progress.value("targetId", ""),
+            "true033");
 }
 
 TEST_F(Cas_Sim_Test, RefusesTheCasWayWithoutData) {
@@ -206,6 +369,10 @@ TEST_F(Cas_Sim_Test, ControlApiRefusesBadRequests) {
       {"DELETE", "/sim/faults?id=99", "", 404, "no fault 99"},
       {"GET", "/sim/nothing", "", 404, "no control route '/sim/nothing'"},
       {"POST", "/sim/world", "{}", 405, "method POST not allowed on '/sim/world'"},
+      {"PUT", "/sim/knobs", R"({"vm_list_conflict": 1})", 400,
+       "'vm_list_conflict' is expected as boolean"},
+      {"POST", "/sim/tasks", R"({"duration_ms": -1})", 400, "'duration_ms' is expected as"},
+      {"POST", "/sim/tasks", R"({"fail": "x"})", 400, "unknown key 'fail'"},
   };
   for (const Case& c : cases) {
     Reply reply = control(c.method, c.target, c.body);
