@@ -5,6 +5,7 @@
 // VM list of each host in turn; prints a table and writes the numbers as JSON.
 //
 //   inventory_bench [--runs N] [--world FILE] [--out FILE]
+#include "bench/results.h"
 #include "host/core/paths.h"
 #include "host/core/text.h"
 #include "tests/integration/stack.h"
@@ -13,7 +14,6 @@
 #include <cctype>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -213,19 +213,7 @@ int run(const Options& opts) {
     return 1;
 
   print_table(results, hosts.size(), names.size(), opts.runs);
-  std::string dir = opts.out.substr(0, opts.out.rfind('/'));
-  if (opts.out.find('/') != std::string::npos && !make_dirs(dir, 0755)) {
-    report("cannot create '" + dir + "'");
-    return 1;
-  }
-  std::ofstream file(opts.out, std::ios::trunc);
-  file << to_json(results, opts, hosts.size(), names.size()).dump(2) << "\n";
-  if (!file.flush()) {
-    report("cannot write '" + opts.out + "'");
-    return 1;
-  }
-  printf("Results written to %s\n", opts.out.c_str());
-  return 0;
+  return write_results(opts.out, to_json(results, opts, hosts.size(), names.size())) ? 0 : 1;
 }
 
 }  // namespace

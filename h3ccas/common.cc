@@ -675,4 +675,266 @@ void convert_to_array(const JSON_Value& value, JSON_Value::array_t& out) {
   }
 }
 
+bool VM_Backup_Params::load(const JSON_Value& params) {
+  JSON_Value cvm;
+  JSON_Value io_opts;
+  std::string backup_type;
+  try {
+    json_extract(params, "cvm", cvm);
+    json_extract_object(params, "io_opts", io_opts);
+    json_extract(params, "host_id", host_id_);
+    json_extract(params, "host_name", host_name_);
+    json_extract(params, "host_ip", host_ip_);
+    json_extract(params, "vm_id", vm_id_);
+    json_extract(params, "vm_name", vm_name_);
+    json_extract(params, "def_id", def_id_);
+    json_extract(params, "pool_url", pool_url_);
+    json_extract(params, "backup_type", backup_type);
+    json_extract(params, "parallel_disks_per_vm", opts_.parallel_disks_per_vm_);
+    json_extract(params, "restart_vm", opts_.restart_vm_);
+    // Unchecked: a policy this side does not know acts as None.
+    int no_cbt = 0;
+    json_extract(params, "no_cbt", no_cbt);
+    opts_.no_cbt_ = static_cast<No_CBT_Opts>(no_cbt);
+    json_extract(params, "resource_uuid", resource_uuid_);
+    json_extract(params, "access_key", access_key_);
+    json_extract(params, "vm_title", vm_title_);
+    json_extract(params, "backupd_host", backupd_host_);
+    std::int64_t port = 0;
+    json_extract(params, "backupd_port", port);
+    backupd_port_ = static_cast<std::uint16_t>(port);
+    json_extract(params, "backupd_ssl", backupd_ssl_);
+    json_extract(params, "retry_seconds", retry_seconds_);
+    json_extract_object(params, "catalog", catalog_);
+    json_extract(params, "read_buffer_size", opts_.read_buffer_size_);
+    json_extract(params, "vm_uuid", vm_uuid_);
+    json_extract(params, "storage_reserved_percent", opts_.storage_reserved_percent_);
+    json_extract(params, "parallel_workers_per_disk", opts_.parallel_workers_per_disk_);
+    json_extract(params, "storage_reserved_bytes", opts_.storage_reserved_bytes_);
+    json_extract(params, "enable_cbt", opts_.enable_cbt_);
+    json_extract(params, "cvd_target_addr", cvd_target_addr_);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid CAS backup params: %s.\n", e.what()));
+    return false;
+  }
+  // The agent sends the password in clear.
+  if (!cvm_.load(cvm, false)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS backup params: invalid CVM.\n"));
+    return false;
+  }
+  if (!(io_opts_ << io_opts)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS backup params: invalid I/O options.\n"));
+    return false;
+  }
+  backup_type_ = job_def_subtype_from_string(backup_type.data(), backup_type.size());
+  return true;
+}
+
+JSON_Value VM_Backup_Params::dump() const {
+  JSON_Value io_opts = JSON_Value::object();
+  io_opts_ >> io_opts;
+  return {{"cvm", cvm_.dump()},
+          {"io_opts", std::move(io_opts)},
+          {"host_id", host_id_},
+          {"host_name", host_name_},
+          {"host_ip", host_ip_},
+          {"vm_id", vm_id_},
+          {"vm_name", vm_name_},
+          {"vm_uuid", vm_uuid_},
+          {"def_id", def_id_},
+          {"pool_url", pool_url_},
+          {"backup_type", job_def_subtype_to_string(backup_type_)},
+          {"resource_uuid", resource_uuid_},
+          {"access_key", access_key_},
+          {"backupd_host", backupd_host_},
+          {"backupd_port", backupd_port_},
+          {"backupd_ssl", backupd_ssl_},
+          {"retry_seconds", retry_seconds_},
+          {"catalog", catalog_},
+          {"vm_title", vm_title_},
+          {"parallel_disks_per_vm", opts_.parallel_disks_per_vm_},
+          {"parallel_workers_per_disk", opts_.parallel_workers_per_disk_},
+          {"restart_vm", opts_.restart_vm_},
+          {"no_cbt", static_cast<int>(opts_.no_cbt_)},
+          {"enable_cbt", opts_.enable_cbt_},
+          {"storage_reserved_percent", opts_.storage_reserved_percent_},
+          {"storage_reserved_bytes", opts_.storage_reserved_bytes_},
+          {"read_buffer_size", opts_.read_buffer_size_},
+          {"cvd_target_addr", cvd_target_addr_}};
+}
+
+bool VM_Restore_Params::load(const JSON_Value& params) {
+  JSON_Value cvm;
+  JSON_Value io_opts;
+  JSON_Value disks;
+  JSON_Value nics;
+  try {
+    json_extract(params, "source_host_id", source_host_id_);
+    json_extract(params, "source_host_name", source_host_name_);
+    json_extract(params, "source_vm_id", source_vm_id_);
+    json_extract(params, "source_vm_name", source_vm_name_);
+    json_extract(params, "target_host_id", target_host_id_);
+    json_extract(params, "target_host_ip", target_host_ip_);
+    json_extract(params, "target_host_name_", target_host_name_);
+    json_extract(params, "target_vm_name", target_vm_name_);
+    json_extract(params, "existing_vm_id", existing_vm_id_);
+    json_extract(params, "timepoint", timepoint_);
+    json_extract(params, "bak_resource_uuid", bak_resource_uuid_);
+    json_extract(params, "access_key", access_key_);
+    json_extract(params, "backupd_host", backupd_host_);
+    json_extract(params, "backupd_port", backupd_port_);
+    json_extract(params, "backupd_ssl", backupd_ssl_);
+    json_extract(params, "retry_seconds", retry_seconds_);
+    json_extract(params, "cvm", cvm);
+    json_extract_object(params, "io_opts", io_opts);
+    json_extract_array(params, "disks", disks);
+    json_extract(params, "catalog_uuid", catalog_uuid_);
+    json_extract_array(params, "nics", nics);
+    json_extract(params, "def_id", def_id_);
+    json_extract(params, "cpu_count", cpu_count_);
+    json_extract(params, "cpu_cores", cpu_cores_);
+    json_extract(params, "memory_mbytes", memory_mbytes_);
+    json_extract(params, "parallel_disks_per_vm", opts_.parallel_disks_per_vm_);
+    json_extract(params, "start_vm", opts_.start_vm_);
+    json_extract(params, "reserve_mac", opts_.reserve_mac_);
+    json_extract(params, "write_buffer_size", opts_.write_buffer_size_);
+    json_extract(params, "original_restore", opts_.original_restore_);
+    json_extract(params, "overwrite_vm", opts_.overwrite_vm_);
+    json_extract(params, "pool_uuid", opts_.pool_uuid_);
+    json_extract(params, "cvd_target_addr", cvd_target_addr_);
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid CAS restore params: %s.\n", e.what()));
+    return false;
+  }
+  if (!cvm_.load(cvm, false)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS restore params: invalid CVM.\n"));
+    return false;
+  }
+  if (!(io_opts_ << io_opts)) {
+    LOG_MSG((LM_ERROR, "Invalid CAS restore params: invalid I/O options.\n"));
+    return false;
+  }
+  return load_disks(disks) && load_nics(nics);
+}
+
+bool VM_Restore_Params::load_disks(const JSON_Value& disks) {
+  try {
+    disks_.reserve(disks_.size() + disks.size());
+    for (const JSON_Value& item : disks) {
+      const JSON_Value& d = json_object(item);
+      Disk disk;
+      json_extract(d, "source_path", disk.source_path_);
+      json_extract(d, "target_pool_name", disk.pool_name_);
+      json_extract(d, "target_pool_path", disk.pool_path_);
+      json_extract(d, "target_pool_type", disk.pool_type_);
+      bool block = is_cas_block_storage(disk.pool_type_);
+      // The agent sends CAS's code string ("2" is thin); an integer names the mode itself
+      // (2 is lazy-zeroed).
+      if (const JSON_Value* mode = json_find(d, "provisioning_mode")) {
+        if (mode->is_string()) {
+          disk.provisioning_mode_ =
+              str_to_provision_mode(mode->get_ref<const std::string&>().c_str());
+        } else if (mode->is_number_integer()) {
+          std::int64_t n = mode->get<std::int64_t>();
+          disk.provisioning_mode_ =
+              n >= THIN && n <= EAGER_ZEROED ? static_cast<Provisioning_Mode>(n) : UNKNOWN;
+        } else {
+          json_throw_type("provisioning_mode", "string or integer");
+        }
+      } else if (!block) {
+        throw JSON_Error("missing key 'provisioning_mode'");
+      }
+      json_extract(d, "target_volume_name", disk.volume_name_, block);
+      disks_.push_back(std::move(disk));
+    }
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid CAS VM restore params for disks: %s.\n", e.what()));
+    return false;
+  }
+  return true;
+}
+
+bool VM_Restore_Params::load_nics(const JSON_Value& nics) {
+  try {
+    nics_.reserve(nics_.size() + nics.size());
+    for (const JSON_Value& item : nics) {
+      NIC nic;
+      json_extract(item, "virtual_switch_id", nic.virtual_switch_id_);
+      json_extract(item, "virtual_switch_name", nic.virtual_switch_name_);
+      json_extract(item, "network_profile_id", nic.network_profile_id_);
+      json_extract(item, "network_profile_name", nic.network_profile_name_);
+      nics_.push_back(std::move(nic));
+    }
+  } catch (const std::exception& e) {
+    LOG_MSG((LM_ERROR, "Invalid CAS VM restore params for networks: %s.\n", e.what()));
+    return false;
+  }
+  return true;
+}
+
+JSON_Value VM_Restore_Params::dump() const {
+  JSON_Value io_opts = JSON_Value::object();
+  io_opts_ >> io_opts;
+  JSON_Value disks = JSON_Value::array();
+  for (const Disk& d : disks_)
+    disks.push_back({{"source_path", d.source_path_},
+                     {"provisioning_mode", provision_mode_to_str(d.provisioning_mode_)},
+                     {"target_pool_name", d.pool_name_},
+                     {"target_pool_path", d.pool_path_},
+                     {"target_pool_type", d.pool_type_},
+                     {"target_volume_name", d.volume_name_}});
+  JSON_Value nics = JSON_Value::array();
+  for (const NIC& n : nics_)
+    nics.push_back({{"virtual_switch_id", n.virtual_switch_id_},
+                    {"virtual_switch_name", n.virtual_switch_name_},
+                    {"network_profile_id", n.network_profile_id_},
+                    {"network_profile_name", n.network_profile_name_}});
+  return {{"cvm", cvm_.dump()},
+          {"io_opts", std::move(io_opts)},
+          {"disks", std::move(disks)},
+          {"nics", std::move(nics)},
+          {"source_host_id", source_host_id_},
+          {"source_host_name", source_host_name_},
+          {"source_vm_id", source_vm_id_},
+          {"source_vm_name", source_vm_name_},
+          {"target_host_id", target_host_id_},
+          {"target_host_ip", target_host_ip_},
+          {"target_host_name_", target_host_name_},
+          {"target_vm_name", target_vm_name_},
+          {"cvd_target_addr", cvd_target_addr_},
+          {"existing_vm_id", existing_vm_id_},
+          {"timepoint", timepoint_},
+          {"bak_resource_uuid", bak_resource_uuid_},
+          {"def_id", def_id_},
+          {"catalog_uuid", catalog_uuid_},
+          {"access_key", access_key_},
+          {"backupd_host", backupd_host_},
+          {"backupd_port", backupd_port_},
+          {"backupd_ssl", backupd_ssl_},
+          {"retry_seconds", retry_seconds_},
+          {"cpu_count", cpu_count_},
+          {"cpu_cores", cpu_cores_},
+          {"memory_mbytes", memory_mbytes_},
+          {"pool_uuid", opts_.pool_uuid_},
+          {"parallel_disks_per_vm", opts_.parallel_disks_per_vm_},
+          {"write_buffer_size", opts_.write_buffer_size_},
+          {"start_vm", opts_.start_vm_},
+          {"original_restore", opts_.original_restore_},
+          {"reserve_mac", opts_.reserve_mac_},
+          {"overwrite_vm", opts_.overwrite_vm_}};
+}
+
+JSON_Value VM_Histories::eject() {
+  JSON_Value out = JSON_Value::array();
+  for (auto& [uuid, h] : histories_) {
+    JSON_Value entry = {
+        {"uuid", uuid},          {"host", std::move(h.host)}, {"name", std::move(h.vm_name)},
+        {"size", h.source_size}, {"set_size", h.set_size},    {"storaged_size", h.storage_size},
+        {"succeed", h.succeeded}};
+    out.push_back(std::move(entry));
+  }
+  histories_.clear();
+  return out;
+}
+
 }  // namespace h3ccas

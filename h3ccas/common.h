@@ -1,14 +1,18 @@
 // Conversions of CAS strings into numbers, enumerations and paths, the connection record of one
 // CVM, and the records of the CAS inventory. Each record loads from CVM's camel-case JSON (false
 // after one log line; a record that failed to load is discarded) and dumps to the module's own
-// snake-case JSON.
+// snake-case JSON. Also the parameters of one VM's backup or restore, which the agent dumps and a
+// servant loads, and the table of per-VM outcomes of a job.
 #pragma once
 
 #include "host/core/crypto.h"
 #include "host/core/json.h"
+#include "host/job/subtype.h"
+#include "host/storage/options.h"
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace h3ccas {
@@ -263,5 +267,141 @@ bool is_cas_block_storage(const std::string& pool_type);
 // CAS sends a one-member list as the bare member: appends the members of an array, or the object
 // itself, to `out` (not cleared); anything else appends nothing.
 void convert_to_array(const JSON_Value& value, JSON_Value::array_t& out);
+
+// Everything a servant needs to back up one VM. The agent fills it and sends dump() as the
+// parameters of "h3ccas.exec"; the servant rebuilds it with load(). Every key is required.
+class VM_Backup_Params {
+ public:
+  struct Options {
+    bool restart_vm_ = false;  // after an offline backup stopped the VM
+    No_CBT_Opts no_cbt_ = No_CBT_Opts::None;
+    // Free space that must stay in a CAS storage pool, in bytes and in percent.
+    std::uint64_t storage_reserved_bytes_ = 100ull << 30;
+    int storage_reserved_percent_ = 10;
+    int parallel_disks_per_vm_ = 1;
+    int parallel_workers_per_disk_ = 1;
+    int read_buffer_size_ = 0;  // bytes of one disk read
+    bool enable_cbt_ = false;
+  };
+
+  // False after one log line; the values read before the fault stay. Numbers are taken as they
+  // are (the agent validated them), except "backupd_port", which is cut to 16 bits.
+  bool load(const JSON_Value& params);
+  // The 28 keys, the CVM password in clear.
+  JSON_Value dump() const;
+  const std::string& host_id() const { return host_id_; }
+
+  CVM_Info cvm_;
+  Client_IO_Base::Options io_opts_;
+  Options opts_;
+  std::string host_id_;  // the CVK running the VM
+  std::string host_name_;
+  std::string host_ip_;
+  std::string cvd_target_addr_;  // where the CVK's disk service is reached
+  std::string vm_id_;
+  std::string vm_name_;
+  std::string vm_title_;
+  std::string vm_uuid_;
+  std::string def_id_;
+  std::string pool_url_;  // the storage pool receiving the data
+  std::string resource_uuid_;
+  std::string access_key_;
+  std::string backupd_host_;
+  std::uint16_t backupd_port_ = 0;
+  bool backupd_ssl_ = false;
+  Job_Definition_Subtype backup_type_ = Job_Definition_Subtype::Unknown;  // carried as its name
+  int retry_seconds_ = 0;
+  JSON_Value catalog_ = JSON_Value::object();  // handed to the catalog client unchanged
+};
+
+// Everything a servant needs to restore one VM; written and read like VM_Backup_Params.
+class VM_Restore_Params {
+ public:
+  struct Options {
+    std::string pool_uuid_;
+    int parallel_disks_per_vm_ = 1;
+    int write_buffer_size_ = 0;
+    bool start_vm_ = false;
+    bool original_restore_ = false;
+    bool reserve_mac_ = false;
+    bool overwrite_vm_ = false;
+  };
+
+  // Where one source disk goes. File storage needs a provisioning mode, block storage a volume.
+  struct Disk {
+    std::string source_path_;  // as in the backed-up VM and its catalog entry
+    std::string pool_name_;
+    std::string pool_path_;
+    std::string pool_type_;
+    std::string volume_name_;
+    Provisioning_Mode provisioning_mode_ = UNKNOWN;
+  };
+
+  // The network a card of the new VM joins.
+  struct NIC {
+    std::string virtual_switch_id_;
+    std::string virtual_switch_name_;
+    std::string network_profile_id_;
+    std::string network_profile_name_;
+  };
+
+  // False after one log line; the values read before the fault stay.
+  bool load(const JSON_Value& params);
+  JSON_Value dump() const;
+
+  CVM_Info cvm_;
+  Client_IO_Base::Options io_opts_;
+  Options opts_;
+  std::vector<Disk> disks_;
+  std::vector<NIC> nics_;
+  std::string source_host_id_;
+  std::string source_host_name_;
+  std::string source_vm_id_;
+  std::string source_vm_name_;
+  std::string target_host_id_;
+  std::string target_host_ip_;
+  std::string target_host_name_;  // key "target_host_name_", underscore included
+  std::string target_vm_name_;
+  std::string cvd_target_addr_;
+  std::string existing_vm_id_;  // a VM of the target name, deleted when overwriting
+  std::string timepoint_;
+  std::string bak_resource_uuid_;
+  std::string def_id_;
+  std::string catalog_uuid_;  // the backup set to restore
+  std::string access_key_;
+  std::string backupd_host_;
+  std::uint16_t backupd_port_ = 0;
+  bool backupd_ssl_ = false;
+  int retry_seconds_ = 0;
+  // 0 keeps the source VM's value.
+  int cpu_count_ = 0;
+  int cpu_cores_ = 0;
+  std::uint64_t memory_mbytes_ = 0;
+
+ private:
+  // Append to disks_ / nics_; entries read before a fault stay.
+  bool load_disks(const JSON_Value& disks);
+  bool load_nics(const JSON_Value& nics);
+};
+
+// The outcome of one VM of a job.
+struct VM_History {
+  std::string host;
+  std::string vm_name;
+  std::uint64_t set_size = 0;
+  std::uint64_t source_size = 0;
+  std::uint64_t storage_size = 0;
+  bool succeeded = false;
+};
+
+// Outcomes by VM id.
+class VM_Histories {
+ public:
+  // One object per VM ("uuid", "host", "name", "size", "set_size", "storaged_size", "succeed"),
+  // in no particular order; the table is left empty.
+  JSON_Value eject();
+
+  std::unordered_map<std::string, VM_History> histories_;
+};
 
 }  // namespace h3ccas

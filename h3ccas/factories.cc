@@ -1,5 +1,6 @@
 // The module's entry points, found by name by the host. Each _make_ has a _gobble_ twin so that
 // objects are allocated and released inside the module.
+#include "h3ccas/servant/exec_handler.h"
 #include "h3ccas/websvcs_agent/instance_handler.h"
 #include "h3ccas/websvcs_agent/list_handler.h"
 #include "h3ccas/websvcs_agent/test_login_handler.h"
@@ -44,4 +45,14 @@ MODULE_EXPORT void _gobble_JSON_RPC_H3C_CAS_List_Handler(JSON_RPC_Handler* obj) 
 MODULE_EXPORT JSON_RPC_Handler* _make_JSON_RPC_H3C_CAS_List_Handler(
     void (**gobble)(JSON_RPC_Handler*)) {
   return make_object<h3ccas::List_Handler>(gobble, _gobble_JSON_RPC_H3C_CAS_List_Handler);
+}
+
+// Served by the servant only: the manifest lists it under "servant_jsonrpc".
+MODULE_EXPORT void _gobble_JSON_RPC_H3C_CAS_Exec_Handler(JSON_RPC_Handler* obj) {
+  delete obj;
+}
+
+MODULE_EXPORT JSON_RPC_Handler* _make_JSON_RPC_H3C_CAS_Exec_Handler(
+    void (**gobble)(JSON_RPC_Handler*)) {
+  return make_object<h3ccas::Exec_Handler>(gobble, _gobble_JSON_RPC_H3C_CAS_Exec_Handler);
 }

@@ -30,7 +30,7 @@ step() { printf '\n== %s\n' "$*"; }
 
 bin=$repo/build/bin
 step "Starting cas-sim with the default world"
-"$bin/cas-sim" --world sim/cas/worlds/default.json --listen 127.0.0.1:0 \
+"$bin/cas-sim" --world sim/cas/worlds/default.json --listen 127.0.0.1:0 --cvd-listen 127.0.0.1:0 \
   --ready-file "$BRIMLET_ROOT/sim.json" --data "$BRIMLET_ROOT/sim" --log "$BRIMLET_ROOT/sim.log" &
 pids+=($!)
 wait_for "$BRIMLET_ROOT/sim.json"

@@ -81,6 +81,49 @@ bool write_file_atomic(const std::string& path, const std::string& data, mode_t 
   return true;
 }
 
+bool create_script_file(const std::string& content, std::string& path, const char* suffix) {
+  const std::string sfx = suffix ? suffix : "";
+  if (sfx.find('/') != std::string::npos) {
+    LOG_MSG((LM_ERROR, "Invalid script file suffix '%s'.\n", sfx.c_str()));
+    return false;
+  }
+  const std::string dir = rooted_path("/var/opt/quorvex/brimlet5/tmp");
+  if (!make_dirs(dir, 0750))
+    return false;
+  std::string name = dir + "/script-XXXXXX" + sfx;
+  // mkstemps makes the name unique and the file 0600.
+  int fd = ::mkostemps(&name[0], static_cast<int>(sfx.size()), O_CLOEXEC);
+  if (fd < 0) {
+    LOG_MSG((LM_ERROR, "Failed to create a script file in '%s': %m.\n", dir.c_str()));
+    return false;
+  }
+  const char* p = content.data();
+  std::size_t left = content.size();
+  while (left > 0) {
+    ssize_t n = ::write(fd, p, left);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      break;
+    p += n;
+    left -= static_cast<std::size_t>(n);
+  }
+  bool written = left == 0 && ::fsync(fd) == 0;
+  int saved = errno;
+  if (::close(fd) != 0 && written) {
+    written = false;
+    saved = errno;
+  }
+  if (!written) {
+    errno = saved;
+    LOG_MSG((LM_ERROR, "Failed to write script file '%s': %m.\n", name.c_str()));
+    ::unlink(name.c_str());
+    return false;
+  }
+  path = std::move(name);
+  return true;
+}
+
 Path_Conf::Path_Conf(const char* dir_pattern, const char* component, const char* file_name,
                      mode_t dir_mode)
     : dir_pattern_(dir_pattern),

@@ -20,6 +20,11 @@ bool make_dirs(const std::string& dir, mode_t mode);
 bool read_file(const std::string& path, std::string& out);
 bool write_file_atomic(const std::string& path, const std::string& data, mode_t mode);
 
+// Writes `content` into a fresh file of its own (mode 0600, name ending in `suffix`) under
+// <root>/var/opt/quorvex/brimlet5/tmp and gives its path; the caller removes it. The file is
+// written completely or not at all. False after one log line.
+bool create_script_file(const std::string& content, std::string& path, const char* suffix);
+
 // A path built from a pattern with "$COMPONENT" standing for a component name, placed under the
 // install root; get() also creates the directory part with the given mode.
 class Path_Conf {

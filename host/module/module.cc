@@ -24,11 +24,13 @@ std::shared_ptr<Module> Module::load(const std::string& manifest_path) {
     json_extract(m->manifest_, "library", library);
     std::string instance_handler;
     json_extract(m->manifest_, "instance_handler", instance_handler, false);
-    JSON_Value methods = JSON_Value::object();
-    if (json_extract_object(m->manifest_, "jsonrpc", methods, false))
-      for (auto& [method, factory] : methods.items())
-        if (!factory.is_string())
-          json_throw_type(method.c_str(), "string");
+    for (const char* section : {"jsonrpc", "servant_jsonrpc"}) {
+      JSON_Value methods = JSON_Value::object();
+      if (json_extract_object(m->manifest_, section, methods, false))
+        for (auto& [method, factory] : methods.items())
+          if (!factory.is_string())
+            json_throw_type(method.c_str(), "string");
+    }
   } catch (const std::exception& e) {
     LOG_MSG((LM_ERROR, "Invalid module manifest '%s': %s.\n", manifest_path.c_str(), e.what()));
     return nullptr;
@@ -49,8 +51,9 @@ std::shared_ptr<Module> Module::load(const std::string& manifest_path) {
   std::vector<std::string> suffixes;
   if (m->manifest_.contains("instance_handler"))
     suffixes.push_back(m->manifest_["instance_handler"].get<std::string>());
-  for (const auto& method : m->json_rpc_methods())
-    suffixes.push_back(m->manifest_["jsonrpc"][method].get<std::string>());
+  for (const char* section : {"jsonrpc", "servant_jsonrpc"})
+    for (const auto& method : m->methods_in(section))
+      suffixes.push_back(m->manifest_[section][method].get<std::string>());
   for (const auto& s : suffixes)
     if (!m->symbol("_make_" + s) || !m->symbol("_gobble_" + s))
       return nullptr;
@@ -60,8 +63,16 @@ std::shared_ptr<Module> Module::load(const std::string& manifest_path) {
 Module::~Module() = default;
 
 std::vector<std::string> Module::json_rpc_methods() const {
+  return methods_in("jsonrpc");
+}
+
+std::vector<std::string> Module::servant_json_rpc_methods() const {
+  return methods_in("servant_jsonrpc");
+}
+
+std::vector<std::string> Module::methods_in(const char* section) const {
   std::vector<std::string> out;
-  auto it = manifest_.find("jsonrpc");
+  auto it = manifest_.find(section);
   if (it != manifest_.end() && it->is_object())
     for (auto& [method, factory] : it->items())
       out.push_back(method);
@@ -81,9 +92,19 @@ void Module::report_factory_failure(const std::string& suffix, bool made) {
 }
 
 std::shared_ptr<JSON_RPC_Handler> Module::make_json_rpc_handler(const std::string& method) {
-  auto it = manifest_.find("jsonrpc");
+  return make_handler_in("jsonrpc", method);
+}
+
+std::shared_ptr<JSON_RPC_Handler> Module::make_servant_json_rpc_handler(const std::string& method) {
+  return make_handler_in("servant_jsonrpc", method);
+}
+
+std::shared_ptr<JSON_RPC_Handler> Module::make_handler_in(const char* section,
+                                                          const std::string& method) {
+  auto it = manifest_.find(section);
   if (it == manifest_.end() || !it->contains(method)) {
-    LOG_MSG((LM_ERROR, "Module '%s' serves no method '%s'.\n", name_.c_str(), method.c_str()));
+    LOG_MSG((LM_ERROR, "Module '%s' serves no method '%s' in '%s'.\n", name_.c_str(),
+             method.c_str(), section));
     return nullptr;
   }
   return make<JSON_RPC_Handler>((*it)[method].get<std::string>());

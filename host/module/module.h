@@ -43,8 +43,10 @@ class Instance_Handler {
 // The manifest ("<name>.module.json"):
 //   {"name": "h3ccas", "library": "libh3ccas.so",
 //    "instance_handler": "H3C_CAS_Instance_Handler",
-//    "jsonrpc": {"h3ccas.test_login": "JSON_RPC_H3C_CAS_Test_Login_Handler", ...}}
-// "library" is relative to the manifest's folder unless absolute.
+//    "jsonrpc": {"h3ccas.test_login": "JSON_RPC_H3C_CAS_Test_Login_Handler", ...},
+//    "servant_jsonrpc": {"h3ccas.exec": "JSON_RPC_H3C_CAS_Exec_Handler"}}
+// "library" is relative to the manifest's folder unless absolute. The agent serves "jsonrpc";
+// a servant process serves only "servant_jsonrpc".
 class Module : public std::enable_shared_from_this<Module> {
  public:
   // Null after one log line when the manifest or the library cannot be loaded, or a factory
@@ -55,8 +57,11 @@ class Module : public std::enable_shared_from_this<Module> {
   const std::string& name() const { return name_; }
   // Methods in the manifest's "jsonrpc" map.
   std::vector<std::string> json_rpc_methods() const;
+  // Methods in the manifest's "servant_jsonrpc" map.
+  std::vector<std::string> servant_json_rpc_methods() const;
   // Objects keep the module loaded while they live. Null after one log line on failure.
   std::shared_ptr<JSON_RPC_Handler> make_json_rpc_handler(const std::string& method);
+  std::shared_ptr<JSON_RPC_Handler> make_servant_json_rpc_handler(const std::string& method);
   std::shared_ptr<Instance_Handler> make_instance_handler();
 
   // Any factory by its name suffix: "_make_<suffix>" / "_gobble_<suffix>".
@@ -78,6 +83,8 @@ class Module : public std::enable_shared_from_this<Module> {
  private:
   Module() = default;
   void* symbol(const std::string& name);
+  std::vector<std::string> methods_in(const char* section) const;
+  std::shared_ptr<JSON_RPC_Handler> make_handler_in(const char* section, const std::string& method);
   template <class T>
   std::shared_ptr<T> factory_failed(const std::string& suffix, T* obj) {
     report_factory_failure(suffix, obj != nullptr);

@@ -6,6 +6,7 @@
 #include "host/core/service.h"
 #include "host/http/server.h"
 #include "sim/cas/control.h"
+#include "sim/cas/cvd_service.h"
 #include "sim/cas/cvm_api.h"
 #include "sim/cas/simulator.h"
 
@@ -14,19 +15,25 @@
 namespace {
 
 const char usage_text[] =
-    "usage: cas-sim --world FILE [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE]\n"
-    "               [--ready-file FILE] [--data DIR] [--log FILE]\n"
+    "usage: cas-sim --world FILE [--listen HOST:PORT] [--cvd-listen HOST:PORT]\n"
+    "               [--tls-cert FILE --tls-key FILE] [--ready-file FILE] [--data DIR]\n"
+    "               [--log FILE]\n"
     "  --world FILE       the simulated installation (JSON, see sim/cas/README.md)\n"
     "  --listen HOST:PORT address to serve on (default 127.0.0.1:0; port 0 picks a free one)\n"
+    "  --cvd-listen HOST:PORT  address of the disk service cvd-ds (default 127.0.0.1:8192)\n"
     "  --tls-cert, --tls-key  PEM certificate and key: serve HTTPS\n"
-    "  --ready-file FILE  written once listening: {\"host\": ..., \"http_port\": N}\n"
-    "  --data DIR         the simulator's state folder (created when missing)\n"
+    "  --ready-file FILE  written once listening:\n"
+    "                     {\"host\": ..., \"http_port\": N, \"cvd_port\": M}\n"
+    "  --data DIR         the simulator's state folder, disk images included (created when\n"
+    "                     missing)\n"
     "  --log FILE         log file (appended), besides stderr\n";
 
 struct Options {
   std::string world;
   std::string host = "127.0.0.1";
   std::uint16_t port = 0;
+  std::string cvd_host = "127.0.0.1";
+  std::uint16_t cvd_port = 8192;
   std::string tls_cert;
   std::string tls_key;
   std::string ready_file;
@@ -46,14 +53,16 @@ bool parse_options(int argc, char** argv, Options& options) {
       {"--tls-key", &options.tls_key}, {"--ready-file", &options.ready_file},
       {"--data", &options.data_dir},   {"--log", &options.log_file},
   };
-  std::string listen;
+  std::string listen, cvd_listen;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
       options.help = true;
       return true;
     }
-    std::string* target = arg == "--listen" ? &listen : nullptr;
+    std::string* target = arg == "--listen"       ? &listen
+                          : arg == "--cvd-listen" ? &cvd_listen
+                                                  : nullptr;
     for (const Value_Option& v : values)
       if (arg == v.name)
         target = v.target;
@@ -74,6 +83,11 @@ bool parse_options(int argc, char** argv, Options& options) {
   if (!listen.empty() && !parse_listen(listen, options.host, options.port)) {
     LOG_MSG((LM_ERROR, "Invalid --listen '%s': expected HOST:PORT with a port up to 65535.\n",
              listen.c_str()));
+    return false;
+  }
+  if (!cvd_listen.empty() && !parse_listen(cvd_listen, options.cvd_host, options.cvd_port)) {
+    LOG_MSG((LM_ERROR, "Invalid --cvd-listen '%s': expected HOST:PORT with a port up to 65535.\n",
+             cvd_listen.c_str()));
     return false;
   }
   if (options.tls_cert.empty() != options.tls_key.empty()) {
@@ -125,18 +139,27 @@ int main(int argc, char** argv) {
   server_options.threads = 32;
   if (!server.start(server_options))
     return 1;
+  cas_sim::CVD_Service cvd(sim);
+  if (!cvd.start(options.cvd_host, options.cvd_port)) {
+    server.stop();
+    return 1;
+  }
   const char* scheme = options.tls_cert.empty() ? "http" : "https";
-  LOG_MSG((LM_INFO, "Playing CVM '%s' at %s://%s:%d.\n", sim.version().c_str(), scheme,
-           options.host.c_str(), static_cast<int>(server.port())));
+  LOG_MSG((LM_INFO, "Playing CVM '%s' at %s://%s:%d, disk service at %s:%d.\n",
+           sim.version().c_str(), scheme, options.host.c_str(), static_cast<int>(server.port()),
+           options.cvd_host.c_str(), static_cast<int>(cvd.port())));
   if (!options.ready_file.empty() &&
-      !write_ready_file(options.ready_file,
-                        {{"host", options.host}, {"http_port", server.port()}})) {
+      !write_ready_file(
+          options.ready_file,
+          {{"host", options.host}, {"http_port", server.port()}, {"cvd_port", cvd.port()}})) {
+    cvd.stop();
     server.stop();
     return 1;
   }
 
   int signal_number = wait_stop_signal();
   LOG_MSG((LM_INFO, "Stopping on signal %d.\n", signal_number));
+  cvd.stop();
   server.stop();
   return 0;
 }

@@ -1,9 +1,10 @@
 // The running simulator's shared state: the world (changeable through the control API), the
-// digest verifier, the asynchronous tasks and the request log. Every member function is
-// thread-safe.
+// digest verifier, the asynchronous tasks, the request log and the disk images. Every member
+// function is thread-safe.
 #pragma once
 
 #include "sim/cas/digest.h"
+#include "sim/cas/disk_store.h"
 #include "sim/cas/request_log.h"
 #include "sim/cas/tasks.h"
 #include "sim/cas/world.h"
@@ -16,7 +17,7 @@ namespace cas_sim {
 
 class Simulator {
  public:
-  // `data_dir`: where state that outlives a request lives (disks, later); may be empty.
+  // `data_dir`: where state that outlives a request lives (the disk images); may be empty.
   Simulator(World world, std::string data_dir);
 
   World world() const;
@@ -47,6 +48,7 @@ class Simulator {
   Digest_Verifier& digest() { return digest_; }
   Request_Log& requests() { return requests_; }
   Task_Engine& tasks() { return tasks_; }
+  Disk_Store& disks() { return disks_; }
   const std::string& data_dir() const { return data_dir_; }
 
  private:
@@ -57,6 +59,7 @@ class Simulator {
   Request_Log requests_;
   Task_Engine tasks_;
   const std::string data_dir_;
+  Disk_Store disks_{*this};
 };
 
 }  // namespace cas_sim

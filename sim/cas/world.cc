@@ -217,6 +217,25 @@ constexpr std::int64_t max_mib = std::int64_t(1) << 40;
 const char* const vswitch_type_names[] = {"management", "service",   "storage",
                                           "backup",     "migration", "other"};
 
+const char* const content_pattern_names[] = {"empty", "random", "text", "zeros_and_random"};
+
+// Without "allocated_percent", as much of the disk as the CVM reports allocated holds data.
+Disk_Content parse_content(const JSON_Value& obj, const Disk& disk) {
+  check_keys(obj, {"pattern", "allocated_percent", "seed"});
+  Disk_Content content;
+  std::string pattern;
+  json_extract(obj, "pattern", pattern);
+  auto it = std::find(std::begin(content_pattern_names), std::end(content_pattern_names), pattern);
+  if (it == std::end(content_pattern_names))
+    json_throw_type("pattern", "one of empty, random, text, zeros_and_random");
+  content.pattern =
+      static_cast<Disk_Content::Pattern>(std::distance(std::begin(content_pattern_names), it));
+  content.allocated_percent = static_cast<int>(disk.allocation_mib * 100 / disk.size_mib);
+  extract_in_range(obj, "allocated_percent", content.allocated_percent, 0, 100);
+  json_extract(obj, "seed", content.seed, false);
+  return content;
+}
+
 Disk parse_disk(const JSON_Value& obj, const Inventory_Index& index) {
   check_keys(obj, {"device", "device_name", "size_mib", "allocation_mib", "format", "file_type",
                    "pool", "path", "target_bus", "cache_type", "provisioning", "cluster_size",
@@ -243,7 +262,8 @@ Disk parse_disk(const JSON_Value& obj, const Inventory_Index& index) {
   extract_in_range<std::int64_t>(obj, "cluster_size", disk.cluster_size, 0, 1 << 30);
   json_extract(obj, "backing_file", disk.backing_file, false);
   json_extract(obj, "shared", disk.shared, false);
-  json_extract(obj, "content", disk.content, false);
+  if (const JSON_Value* content = json_find(obj, "content"))
+    within("content", [&] { disk.content = parse_content(*content, disk); });
   return disk;
 }
 
@@ -590,8 +610,10 @@ JSON_Value dump_disk(const Disk& disk) {
   put_text(out, "pool", disk.pool);
   put_text(out, "provisioning", disk.provisioning);
   put_text(out, "backing_file", disk.backing_file);
-  if (!disk.content.is_null())
-    out["content"] = disk.content;
+  if (disk.content)
+    out["content"] = {{"pattern", content_pattern_names[static_cast<int>(disk.content->pattern)]},
+                      {"allocated_percent", disk.content->allocated_percent},
+                      {"seed", disk.content->seed}};
   return out;
 }
 

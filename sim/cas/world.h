@@ -6,6 +6,7 @@
 #include "sim/cas/tasks.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,15 @@ struct Knobs {
   bool vm_list_conflict = false;     // the VM list without hostId answers 409, as a large CAS does
 };
 
+// What the disk service writes into a disk the first time it serves it: `allocated_percent` of the
+// disk in extents of data, the rest holes. The same seed gives the same bytes.
+struct Disk_Content {
+  enum class Pattern { EMPTY, RANDOM, TEXT, ZEROS_AND_RANDOM };
+  Pattern pattern = Pattern::EMPTY;
+  int allocated_percent = 0;
+  std::uint64_t seed = 0;
+};
+
 // A virtual disk of a VM; its image is a volume of `pool`.
 struct Disk {
   std::string device = "disk";  // CAS device kind: "disk" or "cdrom"
@@ -43,7 +53,7 @@ struct Disk {
   std::int64_t cluster_size = 0;  // bytes; 0: not reported
   std::string backing_file;
   bool shared = false;
-  JSON_Value content;  // what the disk service seeds it with, kept as given; null: nothing
+  std::optional<Disk_Content> content;  // none: the disk starts empty
 };
 
 struct Nic {

@@ -37,6 +37,8 @@ std::uint16_t Stack::start_sim(const std::string& name, const std::string& world
                                    world_file,
                                    "--listen",
                                    "127.0.0.1:0",
+                                   "--cvd-listen",
+                                   "127.0.0.1:0",
                                    "--ready-file",
                                    ready,
                                    "--data",

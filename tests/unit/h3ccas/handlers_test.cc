@@ -119,15 +119,21 @@ TEST(Cas_Module_Surface, ExportsExactlyTheFactories) {
                 "_make_H3C_CAS_Instance_Handler", "_gobble_H3C_CAS_Instance_Handler",
                 "_make_JSON_RPC_H3C_CAS_Test_Login_Handler",
                 "_gobble_JSON_RPC_H3C_CAS_Test_Login_Handler",
-                "_make_JSON_RPC_H3C_CAS_List_Handler", "_gobble_JSON_RPC_H3C_CAS_List_Handler"}));
+                "_make_JSON_RPC_H3C_CAS_List_Handler", "_gobble_JSON_RPC_H3C_CAS_List_Handler",
+                "_make_JSON_RPC_H3C_CAS_Exec_Handler", "_gobble_JSON_RPC_H3C_CAS_Exec_Handler"}));
 }
 
 // The host fills the _gobble_ slot and destroys through it; null slots and objects are harmless.
 TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
   auto module = Module::load(kLibDir + "/h3ccas.module.json");
   ASSERT_NE(module, nullptr);
+  // "h3ccas.exec" is the servant's alone: the agent does not serve it.
   EXPECT_EQ(module->json_rpc_methods(),
             (std::vector<std::string>{"h3ccas.list", "h3ccas.test_login"}));
+  EXPECT_EQ(module->servant_json_rpc_methods(), std::vector<std::string>{"h3ccas.exec"});
+  EXPECT_NE(std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(
+                module->make_servant_json_rpc_handler("h3ccas.exec")),
+            nullptr);
   auto instances = module->make_instance_handler();
   ASSERT_NE(instances, nullptr);
   EXPECT_EQ(instances->type(), "h3c-cas");

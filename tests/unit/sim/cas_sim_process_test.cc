@@ -66,11 +66,12 @@ class Cas_Sim_Test : public ::testing::Test {
   void start(std::vector<std::string> argv = {}) {
     write_text_file(dir_.file("world.json"), world_);
     argv.insert(argv.begin(), {"cas-sim", "--world", dir_.file("world.json"), "--ready-file",
-                               dir_.file("ready.json")});
+                               dir_.file("ready.json"), "--cvd-listen", "127.0.0.1:0"});
     ASSERT_TRUE(sim_.start(argv, {}, dir_.file("sim.out")));
     JSON_Value ready;
     ASSERT_TRUE(sim_.wait_ready(dir_.file("ready.json"), ready)) << slurp(dir_.file("sim.out"));
     ASSERT_EQ(ready.value("host", ""), "127.0.0.1");
+    ASSERT_GT(ready.value("cvd_port", 0), 0);
     base_ = "127.0.0.1:" + std::to_string(ready.value("http_port", 0));
   }
 
@@ -410,6 +411,7 @@ TEST(Cas_Sim_Options, BadOptionsAndWorldsFailWithOneClearLine) {
       {{"--world"}, 2, "Option '--world' needs a value"},
       {{"--world", good, "--port", "1"}, 2, "Unknown option '--port'"},
       {{"--world", good, "--listen", "127.0.0.1:65536"}, 2, "Invalid --listen '127.0.0.1:65536'"},
+      {{"--world", good, "--cvd-listen", "8192"}, 2, "Invalid --cvd-listen '8192'"},
       {{"--world", good, "--tls-cert", good}, 2, "Options --tls-cert and --tls-key go together"},
       {{"--world", dir.file("absent.json")}, 1, "Failed to read world file"},
       {{"--world", bad}, 1, "operators[0]: missing key 'password'"},

@@ -1,0 +1,49 @@
+#include "h3ccas/servant/exec_handler.h"
+
+#include "h3ccas/common.h"
+
+#include <string>
+
+namespace h3ccas {
+
+int Exec_Handler::handle_object_i(std::shared_ptr<JSON_RPC_Channel> chn,
+                                  std::shared_ptr<JSON_RPC_Object> obj) {
+  const JSON_RPC_Request* request = answerable_request(chn, obj);
+  if (!request)
+    return -1;
+  const JSON_RPC_Request& req = *request;
+  if (!req.params().is_object())
+    return chn->send_error(JSON_RPC_INVALID_PARAMS, req.id(),
+                           "Invalid params: params type must be object.");
+  const JSON_Value* action = json_find(req.params(), "action");
+  if (!action || !action->is_string())
+    return chn->send_error(JSON_RPC_INVALID_PARAMS, req.id(),
+                           "Invalid params: 'action' is expected as string in params.");
+  if (!loader_.inited() && !loader_.init())
+    return chn->send_error(JSON_RPC_INTERNAL_ERROR, req.id(), "Failed to load CAS libcvd.");
+
+  const std::string& name = action->get_ref<const std::string&>();
+  if (name == "backup")
+    return backup(*chn, req);
+  if (name == "restore")
+    return restore(*chn, req);
+  return chn->send_error(JSON_RPC_INVALID_PARAMS, req.id(), "Invalid value on params.action.");
+}
+
+int Exec_Handler::backup(JSON_RPC_Channel& chn, const JSON_RPC_Request& req) {
+  VM_Backup_Params params;
+  if (!params.load(req.params()))
+    return chn.send_error(JSON_RPC_INVALID_PARAMS, req.id(), "");
+  // No backup engine is built into the module yet.
+  return chn.send_error(JSON_RPC_INTERNAL_ERROR, req.id(), "VM backup is not available yet.");
+}
+
+int Exec_Handler::restore(JSON_RPC_Channel& chn, const JSON_RPC_Request& req) {
+  VM_Restore_Params params;
+  if (!params.load(req.params()))
+    return chn.send_error(JSON_RPC_INVALID_PARAMS, req.id(), "");
+  // No restore engine is built into the module yet.
+  return chn.send_error(JSON_RPC_INTERNAL_ERROR, req.id(), "VM restore is not available yet.");
+}
+
+}  // namespace h3ccas

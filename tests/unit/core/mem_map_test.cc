@@ -1,0 +1,234 @@
+#include "host/core/mem_map.h"
+#include "host/core/log.h"
+#include "host/core/paths.h"
+#include "host/job/activity.h"
+#include "tests/support/temp_dir.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+struct Sample {
+  std::uint64_t counter;
+  std::int32_t flag;
+  char text[20];
+};
+
+struct Sample_Conf {
+  static constexpr const char* dir_pattern = "/var/test/$COMPONENT";
+  static constexpr const char* component = "sample";
+};
+
+using Sample_Handle = Mem_Map_Handle<Sample, Sample_Conf, 256>;
+
+// Descriptors of this process open on `path`.
+std::vector<int> fds_on(const std::string& path) {
+  std::vector<int> fds;
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr)
+    return fds;
+  while (dirent* e = readdir(dir)) {
+    char target[4096];
+    std::string link = std::string("/proc/self/fd/") + e->d_name;
+    ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+    if (n > 0 && path == std::string(target, static_cast<std::size_t>(n)))
+      fds.push_back(std::atoi(e->d_name));
+  }
+  closedir(dir);
+  return fds;
+}
+
+bool is_mapped(const std::string& path) {
+  std::string maps;
+  return read_file("/proc/self/maps", maps) && maps.find(path) != std::string::npos;
+}
+
+// Log records written while it lives.
+struct Log_Records {
+  Log_Records() {
+    id = add_log_sink([this](ACE_Log_Priority, const std::string& line) { lines.push_back(line); });
+  }
+  ~Log_Records() { remove_log_sink(id); }
+  std::vector<std::string> lines;
+  int id;
+};
+
+class Mem_Map_Test : public ::testing::Test {
+ protected:
+  void SetUp() override { setenv("BRIMLET_ROOT", root_.path().c_str(), 1); }
+  void TearDown() override { unsetenv("BRIMLET_ROOT"); }
+  std::string sample_dir(const std::string& id) const {
+    return root_.path() + "/var/test/sample/" + id;
+  }
+
+  Temp_Dir root_;
+};
+
+TEST_F(Mem_Map_Test, StoresAreSharedAcrossHandlesProcessesAndTheFile) {
+  Sample_Handle writer;
+  ASSERT_TRUE(writer.open("run-1", "rec", true, true, 0750));
+  const std::string path = sample_dir("run-1") + "/rec";
+  EXPECT_EQ(writer.path(), path);
+  struct stat st {};
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, 256);
+  EXPECT_EQ(writer->counter, 0u);
+  writer->counter = 7;
+  std::strcpy(writer->text, "agent");
+
+  Sample_Handle reader;
+  ASSERT_TRUE(reader.open("run-1", "rec", false, true, 0750));
+  EXPECT_EQ(reader->counter, 7u);
+  EXPECT_STREQ(reader->text, "agent");
+  reader->flag = 3;
+  EXPECT_EQ(writer->flag, 3);
+
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    Sample_Handle child;
+    bool ok = child.open("run-1", "rec", false, true, 0750);
+    if (ok)
+      child->counter += 100;
+    _exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(writer->counter, 107u);
+
+  // A moved handle keeps the mapping; the emptied one has none.
+  Sample_Handle moved = std::move(writer);
+  EXPECT_EQ(writer.get(), nullptr);
+  EXPECT_EQ(moved->counter, 107u);
+  moved.close();
+  reader.close();
+  EXPECT_EQ(moved.get(), nullptr);
+  EXPECT_EQ(reader.path(), "");
+
+  std::string bytes;
+  ASSERT_TRUE(read_file(path, bytes));
+  ASSERT_EQ(bytes.size(), 256u);
+  Sample on_disk;
+  std::memcpy(&on_disk, bytes.data(), sizeof on_disk);
+  EXPECT_EQ(on_disk.counter, 107u);
+  EXPECT_EQ(on_disk.flag, 3);
+  EXPECT_STREQ(on_disk.text, "agent");
+}
+
+TEST_F(Mem_Map_Test, ModesDescriptorsAndRelease) {
+  const mode_t saved_mask = umask(022);
+  const struct {
+    const char* id;
+    mode_t dir_mode;
+    bool close_on_exec;
+  } cases[] = {{"a", 0750, true}, {"b", 0700, false}};
+  for (const auto& c : cases) {
+    std::string path;
+    {
+      Sample_Handle h;
+      ASSERT_TRUE(h.open(c.id, "rec", true, c.close_on_exec, c.dir_mode)) << c.id;
+      path = h.path();
+      struct stat st {};
+      ASSERT_EQ(stat(sample_dir(c.id).c_str(), &st), 0);
+      EXPECT_EQ(st.st_mode & 07777, c.dir_mode) << c.id;
+      ASSERT_EQ(stat(path.c_str(), &st), 0);
+      EXPECT_EQ(st.st_mode & 07777, 0640u) << c.id;
+      std::vector<int> fds = fds_on(path);
+      ASSERT_EQ(fds.size(), 1u) << c.id;
+      EXPECT_EQ((fcntl(fds[0], F_GETFD) & FD_CLOEXEC) != 0, c.close_on_exec) << c.id;
+      EXPECT_TRUE(is_mapped(path)) << c.id;
+    }
+    EXPECT_TRUE(fds_on(path).empty()) << c.id;
+    EXPECT_FALSE(is_mapped(path)) << c.id;
+  }
+  umask(saved_mask);
+}
+
+TEST_F(Mem_Map_Test, RefusedOpensLogOnceAndLeaveTheHandleClosed) {
+  const std::string check = "Unexpected error in host/core/mem_map.cc:";
+  const struct {
+    const char* id;
+    const char* basename;
+    bool create;
+    std::string message;
+  } cases[] = {
+      {nullptr, "rec", true, "id is NULL or \"\":\n"},
+      {"", "rec", true, "id is NULL or \"\":\n"},
+      {"run", nullptr, true, "basename is NULL or \"\":\n"},
+      {"run", "", true, "basename is NULL or \"\":\n"},
+      {"..", "rec", true, "Invalid name '../rec' of a memory-mapped file.\n"},
+      {"run", "a/b", true, "Invalid name 'run/a/b' of a memory-mapped file.\n"},
+      {"run", "missing", false,
+       "Failed to memory map " + sample_dir("run") +
+           "/missing, errno=2, No such file or directory\n"},
+  };
+  for (const auto& c : cases) {
+    Sample_Handle h;
+    ASSERT_TRUE(h.open("prev", "rec", true, true, 0750));
+    Log_Records log;
+    EXPECT_FALSE(h.open(c.id, c.basename, c.create, true, 0750)) << c.message;
+    EXPECT_EQ(h.get(), nullptr) << c.message;
+    EXPECT_EQ(h.path(), "") << c.message;
+    ASSERT_EQ(log.lines.size(), 1u) << c.message;
+    EXPECT_NE(log.lines[0].find(c.message), std::string::npos) << log.lines[0];
+    if (c.message.find("NULL") != std::string::npos) {
+      EXPECT_NE(log.lines[0].find(check), std::string::npos) << log.lines[0];
+    }
+  }
+  // Opening without create makes no directory either.
+  EXPECT_NE(access(sample_dir("run").c_str(), F_OK), 0);
+}
+
+TEST_F(Mem_Map_Test, JobActivityIsSharedByJobUid) {
+  Job_Activity_Handle agent;
+  ASSERT_TRUE(open_job_activity(agent, "job-7", true));
+  EXPECT_EQ(agent.path(), root_.path() + "/var/opt/quorvex/brimlet5/jobs/job-7/activity");
+  EXPECT_EQ(agent->state, Job_Activity::pending);
+  EXPECT_EQ(Job_Activity::text(agent->job_uid), "");
+  agent->state = Job_Activity::running;
+  agent->stored_size = 1ull << 40;
+  ASSERT_TRUE(Job_Activity::set_text(agent->job_uid, "job-7"));
+  ASSERT_TRUE(Job_Activity::set_text(agent->run_id, std::string(63, 'r')));
+
+  Job_Activity_Handle servant;
+  ASSERT_TRUE(open_job_activity(servant, "job-7", false));
+  EXPECT_EQ(servant->state, Job_Activity::running);
+  EXPECT_EQ(servant->stored_size, 1ull << 40);
+  EXPECT_EQ(Job_Activity::text(servant->job_uid), "job-7");
+  EXPECT_EQ(Job_Activity::text(servant->run_id), std::string(63, 'r'));
+
+  {
+    Log_Records log;
+    EXPECT_FALSE(Job_Activity::set_text(servant->run_id, std::string(64, 'x')));
+    EXPECT_EQ(log.lines.size(), 1u);
+  }
+  EXPECT_EQ(Job_Activity::text(agent->run_id), std::string(63, 'r'));
+  // A field another process left unterminated is cut at its end.
+  std::memset(agent->previous_run_id, 'p', Job_Activity::id_capacity);
+  EXPECT_EQ(Job_Activity::text(servant->previous_run_id),
+            std::string(Job_Activity::id_capacity, 'p'));
+
+  servant->reset();
+  EXPECT_EQ(agent->state, Job_Activity::pending);
+  EXPECT_EQ(agent->stored_size, 0u);
+  EXPECT_EQ(Job_Activity::text(agent->job_uid), "");
+  EXPECT_EQ(Job_Activity::text(agent->previous_run_id), "");
+
+  Job_Activity_Handle absent;
+  EXPECT_FALSE(open_job_activity(absent, "job-8", false));
+}
+
+}  // namespace
