@@ -9,7 +9,8 @@
 // The storage-pool clients (one driver per URL scheme) derive from this class.
 class Client_IO_Base {
  public:
-  enum class Compression { None = 0, Zstd = 1, Lz4 = 2, Zlib = 3 };
+  // 0 is no method: an unknown name. Image records store these numbers as their codec.
+  enum class Compression { Zstd = 1, Lz4 = 2, Zlib = 3, None = 4 };
   // Direct: this process opens the pool itself. Proxy: the data goes through the backup server.
   enum class Access_Mode { Direct = 0, Proxy = 1 };
 

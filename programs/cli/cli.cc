@@ -29,9 +29,17 @@ const char usage_text[] =
     "                       ignoring case; --ip matches host addresses only\n"
     "  verify CVM NAME...   which of these VM names exist (exit status 1 when some do not)\n"
     "\n"
-    "  CVM is a registered CVM's uuid or name, HOST a host id or name.\n"
+    "  pool add --name NAME --url file:///DIR [--compression zstd|lz4|zlib|none] [--level N]\n"
+    "                       register a storage pool (default compression zstd level 3)\n"
+    "  pool list            list storage pools\n"
+    "  sets list [--cvm CVM] [--host HOST] [--vm VM]\n"
+    "                       backup sets, newest first, with the full set each belongs to\n"
+    "  sets show SET        every field of a backup set, its disks and pieces\n"
+    "\n"
+    "  CVM is a registered CVM's uuid or name, HOST a host id or name, VM a VM id or name,\n"
+    "  SET a backup set's uuid.\n"
     "  --config FILE        the agent configuration (default %s)\n"
-    "  --json               machine-readable output (the agent's answer as is)\n";
+    "  --json               machine-readable output (the agent's or server's answer as is)\n";
 
 int fail(const std::string& message) {
   fprintf(stderr, "brimlet: %s\n", message.c_str());

@@ -1,5 +1,6 @@
 // What every brimlet command shares: the parsed command line, the one-line failure reports, and
-// the two peers (the backup server for the CVM registry, the local agent for module methods).
+// the two peers (the backup server for the CVM registry, pools and catalog, the local agent for
+// module methods).
 #pragma once
 
 #include "host/core/json.h"

@@ -54,24 +54,6 @@ const Columns profile_columns = {{"NAME", "name"},
                                  {"NET LIMIT", "net_limit_title"},
                                  {"DESCRIPTION", "description"}};
 
-// Any value as table text: strings as they are, booleans as yes/no, arrays joined by commas,
-// null as nothing.
-std::string text(const JSON_Value& value) {
-  if (value.is_null())
-    return "";
-  if (value.is_string())
-    return value.get<std::string>();
-  if (value.is_boolean())
-    return value.get<bool>() ? "yes" : "no";
-  if (value.is_array()) {
-    std::string out;
-    for (std::size_t i = 0; i < value.size(); ++i)
-      out += (i ? "," : "") + text(value[i]);
-    return out;
-  }
-  return value.dump();
-}
-
 std::string cell(const JSON_Value& record, const Column& column) {
   const JSON_Value* value = record.is_object() ? json_find(record, column.key) : nullptr;
   if (!value)
@@ -81,7 +63,7 @@ std::string cell(const JSON_Value& record, const Column& column) {
     std::string out;  // binary units, one decimal: "2.0 GiB"
     return Pretty_Formatter(1).size_formatter(column.format == MIB ? n << 20 : n, out);
   }
-  return text(*value);
+  return cell_text(*value);
 }
 
 std::string field(const JSON_Value& record, const char* key) {

@@ -1,10 +1,12 @@
-// brimlet: the command line for administrators. Registry commands go to the backup server, module
-// commands to the local agent; both are found through the agent's configuration.
+// brimlet: the command line for administrators. Registry, pool and catalog commands go to the
+// backup server, module commands to the local agent; both are found through the agent's
+// configuration.
 #include "host/core/crypto.h"
 #include "host/core/identity.h"
 #include "host/core/log.h"
 #include "host/core/service.h"
 #include "host/core/text.h"
+#include "programs/cli/catalog.h"
 #include "programs/cli/cli.h"
 #include "programs/cli/inventory.h"
 #include "programs/cli/table.h"
@@ -205,6 +207,14 @@ int main(int argc, char** argv) {
                                  : nullptr;
     if (!command)
       return usage_error("unknown command 'cvm " + verb + "'");
+  } else if (area == "pool" || area == "sets") {
+    std::string verb = cli.take();
+    if (area == "pool")
+      command = verb == "add" ? pool_add : verb == "list" ? pool_list : nullptr;
+    else
+      command = verb == "list" ? sets_list : verb == "show" ? sets_show : nullptr;
+    if (!command)
+      return usage_error("unknown command '" + area + " " + verb + "'");
   } else if (area == "ls") {
     command = inventory_ls;
   } else if (area == "search") {

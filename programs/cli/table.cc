@@ -50,3 +50,19 @@ void Table::print(std::ostream& out) const {
     out << line << "\n";
   }
 }
+
+std::string cell_text(const JSON_Value& value) {
+  if (value.is_null())
+    return "";
+  if (value.is_string())
+    return value.get<std::string>();
+  if (value.is_boolean())
+    return value.get<bool>() ? "yes" : "no";
+  if (value.is_array()) {
+    std::string out;
+    for (std::size_t i = 0; i < value.size(); ++i)
+      out += (i ? "," : "") + cell_text(value[i]);
+    return out;
+  }
+  return value.dump();
+}

@@ -1,6 +1,8 @@
 // Aligned text tables for terminal output.
 #pragma once
 
+#include "host/core/json.h"
+
 #include <ostream>
 #include <string>
 #include <vector>
@@ -17,3 +19,7 @@ class Table {
  private:
   std::vector<std::vector<std::string>> rows_;
 };
+
+// Any value as table text: strings as they are, booleans as yes/no, arrays joined by commas,
+// null as nothing, objects as compact JSON.
+std::string cell_text(const JSON_Value& value);

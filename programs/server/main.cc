@@ -10,6 +10,7 @@
 #include "host/core/paths.h"
 #include "host/core/service.h"
 #include "host/http/server.h"
+#include "programs/server/catalog.h"
 #include "programs/server/cvm_registry.h"
 #include "programs/server/db.h"
 #include "programs/server/keys.h"
@@ -177,6 +178,8 @@ int serve(const Settings& s) {
   }
   Access_Keys keys(db);
   CVM_Registry cvm(db, keys, master);
+  Storage_Pools pools(db, keys);
+  Catalog catalog(db, keys);
 
   HTTP_Server server;
   server.route(HTTP_Method::GET, "/k4/r/health",
@@ -184,6 +187,8 @@ int serve(const Settings& s) {
                  resp.json({{"ok", true}});
                });
   cvm.add_routes(server);
+  pools.add_routes(server);
+  catalog.add_routes(server);
   if (!server.start(http))
     return 1;
   if (http.tls_cert.empty() && !is_loopback(http.host))

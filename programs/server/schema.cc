@@ -28,6 +28,28 @@ const std::vector<Migration>& server_schema() {
        "  extended_attrs TEXT NOT NULL,"
        "  created INTEGER NOT NULL,"
        "  UNIQUE (host, port, username));"},
+      {2,
+       "CREATE TABLE pool ("
+       "  uuid TEXT PRIMARY KEY,"
+       "  name TEXT NOT NULL UNIQUE COLLATE NOCASE,"
+       "  url TEXT NOT NULL,"
+       "  io_options TEXT NOT NULL,"
+       "  created INTEGER NOT NULL);"
+       // body: the set as committed. The columns beside it are copies of its keys that the
+       // views filter and chain by.
+       "CREATE TABLE backup_set ("
+       "  uuid TEXT PRIMARY KEY,"
+       "  resource_uuid TEXT NOT NULL,"
+       "  host_uuid TEXT NOT NULL,"
+       "  host_id TEXT NOT NULL,"
+       "  vm_id TEXT NOT NULL,"
+       "  base TEXT NOT NULL,"
+       "  start_time INTEGER NOT NULL,"
+       "  pool_uuid TEXT NOT NULL REFERENCES pool (uuid),"
+       "  body TEXT NOT NULL,"
+       "  committed INTEGER NOT NULL);"
+       "CREATE INDEX backup_set_vm ON backup_set (resource_uuid, host_id, vm_id, start_time);"
+       "CREATE INDEX backup_set_host_uuid ON backup_set (host_uuid, start_time);"},
   };
   return migrations;
 }
