@@ -1,5 +1,6 @@
 #include "h3ccas/common.h"
 
+#include "host/catalog/server_api.h"
 #include "host/core/identity.h"
 #include "host/core/log.h"
 #include "host/core/text.h"
@@ -16,8 +17,8 @@ namespace h3ccas {
 namespace {
 
 // The key the backup server encrypts stored CVM passwords with for its agents.
-const char s_password_key[] = "P!L@O#V$A%R^N&3157";
-const unsigned long s_password_key_length = 18;
+const char* const s_password_key = server_api::cvm_password_seal_key;
+const unsigned long s_password_key_length = server_api::cvm_password_seal_key_length;
 
 struct Provision_Mode_Entry {
   const char* key;
@@ -242,7 +243,7 @@ JSON_Value CVM_Info::dump() const {
 }
 
 bool CVM_Info::load_from_server(const std::string& uuid) {
-  HTTP_Request req(HTTP_Method::GET, "/k4/r/h3ccas/cvm");
+  HTTP_Request req(HTTP_Method::GET, server_api::cvm_route);
   // The server encrypts the password for the agent named by "with_password".
   HTTP_Query_String_Builder(req.query())
       .append("uuid", uuid)

@@ -1,6 +1,7 @@
 #include "host/catalog/catalog.h"
 
 #include "host/catalog/retry.h"
+#include "host/catalog/server_api.h"
 #include "host/core/log.h"
 #include "host/http/client.h"
 
@@ -76,7 +77,7 @@ bool RESTful_Catalog_Operator::call_i(const char* what, HTTP_Request& req, const
   bool ok = run_with_retries(retry_seconds_, [&] {
     auto session = HTTP_Session_Factory::create(host_, static_cast<std::uint16_t>(port_), ssl_,
                                                 nullptr, 1, nullptr, false, connect_timeout);
-    if (!session || !session->headers().put("X-Access-Key", access_key_))
+    if (!session || !session->headers().put(server_api::access_key_header, access_key_))
       return Attempt::Failed;
     JSON_HTTP_Session json(std::move(session), 1, 120);
     bool sent = json.send(req, body, resp, &answer);
@@ -95,7 +96,7 @@ bool RESTful_Catalog_Operator::call_i(const char* what, HTTP_Request& req, const
 bool RESTful_Catalog_Operator::commit(const Backup_Set& set) {
   JSON_Value body;
   set.dump(body);
-  HTTP_Request req(HTTP_Method::POST, std::string("/k4/r/catalog/") + set.area());
+  HTTP_Request req(HTTP_Method::POST, server_api::catalog_route + set.area());
   req.headers().put("Content-Type", "application/json");
   JSON_Value answer;
   return call_i("commit backup set", req, &body, answer);
@@ -103,7 +104,7 @@ bool RESTful_Catalog_Operator::commit(const Backup_Set& set) {
 
 bool RESTful_Catalog_Operator::get_view(const std::string& area, const std::string& view,
                                         const JSON_Value& filter, JSON_Value& answer) {
-  HTTP_Request req(HTTP_Method::GET, "/k4/r/catalog/" + area + "/view/" + view);
+  HTTP_Request req(HTTP_Method::GET, server_api::catalog_route + area + "/view/" + view);
   HTTP_Query_String_Builder query(req.query());
   if (!filter.is_null() && !filter.is_object()) {
     LOG_MSG((LM_ERROR, "Invalid filter of catalog view '%s': %s.\n", view.c_str(),

@@ -1,6 +1,7 @@
 #include "host/catalog/pool_info.h"
 
 #include "host/catalog/retry.h"
+#include "host/catalog/server_api.h"
 #include "host/core/log.h"
 
 bool get_pool_info(Upstream_JSON_RESTful_Client* upstream, const std::string& uuid,
@@ -10,7 +11,7 @@ bool get_pool_info(Upstream_JSON_RESTful_Client* upstream, const std::string& uu
   static_cast<void>(flags);
   if (!upstream)
     upstream = Upstream_JSON_RESTful_Client::instance();
-  HTTP_Request req(HTTP_Method::GET, "/k4/r/storage/pool");
+  HTTP_Request req(HTTP_Method::GET, server_api::pool_route);
   HTTP_Query_String_Builder(req.query()).append("uuid", uuid);
   JSON_Value answer;
   int status = 0;
