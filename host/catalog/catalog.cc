@@ -96,7 +96,7 @@ bool RESTful_Catalog_Operator::call_i(const char* what, HTTP_Request& req, const
 bool RESTful_Catalog_Operator::commit(const Backup_Set& set) {
   JSON_Value body;
   set.dump(body);
-  HTTP_Request req(HTTP_Method::POST, server_api::catalog_route + set.area());
+  HTTP_Request req(HTTP_Method::POST, std::string(server_api::catalog_route) + set.area());
   req.headers().put("Content-Type", "application/json");
   JSON_Value answer;
   return call_i("commit backup set", req, &body, answer);

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 struct ssl_ctx_st;
 
@@ -28,6 +29,25 @@ class HTTP_Session {
 
  protected:
   HTTP_Headers headers_;
+};
+
+// Forwards every call to another session. A test derives from it and overrides only the call it
+// breaks (fail the Nth send, answer a status of its own), so the rest is the real transport.
+class HTTP_Session_Wrapper : public HTTP_Session {
+ public:
+  explicit HTTP_Session_Wrapper(std::shared_ptr<HTTP_Session> target) : target_(std::move(target)) {}
+  // The wrapper's own fields are handed to the target before each request.
+  bool send(const HTTP_Request& req, const std::string* body, HTTP_Response& resp) override {
+    for (const auto& [name, value] : headers_.fields())
+      target_->headers().put(name, value);
+    return target_->send(req, body, resp);
+  }
+  const std::string& host() const override { return target_->host(); }
+  std::uint16_t port() const override { return target_->port(); }
+  HTTP_Session& target() { return *target_; }
+
+ private:
+  std::shared_ptr<HTTP_Session> target_;
 };
 
 class HTTP_Session_Factory {
