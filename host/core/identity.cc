@@ -3,7 +3,6 @@
 #include "host/core/log.h"
 #include "host/core/paths.h"
 #include "host/core/text.h"
-#include "host/http/client.h"
 
 Host_ID* Host_ID::instance() {
   static Host_ID id;
@@ -54,6 +53,5 @@ bool apply_agent_identity(const JSON_Value& conf) {
   std::string key;
   json_extract(server, "access_key", key, false);
   Host_Manager::instance()->set_access_key(key);
-  Upstream_JSON_RESTful_Client::instance()->configure(ws->host, ws->port, ws->ssl, key);
   return Host_ID::instance()->load(host_id_file);
 }

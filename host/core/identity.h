@@ -41,6 +41,7 @@ class WebSocket_Options {
 };
 
 // Applies the "backup_server" {"host","port","ssl","access_key"} and "host_id_file" members of an
-// agent configuration to the singletons above and to the upstream client. Throws JSON_Error on a
+// agent configuration to the singletons above (the upstream HTTP client is pointed at the server
+// separately: Upstream_JSON_RESTful_Client::configure_from_identity). Throws JSON_Error on a
 // malformed configuration; false after one log line when the host id file cannot be used.
 bool apply_agent_identity(const JSON_Value& conf);

@@ -2,6 +2,8 @@
 // operation is started asynchronously on the session's own io_context and run to completion.
 #include "host/http/client.h"
 
+#include "host/catalog/server_api.h"
+#include "host/core/identity.h"
 #include "host/core/log.h"
 
 #include <openssl/ssl.h>
@@ -522,6 +524,11 @@ void Upstream_JSON_RESTful_Client::configure(const std::string& host, std::uint1
   access_key_ = access_key;
 }
 
+void Upstream_JSON_RESTful_Client::configure_from_identity() {
+  const WebSocket_Options& server = *WebSocket_Options::instance();
+  configure(server.host, server.port, server.ssl, Host_Manager::instance()->access_key());
+}
+
 bool Upstream_JSON_RESTful_Client::send(HTTP_Request& req, const JSON_Value* body,
                                         HTTP_Response& resp, JSON_Value& out) {
   resp.clear();
@@ -543,7 +550,7 @@ bool Upstream_JSON_RESTful_Client::send(HTTP_Request& req, const JSON_Value* bod
   }
   // A session per call: callers on several threads never share a connection.
   auto session = HTTP_Session_Factory::create(host, port, ssl);
-  if (!session || !session->headers().put("X-Access-Key", access_key))
+  if (!session || !session->headers().put(server_api::access_key_header, access_key))
     return false;
   JSON_HTTP_Session json(std::move(session), upstream_attempts, upstream_timeout);
   return json.send(req, body, resp, &out);

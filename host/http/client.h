@@ -35,7 +35,8 @@ class HTTP_Session {
 // breaks (fail the Nth send, answer a status of its own), so the rest is the real transport.
 class HTTP_Session_Wrapper : public HTTP_Session {
  public:
-  explicit HTTP_Session_Wrapper(std::shared_ptr<HTTP_Session> target) : target_(std::move(target)) {}
+  explicit HTTP_Session_Wrapper(std::shared_ptr<HTTP_Session> target)
+      : target_(std::move(target)) {}
   // The wrapper's own fields are handed to the target before each request.
   bool send(const HTTP_Request& req, const std::string* body, HTTP_Response& resp) override {
     for (const auto& [name, value] : headers_.fields())
@@ -105,12 +106,16 @@ class JSON_RESTful_Client {
 };
 
 // The authenticated client to the backup server this agent belongs to; every request carries
-// the header "X-Access-Key". Safe for concurrent use (one connection per call).
+// the access key (server_api::access_key_header). Safe for concurrent use (one connection per
+// call).
 class Upstream_JSON_RESTful_Client {
  public:
   static Upstream_JSON_RESTful_Client* instance();
   void configure(const std::string& host, std::uint16_t port, bool ssl,
                  const std::string& access_key);
+  // configure() with the server and key apply_agent_identity() has set (WebSocket_Options and
+  // Host_Manager); the agent and the CLI call it after that.
+  void configure_from_identity();
   // True for a 2xx answer with a JSON (or empty: null) body; false after one log line.
   bool get(HTTP_Request& req, JSON_Value& response);
   bool post(HTTP_Request& req, const JSON_Value& body, JSON_Value& response);

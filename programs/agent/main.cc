@@ -4,6 +4,7 @@
 #include "host/core/log.h"
 #include "host/core/paths.h"
 #include "host/core/service.h"
+#include "host/http/client.h"
 #include "host/http/server.h"
 #include "host/jsonrpc/router.h"
 #include "host/module/module.h"
@@ -145,6 +146,7 @@ int main(int argc, char** argv) {
   try {
     if (!apply_agent_identity(conf.raw))
       return 1;
+    Upstream_JSON_RESTful_Client::instance()->configure_from_identity();
   } catch (const std::exception& e) {
     LOG_MSG((LM_ERROR, "Invalid agent configuration '%s': %s.\n", config_path.c_str(), e.what()));
     return 1;

@@ -63,6 +63,7 @@ bool load_agent_config(const Cli& cli, std::string& error) {
       error = "cannot read this agent's host id";
       return false;
     }
+    Upstream_JSON_RESTful_Client::instance()->configure_from_identity();
   } catch (const std::exception& e) {
     error = "invalid agent configuration '" + cli.config_path + "': " + e.what();
     return false;

@@ -44,6 +44,7 @@ Control_Api::Control_Api(Simulator& sim) : sim_(sim) {
   routes_.add(HTTP_Method::POST, "/sim/faults", &Control_Api::post_fault);
   routes_.add(HTTP_Method::DELETE, "/sim/faults", &Control_Api::delete_faults);
   routes_.add(HTTP_Method::PUT, "/sim/knobs", &Control_Api::put_knobs);
+  routes_.add(HTTP_Method::POST, "/sim/nonces/expire", &Control_Api::expire_nonces);
   routes_.add(HTTP_Method::GET, "/sim/world", &Control_Api::get_world);
   routes_.add(HTTP_Method::POST, "/sim/tasks", &Control_Api::post_task);
 }
@@ -126,6 +127,10 @@ void Control_Api::put_knobs(const HTTP_Server_Request& request, HTTP_Server_Resp
   if (!sim_.change_knobs(json, error))
     return response.error(400, error);
   response.json(sim_.with_world(dump_settings));
+}
+
+void Control_Api::expire_nonces(const HTTP_Server_Request&, HTTP_Server_Response& response) {
+  response.json({{"expired", sim_.digest().expire_issued()}});
 }
 
 void Control_Api::get_world(const HTTP_Server_Request&, HTTP_Server_Response& response) {

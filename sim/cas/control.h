@@ -27,6 +27,7 @@ class Control_Api {
   void post_fault(const HTTP_Server_Request& request, HTTP_Server_Response& response);
   void delete_faults(const HTTP_Server_Request& request, HTTP_Server_Response& response);
   void put_knobs(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void expire_nonces(const HTTP_Server_Request& request, HTTP_Server_Response& response);
   void get_world(const HTTP_Server_Request& request, HTTP_Server_Response& response);
   void post_task(const HTTP_Server_Request& request, HTTP_Server_Response& response);
 

@@ -145,6 +145,14 @@ void Digest_Verifier::forget_old_i(std::int64_t now) {
   }
 }
 
+std::size_t Digest_Verifier::expire_issued() {
+  std::int64_t now = clock_();
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto& entry : nonces_)
+    entry.second.issued = std::min(entry.second.issued, now - lifetime_);
+  return nonces_.size();
+}
+
 std::string Digest_Verifier::challenge(bool stale) {
   std::string nonce;
   uuid_string(nonce, true);

@@ -54,6 +54,9 @@ class Digest_Verifier {
   // Issues a nonce and returns the WWW-Authenticate value that carries it:
   // Digest realm="...", qop="auth", nonce="..."[, stale=true]
   std::string challenge(bool stale);
+  // Ages every nonce issued so far to the end of its lifetime: each is refused as stale from now
+  // on, and forgotten a lifetime later, as if that time had passed. Returns how many.
+  std::size_t expire_issued();
   // Checks the Authorization header (null when absent) of a request. On OK `user` names the
   // authenticated user and the request's nc becomes the nonce's highest.
   Digest_Verdict verify(const std::string& method, const std::string& target,

@@ -111,8 +111,12 @@ TEST_F(Digest_Test, NoncesGoStaleAfterTheirLifetimeAndAreForgottenLater) {
   verifier_.set_lifetime(10);  // applies to nonces already issued
   EXPECT_EQ(next(), Digest_Verdict::STALE_NONCE);
   now_ += 20;
-  verifier_.challenge(false);  // issuing is when old nonces are dropped
+  std::string latest = verifier_.challenge(false);  // issuing is when old nonces are dropped
   EXPECT_EQ(next(), Digest_Verdict::UNKNOWN_NONCE);
+  // Aged on request, without the clock moving.
+  client_.nonce = nonce_of(latest);
+  EXPECT_EQ(verifier_.expire_issued(), 1u);
+  EXPECT_EQ(next(), Digest_Verdict::STALE_NONCE);
 }
 
 TEST_F(Digest_Test, RefusesWhatDoesNotMatchTheRequestOrTheServer) {
