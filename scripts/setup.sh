@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build ccache pkg-config clang libclang-rt-dev
   libace-dev libboost-dev libboost-system-dev libboost-thread-dev
-  nlohmann-json3-dev libyajl-dev libssl-dev
+  nlohmann-json3-dev libyajl-dev libssl-dev libcli11-dev
   libzstd-dev liblz4-dev zlib1g-dev libxxhash-dev uuid-dev libsqlite3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   apache2 apache2-utils curl openssl python3
