@@ -338,8 +338,7 @@ std::string Beast_HTTP_Session::host_field_i() const {
 // Puts the JSON session's per-request time limit on the sessions of this file.
 class Deadline_Scope {
  public:
-  Deadline_Scope(HTTP_Session& session, int timeout)
-      : session_(dynamic_cast<Beast_HTTP_Session*>(&session)) {
+  Deadline_Scope(HTTP_Session& session, int timeout) : session_(transport(session)) {
     if (timeout > 0)
       deadline_ = Clock::now() + std::chrono::seconds(timeout);
     if (session_)
@@ -354,6 +353,14 @@ class Deadline_Scope {
   bool expired() const { return Clock::now() >= deadline_; }
 
  private:
+  // Wrappers forward to a real session, which must keep the time limit.
+  static Beast_HTTP_Session* transport(HTTP_Session& session) {
+    HTTP_Session* inner = &session;
+    while (auto* wrapper = dynamic_cast<HTTP_Session_Wrapper*>(inner))
+      inner = &wrapper->target();
+    return dynamic_cast<Beast_HTTP_Session*>(inner);
+  }
+
   Beast_HTTP_Session* session_;
   Clock::time_point deadline_ = Clock::time_point::max();
 };

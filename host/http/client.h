@@ -15,14 +15,24 @@ struct ssl_ctx_st;
 
 // One connection to one server, opened on the first send and re-opened when the server closed
 // it. Not for concurrent use: one thread at a time.
+//
+// What every implementation of send() must do, because the JSON layer and the REST clients rely
+// on it (a session that breaks a call on purpose included):
+//   - start by clearing `resp`;
+//   - send the session's headers() with the request, except those the request itself carries;
+//   - true: an answer arrived, whatever its status; `resp` holds status, every header field as
+//     received (repeats kept) and the body (empty for HEAD);
+//   - false: no usable answer (connect, TLS, time-out, protocol, size limit, invalid request).
+//     Exactly one error line names the method, the target and "host:port" and never a header
+//     value or the body, which may hold secrets; `resp` is left cleared (status 0, no headers).
+//     The caller decides whether to send again: JSON_HTTP_Session does so for idempotent
+//     methods only.
 class HTTP_Session {
  public:
   virtual ~HTTP_Session() = default;
   // Fields sent with every request of this session (the request's own fields win).
   HTTP_Headers& headers() { return headers_; }
-  // Sends one request and reads the whole answer into `resp`. True when an answer arrived,
-  // whatever its status; false after one log line on a connect, TLS, time-out or protocol
-  // failure (resp.status() is then 0).
+  // Sends one request and reads the whole answer into `resp`; see above.
   virtual bool send(const HTTP_Request& req, const std::string* body, HTTP_Response& resp) = 0;
   virtual const std::string& host() const = 0;
   virtual std::uint16_t port() const = 0;
@@ -32,12 +42,14 @@ class HTTP_Session {
 };
 
 // Forwards every call to another session. A test derives from it and overrides only the call it
-// breaks (fail the Nth send, answer a status of its own), so the rest is the real transport.
+// breaks (fail the Nth send, answer a status of its own), so the rest is the real transport. An
+// override that fails a send keeps the contract above: clear `resp`, log one line, return false.
+// Fields put in the wrapper's own headers() are copied into the target's before each request, so
+// they reach the wire exactly as if they had been set on the target.
 class HTTP_Session_Wrapper : public HTTP_Session {
  public:
   explicit HTTP_Session_Wrapper(std::shared_ptr<HTTP_Session> target)
       : target_(std::move(target)) {}
-  // The wrapper's own fields are handed to the target before each request.
   bool send(const HTTP_Request& req, const std::string* body, HTTP_Response& resp) override {
     for (const auto& [name, value] : headers_.fields())
       target_->headers().put(name, value);
