@@ -19,7 +19,9 @@ case "${1:-}" in
     ;;
   --tsan)
     build=build-tsan
-    tsan="-fsanitize=thread -fno-omit-frame-pointer"
+    # GCC warns that TSan does not model the atomic fences Asio uses; Asio hands work between
+    # threads under mutexes, which TSan does model.
+    tsan="-fsanitize=thread -fno-omit-frame-pointer -Wno-tsan"
     cmake_args=(-G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_C_FLAGS=$tsan"
                 "-DCMAKE_CXX_FLAGS=$tsan" -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread
                 -DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=thread

@@ -1,8 +1,10 @@
+#include "host/core/crypto.h"
 #include "host/core/json.h"
 #include "host/core/log.h"
 #include "host/core/paths.h"
 #include "host/core/text.h"
 #include "host/core/worker_pool.h"
+#include "host/job/subtype.h"
 #include "tests/support/temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -11,48 +13,42 @@
 #include <atomic>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <tuple>
 
 namespace {
 
-struct Natoi_Case {
-  const char* text;
-  int expected_errno;
-  long long value;
-  std::size_t consumed;
-};
+// errno, value and characters consumed of natoi<T> over the whole text.
+template <class T>
+std::tuple<int, long long, long> parse(const char* text) {
+  const char* stop = nullptr;
+  const T v = natoi<T>(text, text + strlen(text), &stop);
+  return {errno, static_cast<long long>(v), stop - text};
+}
 
 TEST(Natoi, UnsignedAndSignedLimitsSignsAndStops) {
-  const Natoi_Case unsigned_cases[] = {
-      {"4294967295", 0, 4294967295LL, 10},
-      {"4294967296", ERANGE, 4294967295LL, 9},
-      {"+7", 0, 7, 2},
-      {"-0", EINVAL, 0, 0},
-      {"", EINVAL, 0, 0},
-      {"12 ", 0, 12, 2},
-      {"x1", EINVAL, 0, 0},
-      {"+", EINVAL, 0, 0},
-      {"007", 0, 7, 3},
+  using R = std::tuple<int, long long, long>;
+  const std::pair<const char*, R> unsigned_cases[] = {
+      {"4294967295", {0, 4294967295LL, 10}},
+      {"4294967296", {ERANGE, 4294967295LL, 9}},
+      {"+7", {0, 7, 2}},
+      {"-0", {EINVAL, 0, 0}},
+      {"", {EINVAL, 0, 0}},
+      {"12 ", {0, 12, 2}},
+      {"x1", {EINVAL, 0, 0}},
+      {"+", {EINVAL, 0, 0}},
+      {"007", {0, 7, 3}},
   };
-  for (const auto& c : unsigned_cases) {
-    const char* stop = nullptr;
-    const char* end = c.text + strlen(c.text);
-    unsigned int v = natoi<unsigned int>(c.text, end, &stop);
-    EXPECT_EQ(errno, c.expected_errno) << c.text;
-    EXPECT_EQ(static_cast<long long>(v), c.value) << c.text;
-    EXPECT_EQ(static_cast<std::size_t>(stop - c.text), c.consumed) << c.text;
-  }
-  const Natoi_Case int_cases[] = {
-      {"-2147483648", 0, INT_MIN, 11}, {"-2147483649", ERANGE, INT_MIN, 10},
-      {"2147483647", 0, INT_MAX, 10},  {"2147483648", ERANGE, INT_MAX, 9},
-      {"-12abc", 0, -12, 3},
+  for (const auto& [text, expected] : unsigned_cases)
+    EXPECT_EQ(parse<unsigned int>(text), expected) << text;
+  const std::pair<const char*, R> int_cases[] = {
+      {"-2147483648", {0, INT_MIN, 11}}, {"-2147483649", {ERANGE, INT_MIN, 10}},
+      {"2147483647", {0, INT_MAX, 10}},  {"2147483648", {ERANGE, INT_MAX, 9}},
+      {"-12abc", {0, -12, 3}},
   };
-  for (const auto& c : int_cases) {
-    const char* stop = nullptr;
-    int v = natoi<int>(c.text, c.text + strlen(c.text), &stop);
-    EXPECT_EQ(errno, c.expected_errno) << c.text;
-    EXPECT_EQ(v, c.value) << c.text;
-    EXPECT_EQ(static_cast<std::size_t>(stop - c.text), c.consumed) << c.text;
-  }
+  for (const auto& [text, expected] : int_cases)
+    EXPECT_EQ(parse<int>(text), expected) << text;
   const char* stop = nullptr;
   EXPECT_EQ(natoi<unsigned long>("18446744073709551615", nullptr, &stop), ULONG_MAX);
 }
@@ -65,19 +61,16 @@ TEST(Text, BoundedFormattingAndHelpers) {
   snprintf_t<64> fits("%08d", 10);
   EXPECT_STREQ(fits, "00000010");
   EXPECT_FALSE(fits.truncated());
-
   EXPECT_EQ(string_sprintf("%s=%u", "k", 5u), "k=5");
   EXPECT_EQ(string_sprintf("%s", std::string(5000, 'x').c_str()).size(), 5000u);
 
   std::string out;
   filenamify(std::string("a/b\\c:d*e?f\"g<h>i|j\x01k") + std::string(1, '\0') + "l", out, '_');
   EXPECT_EQ(out, "a_b_c_d_e_f_g_h_i_j_k_l");
-
   Pretty_Formatter pf(1);
   EXPECT_EQ(pf.size_formatter(512, out), "512 B");
   EXPECT_EQ(pf.size_formatter(1536, out), "1.5 KiB");
   EXPECT_EQ(pf.size_formatter(10ul << 30, out), "10.0 GiB");
-
   const unsigned char bytes[] = {0x00, 0x7f, 0xab, 0xff};
   EXPECT_EQ(Hex_String_T(bytes, sizeof bytes).str(), "007fabff");
 
@@ -91,59 +84,56 @@ TEST(Text, BoundedFormattingAndHelpers) {
 }
 
 TEST(Text, CharsetConversionRefusesInvalidInput) {
-  Compound_Charset_Converter to_latin1("utf8", "ISO-8859-1");
+  Compound_Charset_Converter to_latin1("utf8", "ISO-8859-1"), to_utf8("utf8", "UTF-8");
   std::string out;
   ASSERT_TRUE(to_latin1.convert("caf\xc3\xa9", out));
   EXPECT_EQ(out, "caf\xe9");
   EXPECT_FALSE(to_latin1.convert("\xe4\xb8\xad", out)) << "CJK has no Latin-1 form";
-  Compound_Charset_Converter to_utf8("utf8", "UTF-8");
   EXPECT_FALSE(to_utf8.convert("bad \xff\xfe", out));
   ASSERT_TRUE(to_utf8.convert("\xe4\xb8\xad\xe6\x96\x87", out));
   EXPECT_EQ(out, "\xe4\xb8\xad\xe6\x96\x87");
-  Compound_Charset_Converter unknown("no-such-charset", nullptr);
-  EXPECT_FALSE(unknown.convert("x", out));
+  EXPECT_FALSE(Compound_Charset_Converter("no-such-charset", nullptr).convert("x", out));
 }
 
 TEST(Json, ExtractorNamesKeyAndType) {
   JSON_Value obj = JSON_Value::parse(
       R"({"s":"x","n":70000,"neg":-1,"b":true,"o":{},"a":[],"d":1.5,"big":18446744073709551615})");
   std::string s;
-  EXPECT_TRUE(json_extract(obj, "s", s));
-  EXPECT_EQ(s, "x");
   int n = 0;
-  EXPECT_TRUE(json_extract(obj, "n", n));
+  double d = 0;
+  EXPECT_TRUE(json_extract(obj, "s", s) && json_extract(obj, "n", n) && json_extract(obj, "d", d));
+  EXPECT_EQ(s, "x");
   EXPECT_EQ(n, 70000);
+  EXPECT_DOUBLE_EQ(d, 1.5);
   std::string missing = "keep";
   EXPECT_FALSE(json_extract(obj, "absent", missing, false));
   EXPECT_EQ(missing, "keep");
 
-  auto message = [&](auto&& f) {
-    try {
-      f();
-    } catch (const JSON_Error& e) {
-      return std::string(e.what());
-    }
-    return std::string("no exception");
-  };
   std::uint16_t port = 0;
   unsigned int u = 0;
   bool flag = false;
-  double d = 0;
   JSON_Value o;
-  EXPECT_EQ(message([&] { json_extract(obj, "n", port); }), "'n' is expected as integer in range");
-  EXPECT_EQ(message([&] { json_extract(obj, "neg", u); }), "'neg' is expected as integer in range");
-  EXPECT_EQ(message([&] { json_extract(obj, "big", n); }), "'big' is expected as integer in range");
-  EXPECT_EQ(message([&] { json_extract(obj, "s", n); }), "'s' is expected as integer");
-  EXPECT_EQ(message([&] { json_extract(obj, "d", n); }), "'d' is expected as integer");
-  EXPECT_EQ(message([&] { json_extract(obj, "s", flag); }), "'s' is expected as boolean");
-  EXPECT_EQ(message([&] { json_extract(obj, "n", s); }), "'n' is expected as string");
-  EXPECT_EQ(message([&] { json_extract(obj, "absent", s); }), "missing key 'absent'");
-  EXPECT_EQ(message([&] { json_extract_object(obj, "a", o); }), "'a' is expected as object");
-  EXPECT_EQ(message([&] { json_extract_array(obj, "o", o); }), "'o' is expected as array");
-  EXPECT_EQ(message([&] { json_extract(JSON_Value::array(), "s", s); }),
-            "expected an object, got array");
-  EXPECT_TRUE(json_extract(obj, "d", d));
-  EXPECT_DOUBLE_EQ(d, 1.5);
+  const std::pair<std::function<void()>, const char*> cases[] = {
+      {[&] { json_extract(obj, "n", port); }, "'n' is expected as integer in range"},
+      {[&] { json_extract(obj, "neg", u); }, "'neg' is expected as integer in range"},
+      {[&] { json_extract(obj, "big", n); }, "'big' is expected as integer in range"},
+      {[&] { json_extract(obj, "s", n); }, "'s' is expected as integer"},
+      {[&] { json_extract(obj, "d", n); }, "'d' is expected as integer"},
+      {[&] { json_extract(obj, "s", flag); }, "'s' is expected as boolean"},
+      {[&] { json_extract(obj, "n", s); }, "'n' is expected as string"},
+      {[&] { json_extract(obj, "absent", s); }, "missing key 'absent'"},
+      {[&] { json_extract_object(obj, "a", o); }, "'a' is expected as object"},
+      {[&] { json_extract_array(obj, "o", o); }, "'o' is expected as array"},
+      {[&] { json_extract(JSON_Value::array(), "s", s); }, "expected an object, got array"},
+  };
+  for (const auto& [extract, message] : cases) {
+    try {
+      extract();
+      ADD_FAILURE() << "no exception: " << message;
+    } catch (const JSON_Error& e) {
+      EXPECT_STREQ(e.what(), message);
+    }
+  }
 }
 
 TEST(Paths, EverythingLivesUnderTheInstallRoot) {
@@ -198,6 +188,70 @@ TEST(Worker_Pool, RunsEveryPostedJobBeforeJoining) {
       ASSERT_TRUE(pool.post([&] { ++done; }));
   }
   EXPECT_EQ(done.load(), 100);
+}
+
+TEST(Job_Subtype, OnlyTheExactTextWithinItsLengthCounts) {
+  using S = Job_Definition_Subtype;
+  const std::pair<std::string, S> rows[] = {
+      {"full", S::Full},
+      {"incremental", S::Incremental},
+      {"differential", S::Differential},
+      {"Full", S::Unknown},
+      {"full ", S::Unknown},
+      {"", S::Unknown},
+      {"differentia", S::Unknown},
+  };
+  for (const auto& [text, subtype] : rows) {
+    EXPECT_EQ(job_def_subtype_from_string(text.c_str(), text.size()), subtype) << text;
+    EXPECT_TRUE(subtype == S::Unknown || job_def_subtype_to_string(subtype) == text) << text;
+  }
+  // The length bounds the text: a prefix of a longer buffer is read, no NUL needed.
+  EXPECT_EQ(job_def_subtype_from_string("fullness", 4), S::Full);
+  EXPECT_EQ(job_def_subtype_from_string(nullptr, 0), S::Unknown);
+  EXPECT_STREQ(job_def_subtype_to_string(static_cast<S>(42)), "unknown");
+}
+
+const char key[] = "P!L@O#V$A%R^N&3157";
+
+TEST(Crypto, DigestsMatchKnownVectors) {
+  MD_Generator md5("abc", 3, MD_MD5), sha("abc", 3, MD_SHA256), unknown("abc", 3, 99);
+  EXPECT_EQ(Hex_String_T(md5.get(), md5.length()).str(), "900150983cd24fb0d6963f7d28e17f72");
+  EXPECT_EQ(Hex_String_T(sha.get(), sha.length()).str(),
+            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(unknown.get(), nullptr);
+}
+
+TEST(Crypto, EncryptDecryptAndBase64RoundTripAndTamperDetection) {
+  const std::string plains[] = {
+      "", "p", "ab", "abc", "Circle Of Life", std::string(1000, 'x'), std::string("\0\xff", 2)};
+  for (const std::string& plain : plains) {
+    std::string cipher, raw;
+    ASSERT_TRUE(encrypt_string(plain.data(), plain.size(), cipher, key, strlen(key)));
+    EXPECT_TRUE(plain.size() < 8 || cipher.find(plain) == std::string::npos);
+    Secure_String out;
+    ASSERT_TRUE(decrypt_string(cipher, out, key, strlen(key)));
+    EXPECT_EQ(std::string(out.data(), out.size()), plain);
+    ASSERT_TRUE(base64_decode(base64_encode(plain.data(), plain.size()), raw));
+    EXPECT_EQ(raw, plain);
+  }
+  std::string cipher, again, raw;
+  ASSERT_TRUE(encrypt_string("secret", 6, cipher, key, strlen(key)));
+  ASSERT_TRUE(encrypt_string("secret", 6, again, key, strlen(key)));
+  EXPECT_NE(cipher, again) << "a fresh nonce each time";
+
+  Secure_String out = "untouched";
+  EXPECT_FALSE(decrypt_string(cipher, out, "other key", 9));
+  ASSERT_TRUE(base64_decode(cipher, raw));
+  for (std::size_t i : {std::size_t(0), std::size_t(13), raw.size() - 1}) {
+    std::string bad = raw;
+    bad[i] ^= 1;
+    EXPECT_FALSE(decrypt_string(base64_encode(bad.data(), bad.size()), out, key, strlen(key)))
+        << "flipped byte " << i;
+  }
+  for (const std::string& bad : {cipher.substr(0, 8), std::string("not base64!"), std::string()})
+    EXPECT_FALSE(decrypt_string(bad, out, key, strlen(key))) << bad;
+  EXPECT_EQ(std::string(out.data(), out.size()), "untouched");
+  EXPECT_FALSE(base64_decode("abc", raw));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "host/core/log.h"
 #include "host/core/paths.h"
 #include "host/job/activity.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
 #include <dirent.h>
@@ -55,16 +56,6 @@ bool is_mapped(const std::string& path) {
   return read_file("/proc/self/maps", maps) && maps.find(path) != std::string::npos;
 }
 
-// Log records written while it lives.
-struct Log_Records {
-  Log_Records() {
-    id = add_log_sink([this](ACE_Log_Priority, const std::string& line) { lines.push_back(line); });
-  }
-  ~Log_Records() { remove_log_sink(id); }
-  std::vector<std::string> lines;
-  int id;
-};
-
 class Mem_Map_Test : public ::testing::Test {
  protected:
   void SetUp() override { setenv("BRIMLET_ROOT", root_.path().c_str(), 1); }
@@ -115,17 +106,14 @@ TEST_F(Mem_Map_Test, StoresAreSharedAcrossHandlesProcessesAndTheFile) {
   EXPECT_EQ(moved->counter, 107u);
   moved.close();
   reader.close();
-  EXPECT_EQ(moved.get(), nullptr);
-  EXPECT_EQ(reader.path(), "");
+  EXPECT_TRUE(moved.get() == nullptr && reader.path().empty());
 
   std::string bytes;
   ASSERT_TRUE(read_file(path, bytes));
   ASSERT_EQ(bytes.size(), 256u);
   Sample on_disk;
   std::memcpy(&on_disk, bytes.data(), sizeof on_disk);
-  EXPECT_EQ(on_disk.counter, 107u);
-  EXPECT_EQ(on_disk.flag, 3);
-  EXPECT_STREQ(on_disk.text, "agent");
+  EXPECT_TRUE(on_disk.counter == 107u && on_disk.flag == 3 && !strcmp(on_disk.text, "agent"));
 }
 
 TEST_F(Mem_Map_Test, ModesDescriptorsAndRelease) {
@@ -178,15 +166,12 @@ TEST_F(Mem_Map_Test, RefusedOpensLogOnceAndLeaveTheHandleClosed) {
   for (const auto& c : cases) {
     Sample_Handle h;
     ASSERT_TRUE(h.open("prev", "rec", true, true, 0750));
-    Log_Records log;
+    Log_Capture log;
     EXPECT_FALSE(h.open(c.id, c.basename, c.create, true, 0750)) << c.message;
-    EXPECT_EQ(h.get(), nullptr) << c.message;
-    EXPECT_EQ(h.path(), "") << c.message;
-    ASSERT_EQ(log.lines.size(), 1u) << c.message;
-    EXPECT_NE(log.lines[0].find(c.message), std::string::npos) << log.lines[0];
-    if (c.message.find("NULL") != std::string::npos) {
-      EXPECT_NE(log.lines[0].find(check), std::string::npos) << log.lines[0];
-    }
+    EXPECT_TRUE(h.get() == nullptr && h.path().empty()) << c.message;
+    EXPECT_EQ(log.count(), 1u) << log.text();
+    EXPECT_TRUE(log.contains(c.message)) << log.text();
+    EXPECT_TRUE(c.message.find("NULL") == std::string::npos || log.contains(check)) << log.text();
   }
   // Opening without create makes no directory either.
   EXPECT_NE(access(sample_dir("run").c_str(), F_OK), 0);
@@ -211,9 +196,9 @@ TEST_F(Mem_Map_Test, JobActivityIsSharedByJobUid) {
   EXPECT_EQ(Job_Activity::text(servant->run_id), std::string(63, 'r'));
 
   {
-    Log_Records log;
+    Log_Capture log;
     EXPECT_FALSE(Job_Activity::set_text(servant->run_id, std::string(64, 'x')));
-    EXPECT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(log.count(), 1u);
   }
   EXPECT_EQ(Job_Activity::text(agent->run_id), std::string(63, 'r'));
   // A field another process left unterminated is cut at its end.
