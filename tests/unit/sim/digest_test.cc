@@ -57,14 +57,11 @@ class Digest_Test : public ::testing::Test {
   std::string user_;
 };
 
-TEST(Digest, Rfc2617Example) {
+TEST(Digest, Rfc2617ExampleAndAuthorizationHeaders) {
   EXPECT_EQ(cas_sim::digest_response("Mufasa", "testrealm@host.com", "Circle Of Life", "GET",
                                      "/dir/index.html", "dcd98b7102dd2f0e8b11d0f600bfb0c093",
                                      "00000001", "0a4f113b"),
             "6629fae49393a05397450978507c4ef1");
-}
-
-TEST(Digest, ParsesAuthorizationHeaders) {
   std::map<std::string, std::string> params;
   ASSERT_TRUE(cas_sim::parse_digest_authorization(
       "  digest  Realm=\"a, b\",cnonce=\"x\\\"y\", nc=00000001", params));
@@ -77,17 +74,13 @@ TEST(Digest, ParsesAuthorizationHeaders) {
 }
 
 TEST_F(Digest_Test, CountsRequestsInDecimalAndRefusesReplays) {
-  for (int i = 1; i <= 12; ++i) {
-    ASSERT_EQ(next(), Digest_Verdict::OK) << "request " << i;  // 00000010 follows 00000009
-    EXPECT_EQ(user_, "admin");
-  }
+  for (int i = 1; i <= 12; ++i)  // 00000010 follows 00000009
+    ASSERT_TRUE(next() == Digest_Verdict::OK && user_ == "admin") << "request " << i;
   // Eleven in hexadecimal is not a decimal counter, even when correctly hashed.
   EXPECT_EQ(verify(client_.header("0000000b")), Digest_Verdict::BAD_NC);
 
-  for (const char* old : {"00000012", "00000003"}) {
-    EXPECT_EQ(verify(client_.header(old)), Digest_Verdict::REPLAYED_NC) << old;
-    EXPECT_EQ(user_, "");
-  }
+  for (const char* old : {"00000012", "00000003"})
+    EXPECT_TRUE(verify(client_.header(old)) == Digest_Verdict::REPLAYED_NC && user_.empty()) << old;
   // A refused request, here with a wrong password, does not advance the counter.
   Client intruder = client_;
   intruder.password = "guess";
