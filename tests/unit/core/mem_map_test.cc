@@ -5,7 +5,6 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -15,6 +14,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,17 +37,10 @@ using Sample_Handle = Mem_Map_Handle<Sample, Sample_Conf, 256>;
 // Descriptors of this process open on `path`.
 std::vector<int> fds_on(const std::string& path) {
   std::vector<int> fds;
-  DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr)
-    return fds;
-  while (dirent* e = readdir(dir)) {
-    char target[4096];
-    std::string link = std::string("/proc/self/fd/") + e->d_name;
-    ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-    if (n > 0 && path == std::string(target, static_cast<std::size_t>(n)))
-      fds.push_back(std::atoi(e->d_name));
-  }
-  closedir(dir);
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd", ec))
+    if (std::filesystem::read_symlink(e.path(), ec) == path)
+      fds.push_back(std::stoi(e.path().filename()));
   return fds;
 }
 
