@@ -1,4 +1,4 @@
-// Storage pools and the backup catalog (routes listed at the top of catalog.cc).
+// Storage pools and the backup catalog (routes described in host/catalog/server_api.h).
 #pragma once
 
 #include "host/http/server.h"
@@ -13,7 +13,6 @@ class Storage_Pools {
   void add_routes(HTTP_Server& server);
 
  private:
-  void handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
   void register_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
   void get_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
 
@@ -27,8 +26,8 @@ class Catalog {
   void add_routes(HTTP_Server& server);
 
  private:
-  void handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
   void commit_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
+  void view_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
   void base_catalog_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
   void restore_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
   void sets_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);

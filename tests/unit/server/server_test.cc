@@ -1,30 +1,40 @@
-// brimlet-server as a process: enrolled keys, the CVM routes over HTTP (curl), restarts.
+// brimlet-server as a process, driven over HTTP by curl and by the host's catalog clients: keys
+// and their roles, CVM entries, storage pools, the catalog and its views, options, restarts.
+#include "host/catalog/catalog.h"
+#include "host/catalog/pool_info.h"
 #include "host/core/crypto.h"
 #include "host/core/paths.h"
+#include "host/http/client.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
-const char* const curl = "/usr/bin/curl";
-const char agent_key[] = "P!L@O#V$A%R^N&3157";
+const char seal_key[] = "P!L@O#V$A%R^N&3157";
 const std::string secret = "Sw0rdf1sh-q7Zx%9";
-const std::string route = "/k4/r/h3ccas/cvm";
+const std::string cvms = "/k4/r/h3ccas/cvm", pools = "/k4/r/storage/pool",
+                  commits = "/k4/r/catalog/h3ccas", views = "/k4/r/catalog/h3ccas/view/",
+                  sets = "/k4/r/catalog/h3ccas/sets";
 
 struct Answer {
   int status = 0;
-  std::string text;
+  std::string headers, text;
   JSON_Value body;
 };
 
@@ -39,6 +49,15 @@ JSON_Value cvm_body(const std::string& host = "cvm.example", int port = 8080,
           {"extended_attrs", {{"zone", "a"}}}};
 }
 
+// `value` set under `key` of `object`, or the key removed when `value` is null.
+JSON_Value with(JSON_Value object, const char* key, const JSON_Value& value) {
+  if (value.is_null())
+    object.erase(key);
+  else
+    object[key] = value;
+  return object;
+}
+
 bool contains(const std::string& haystack, const std::string& needle) {
   return haystack.find(needle) != std::string::npos;
 }
@@ -49,8 +68,24 @@ std::string file_bytes(const std::string& path) {
   return bytes;
 }
 
+std::vector<std::string> uuids(const JSON_Value& array) {
+  std::vector<std::string> out;
+  for (const auto& s : array)
+    out.push_back(s.value("uuid", "?"));
+  return out;
+}
+
 class Server_Test : public ::testing::Test {
  protected:
+  void SetUp() override {
+    admin = enroll("console", "admin");
+    agent = enroll("agent-a");
+    // The command line's address must win over the file's, which would not start.
+    write_text_file(
+        config,
+        JSON_Value({{"data_dir", data}, {"log_file", log_file}, {"listen", "nowhere"}}).dump());
+  }
+
   std::vector<std::string> env() const { return {"BRIMLET_ROOT=" + tmp.path()}; }
 
   std::string enroll(const std::string& host_id, const std::string& role = "agent") {
@@ -61,14 +96,14 @@ class Server_Test : public ::testing::Test {
     return r.out.substr(0, r.out.find('\n'));
   }
 
-  // Starts the server on a free port; false when it did not come up.
-  bool start() {
+  // Starts the server (on a free port by default); false when it did not come up.
+  bool start(const std::string& listen = "127.0.0.1:0") {
     std::string ready = tmp.file("ready.json");
     unlink(ready.c_str());
     JSON_Value r;
-    if (!server.start({"brimlet-server", "--listen", "127.0.0.1:0", "--data", data, "--log",
-                       log_file, "--ready-file", ready},
-                      env(), out_file) ||
+    if (!server.start(
+            {"brimlet-server", "--config", config, "--listen", listen, "--ready-file", ready},
+            env(), out_file) ||
         !server.wait_ready(ready, r))
       return false;
     port = r.at("port").get<int>();
@@ -82,27 +117,31 @@ class Server_Test : public ::testing::Test {
   }
 
   Answer call(const std::string& method, const std::string& target, const std::string* key,
-              const std::string& body = "") {
-    std::vector<std::string> argv = {curl, "-sS", "-w", "\n%{http_code}", "-X", method};
+              const JSON_Value& body = nullptr) {
+    std::vector<std::string> argv = {"/usr/bin/curl",  "-sS", "-D",  "-", "-w",
+                                     "\n%{http_code}", "-X",  method};
     if (key)
       argv.insert(argv.end(), {"-H", "X-Access-Key: " + *key});
-    if (!body.empty())
+    std::string input = body.is_string() ? body.get<std::string>() : body.dump();
+    if (!body.is_null())
       argv.insert(argv.end(), {"-H", "Content-Type: application/json", "--data-binary", "@-"});
     argv.push_back("http://127.0.0.1:" + std::to_string(port) + target);
-    Run_Result r = run_program(argv, body);
+    Run_Result r = run_program(argv, body.is_null() ? "" : input);
     EXPECT_EQ(r.exit_code, 0) << r.err;
     Answer a;
-    auto nl = r.out.rfind('\n');
-    if (nl == std::string::npos)
+    auto head = r.out.find("\r\n\r\n"), nl = r.out.rfind('\n');
+    if (head == std::string::npos || nl == std::string::npos || nl < head)
       return a;
     a.status = std::atoi(r.out.c_str() + nl + 1);
-    a.text = r.out.substr(0, nl);
+    a.headers = r.out.substr(0, head);
+    a.text = r.out.substr(head + 4, nl - head - 4);
     a.body = JSON_Value::parse(a.text, nullptr, false);
     return a;
   }
 
-  std::string register_cvm(const std::string& key, const JSON_Value& body = cvm_body()) {
-    Answer a = call("POST", route, &key, body.dump());
+  // A POST that must create something: the new uuid.
+  std::string create(const std::string& route, const std::string& key, const JSON_Value& body) {
+    Answer a = call("POST", route, &key, body);
     EXPECT_EQ(a.status, 201) << a.text;
     return a.body.is_object() ? a.body.value("uuid", "") : "";
   }
@@ -110,32 +149,74 @@ class Server_Test : public ::testing::Test {
   // The password of entry `uuid` asked for host `host_id`, decrypted as the agent does.
   std::string password(const std::string& key, const std::string& uuid,
                        const std::string& host_id) {
-    Answer a = call("GET", route + "?uuid=" + uuid + "&with_password=" + host_id, &key);
+    Answer a = call("GET", cvms + "?uuid=" + uuid + "&with_password=" + host_id, &key);
     EXPECT_FALSE(contains(a.text, secret));
+    EXPECT_TRUE(contains(a.headers, "Cache-Control: no-store")) << a.headers;
     if (a.status != 200 || a.body.at("rows").size() != 1)
       return "<no entry: " + a.text + ">";
     std::string cipher = a.body["rows"][0].value("password", "<none>");
     Secure_String plain;
-    if (!cipher.empty() && !decrypt_string(cipher, plain, agent_key, sizeof agent_key - 1))
+    if (!cipher.empty() && !decrypt_string(cipher, plain, seal_key, sizeof seal_key - 1))
       return "<undecryptable: " + cipher + ">";
     return std::string(plain.data(), plain.size());
   }
 
+  void start_with_pool() {
+    ASSERT_TRUE(start());
+    pool = create(
+        pools, admin,
+        {{"name", "p1"}, {"url", "file:///srv/p1"}, {"io_options", {{"compression", "lz4"}}}});
+  }
+
+  // A set of VM `vm` on CVK "cvk-1" in pool "p1"; a full set when `base` is empty.
+  JSON_Value make_set(const std::string& uuid, const std::string& base, std::int64_t start_time,
+                      const std::string& vm = "vm-1", const std::string& resource = "res-1") {
+    std::string incarnation = base.empty() ? uuid : incarnations[base];
+    incarnations[uuid] = incarnation;
+    JSON_Value s = {{"uuid", uuid},
+                    {"resource_uuid", resource},
+                    {"host_id", "cvk-1"},
+                    {"host_uuid", "cvm-1"},
+                    {"vm_id", vm},
+                    {"vm_name", "name-" + vm},
+                    {"backup_type", base.empty() ? "full" : "incremental"},
+                    {"base", base.empty() ? uuid : base},
+                    {"incarnation", incarnation},
+                    {"pool_uuid", pool},
+                    {"start_time", start_time},
+                    {"set_size", 4096},
+                    {"source_size", 1 << 20},
+                    {"vm_disks", {{{"path", "/vms/" + vm + ".qcow2"}}}},
+                    {"pieces", {{{"object", ""}, {"size", 0}, {"path", "/c/" + uuid}}}},
+                    {"storages", {{{"pool_uuid", pool}, {"size", 3000}, {"extra", nullptr}}}}};
+    for (const char* k :
+         {"job_uuid", "run_uuid", "definition_id", "vm_uuid", "host_name", "host_ip", "vm_title",
+          "cbt_name", "uri", "vm_config_path", "name", "agent", "instance_version"})
+      s[k] = std::string(k) + "-" + uuid;
+    return s;
+  }
+
+  void commit(const JSON_Value& set) {
+    create(commits, agent, set);
+    committed[set.value("uuid", "")] = set;
+  }
+
   Temp_Dir tmp;
-  std::string data = tmp.file("data");
-  std::string log_file = tmp.file("server.log");
-  std::string out_file = tmp.file("server.out");
+  std::string data = tmp.file("data"), log_file = tmp.file("server.log"),
+              out_file = tmp.file("server.out"), config = tmp.file("server.json");
   Test_Process server;
   int port = 0;
+  std::string admin, agent, pool;
+  std::map<std::string, std::string> incarnations;
+  std::map<std::string, JSON_Value> committed;  // by uuid
 };
 
-TEST_F(Server_Test, RegistersListsGetsAndDeletes) {
-  std::string admin = enroll("console", "admin"), agent_a = enroll("agent-a"),
-              agent_b = enroll("agent-b");
+TEST_F(Server_Test, CvmEntriesRegisterListGetAndDelete) {
+  std::string agent_b = enroll("agent-b");
   ASSERT_TRUE(start());
-  std::string uuid = register_cvm(admin);
+  std::string uuid = create(cvms, admin, cvm_body());
 
-  Answer list = call("GET", route, &admin);
+  Answer list = call("GET", cvms, &admin);
   ASSERT_EQ(list.status, 200) << list.text;
   ASSERT_EQ(list.body.at("rows").size(), 1u);
   JSON_Value entry = list.body["rows"][0], expected = cvm_body();
@@ -144,107 +225,190 @@ TEST_F(Server_Test, RegistersListsGetsAndDeletes) {
   expected.erase("password");
   expected["uuid"] = uuid;
   EXPECT_EQ(entry, expected);
-  EXPECT_EQ(call("GET", route + "?uuid=" + uuid, &admin).body, list.body);
-  EXPECT_EQ(call("GET", route + "?uuid=0bad", &admin).body,
+  EXPECT_EQ(call("GET", cvms + "?uuid=" + uuid, &admin).body, list.body);
+  EXPECT_EQ(call("GET", cvms + "?uuid=0bad", &admin).body,
             JSON_Value({{"rows", JSON_Value::array()}}));
 
   // Only the agent itself gets a usable copy.
-  EXPECT_EQ(password(agent_a, uuid, "agent-a"), secret);
+  EXPECT_EQ(password(agent, uuid, "agent-a"), secret);
   EXPECT_EQ(password(agent_b, uuid, "agent-a"), "");
   EXPECT_EQ(password(admin, uuid, "agent-a"), "");
 
-  Answer del = call("DELETE", route + "?uuid=" + uuid, &admin);
-  EXPECT_EQ(del.body, JSON_Value({{"deleted", 1}})) << del.status;
-  EXPECT_EQ(call("DELETE", route + "?uuid=" + uuid, &admin).status, 404);
-  EXPECT_EQ(call("GET", route, &admin).body.at("rows").size(), 0u);
-}
-
-TEST_F(Server_Test, EveryRouteButHealthNeedsAKnownKey) {
-  std::string admin = enroll("console", "admin");
-  ASSERT_TRUE(start());
-  std::string uuid = register_cvm(admin);
-  std::string unknown = admin;
-  unknown[0] = admin[0] == '0' ? '1' : '0';
-  for (const std::string* key : {static_cast<std::string*>(nullptr), &unknown}) {
-    for (const std::string method : {"GET", "POST", "DELETE"}) {
-      Answer a = call(method, route + "?uuid=" + uuid + "&with_password=console", key,
-                      method == "POST" ? cvm_body("other.example").dump() : "");
-      EXPECT_EQ(a.status, 401) << method;
-      EXPECT_EQ(a.body, JSON_Value({{"error", key ? "unknown access key" : "access key required"}}))
-          << a.text;
-    }
-  }
-  Answer list = call("GET", route, &admin);  // nothing created or deleted on the way
-  ASSERT_EQ(list.body.at("rows").size(), 1u);
-  EXPECT_EQ(list.body["rows"][0].at("uuid"), uuid);
-  EXPECT_EQ(call("GET", "/k4/r/health", nullptr).body, JSON_Value({{"ok", true}}));
-}
-
-TEST_F(Server_Test, RefusesBadRequestsAndDuplicates) {
-  std::string admin = enroll("console", "admin");
-  ASSERT_TRUE(start());
-  auto with = [](const char* key, const JSON_Value& value) {
-    JSON_Value b = cvm_body();
-    if (value.is_null())
-      b.erase(key);
-    else
-      b[key] = value;
-    return b.dump();
-  };
-  struct Case {
-    const char* method;
-    std::string target;
-    std::string body;
-    const char* error;
-  } cases[] = {
-      {"POST", route, "{\"password\": \"" + secret + "\"", "malformed JSON body at byte "},
-      {"POST", route, "[1, 2]", "expected an object, got array"},
-      {"POST", route, with("port", "8080"), "'port' is expected as integer"},
-      {"POST", route, with("port", 0), "'port' is expected as integer in 1..65535"},
-      {"POST", route, with("port", 65536), "'port' is expected as integer in 1..65535"},
-      {"POST", route, with("host", ""), "'host' is expected as non-empty string"},
-      {"POST", route, with("extended_attrs", "zone=a"), "'extended_attrs' is expected as object"},
-      {"POST", route, with("passwd", "x"), "unknown key 'passwd'"},
-      {"POST", route, with("password", nullptr), "missing key 'password'"},
-      {"GET", route + "?with_password=console", "", "'with_password' needs 'uuid'"},
-      {"DELETE", route, "", "missing query key 'uuid'"},
-  };
-  for (const auto& c : cases) {
-    Answer a = call(c.method, c.target, &admin, c.body);
-    EXPECT_EQ(a.status, 400) << c.body;
-    EXPECT_TRUE(a.body.is_object() && contains(a.body.value("error", ""), c.error)) << a.text;
-    EXPECT_FALSE(contains(a.text, secret)) << a.text;
-  }
-
-  std::string uuid = register_cvm(admin);
   // Host names compare without case, as DNS does.
-  Answer dup = call("POST", route, &admin, cvm_body("CVM.Example").dump());
+  Answer dup = call("POST", cvms, &admin, cvm_body("CVM.Example"));
   EXPECT_EQ(dup.status, 409);
   const char* const exists = "a CVM entry for this host, port and username exists already";
   EXPECT_EQ(dup.body, JSON_Value({{"error", exists}, {"uuid", uuid}}));
-  register_cvm(admin, cvm_body("cvm.example", 8080, "operator"));
-  register_cvm(admin, cvm_body("cvm.example", 65535));
+  create(cvms, admin, cvm_body("cvm.example", 8080, "operator"));
+  create(cvms, admin, cvm_body("cvm.example", 65535));
+
+  Answer del = call("DELETE", cvms + "?uuid=" + uuid, &admin);
+  EXPECT_EQ(del.body, JSON_Value({{"deleted", 1}})) << del.status;
+  EXPECT_EQ(call("DELETE", cvms + "?uuid=" + uuid, &admin).body,
+            JSON_Value({{"error", "no CVM entry '" + uuid + "'"}}));
+  EXPECT_EQ(call("GET", cvms, &admin).body.at("rows").size(), 2u);
+}
+
+// Who may do what: no key, an unknown key, an agent's key, an admin's key.
+TEST_F(Server_Test, EachMethodAdmitsItsRoles) {
+  start_with_pool();
+  std::string cvm = create(cvms, admin, cvm_body());
+  commit(make_set("f1", "", 100));
+  const std::string unknown = std::string(64, 'a');
+  const std::string* keys[] = {nullptr, &unknown, &agent, &admin};
+  const std::string admin_only = " needs an admin key";
+  struct Row {
+    std::string method, target;
+    JSON_Value body;
+    int agent, admin;   // statuses
+    std::string error;  // of the 403
+  } rows[] = {
+      {"GET", cvms, nullptr, 403, 200, "reading CVM entries without 'with_password'" + admin_only},
+      {"GET", cvms + "?uuid=" + cvm + "&with_password=agent-a", nullptr, 200, 200, ""},
+      {"POST", cvms, cvm_body("other.example"), 403, 201, "registering CVM entries" + admin_only},
+      {"GET", pools, nullptr, 200, 200, ""},
+      {"GET", pools + "?uuid=" + pool, nullptr, 200, 200, ""},
+      {"POST",
+       pools,
+       {{"name", "p9"}, {"url", "file:///p9"}},
+       403,
+       201,
+       "registering storage pools" + admin_only},
+      {"POST", commits, make_set("f9", "", 900), 201, 403,
+       "committing backup sets needs an agent key"},
+      {"GET", views + "base_catalog?resource_uuid=res-1&host_id=cvk-1&vm_id=vm-1", nullptr, 200,
+       200, ""},
+      {"GET", views + "restore?resource_uuid=res-1&set_uuid=f1", nullptr, 200, 200, ""},
+      {"GET", sets, nullptr, 200, 200, ""},
+      {"GET", sets + "?uuid=f1", nullptr, 200, 200, ""},
+      {"DELETE", cvms + "?uuid=" + cvm, nullptr, 403, 200, "removing CVM entries" + admin_only},
+  };
+  for (const std::string* key : keys)
+    for (const auto& r : rows) {
+      Answer a = call(r.method, r.target, key, r.body);
+      SCOPED_TRACE(r.method + " " + r.target + (key ? " " + key->substr(0, 4) : ""));
+      if (!key || key == &unknown) {
+        EXPECT_EQ(a.status, 401);
+        EXPECT_EQ(a.body,
+                  JSON_Value({{"error", key ? "unknown access key" : "access key required"}}));
+        continue;
+      }
+      int expected = key == &agent ? r.agent : r.admin;
+      EXPECT_EQ(a.status, expected) << a.text;
+      if (expected == 403) {
+        EXPECT_EQ(a.body, JSON_Value({{"error", r.error}}));
+      }
+    }
+  // Only the admitted requests changed anything.
+  EXPECT_EQ(call("GET", cvms, &admin).body.at("rows").size(), 1u);
+  EXPECT_EQ(call("GET", pools, &agent).body.at("rows").size(), 2u);
+  EXPECT_EQ(uuids(call("GET", sets, &agent).body.at("rows")),
+            (std::vector<std::string>{"f9", "f1"}));
+
+  EXPECT_EQ(call("GET", "/k4/r/health", nullptr).body, JSON_Value({{"ok", true}}));
+  Answer put = call("PUT", pools, &admin, JSON_Value::object());
+  EXPECT_EQ(put.body, JSON_Value({{"error", "method not allowed"}})) << put.status;
+  EXPECT_TRUE(contains(put.headers, "Allow: GET, POST")) << put.headers;
+  EXPECT_EQ(call("GET", commits, &agent).status, 405);
+}
+
+TEST_F(Server_Test, BadRequestsAreRefusedWithTheirReason) {
+  start_with_pool();
+  commit(make_set("f1", "", 100));
+  JSON_Value x1 = make_set("x1", "", 200), pool_body = {{"name", "x"}, {"url", "file:///a"}};
+  const std::string expected_as = " is expected as ";
+  struct Case {
+    std::string method, target;
+    JSON_Value body;
+    int status;
+    std::string error;
+  } cases[] = {
+      {"POST", cvms, "{\"password\": \"" + secret + "\"", 400, "malformed JSON body at byte 32"},
+      {"POST", cvms, JSON_Value::array({1, 2}), 400, "expected an object, got array"},
+      {"POST", cvms, with(cvm_body(), "port", "8080"), 400, "'port' is expected as integer"},
+      {"POST", cvms, with(cvm_body(), "port", 0), 400,
+       "'port'" + expected_as + "integer in 1..65535"},
+      {"POST", cvms, with(cvm_body(), "port", 65536), 400,
+       "'port'" + expected_as + "integer in 1..65535"},
+      {"POST", cvms, with(cvm_body(), "host", ""), 400,
+       "'host'" + expected_as + "non-empty string"},
+      {"POST", cvms, with(cvm_body(), "extended_attrs", "a"), 400,
+       "'extended_attrs'" + expected_as + "object"},
+      {"POST", cvms, with(cvm_body(), "passwd", "x"), 400, "unknown key 'passwd'"},
+      {"POST", cvms, with(cvm_body(), "password", nullptr), 400, "missing key 'password'"},
+      {"GET", cvms + "?with_password=console", nullptr, 400, "'with_password' needs 'uuid'"},
+      {"DELETE", cvms, nullptr, 400, "missing query key 'uuid'"},
+      {"POST", pools, "[]", 400, "a JSON object body is expected"},
+      {"POST", pools, with(pool_body, "name", nullptr), 400, "missing key 'name'"},
+      {"POST", pools, with(pool_body, "name", ""), 400,
+       "'name'" + expected_as + "non-empty string"},
+      {"POST", pools, with(pool_body, "url", "file:///a/../etc"), 400,
+       "'url'" + expected_as + "file:///<absolute dir> or s3://<bucket> URL"},
+      {"POST", pools, with(pool_body, "io_options", {{"compression", "rar"}}), 400,
+       "invalid 'io_options'"},
+      {"POST", pools, with(pool_body, "colour", "red"), 400, "unknown key 'colour'"},
+      {"POST",
+       pools,
+       {{"name", "P1"}, {"url", "file:///b"}},
+       409,
+       "a storage pool of this name exists already"},
+      {"GET", pools + "?uuid=nope", nullptr, 404, "no storage pool 'nope'"},
+      {"POST", commits, with(x1, "uuid", nullptr), 400, "missing key 'uuid'"},
+      {"POST", commits, with(x1, "uuid", ""), 400, "'uuid'" + expected_as + "non-empty string"},
+      {"POST", commits, with(x1, "storages", "pool"), 400, "'storages'" + expected_as + "array"},
+      {"POST", commits, with(x1, "set_size", -1), 400,
+       "'set_size'" + expected_as + "non-negative integer"},
+      {"POST", commits, with(x1, "backup_type", "weekly"), 400,
+       "'backup_type'" + expected_as + "\"full\", \"incremental\" or \"differential\""},
+      {"POST", commits, with(x1, "pool_uuid", "no-pool"), 400, "unknown storage pool 'no-pool'"},
+      {"POST", commits, with(x1, "base", "f1"), 400,
+       "a full set is its own 'base' and 'incarnation'"},
+      {"POST", commits, with(make_set("x1", "f1", 200), "base", "x1"), 400,
+       "an incremental set needs another set as its 'base'"},
+      {"POST", commits, make_set("x1", "missing", 200), 400,
+       "base set 'missing' is not in the catalog"},
+      {"POST", commits, make_set("x1", "f1", 200, "vm-1", "res-2"), 400,
+       "base set 'f1' is not in the catalog"},
+      {"POST", commits, with(make_set("x1", "f1", 200), "incarnation", "x1"), 400,
+       "'incarnation' differs from that of base set 'f1'"},
+      {"POST", commits, with(make_set("f1", "", 100), "set_size", 1), 409,
+       "backup set 'f1' was committed with other content"},
+      {"GET", views + "base_catalog?resource_uuid=res-1&vm_id=vm-1", nullptr, 400,
+       "'resource_uuid', 'host_id' and 'vm_id' are required"},
+      {"GET", views + "restore?set_uuid=f1", nullptr, 400,
+       "'resource_uuid' and 'set_uuid' are required"},
+      {"GET", views + "restore?resource_uuid=res-2&set_uuid=f1", nullptr, 404,
+       "no complete chain for backup set 'f1'"},
+      {"GET", views + "nothing?a=b", nullptr, 404, "no view 'nothing'"},
+      {"GET", sets + "?uuid=zz", nullptr, 404, "no backup set 'zz'"},
+  };
+  for (const auto& c : cases) {
+    Answer a = call(c.method, c.target, c.target == commits ? &agent : &admin, c.body);
+    EXPECT_EQ(a.status, c.status) << c.body.dump();
+    EXPECT_EQ(a.body.value("error", ""), c.error) << a.text;
+    EXPECT_FALSE(contains(a.text, secret)) << a.text;
+  }
+  EXPECT_EQ(call("GET", pools, &admin).body.at("rows").size(), 1u);
+  EXPECT_EQ(uuids(call("GET", sets, &admin).body.at("rows")), std::vector<std::string>{"f1"});
+  EXPECT_EQ(call("GET", cvms, &admin).body.at("rows"), JSON_Value::array());
 }
 
 TEST_F(Server_Test, ConcurrentRegistrationsOfOneEntryMakeOne) {
-  std::string admin = enroll("console", "admin");
   ASSERT_TRUE(start());
   std::vector<int> statuses(6);
   std::vector<std::thread> threads;
   for (auto& s : statuses)
-    threads.emplace_back(
-        [&, out = &s] { *out = call("POST", route, &admin, cvm_body().dump()).status; });
+    threads.emplace_back([&, out = &s] { *out = call("POST", cvms, &admin, cvm_body()).status; });
   for (auto& t : threads)
     t.join();
   EXPECT_EQ(std::count(statuses.begin(), statuses.end(), 201), 1);
   EXPECT_EQ(std::count(statuses.begin(), statuses.end(), 409), 5);
-  EXPECT_EQ(call("GET", route, &admin).body.at("rows").size(), 1u);
+  EXPECT_EQ(call("GET", cvms, &admin).body.at("rows").size(), 1u);
 }
 
 TEST_F(Server_Test, EntriesSurviveARestartWithNoSecretInClear) {
-  std::string admin = enroll("console", "admin"), agent = enroll("agent-a");
   ASSERT_TRUE(start());
-  std::string uuid = register_cvm(admin);
+  std::string uuid = create(cvms, admin, cvm_body());
   EXPECT_EQ(password(agent, uuid, "agent-a"), secret);
   stop();
   ASSERT_TRUE(start());
@@ -275,27 +439,256 @@ TEST_F(Server_Test, MasterKeyIsPrivateAndNeverReplaced) {
   EXPECT_NE(stat(key_file.c_str(), &info), 0);
 }
 
-// Each refusal: exit status 2 and one error line naming the problem.
+TEST_F(Server_Test, PoolsListInOrderAndCommitsAreIdempotent) {
+  start_with_pool();
+  std::string second = create(pools, admin, {{"name", "p2"}, {"url", "s3://bucket/prefix"}});
+  Answer list = call("GET", pools, &agent);
+  EXPECT_EQ(uuids(list.body.at("rows")), (std::vector<std::string>{pool, second}));
+  Answer one = call("GET", pools + "?uuid=" + pool, &agent);
+  EXPECT_TRUE(one.body.at("created").is_number_integer());
+  one.body.erase("created");
+  EXPECT_EQ(one.body, JSON_Value({{"uuid", pool},
+                                  {"name", "p1"},
+                                  {"url", "file:///srv/p1"},
+                                  {"io_options", {{"compression", "lz4"}}}}));
+  Answer dup = call("POST", pools, &admin, {{"name", "P1"}, {"url", "file:///other"}});
+  EXPECT_EQ(dup.body.value("uuid", ""), pool) << dup.text;
+
+  JSON_Value set = make_set("f1", "", 100);
+  EXPECT_EQ(call("POST", commits, &agent, set).body,
+            JSON_Value({{"uuid", "f1"}, {"created", true}}));
+  Answer again = call("POST", commits, &agent, set);
+  EXPECT_EQ(again.status, 200);
+  EXPECT_EQ(again.body, JSON_Value({{"uuid", "f1"}, {"created", false}}));
+}
+
+TEST_F(Server_Test, ViewsFollowChains) {
+  start_with_pool();
+  // Two chains of vm-1 (f1 <- i1 <- i2, f2 <- j1), one set of vm-2 and one of another resource.
+  commit(make_set("f1", "", 100));
+  commit(make_set("i1", "f1", 200));
+  commit(make_set("g1", "", 250, "vm-2"));
+  commit(make_set("i2", "i1", 300));
+  commit(make_set("f2", "", 400));
+  commit(make_set("j1", "f2", 500));
+  commit(make_set("r1", "", 600, "vm-1", "res-2"));
+
+  auto get = [&](const std::string& target) { return call("GET", target, &agent).body; };
+  JSON_Value base = get(views + "base_catalog?resource_uuid=res-1&host_id=cvk-1&vm_id=vm-1");
+  EXPECT_EQ(uuids(base), (std::vector<std::string>{"j1", "f2", "i2", "i1", "f1"}));
+  EXPECT_EQ(base[0], committed["j1"]);
+  EXPECT_EQ(get(views + "base_catalog?resource_uuid=res-1&host_id=cvk-2&vm_id=vm-1"),
+            JSON_Value::array());
+
+  struct Case {
+    const char* set;
+    std::vector<std::string> chain;
+  } cases[] = {
+      {"f1", {"f1"}}, {"i1", {"f1", "i1"}}, {"i2", {"f1", "i1", "i2"}}, {"j1", {"f2", "j1"}}};
+  for (const auto& c : cases) {
+    JSON_Value chain = get(views + "restore?resource_uuid=res-1&set_uuid=" + c.set);
+    EXPECT_EQ(uuids(chain), c.chain) << c.set;
+    EXPECT_EQ(chain.back(), committed[c.set]);
+  }
+  EXPECT_EQ(call("GET", views + "restore?resource_uuid=res-1&set_uuid=zz", &agent).status, 404);
+
+  JSON_Value rows = get(sets + "?vm_id=vm-1&host_uuid=cvm-1").at("rows");
+  EXPECT_EQ(uuids(rows), (std::vector<std::string>{"r1", "j1", "f2", "i2", "i1", "f1"}));
+  EXPECT_EQ(rows[3], JSON_Value({{"uuid", "i2"},
+                                 {"vm_id", "vm-1"},
+                                 {"vm_name", "name-vm-1"},
+                                 {"host_id", "cvk-1"},
+                                 {"host_name", "host_name-i2"},
+                                 {"host_uuid", "cvm-1"},
+                                 {"resource_uuid", "res-1"},
+                                 {"backup_type", "incremental"},
+                                 {"start_time", 300},
+                                 {"set_size", 4096},
+                                 {"source_size", 1 << 20},
+                                 {"storage_size", 3000},
+                                 {"pool_uuid", pool},
+                                 {"base", "i1"},
+                                 {"incarnation", "f1"},
+                                 {"chain", {"f1", "i1", "i2"}}}));
+  EXPECT_EQ(uuids(get(sets + "?vm_id=vm-2").at("rows")), std::vector<std::string>{"g1"});
+  EXPECT_EQ(uuids(get(sets + "?host_id=cvk-1&vm_id=vm-2").at("rows")),
+            std::vector<std::string>{"g1"});
+  EXPECT_EQ(get(sets + "?host_uuid=cvm-9").at("rows"), JSON_Value::array());
+
+  JSON_Value one = get(sets + "?uuid=i1");
+  EXPECT_EQ(one["chain"], JSON_Value::array({"f1", "i1"}));
+  EXPECT_TRUE(one.at("committed").is_number_integer());
+  one.erase("chain");
+  one.erase("committed");
+  EXPECT_EQ(one, committed["i1"]);
+}
+
+TEST_F(Server_Test, HostClientsCommitAndReadViewsAndPools) {
+  start_with_pool();
+  RESTful_Catalog_Operator op("127.0.0.1", port, false, agent, -1, 5);
+  H3C_CAS_Backup_Set full;
+  full.uuid_ = full.base_ = full.incarnation_ = "c1";
+  full.backup_type_ = "full";
+  full.resource_uuid_ = "res-1";
+  full.host_id_ = "cvk-1";
+  full.vm_id_ = "vm-1";
+  full.cbt_name_ = "cbt-c1";
+  full.pool_uuid_ = pool;
+  full.host_uuid_ = "cvm-1";
+  full.start_time_ = 100;
+  full.vm_config_path_ = "/h/v/vm_config.json";
+  full.add_piece(full.vm_config_path_, 0);
+  full.add_piece("/h/v/disk_0", 512, "/vms/d.qcow2");
+  full.add_storage(pool, 700, {{"code_name", "reborn"}});
+  ASSERT_TRUE(op.commit(full));
+  ASSERT_TRUE(op.commit(full));  // a retried commit
+
+  H3C_CAS_Backup_Set inc = full;
+  inc.uuid_ = "c2";
+  inc.base_ = "c1";
+  inc.backup_type_ = "incremental";
+  inc.start_time_ = 200;
+  ASSERT_TRUE(op.commit(inc));
+  inc.uuid_ = "c3";
+  inc.base_ = "missing";
+  EXPECT_FALSE(op.commit(inc));
+  EXPECT_FALSE(RESTful_Catalog_Operator("127.0.0.1", port, false, admin, -1, 5).commit(inc));
+
+  JSON_Value answer;
+  ASSERT_TRUE(op.get_view("h3ccas", "base_catalog",
+                          {{"resource_uuid", "res-1"}, {"host_id", "cvk-1"}, {"vm_id", "vm-1"}},
+                          answer));
+  EXPECT_EQ(uuids(answer), (std::vector<std::string>{"c2", "c1"}));
+  EXPECT_EQ(answer[0]["incarnation"], "c1");
+  EXPECT_EQ(answer[0]["cbt_name"], "cbt-c1");
+
+  ASSERT_TRUE(
+      op.get_view("h3ccas", "restore", {{"resource_uuid", "res-1"}, {"set_uuid", "c2"}}, answer));
+  ASSERT_EQ(uuids(answer), (std::vector<std::string>{"c1", "c2"}));
+  const JSON_Value& last = answer.back();
+  EXPECT_EQ(last["uri"], "cvm-1");  // defaults to the protected resource's entry
+  EXPECT_EQ(last["pieces"][1],
+            (JSON_Value{{"object", "/vms/d.qcow2"}, {"size", 512}, {"path", "/h/v/disk_0"}}));
+  EXPECT_EQ(Backup_Set_Storage_Selector(last["storages"], 1).pool_uuid(), pool);
+  EXPECT_FALSE(
+      op.get_view("h3ccas", "restore", {{"resource_uuid", "res-1"}, {"set_uuid", "c3"}}, answer));
+
+  Upstream_JSON_RESTful_Client::instance()->configure("127.0.0.1", static_cast<std::uint16_t>(port),
+                                                      false, agent);
+  Pool_Info info;
+  ASSERT_TRUE(get_pool_info(Upstream_JSON_RESTful_Client::instance(), pool, nullptr, info, true,
+                            nullptr, 5, -1));
+  EXPECT_EQ(info.name, "p1");
+  EXPECT_EQ(info.url, "file:///srv/p1");
+  Client_IO_Base::Options opts;
+  opts.retry_count_ = 7;
+  ASSERT_TRUE(set_options_by_pool(opts, info));
+  EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::Lz4);
+  EXPECT_EQ(opts.retry_count_, 7);
+  EXPECT_FALSE(get_pool_info("no-such-pool", nullptr, info));
+  EXPECT_EQ(info.name, "p1");  // untouched by the failed lookup
+}
+
+TEST_F(Server_Test, HostClientRetriesUntilTheServerIsBack) {
+  start_with_pool();
+  stop();
+  RESTful_Catalog_Operator once("127.0.0.1", port, false, agent, -1, 0);
+  JSON_Value answer;
+  EXPECT_FALSE(once.get_view("h3ccas", "base_catalog", JSON_Value::object(), answer));
+  RESTful_Catalog_Operator short_retry("127.0.0.1", port, false, agent, -1, 1);
+  EXPECT_FALSE(short_retry.get_view("h3ccas", "base_catalog", JSON_Value::object(), answer));
+
+  // A commit keeps trying: its first attempt meets a listener that hangs up, the next one the
+  // server back on its port.
+  int listener = socket(AF_INET, SOCK_STREAM, 0), on = 1;
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(static_cast<std::uint16_t>(port));
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ASSERT_EQ(listen(listener, 4), 0);
+  RESTful_Catalog_Operator patient("127.0.0.1", port, false, agent, -1, 60);
+  H3C_CAS_Backup_Set s;
+  s.uuid_ = s.base_ = s.incarnation_ = "b1";
+  s.backup_type_ = "full";
+  s.resource_uuid_ = "res-1";
+  s.pool_uuid_ = pool;
+  bool committed = false;
+  std::thread client([&] { committed = patient.commit(s); });
+  pollfd pfd = {listener, POLLIN, 0};
+  bool met = poll(&pfd, 1, 60000) == 1;  // bounds a hang: the client connects at once
+  close(accept(listener, nullptr, nullptr));
+  close(listener);
+  bool restarted = start("127.0.0.1:" + std::to_string(port));
+  client.join();
+  ASSERT_TRUE(met && restarted);
+  EXPECT_TRUE(committed);
+  EXPECT_EQ(call("GET", sets + "?uuid=b1", &agent).status, 200);
+}
+
+TEST(Storage_Selector, PicksByMode) {
+  const JSON_Value storages = JSON_Value::parse(R"([
+      "junk", {"size": 5}, {"pool_uuid": "", "size": 9},
+      {"pool_uuid": "a", "size": 10}, {"pool_uuid": "b", "size": 30}, {"pool_uuid": "c"}])");
+  EXPECT_EQ(Backup_Set_Storage_Selector(storages, 1).pool_uuid(), "a");
+  EXPECT_EQ(Backup_Set_Storage_Selector(storages, 2).pool_uuid(), "b");
+  EXPECT_EQ(Backup_Set_Storage_Selector(JSON_Value::object(), 1).pool_uuid(), "");
+
+  Pool_Info info;  // options a pool may not have leave the caller's alone
+  info.io_options = {{"compression", "zlib"}, {"compression_level", 99}};
+  Client_IO_Base::Options opts;
+  EXPECT_FALSE(set_options_by_pool(opts, info));
+  EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::Zstd);
+  EXPECT_EQ(opts.compression_level_, 3);
+}
+
+// Each refusal: exit status 2, one line naming the problem and, for the command line, a hint.
 TEST(Server_Options, BadOptionsAndConfigurationAreRefused) {
   Temp_Dir tmp;
   write_text_file(tmp.file("conf.json"), "{\"port\": \"1\"}");
+  const std::string data = tmp.file("data"), hint = "\nRun 'brimlet-server --help' for usage.\n",
+                    enroll_hint = "\nRun 'brimlet-server enroll --help' for usage.\n";
   struct Case {
     std::vector<std::string> argv;
-    const char* error;
+    std::string err;
   } cases[] = {
-      {{"brimlet-server", "--bogus"}, "Unknown option '--bogus'"},
-      {{"brimlet-server", "--listen"}, "Option '--listen' needs a value"},
-      {{"brimlet-server", "--listen", "nowhere"}, "Invalid listen address 'nowhere'"},
-      {{"brimlet-server", "--config", tmp.file("conf.json")}, "unknown member 'port'"},
-      {{"brimlet-server", "enroll", "--data", tmp.path()}, "Option '--host-id' is required"},
-      {{"brimlet-server", "keys", "--role", "admin"}, "Option '--role' does not apply here"},
+      {{"--bogus"}, "brimlet-server: The following argument was not expected: --bogus" + hint},
+      {{"--listen"}, "brimlet-server: --listen: 1 required HOST:PORT missing" + hint},
+      {{"enroll", "--data", data}, "brimlet-server: --host-id is required" + enroll_hint},
+      {{"enroll", "--data", data, "--host-id", "a", "--role", "boss"},
+       "brimlet-server: --role: boss not in {agent,admin}" + enroll_hint},
+      {{"keys", "--role", "admin"},
+       "brimlet-server: The following arguments were not expected: admin --role\n"
+       "Run 'brimlet-server keys --help' for usage.\n"},
+      {{"--listen", "nowhere"}, "Invalid listen address 'nowhere'"},
+      {{"--config", tmp.file("conf.json")}, "unknown member 'port'"},
   };
-  for (const auto& c : cases) {
+  for (auto& c : cases) {
+    c.argv.insert(c.argv.begin(), "brimlet-server");
     Run_Result r = run_program(c.argv, "", {"BRIMLET_ROOT=" + tmp.path()}, 30);
-    EXPECT_EQ(r.exit_code, 2) << c.error;
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    EXPECT_TRUE(contains(r.err, c.error)) << r.err;
+    EXPECT_EQ(r.exit_code, 2) << c.err;
+    if (c.err.back() == '\n') {
+      EXPECT_EQ(r.err, c.err);
+    } else {
+      EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+      EXPECT_TRUE(contains(r.err, c.err)) << r.err;
+    }
   }
+  struct stat info {};
+  EXPECT_NE(stat(data.c_str(), &info), 0);  // refused before the database was made
+
+  // The configuration's data directory serves unless the command line names another.
+  write_text_file(tmp.file("conf.json"), JSON_Value({{"data_dir", data}}).dump());
+  Run_Result r = run_program({"brimlet-server", "enroll", "--config", tmp.file("conf.json"),
+                              "--host-id", "console", "--role", "admin"});
+  EXPECT_EQ(r.out.size(), 65u) << r.err;
+  r = run_program({"brimlet-server", "keys", "--config", tmp.file("conf.json")});
+  EXPECT_TRUE(r.exit_code == 0 && r.out.compare(0, 14, "console\tadmin\t") == 0) << r.out;
+  r = run_program(
+      {"brimlet-server", "keys", "--config", tmp.file("conf.json"), "--data", tmp.path()});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_TRUE(contains(r.err, "No server database '" + tmp.path() + "/server.db'")) << r.err;
 }
 
 }  // namespace
