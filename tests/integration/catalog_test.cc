@@ -57,11 +57,13 @@ Strings uuids(const JSON_Value& rows) {
 
 const std::time_t t0 = 1700000000;
 
-// One backup set of VM `vm_name` (id `vm_id`) on CVK `host_name` (id `host_id`) of the CVM entry
-// `cvm`; a full set when `base` is empty.
-struct Set_Spec {
-  std::string uuid, base, incarnation, cvm, host_id, host_name, vm_id, vm_name;
-  std::time_t start;
+// A backup set of VM `vm` on CVK "cvk0<host>" (id "<host>") of the CVM entry `cvm`, `dt` seconds
+// after t0; a full set when `base` is empty, else one of the chain of "full-1".
+struct Spec {
+  std::string uuid, base, cvm;
+  int host;
+  std::string vm;
+  std::time_t dt;
   std::uint64_t size;
 };
 
@@ -82,13 +84,11 @@ class Catalog : public ::testing::Test {
     ASSERT_EQ(r.out.rfind("Registered storage pool lab as ", 0), 0u) << r.out << r.err;
     pool_ = r.out.substr(r.out.rfind(' ') + 1);
     pool_.pop_back();  // the newline
-    specs_ = {
-        {"full-1", "", "", cvm_, "1", "cvk01", "101", "web01", t0, 8589934592},
-        {"inc-1", "full-1", "full-1", cvm_, "1", "cvk01", "101", "web01", t0 + 3600, 1572864},
-        {"inc-2", "inc-1", "full-1", cvm_, "1", "cvk01", "101", "web01", t0 + 7200, 512},
-        {"app-1", "", "", cvm_, "2", "cvk02", "201", "app01", t0 + 1800, 1048576},
-        {"gone-1", "", "", "gone-cvm", "1", "cvk01", "101", "web01", t0 + 60, 2048},
-    };
+    specs_ = {{"full-1", "", cvm_, 1, "web01", 0, 8589934592},
+              {"inc-1", "full-1", cvm_, 1, "web01", 3600, 1572864},
+              {"inc-2", "inc-1", cvm_, 1, "web01", 7200, 512},
+              {"app-1", "", cvm_, 2, "app01", 1800, 1048576},
+              {"gone-1", "", "gone-cvm", 1, "web01", 60, 2048}};
     for (const auto& s : specs_)
       ASSERT_EQ(commit(backup_set(s)), 201) << s.uuid;
   }
@@ -98,28 +98,18 @@ class Catalog : public ::testing::Test {
     return "file://" + stack_.dir().file(name);
   }
 
-  JSON_Value backup_set(const Set_Spec& s) const {
+  JSON_Value backup_set(const Spec& s) const {
     bool full = s.base.empty();
-    std::string disk = "/vms/images/" + s.vm_name;
-    JSON_Value set = {
-        {"uuid", s.uuid},
-        {"resource_uuid", "res-" + s.cvm},
-        {"host_id", s.host_id},
-        {"host_name", s.host_name},
-        {"vm_id", s.vm_id},
-        {"vm_name", s.vm_name},
-        {"incarnation", full ? s.uuid : s.incarnation},
-        {"base", full ? s.uuid : s.base},
-        {"pool_uuid", pool_},
-        {"host_uuid", s.cvm},
-        {"start_time", s.start},
-        {"set_size", s.size},
-        {"source_size", 10737418240},
-        {"backup_type", full ? "full" : "incremental"},
-        {"vm_config_path", "/" + s.host_name + "/" + s.vm_name + "/" + s.uuid + ".json"}};
+    std::string id = std::to_string(s.host), cvk = "cvk0" + id, disk = "/vms/images/" + s.vm;
+    JSON_Value set = {{"source_size", 10737418240}, {"pool_uuid", pool_}, {"host_uuid", s.cvm}};
     for (const char* k : {"job_uuid", "run_uuid", "definition_id", "vm_uuid", "host_ip", "vm_title",
                           "cbt_name", "uri", "name", "agent", "instance_version"})
       set[k] = std::string(k) + "-" + s.uuid;
+    set.update({{"uuid", s.uuid}, {"base", full ? s.uuid : s.base}, {"vm_name", s.vm}});
+    set.update({{"incarnation", full ? s.uuid : "full-1"}, {"resource_uuid", "res-" + s.cvm}});
+    set.update({{"host_id", id}, {"host_name", cvk}, {"vm_id", id + "01"}, {"set_size", s.size}});
+    set.update({{"backup_type", full ? "full" : "incremental"}, {"start_time", t0 + s.dt}});
+    set["vm_config_path"] = "/" + cvk + "/" + s.vm + "/" + s.uuid + ".json";
     set["vm_disks"] = {{{"path", disk + "-a.qcow2"}, {"size", 8589934592}, {"format", "qcow2"}},
                        {{"path", disk + "-b.raw"}, {"size", 2147483648}, {"format", "raw"}}};
     set["pieces"] = {
@@ -153,7 +143,7 @@ class Catalog : public ::testing::Test {
   Test_Stack stack_;
   std::uint16_t port_ = 0;
   std::string agent_key_, cvm_, pool_;
-  std::vector<Set_Spec> specs_;
+  std::vector<Spec> specs_;
 };
 
 TEST_F(Catalog, PoolsAreListedWithTheirCompression) {
@@ -162,29 +152,16 @@ TEST_F(Catalog, PoolsAreListedWithTheirCompression) {
       {"pool", "add", "--name", "fast", "--url", fast_url, "--compression", "lz4", "--level", "9"});
   JSON_Value plain =
       cli_json({"pool", "add", "--url", plain_url, "--compression", "none", "--name", "plain"});
-  std::string fast_uuid = fast.value("uuid", ""), plain_uuid = plain.value("uuid", "");
-  JSON_Value rows = cli_json({"pool", "list"});
-  ASSERT_EQ(uuids(rows), (Strings{pool_, fast_uuid, plain_uuid})) << rows.dump();
-  EXPECT_EQ(rows[0]["url"], pool_url("pool-lab"));
-  EXPECT_EQ(rows[0]["io_options"], JSON_Value::object());
-  EXPECT_EQ(rows[1]["io_options"], JSON_Value({{"compression", "lz4"}, {"compression_level", 9}}));
-  EXPECT_EQ(rows[2]["io_options"], JSON_Value({{"compression", "none"}}));
-
   Run_Result r = stack_.cli({"pool", "list"});
   EXPECT_EQ(read_table(r.out),
             (std::vector<Row>{{"NAME", "UUID", "URL", "COMPRESSION"},
                               {"lab", pool_, pool_url("pool-lab"), "zstd level 3"},
-                              {"fast", fast_uuid, fast_url, "lz4 level 9"},
-                              {"plain", plain_uuid, plain_url, "none"}}))
+                              {"fast", fast.value("uuid", ""), fast_url, "lz4 level 9"},
+                              {"plain", plain.value("uuid", ""), plain_url, "none"}}))
       << r.out << r.err;
 }
 
 TEST_F(Catalog, ListShowsNewestFirstWithTheFullSetOfEachChain) {
-  JSON_Value rows = cli_json({"sets", "list"});
-  ASSERT_EQ(uuids(rows), (Strings{"inc-2", "inc-1", "app-1", "gone-1", "full-1"}));
-  EXPECT_EQ(rows[0]["chain"], (JSON_Value{"full-1", "inc-1", "inc-2"}));
-  EXPECT_EQ(rows[0].value("storage_size", 0), 256);
-
   Run_Result r = stack_.cli({"sets", "list"});
   EXPECT_EQ(
       read_table(r.out),
@@ -222,13 +199,6 @@ TEST_F(Catalog, FiltersTakeIdsOrNamesAndCombine) {
 
 TEST_F(Catalog, ShowGivesEveryFieldTheDisksAndThePieces) {
   JSON_Value committed = backup_set(specs_[1]);
-  JSON_Value shown = cli_json({"sets", "show", "inc-1"});
-  EXPECT_EQ(shown["chain"], (JSON_Value{"full-1", "inc-1"}));
-  EXPECT_TRUE(shown["committed"].is_number_integer());
-  shown.erase("chain");
-  shown.erase("committed");
-  EXPECT_EQ(shown, committed);
-
   Run_Result r = stack_.cli({"sets", "show", "inc-1"});
   auto lines = read_table(r.out.substr(0, r.out.find("\n\n")));
   ASSERT_FALSE(lines.empty()) << r.err;
@@ -271,8 +241,7 @@ TEST_F(Catalog, ShowGivesEveryFieldTheDisksAndThePieces) {
 // What the server or the CLI refuses: one clear line, nothing on stdout, nothing stored.
 TEST_F(Catalog, RefusalsAreOneClearLine) {
   std::string url = pool_url("other");
-  Set_Spec orphan = {"inc-x", "no-such-set", "full-1", cvm_, "1", "cvk01", "101", "web01", t0, 1};
-  EXPECT_EQ(commit(backup_set(orphan)), 400);
+  EXPECT_EQ(commit(backup_set({"inc-x", "no-such-set", cvm_, 1, "web01", 9000, 1})), 400);
   struct Case {
     Strings args;
     int exit_code;

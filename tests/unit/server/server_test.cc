@@ -5,6 +5,7 @@
 #include "host/core/crypto.h"
 #include "host/core/paths.h"
 #include "host/http/client.h"
+#include "programs/server/db.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 
@@ -21,6 +22,7 @@
 
 namespace {
 
+using namespace brimlet_server;
 const char seal_key[] = "P!L@O#V$A%R^N&3157";
 const std::string secret = "Sw0rdf1sh-q7Zx%9", cvms = "/k4/r/h3ccas/cvm",
                   pools = "/k4/r/storage/pool", commits = "/k4/r/catalog/h3ccas",
@@ -35,13 +37,9 @@ struct Answer {
 
 JSON_Value cvm_body(const std::string& host = "cvm.example", int port = 8080,
                     const std::string& username = "admin") {
-  return {{"name", "lab"},
-          {"host", host},
-          {"port", port},
-          {"ssl", false},
-          {"username", username},
-          {"password", secret},
-          {"extended_attrs", {{"zone", "a"}}}};
+  JSON_Value b = {{"host", host}, {"port", port}, {"username", username}, {"password", secret}};
+  b.update({{"name", "lab"}, {"ssl", false}, {"extended_attrs", {{"zone", "a"}}}});
+  return b;
 }
 
 // `object` with `value` under `key`, or without `key` when `value` is null.
@@ -224,6 +222,7 @@ TEST_F(Server_Test, CvmEntriesRegisterListGetAndDelete) {
   EXPECT_EQ(call("DELETE", cvms + "?uuid=" + uuid, &admin).text, R"({"deleted":1})");
   EXPECT_EQ(call("DELETE", cvms + "?uuid=" + uuid, &admin).body,
             JSON_Value({{"error", "no CVM entry '" + uuid + "'"}}));
+  EXPECT_EQ(call("DELETE", cvms, &admin).text, R"({"error":"missing query key 'uuid'"})");
   EXPECT_EQ(call("GET", cvms, &admin).body.at("rows").size(), 2u);
 
   std::vector<std::thread> threads;  // one of concurrent registrations of an entry wins
@@ -241,24 +240,20 @@ TEST_F(Server_Test, EachMethodAdmitsItsRoles) {
   start_with_pool();
   std::string cvm = create(cvms, admin, cvm_body());
   commit(make_set("f1", "", 100));
-  const std::string unknown = std::string(64, 'a'), admin_only = " needs an admin key";
+  std::string unknown = std::string(64, 'a'), admin_only = " needs an admin key";
+  JSON_Value p9 = {{"name", "p9"}, {"url", "file:///p9"}};
   struct Row {
     std::string method, target;
     JSON_Value body;
-    int agent, admin;   // statuses
-    std::string error;  // of the 403
+    int agent, admin;        // statuses
+    std::string error = "";  // of the 403
   } rows[] = {
       {"GET", cvms, nullptr, 403, 200, "reading CVM entries without 'with_password'" + admin_only},
       {"GET", cvms + "?uuid=" + cvm + "&with_password=agent-a", nullptr, 200, 200},
       {"POST", cvms, cvm_body("other.example"), 403, 201, "registering CVM entries" + admin_only},
       {"GET", pools, nullptr, 200, 200},
       {"GET", pools + "?uuid=" + pool, nullptr, 200, 200},
-      {"POST",
-       pools,
-       {{"name", "p9"}, {"url", "file:///p9"}},
-       403,
-       201,
-       "registering storage pools" + admin_only},
+      {"POST", pools, p9, 403, 201, "registering storage pools" + admin_only},
       {"POST", commits, make_set("f9", "", 900), 201, 403,
        "committing backup sets needs an agent key"},
       {"GET", views + "base_catalog?resource_uuid=r&host_id=c&vm_id=v", nullptr, 200, 200},
@@ -267,8 +262,7 @@ TEST_F(Server_Test, EachMethodAdmitsItsRoles) {
       {"GET", sets + "?uuid=f1", nullptr, 200, 200},
       {"DELETE", cvms + "?uuid=" + cvm, nullptr, 403, 200, "removing CVM entries" + admin_only},
   };
-  for (const std::string* key :
-       {static_cast<const std::string*>(nullptr), &unknown, &agent, &admin})
+  for (const std::string* key : {static_cast<std::string*>(nullptr), &unknown, &agent, &admin})
     for (const auto& r : rows) {
       Answer a = call(r.method, r.target, key, r.body);
       SCOPED_TRACE(r.method + " " + r.target + (key ? " " + key->substr(0, 4) : ""));
@@ -299,63 +293,55 @@ TEST_F(Server_Test, BadRequestsAreRefusedWithTheirReason) {
              pool_body = {{"name", "x"}, {"url", "file:///a"}};
   const std::string as = " is expected as ";
   struct Case {
-    std::string method, target;
-    JSON_Value body;
+    std::string target;
+    JSON_Value body;  // null: a GET
     int status;
     std::string error;
   } cases[] = {
-      {"POST", cvms, "{\"password\": \"" + secret + "\"", 400, "malformed JSON body at byte 32"},
-      {"POST", cvms, JSON_Value::array({1, 2}), 400, "expected an object, got array"},
-      {"POST", cvms, with(cvm_body(), "port", "8080"), 400, "'port' is expected as integer"},
-      {"POST", cvms, with(cvm_body(), "port", 0), 400, "'port'" + as + "integer in 1..65535"},
-      {"POST", cvms, with(cvm_body(), "port", 65536), 400, "'port'" + as + "integer in 1..65535"},
-      {"POST", cvms, with(cvm_body(), "host", ""), 400, "'host'" + as + "non-empty string"},
-      {"POST", cvms, with(cvm_body(), "extended_attrs", 1), 400,
-       "'extended_attrs'" + as + "object"},
-      {"POST", cvms, with(cvm_body(), "passwd", "x"), 400, "unknown key 'passwd'"},
-      {"POST", cvms, with(cvm_body(), "password", nullptr), 400, "missing key 'password'"},
-      {"GET", cvms + "?with_password=console", nullptr, 400, "'with_password' needs 'uuid'"},
-      {"DELETE", cvms, nullptr, 400, "missing query key 'uuid'"},
-      {"POST", pools, "[]", 400, "a JSON object body is expected"},
-      {"POST", pools, with(pool_body, "name", nullptr), 400, "missing key 'name'"},
-      {"POST", pools, with(pool_body, "name", ""), 400, "'name'" + as + "non-empty string"},
-      {"POST", pools, with(pool_body, "url", "file:///a/../etc"), 400,
+      {cvms, "{\"password\": \"" + secret + "\"", 400, "malformed JSON body at byte 32"},
+      {cvms, JSON_Value::array({1, 2}), 400, "expected an object, got array"},
+      {cvms, with(cvm_body(), "port", 0), 400, "'port'" + as + "integer in 1..65535"},
+      {cvms, with(cvm_body(), "port", 65536), 400, "'port'" + as + "integer in 1..65535"},
+      {cvms, with(cvm_body(), "host", ""), 400, "'host'" + as + "non-empty string"},
+      {cvms, with(cvm_body(), "extended_attrs", 1), 400, "'extended_attrs'" + as + "object"},
+      {cvms, with(cvm_body(), "passwd", "x"), 400, "unknown key 'passwd'"},
+      {cvms, with(cvm_body(), "password", nullptr), 400, "missing key 'password'"},
+      {cvms + "?with_password=console", nullptr, 400, "'with_password' needs 'uuid'"},
+      {pools, "[]", 400, "a JSON object body is expected"},
+      {pools, with(pool_body, "name", nullptr), 400, "missing key 'name'"},
+      {pools, with(pool_body, "name", ""), 400, "'name'" + as + "non-empty string"},
+      {pools, with(pool_body, "url", "file:///a/../etc"), 400,
        "'url'" + as + "file:///<absolute dir> or s3://<bucket> URL"},
-      {"POST", pools, with(pool_body, "io_options", {{"compression", "rar"}}), 400,
-       "invalid 'io_options'"},
-      {"POST", pools, with(pool_body, "colour", "red"), 400, "unknown key 'colour'"},
-      {"POST", pools, with(pool_body, "name", "P1"), 409,
-       "a storage pool of this name exists already"},
-      {"GET", pools + "?uuid=nope", nullptr, 404, "no storage pool 'nope'"},
-      {"POST", commits, with(x1, "uuid", nullptr), 400, "missing key 'uuid'"},
-      {"POST", commits, with(x1, "uuid", ""), 400, "'uuid'" + as + "non-empty string"},
-      {"POST", commits, with(x1, "storages", "p1"), 400, "'storages'" + as + "array"},
-      {"POST", commits, with(x1, "set_size", -1), 400, "'set_size'" + as + "non-negative integer"},
-      {"POST", commits, with(x1, "backup_type", "weekly"), 400,
+      {pools, with(pool_body, "io_options", {{"compression", "rar"}}), 400, "invalid 'io_options'"},
+      {pools, with(pool_body, "colour", "red"), 400, "unknown key 'colour'"},
+      {pools, with(pool_body, "name", "P1"), 409, "a storage pool of this name exists already"},
+      {pools + "?uuid=nope", nullptr, 404, "no storage pool 'nope'"},
+      {commits, with(x1, "uuid", nullptr), 400, "missing key 'uuid'"},
+      {commits, with(x1, "uuid", ""), 400, "'uuid'" + as + "non-empty string"},
+      {commits, with(x1, "storages", "p1"), 400, "'storages'" + as + "array"},
+      {commits, with(x1, "set_size", -1), 400, "'set_size'" + as + "non-negative integer"},
+      {commits, with(x1, "backup_type", "weekly"), 400,
        "'backup_type'" + as + "\"full\", \"incremental\" or \"differential\""},
-      {"POST", commits, with(x1, "pool_uuid", "no-pool"), 400, "unknown storage pool 'no-pool'"},
-      {"POST", commits, with(x1, "base", "f1"), 400,
-       "a full set is its own 'base' and 'incarnation'"},
-      {"POST", commits, with(i1, "base", "i1"), 400,
-       "an incremental set needs another set as its 'base'"},
-      {"POST", commits, with(i1, "base", "zz"), 400, "base set 'zz' is not in the catalog"},
-      {"POST", commits, with(i1, "resource_uuid", "res-2"), 400,
-       "base set 'f1' is not in the catalog"},
-      {"POST", commits, with(i1, "incarnation", "i1"), 400,
+      {commits, with(x1, "pool_uuid", "no-pool"), 400, "unknown storage pool 'no-pool'"},
+      {commits, with(x1, "base", "f1"), 400, "a full set is its own 'base' and 'incarnation'"},
+      {commits, with(i1, "base", "i1"), 400, "an incremental set needs another set as its 'base'"},
+      {commits, with(i1, "base", "zz"), 400, "base set 'zz' is not in the catalog"},
+      {commits, with(i1, "resource_uuid", "res-2"), 400, "base set 'f1' is not in the catalog"},
+      {commits, with(i1, "incarnation", "i1"), 400,
        "'incarnation' differs from that of base set 'f1'"},
-      {"POST", commits, with(committed["f1"], "set_size", 1), 409,
+      {commits, with(committed["f1"], "set_size", 1), 409,
        "backup set 'f1' was committed with other content"},
-      {"GET", views + "base_catalog?resource_uuid=r&vm_id=v", nullptr, 400,
+      {views + "base_catalog?resource_uuid=r&vm_id=v", nullptr, 400,
        "'resource_uuid', 'host_id' and 'vm_id' are required"},
-      {"GET", views + "restore?set_uuid=f1", nullptr, 400,
-       "'resource_uuid' and 'set_uuid' are required"},
-      {"GET", views + "restore?resource_uuid=res-2&set_uuid=f1", nullptr, 404,
+      {views + "restore?set_uuid=f1", nullptr, 400, "'resource_uuid' and 'set_uuid' are required"},
+      {views + "restore?resource_uuid=res-2&set_uuid=f1", nullptr, 404,
        "no complete chain for backup set 'f1'"},
-      {"GET", views + "nothing?a=b", nullptr, 404, "no view 'nothing'"},
-      {"GET", sets + "?uuid=zz", nullptr, 404, "no backup set 'zz'"},
+      {views + "nothing?a=b", nullptr, 404, "no view 'nothing'"},
+      {sets + "?uuid=zz", nullptr, 404, "no backup set 'zz'"},
   };
   for (const auto& c : cases) {
-    Answer a = call(c.method, c.target, c.target == commits ? &agent : &admin, c.body);
+    const char* method = c.body.is_null() ? "GET" : "POST";
+    Answer a = call(method, c.target, c.target == commits ? &agent : &admin, c.body);
     EXPECT_EQ(a.status, c.status) << c.body.dump();
     EXPECT_EQ(a.body.value("error", ""), c.error) << a.text;
     EXPECT_FALSE(contains(a.text, secret)) << a.text;
@@ -402,30 +388,34 @@ TEST_F(Server_Test, PoolsAndViewsAnswerWhatWasStored) {
   EXPECT_EQ(call("POST", pools, &admin, {{"name", "P1"}, {"url", "file:///b"}}).body["uuid"], pool);
 
   // Two chains of vm-1 (f1 <- i1 <- i2, f2 <- j1), one set of vm-2 and one of another resource.
-  commit(make_set("f1", "", 100));
-  commit(make_set("i1", "f1", 200));
-  commit(make_set("g1", "", 250, "vm-2"));
-  commit(make_set("i2", "i1", 300));
-  commit(make_set("f2", "", 400));
-  commit(make_set("j1", "f2", 500));
-  commit(make_set("r1", "", 600, "vm-1", "res-2"));
+  const char* const chains[][4] = {{"f1", "", "vm-1", "res-1"}, {"i1", "f1", "vm-1", "res-1"},
+                                   {"g1", "", "vm-2", "res-1"}, {"i2", "i1", "vm-1", "res-1"},
+                                   {"f2", "", "vm-1", "res-1"}, {"j1", "f2", "vm-1", "res-1"},
+                                   {"r1", "", "vm-1", "res-2"}};
+  for (const auto& c : chains)
+    commit(make_set(c[0], c[1], 100 * committed.size(), c[2], c[3]));
   Answer again = call("POST", commits, &agent, committed["i1"]);
   EXPECT_EQ(again.status, 200);
   EXPECT_EQ(again.text, R"({"created":false,"uuid":"i1"})");
 
-  auto get = [&](const std::string& target) { return call("GET", target, &agent).body; };
-  JSON_Value base = get(views + "base_catalog?resource_uuid=res-1&host_id=cvk-1&vm_id=vm-1");
-  EXPECT_EQ(uuids(base), (Strings{"j1", "f2", "i2", "i1", "f1"}));
-  EXPECT_EQ(base[0], committed["j1"]);
-  EXPECT_EQ(get(views + "base_catalog?resource_uuid=res-1&host_id=cvk-2&vm_id=vm-1"),
-            JSON_Value::array());
+  // The views through the host's catalog client.
+  RESTful_Catalog_Operator op("127.0.0.1", port, false, agent, -1, 5);
+  JSON_Value got, vm = {{"resource_uuid", "res-1"}, {"host_id", "cvk-1"}, {"vm_id", "vm-1"}};
+  ASSERT_TRUE(op.get_view("h3ccas", "base_catalog", vm, got));
+  EXPECT_EQ(uuids(got), (Strings{"j1", "f2", "i2", "i1", "f1"}));
+  EXPECT_EQ(got[0], committed["j1"]);
+  ASSERT_TRUE(op.get_view("h3ccas", "base_catalog", with(vm, "host_id", "cvk-2"), got));
+  EXPECT_EQ(got, JSON_Value::array());
   for (const Strings& chain : {Strings{"f1"}, Strings{"f1", "i1", "i2"}, Strings{"f2", "j1"}}) {
-    JSON_Value got = get(views + "restore?resource_uuid=res-1&set_uuid=" + chain.back());
+    JSON_Value which = {{"resource_uuid", "res-1"}, {"set_uuid", chain.back()}};
+    ASSERT_TRUE(op.get_view("h3ccas", "restore", which, got));
     EXPECT_EQ(uuids(got), chain);
     EXPECT_EQ(got.back(), committed[chain.back()]);
   }
+  EXPECT_FALSE(
+      op.get_view("h3ccas", "restore", {{"resource_uuid", "res-2"}, {"set_uuid", "i1"}}, got));
 
-  JSON_Value rows = get(sets + "?vm_id=vm-1&host_uuid=cvm-1").at("rows");
+  JSON_Value rows = call("GET", sets + "?vm_id=vm-1&host_uuid=cvm-1", &admin).body.at("rows");
   EXPECT_EQ(uuids(rows), (Strings{"r1", "j1", "f2", "i2", "i1", "f1"}));
   expected = {{"storage_size", 3000}, {"chain", {"f1", "i1", "i2"}}};
   for (const char* k :
@@ -433,56 +423,44 @@ TEST_F(Server_Test, PoolsAndViewsAnswerWhatWasStored) {
         "backup_type", "start_time", "set_size", "source_size", "pool_uuid", "base", "incarnation"})
     expected[k] = committed["i2"][k];
   EXPECT_EQ(rows[3], expected);
-  EXPECT_EQ(uuids(get(sets + "?host_id=cvk-1&vm_id=vm-2").at("rows")), Strings{"g1"});
-  EXPECT_EQ(get(sets + "?host_uuid=cvm-9").at("rows"), JSON_Value::array());
-  one = get(sets + "?uuid=i1");
+  rows = call("GET", sets + "?host_id=cvk-1&vm_id=vm-2", &admin).body.at("rows");
+  EXPECT_EQ(uuids(rows), Strings{"g1"});
+  EXPECT_EQ(call("GET", sets + "?host_uuid=cvm-9", &admin).text, R"({"rows":[]})");
+  one = call("GET", sets + "?uuid=i1", &admin).body;
   EXPECT_EQ(one["chain"], JSON_Value::array({"f1", "i1"}));
   EXPECT_TRUE(one.at("committed").is_number_integer());
   EXPECT_EQ(with(with(one, "chain", nullptr), "committed", nullptr), committed["i1"]);
 }
 
-TEST_F(Server_Test, HostClientsCommitAndReadViewsAndPools) {
+TEST_F(Server_Test, HostClientsCommitSetsAndReadPools) {
   start_with_pool();
   RESTful_Catalog_Operator op("127.0.0.1", port, false, agent, -1, 5);
-  H3C_CAS_Backup_Set full;
-  full.uuid_ = full.base_ = full.incarnation_ = "c1";
-  full.backup_type_ = "full";
-  full.resource_uuid_ = "res-1";
-  full.host_id_ = "cvk-1";
-  full.vm_id_ = "vm-1";
-  full.pool_uuid_ = pool;
-  full.host_uuid_ = "cvm-1";
-  full.add_piece("/h/v/vm_config.json", 0);
-  full.add_piece("/h/v/disk_0", 512, "/vms/d.qcow2");
-  full.add_storage(pool, 700, {{"code_name", "reborn"}});
-  ASSERT_TRUE(op.commit(full));
-  ASSERT_TRUE(op.commit(full));  // a retried commit
-  H3C_CAS_Backup_Set inc = full;
-  inc.uuid_ = "c2";
-  inc.base_ = "c1";
-  inc.backup_type_ = "incremental";
-  inc.start_time_ = 200;
-  ASSERT_TRUE(op.commit(inc));
-  inc.uuid_ = "c3";
-  EXPECT_FALSE(RESTful_Catalog_Operator("127.0.0.1", port, false, admin, -1, 5).commit(inc));
-  inc.base_ = "missing";
-  EXPECT_FALSE(op.commit(inc));
-
-  JSON_Value answer;
-  JSON_Value vm = {{"resource_uuid", "res-1"}, {"host_id", "cvk-1"}, {"vm_id", "vm-1"}};
-  ASSERT_TRUE(op.get_view("h3ccas", "base_catalog", vm, answer));
-  EXPECT_EQ(uuids(answer), (Strings{"c2", "c1"}));
-  ASSERT_TRUE(
-      op.get_view("h3ccas", "restore", {{"resource_uuid", "res-1"}, {"set_uuid", "c2"}}, answer));
-  ASSERT_EQ(uuids(answer), (Strings{"c1", "c2"}));
-  const JSON_Value& last = answer.back();
-  EXPECT_EQ(last["uri"], "cvm-1");  // defaults to the protected resource's entry
-  EXPECT_EQ(last["incarnation"], "c1");
-  EXPECT_EQ(last["pieces"][1],
+  H3C_CAS_Backup_Set set;
+  set.uuid_ = set.base_ = set.incarnation_ = "c1";
+  set.backup_type_ = "full";
+  set.pool_uuid_ = pool;
+  set.host_uuid_ = "cvm-1";
+  set.add_piece("/h/v/disk_0", 512, "/vms/d.qcow2");
+  set.add_storage(pool, 700, {{"code_name", "reborn"}});
+  ASSERT_TRUE(op.commit(set));
+  ASSERT_TRUE(op.commit(set));  // a retried commit
+  JSON_Value stored = call("GET", sets + "?uuid=c1", &agent).body;
+  EXPECT_EQ(stored["uri"], "cvm-1");  // defaults to the protected resource's entry
+  EXPECT_EQ(stored["pieces"][0],
             (JSON_Value{{"object", "/vms/d.qcow2"}, {"size", 512}, {"path", "/h/v/disk_0"}}));
-  EXPECT_EQ(Backup_Set_Storage_Selector(last["storages"], 1).pool_uuid(), pool);
-  EXPECT_FALSE(
-      op.get_view("h3ccas", "restore", {{"resource_uuid", "res-1"}, {"set_uuid", "c3"}}, answer));
+  EXPECT_EQ(Backup_Set_Storage_Selector(stored["storages"], 1).pool_uuid(), pool);
+  set.uuid_ = "c2";
+  set.backup_type_ = "incremental";
+  EXPECT_FALSE(RESTful_Catalog_Operator("127.0.0.1", port, false, admin, -1, 5).commit(set));
+  set.base_ = "missing";
+  EXPECT_FALSE(op.commit(set));
+
+  const JSON_Value storages = JSON_Value::parse(R"([
+      "junk", {"size": 5}, {"pool_uuid": "", "size": 9},
+      {"pool_uuid": "a", "size": 10}, {"pool_uuid": "b", "size": 30}, {"pool_uuid": "c"}])");
+  EXPECT_EQ(Backup_Set_Storage_Selector(storages, 1).pool_uuid(), "a");
+  EXPECT_EQ(Backup_Set_Storage_Selector(storages, 2).pool_uuid(), "b");
+  EXPECT_EQ(Backup_Set_Storage_Selector(JSON_Value::object(), 1).pool_uuid(), "");
 
   Upstream_JSON_RESTful_Client::instance()->configure("127.0.0.1", static_cast<std::uint16_t>(port),
                                                       false, agent);
@@ -497,6 +475,9 @@ TEST_F(Server_Test, HostClientsCommitAndReadViewsAndPools) {
   EXPECT_EQ(opts.retry_count_, 7);
   EXPECT_FALSE(get_pool_info("no-such-pool", nullptr, info));
   EXPECT_EQ(info.name, "p1");  // untouched by the failed lookup
+  info.io_options = {{"compression", "zlib"}, {"compression_level", 99}};
+  EXPECT_FALSE(set_options_by_pool(opts, info));  // and the options left alone
+  EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::Lz4);
 }
 
 TEST_F(Server_Test, HostClientRetriesUntilTheServerIsBack) {
@@ -533,22 +514,6 @@ TEST_F(Server_Test, HostClientRetriesUntilTheServerIsBack) {
   ASSERT_TRUE(met && restarted);
   EXPECT_TRUE(committed);
   EXPECT_EQ(call("GET", sets + "?uuid=b1", &agent).status, 200);
-}
-
-TEST(Storage_Selector, PicksByModeAndPoolOptionsMustBeValid) {
-  const JSON_Value storages = JSON_Value::parse(R"([
-      "junk", {"size": 5}, {"pool_uuid": "", "size": 9},
-      {"pool_uuid": "a", "size": 10}, {"pool_uuid": "b", "size": 30}, {"pool_uuid": "c"}])");
-  EXPECT_EQ(Backup_Set_Storage_Selector(storages, 1).pool_uuid(), "a");
-  EXPECT_EQ(Backup_Set_Storage_Selector(storages, 2).pool_uuid(), "b");
-  EXPECT_EQ(Backup_Set_Storage_Selector(JSON_Value::object(), 1).pool_uuid(), "");
-
-  Pool_Info info;  // options a pool may not have leave the caller's alone
-  info.io_options = {{"compression", "zlib"}, {"compression_level", 99}};
-  Client_IO_Base::Options opts;
-  EXPECT_FALSE(set_options_by_pool(opts, info));
-  EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::Zstd);
-  EXPECT_EQ(opts.compression_level_, 3);
 }
 
 // Each refusal: exit status 2 and one line naming the problem, with a hint for usage errors.
@@ -593,6 +558,33 @@ TEST(Server_Options, BadOptionsAndConfigurationAreRefused) {
   EXPECT_EQ(r.out.substr(0, 14), "console\tadmin\t") << r.err;
   r = run_program({"brimlet-server", "keys", "--config", conf, "--data", tmp.path()});
   EXPECT_TRUE(r.exit_code == 1 && contains(r.err, "No server database '" + tmp.path())) << r.err;
+}
+
+TEST(Database, MigratesStepByStepAndRefusesANewerSchema) {
+  Temp_Dir tmp;
+  const std::string path = tmp.file("a.db");
+  const Migration first = {1, "CREATE TABLE t (x INTEGER)"};
+  const Migration second = {2, "ALTER TABLE t ADD COLUMN y TEXT"};
+  const Migration broken = {2, "ALTER TABLE t ADD COLUMN y TEXT; INSERT INTO missing VALUES (1)"};
+  // ADD COLUMN fails when the column exists: a step applied twice, or half-applied, shows.
+  struct Step {
+    std::vector<Migration> migrations;
+    bool opens;
+    int version;
+  } steps[] = {
+      {{first}, true, 1},         {{first, broken}, false, 1},  // rolled back as a whole
+      {{first, second}, true, 2}, {{first, second}, true, 2},   // applied once
+      {{first}, false, 2},  // the database is newer than the program
+  };
+  for (const auto& s : steps) {
+    SCOPED_TRACE(s.migrations.back().sql);
+    EXPECT_EQ(Database().open(path, s.migrations), s.opens);
+    auto conn = Connection::open(path);
+    ASSERT_TRUE(conn);
+    EXPECT_EQ(Database::schema_version(*conn), s.version);
+  }
+  auto conn = Connection::open(path);
+  EXPECT_TRUE(conn->prepare("INSERT INTO t (x, y) VALUES (1, 'a')").run());
 }
 
 }  // namespace
