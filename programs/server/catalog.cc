@@ -152,14 +152,14 @@ JSON_Value summary(const JSON_Value& set, JSON_Value chain) {
 }  // namespace
 
 void Storage_Pools::add_routes(HTTP_Server& server) {
-  using namespace std::placeholders;
   add_route(server, keys_, server_api::pool_route, false,
-            {{HTTP_Method::GET, any_role, nullptr, std::bind(&Storage_Pools::get_i, this, _1, _3)},
+            {{HTTP_Method::GET, any_role, nullptr, member(this, &Storage_Pools::get_i)},
              {HTTP_Method::POST, admin_role, "registering storage pools",
-              std::bind(&Storage_Pools::register_i, this, _1, _3)}});
+              member(this, &Storage_Pools::register_i)}});
 }
 
-void Storage_Pools::register_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+void Storage_Pools::register_i(const HTTP_Server_Request& req, const Caller&,
+                               HTTP_Server_Response& resp) {
   JSON_Value body;
   if (!parse_object(req, resp, body))
     return;
@@ -206,7 +206,8 @@ void Storage_Pools::register_i(const HTTP_Server_Request& req, HTTP_Server_Respo
   resp.json({{"uuid", uuid}}, 201);
 }
 
-void Storage_Pools::get_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+void Storage_Pools::get_i(const HTTP_Server_Request& req, const Caller&,
+                          HTTP_Server_Response& resp) {
   Request_DB db(db_, resp, Request_DB::autocommit);
   if (!db)
     return;
@@ -228,17 +229,16 @@ void Storage_Pools::get_i(const HTTP_Server_Request& req, HTTP_Server_Response& 
 }
 
 void Catalog::add_routes(HTTP_Server& server) {
-  using namespace std::placeholders;
   add_route(server, keys_, server_api::h3ccas_catalog_route, false,
             {{HTTP_Method::POST, agent_role, "committing backup sets",
-              std::bind(&Catalog::commit_i, this, _1, _3)}});
+              member(this, &Catalog::commit_i)}});
   add_route(server, keys_, server_api::h3ccas_sets_route, false,
-            {{HTTP_Method::GET, any_role, nullptr, std::bind(&Catalog::sets_i, this, _1, _3)}});
+            {{HTTP_Method::GET, any_role, nullptr, member(this, &Catalog::sets_i)}});
   add_route(server, keys_, server_api::h3ccas_view_route, true,
-            {{HTTP_Method::GET, any_role, nullptr, std::bind(&Catalog::view_i, this, _1, _3)}});
+            {{HTTP_Method::GET, any_role, nullptr, member(this, &Catalog::view_i)}});
 }
 
-void Catalog::view_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+void Catalog::view_i(const HTTP_Server_Request& req, const Caller&, HTTP_Server_Response& resp) {
   std::string view = req.path.substr(sizeof server_api::h3ccas_view_route - 1);
   if (view == "base_catalog")
     return base_catalog_i(req, resp);
@@ -247,7 +247,7 @@ void Catalog::view_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp)
   resp.error(404, "no view '" + view + "'");
 }
 
-void Catalog::commit_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+void Catalog::commit_i(const HTTP_Server_Request& req, const Caller&, HTTP_Server_Response& resp) {
   JSON_Value set;
   if (!parse_object(req, resp, set))
     return;
@@ -344,7 +344,7 @@ void Catalog::restore_i(const HTTP_Server_Request& req, HTTP_Server_Response& re
   resp.json(sets);
 }
 
-void Catalog::sets_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+void Catalog::sets_i(const HTTP_Server_Request& req, const Caller&, HTTP_Server_Response& resp) {
   Request_DB db(db_, resp, Request_DB::autocommit);
   if (!db)
     return;

@@ -13,8 +13,8 @@ class Storage_Pools {
   void add_routes(HTTP_Server& server);
 
  private:
-  void register_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
-  void get_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
+  void register_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
+  void get_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
 
   Database& db_;
   Access_Keys& keys_;
@@ -26,11 +26,11 @@ class Catalog {
   void add_routes(HTTP_Server& server);
 
  private:
-  void commit_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
-  void view_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
+  void commit_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
+  void view_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
   void base_catalog_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
   void restore_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
-  void sets_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
+  void sets_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
 
   Database& db_;
   Access_Keys& keys_;

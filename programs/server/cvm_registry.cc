@@ -76,14 +76,12 @@ JSON_Value row_to_entry(const Statement& st) {
 }  // namespace
 
 void CVM_Registry::add_routes(HTTP_Server& server) {
-  using namespace std::placeholders;
-  add_route(
-      server, keys_, server_api::cvm_route, false,
-      {{HTTP_Method::GET, any_role, nullptr, std::bind(&CVM_Registry::get_i, this, _1, _2, _3)},
-       {HTTP_Method::POST, admin_role, "registering CVM entries",
-        std::bind(&CVM_Registry::create_i, this, _1, _2, _3)},
-       {HTTP_Method::DELETE, admin_role, "removing CVM entries",
-        std::bind(&CVM_Registry::remove_i, this, _1, _2, _3)}});
+  add_route(server, keys_, server_api::cvm_route, false,
+            {{HTTP_Method::GET, any_role, nullptr, member(this, &CVM_Registry::get_i)},
+             {HTTP_Method::POST, admin_role, "registering CVM entries",
+              member(this, &CVM_Registry::create_i)},
+             {HTTP_Method::DELETE, admin_role, "removing CVM entries",
+              member(this, &CVM_Registry::remove_i)}});
 }
 
 void CVM_Registry::create_i(const HTTP_Server_Request& req, const Caller&,

@@ -20,6 +20,14 @@ enum Roles : unsigned { agent_role = 1, admin_role = 2, any_role = agent_role | 
 using Route_Handler =
     std::function<void(const HTTP_Server_Request&, const Caller&, HTTP_Server_Response&)>;
 
+// A handler that calls a member function of `object`.
+template <typename T>
+Route_Handler member(T* object, void (T::*function)(const HTTP_Server_Request&, const Caller&,
+                                                    HTTP_Server_Response&)) {
+  return [object, function](const HTTP_Server_Request& req, const Caller& caller,
+                            HTTP_Server_Response& resp) { (object->*function)(req, caller, resp); };
+}
+
 // One method of a route.
 struct Method_Handler {
   HTTP_Method method;

@@ -432,7 +432,7 @@ TEST_F(Server_Test, PoolsAndViewsAnswerWhatWasStored) {
   EXPECT_EQ(with(with(one, "chain", nullptr), "committed", nullptr), committed["i1"]);
 }
 
-TEST_F(Server_Test, HostClientsCommitSetsAndReadPools) {
+TEST_F(Server_Test, HostClientsCommitReadPoolsAndRetryUntilTheServerIsBack) {
   start_with_pool();
   RESTful_Catalog_Operator op("127.0.0.1", port, false, agent, -1, 5);
   H3C_CAS_Backup_Set set;
@@ -478,10 +478,7 @@ TEST_F(Server_Test, HostClientsCommitSetsAndReadPools) {
   info.io_options = {{"compression", "zlib"}, {"compression_level", 99}};
   EXPECT_FALSE(set_options_by_pool(opts, info));  // and the options left alone
   EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::Lz4);
-}
 
-TEST_F(Server_Test, HostClientRetriesUntilTheServerIsBack) {
-  start_with_pool();
   stop();
   JSON_Value answer;
   for (int retry_seconds : {0, 1})
@@ -490,20 +487,16 @@ TEST_F(Server_Test, HostClientRetriesUntilTheServerIsBack) {
 
   // A commit's first attempt meets a listener that hangs up; a later one the server back.
   int listener = socket(AF_INET, SOCK_STREAM, 0), on = 1;
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<std::uint16_t>(port));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in addr = {
+      AF_INET, htons(static_cast<std::uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
   setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   ASSERT_EQ(listen(listener, 4), 0);
-  H3C_CAS_Backup_Set s;
-  s.uuid_ = s.base_ = s.incarnation_ = "b1";
-  s.backup_type_ = "full";
-  s.pool_uuid_ = pool;
+  set.uuid_ = set.base_ = set.incarnation_ = "b1";
+  set.backup_type_ = "full";
   bool committed = false;
   std::thread client([&] {
-    committed = RESTful_Catalog_Operator("127.0.0.1", port, false, agent, -1, 60).commit(s);
+    committed = RESTful_Catalog_Operator("127.0.0.1", port, false, agent, -1, 60).commit(set);
   });
   pollfd pfd = {listener, POLLIN, 0};
   bool met = poll(&pfd, 1, 60000) == 1;  // bounds a hang: the client connects at once
