@@ -22,6 +22,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <string>
@@ -207,24 +208,26 @@ int main(int argc, char** argv) {
   app.require_subcommand(0, 1);
   CLI::App* enroll_cmd = app.add_subcommand("enroll", "Make an access key for a host; prints it.");
   CLI::App* keys_cmd = app.add_subcommand("keys", "List the hosts that have keys, with roles.");
-  std::vector<Config_Member> members = {{"listen", &Settings::listen, {}},
-                                        {"data_dir", &Settings::data, {}},
-                                        {"tls_cert", &Settings::tls_cert, {}},
-                                        {"tls_key", &Settings::tls_key, {}},
-                                        {"log_file", &Settings::log, {}}};
+  std::vector<Config_Member> members;
+  // An option the configuration file may also set, under `member`.
+  auto configurable = [&](CLI::App* cmd, const char* option, const char* member,
+                          std::string Settings::*field, const char* help, const char* type) {
+    CLI::Option* o = cmd->add_option(option, s.*field, help)->type_name(type);
+    for (auto& m : members)
+      if (std::strcmp(m.member, member) == 0)
+        return m.options.push_back(o);
+    members.push_back({member, field, {o}});
+  };
   for (CLI::App* cmd : {&app, enroll_cmd, keys_cmd}) {
     cmd->add_option("--config", s.config, "JSON configuration file")->type_name("FILE");
-    members[1].options.push_back(
-        cmd->add_option("--data", s.data, "Data directory")->type_name("DIR"));
+    configurable(cmd, "--data", "data_dir", &Settings::data, "Data directory", "DIR");
   }
-  members[0].options.push_back(
-      app.add_option("--listen", s.listen, "Address to serve on (port 0: any free port)")
-          ->type_name("HOST:PORT"));
-  members[2].options.push_back(
-      app.add_option("--tls-cert", s.tls_cert, "TLS certificate (PEM)")->type_name("FILE"));
-  members[3].options.push_back(
-      app.add_option("--tls-key", s.tls_key, "TLS private key (PEM)")->type_name("FILE"));
-  members[4].options.push_back(app.add_option("--log", s.log, "Log file")->type_name("FILE"));
+  configurable(&app, "--listen", "listen", &Settings::listen,
+               "Address to serve on (port 0: any free port)", "HOST:PORT");
+  configurable(&app, "--tls-cert", "tls_cert", &Settings::tls_cert, "TLS certificate (PEM)",
+               "FILE");
+  configurable(&app, "--tls-key", "tls_key", &Settings::tls_key, "TLS private key (PEM)", "FILE");
+  configurable(&app, "--log", "log_file", &Settings::log, "Log file", "FILE");
   app.add_option("--ready-file", s.ready_file, "Written with the address once serving")
       ->type_name("FILE");
   enroll_cmd->add_option("--host-id", s.host_id, "Host the key is for")
