@@ -1,65 +1,15 @@
-// Storage pools and the backup catalog of the backup server.
-//
-// Every route needs the header "X-Access-Key" (401 without a valid one). Errors answer
-// {"error": "<text>"} with 400 (bad request), 404 (unknown uuid), 409 (conflict) or 500.
-//
-// Storage pools
-//   POST /k4/r/storage/pool
-//        {"name": "lab", "url": "file:///srv/pool1", "io_options": {"compression": "zstd"}}
-//        -> 201 {"uuid": "7c9e..."}; 409 {"error": ..., "uuid": "<existing>"} for a taken name.
-//        "url" is file:///<absolute dir> or s3://<bucket>[/prefix]; "io_options" is optional
-//        (the object form of the pool I/O options, stored as given).
-//   GET  /k4/r/storage/pool
-//        -> 200 {"rows": [pool, ...]} in registration order
-//   GET  /k4/r/storage/pool?uuid=U
-//        -> 200 pool; 404 when unknown
-//        pool = {"uuid": U, "name": "lab", "url": "file:///srv/pool1",
-//                "io_options": {...}, "created": 1700000000}
-//        "url" is the pool's base location; a set's objects lie below "<url>/<set uri>".
-//
-// Catalog of area "h3ccas" (backup sets of CAS VMs)
-//   POST /k4/r/catalog/h3ccas
-//        body: one backup set (see below) -> 201 {"uuid": S, "created": true};
-//        the same set again -> 200 {"uuid": S, "created": false}; a different set under a
-//        committed uuid -> 409. 400 for a missing or mistyped key, an unknown "pool_uuid", or
-//        an incremental/differential set whose "base" is not in the catalog for the same
-//        "resource_uuid".
-//   GET  /k4/r/catalog/h3ccas/view/base_catalog?resource_uuid=R&host_id=CVK&vm_id=VM
-//        -> 200 [set, ...]: the VM's sets, newest first (all three filters required)
-//   GET  /k4/r/catalog/h3ccas/view/restore?resource_uuid=R&set_uuid=S
-//        -> 200 [set, ...]: the chain from its full set to S, oldest first; 404 for an unknown
-//        set or a broken chain
-//   GET  /k4/r/catalog/h3ccas/sets[?host_uuid=CVM][&host_id=CVK][&vm_id=VM]
-//        -> 200 {"rows": [summary, ...]}, newest first; filters combine with AND
-//        summary = {"uuid", "vm_id", "vm_name", "host_id", "host_name", "host_uuid",
-//                   "resource_uuid", "backup_type", "start_time", "set_size", "source_size",
-//                   "storage_size", "pool_uuid", "base", "incarnation",
-//                   "chain": [full set uuid, ..., this set's uuid]}
-//   GET  /k4/r/catalog/h3ccas/sets?uuid=S
-//        -> 200 the whole set plus "chain" and "committed"; 404 when unknown
-//
-// A backup set (keys that must be present, with their JSON types):
-//   strings: "uuid", "job_uuid", "run_uuid", "definition_id", "resource_uuid", "vm_uuid",
-//            "host_id", "host_name", "host_ip", "vm_id", "vm_name", "vm_title",
-//            "backup_type" ("full", "incremental" or "differential"), "incarnation", "base",
-//            "cbt_name", "uri", "vm_config_path", "pool_uuid", "name", "host_uuid", "agent",
-//            "instance_version"
-//   integers: "start_time" (seconds since the epoch), "set_size", "source_size"
-//   arrays: "vm_disks" (disk records), "pieces" ({"object", "size", "path"}),
-//           "storages" ({"pool_uuid", "size", "extra"})
-//   Other keys ("cpu_sockets", "cpu_cores", "memory", ...) are kept as given.
-//   A full set has "base" = "incarnation" = "uuid"; a later set names its base set and shares
-//   the incarnation of the chain.
+// Storage pools and the backup catalog of the backup server (see host/catalog/server_api.h).
 
 #include "programs/server/catalog.h"
 
+#include "host/catalog/server_api.h"
 #include "host/core/log.h"
 #include "host/core/text.h"
 #include "host/storage/options.h"
+#include "programs/server/handler.h"
 
 #include <cstdint>
 #include <ctime>
-#include <exception>
 #include <set>
 #include <string>
 #include <vector>
@@ -67,38 +17,6 @@
 namespace brimlet_server {
 
 namespace {
-
-const char* const pool_path = "/k4/r/storage/pool";
-const char* const catalog_path = "/k4/r/catalog/h3ccas";
-const char* const view_prefix = "/k4/r/catalog/h3ccas/view/";
-const char* const sets_path = "/k4/r/catalog/h3ccas/sets";
-
-const std::string* query_value(const HTTP_Server_Request& req, const char* key) {
-  auto it = req.query.find(key);
-  return it == req.query.end() ? nullptr : &it->second;
-}
-
-// Runs `body` with exceptions turned into a 500, so that no handler lets one escape.
-template <typename F>
-void guarded(const HTTP_Server_Request& req, HTTP_Server_Response& resp, F body) {
-  try {
-    body();
-  } catch (const std::exception& e) {
-    LOG_MSG((LM_ERROR, "Failed to answer %s '%s': %s.\n", req.method_text.c_str(), req.path.c_str(),
-             e.what()));
-    resp.headers.reset();
-    resp.error(500, "internal error");
-  }
-}
-
-// False with a 400 answer when the body is not a JSON object.
-bool parse_object(const HTTP_Server_Request& req, HTTP_Server_Response& resp, JSON_Value& out) {
-  out = JSON_Value::parse(req.body, nullptr, false);
-  if (out.is_object())
-    return true;
-  resp.error(400, "a JSON object body is expected");
-  return false;
-}
 
 bool pool_url_valid(const std::string& url) {
   static const std::string file = "file:///", s3 = "s3://";
@@ -234,29 +152,14 @@ JSON_Value summary(const JSON_Value& set, JSON_Value chain) {
 }  // namespace
 
 void Storage_Pools::add_routes(HTTP_Server& server) {
-  server.route(
-      HTTP_Method::UNKNOWN, pool_path,
-      [this](const HTTP_Server_Request& req, HTTP_Server_Response& resp) { handle(req, resp); });
+  add_route(server, keys_, server_api::pool_route, false,
+            {{HTTP_Method::GET, any_role, nullptr, member(this, &Storage_Pools::get_i)},
+             {HTTP_Method::POST, admin_role, "registering storage pools",
+              member(this, &Storage_Pools::register_i)}});
 }
 
-void Storage_Pools::handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-  guarded(req, resp, [&] {
-    Caller caller;
-    if (!keys_.authenticate(req, resp, caller))
-      return;
-    switch (req.method) {
-      case HTTP_Method::GET:
-        return get_i(req, resp);
-      case HTTP_Method::POST:
-        return register_i(req, resp);
-      default:
-        resp.error(405, "method not allowed");
-        resp.headers.put("Allow", "GET, POST");
-    }
-  });
-}
-
-void Storage_Pools::register_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+void Storage_Pools::register_i(const HTTP_Server_Request& req, const Caller&,
+                               HTTP_Server_Response& resp) {
   JSON_Value body;
   if (!parse_object(req, resp, body))
     return;
@@ -280,89 +183,71 @@ void Storage_Pools::register_i(const HTTP_Server_Request& req, HTTP_Server_Respo
   if (!(opts << io))
     return resp.error(400, "invalid 'io_options'");
 
-  auto conn = db_.acquire();
-  if (!conn)
-    return resp.error(500, "database unavailable");
-  Transaction tx(*conn);
-  if (!tx.ok())
-    return resp.error(500, "database failure");
+  Request_DB db(db_, resp, Request_DB::transaction);
+  if (!db)
+    return;
   {
-    auto st = conn->prepare("SELECT uuid FROM pool WHERE name = ?");
+    auto st = db->prepare("SELECT uuid FROM pool WHERE name = ?");
     if (st.bind(1, name).next())
       return resp.json(
           {{"error", "a storage pool of this name exists already"}, {"uuid", st.text(0)}}, 409);
     if (!st.ok())
-      return resp.error(500, "database failure");
+      return db.fail();
   }
   std::string uuid = new_uuid();
-  auto st = conn->prepare(
-      "INSERT INTO pool (uuid, name, url, io_options, created) VALUES (?, ?, ?, ?, ?)");
+  auto st =
+      db->prepare("INSERT INTO pool (uuid, name, url, io_options, created) VALUES (?, ?, ?, ?, ?)");
   st.bind(1, uuid).bind(2, name).bind(3, url).bind(4, io.dump());
   st.bind(5, static_cast<std::int64_t>(std::time(nullptr)));
-  if (!st.run() || !tx.commit())
-    return resp.error(500, "database failure");
+  if (!st.run() || !db.commit())
+    return db.fail();
   LOG_MSG((LM_INFO, "Registered storage pool '%s' ('%s' at '%s').\n", uuid.c_str(), name.c_str(),
            url.c_str()));
   resp.json({{"uuid", uuid}}, 201);
 }
 
-void Storage_Pools::get_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-  const std::string* uuid = query_value(req, "uuid");
-  auto conn = db_.acquire();
-  if (!conn)
-    return resp.error(500, "database unavailable");
-  if (uuid) {
-    auto st = conn->prepare("SELECT uuid, name, url, io_options, created FROM pool WHERE uuid = ?");
+void Storage_Pools::get_i(const HTTP_Server_Request& req, const Caller&,
+                          HTTP_Server_Response& resp) {
+  Request_DB db(db_, resp, Request_DB::autocommit);
+  if (!db)
+    return;
+  if (const std::string* uuid = query_param(req, "uuid")) {
+    auto st = db->prepare("SELECT uuid, name, url, io_options, created FROM pool WHERE uuid = ?");
     if (st.bind(1, *uuid).next())
       return resp.json(row_to_pool(st));
     if (!st.ok())
-      return resp.error(500, "database failure");
+      return db.fail();
     return resp.error(404, "no storage pool '" + *uuid + "'");
   }
   JSON_Value rows = JSON_Value::array();
-  auto st = conn->prepare("SELECT uuid, name, url, io_options, created FROM pool ORDER BY rowid");
+  auto st = db->prepare("SELECT uuid, name, url, io_options, created FROM pool ORDER BY rowid");
   while (st.next())
     rows.push_back(row_to_pool(st));
   if (!st.ok())
-    return resp.error(500, "database failure");
+    return db.fail();
   resp.json({{"rows", std::move(rows)}});
 }
 
 void Catalog::add_routes(HTTP_Server& server) {
-  auto h = [this](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-    handle(req, resp);
-  };
-  server.route(HTTP_Method::UNKNOWN, catalog_path, h);
-  server.route(HTTP_Method::UNKNOWN, sets_path, h);
-  server.route_prefix(HTTP_Method::UNKNOWN, view_prefix, h);
+  add_route(server, keys_, server_api::h3ccas_catalog_route, false,
+            {{HTTP_Method::POST, agent_role, "committing backup sets",
+              member(this, &Catalog::commit_i)}});
+  add_route(server, keys_, server_api::h3ccas_sets_route, false,
+            {{HTTP_Method::GET, any_role, nullptr, member(this, &Catalog::sets_i)}});
+  add_route(server, keys_, server_api::h3ccas_view_route, true,
+            {{HTTP_Method::GET, any_role, nullptr, member(this, &Catalog::view_i)}});
 }
 
-void Catalog::handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-  guarded(req, resp, [&] {
-    Caller caller;
-    if (!keys_.authenticate(req, resp, caller))
-      return;
-    bool commit = req.path == catalog_path;
-    HTTP_Method allowed = commit ? HTTP_Method::POST : HTTP_Method::GET;
-    if (req.method != allowed) {
-      resp.error(405, "method not allowed");
-      resp.headers.put("Allow", commit ? "POST" : "GET");
-      return;
-    }
-    if (commit)
-      return commit_i(req, resp);
-    if (req.path == sets_path)
-      return sets_i(req, resp);
-    std::string view = req.path.substr(std::string(view_prefix).size());
-    if (view == "base_catalog")
-      return base_catalog_i(req, resp);
-    if (view == "restore")
-      return restore_i(req, resp);
-    resp.error(404, "no view '" + view + "'");
-  });
+void Catalog::view_i(const HTTP_Server_Request& req, const Caller&, HTTP_Server_Response& resp) {
+  std::string view = req.path.substr(sizeof server_api::h3ccas_view_route - 1);
+  if (view == "base_catalog")
+    return base_catalog_i(req, resp);
+  if (view == "restore")
+    return restore_i(req, resp);
+  resp.error(404, "no view '" + view + "'");
 }
 
-void Catalog::commit_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+void Catalog::commit_i(const HTTP_Server_Request& req, const Caller&, HTTP_Server_Response& resp) {
   JSON_Value set;
   if (!parse_object(req, resp, set))
     return;
@@ -374,51 +259,46 @@ void Catalog::commit_i(const HTTP_Server_Request& req, HTTP_Server_Response& res
   const std::string uuid = set["uuid"].get<std::string>();
   const std::string resource = set["resource_uuid"].get<std::string>();
 
-  auto conn = db_.acquire();
-  if (!conn)
-    return resp.error(500, "database unavailable");
-  Transaction tx(*conn);
-  if (!tx.ok())
-    return resp.error(500, "database failure");
-
+  Request_DB db(db_, resp, Request_DB::transaction);
+  if (!db)
+    return;
   Stored_Set existing;
-  Lookup l = find_set(*conn, uuid, existing);
+  Lookup l = find_set(*db, uuid, existing);
   if (l == Lookup::Failed)
-    return resp.error(500, "database failure");
+    return db.fail();
   if (l == Lookup::Found) {
     // A retried commit whose first answer was lost must succeed without a second entry.
     if (existing.body == set)
       return resp.json({{"uuid", uuid}, {"created", false}});
     return resp.error(409, "backup set '" + uuid + "' was committed with other content");
   }
+  const std::string pool = set["pool_uuid"].get<std::string>();
   {
-    auto st = conn->prepare("SELECT 1 FROM pool WHERE uuid = ?");
-    if (!st.bind(1, set["pool_uuid"].get<std::string>()).next())
-      return st.ok() ? resp.error(400, "unknown storage pool '" +
-                                           set["pool_uuid"].get<std::string>() + "'")
-                     : resp.error(500, "database failure");
+    auto st = db->prepare("SELECT 1 FROM pool WHERE uuid = ?");
+    if (!st.bind(1, pool).next())
+      return st.ok() ? resp.error(400, "unknown storage pool '" + pool + "'") : db.fail();
   }
   const std::string base = set["base"].get<std::string>();
   if (base != uuid) {
     Stored_Set b;
-    l = find_set(*conn, base, b);
+    l = find_set(*db, base, b);
     if (l == Lookup::Failed)
-      return resp.error(500, "database failure");
+      return db.fail();
     if (l == Lookup::Absent || b.body.value("resource_uuid", "") != resource)
       return resp.error(400, "base set '" + base + "' is not in the catalog");
     if (b.body.value("incarnation", "") != set["incarnation"])
       return resp.error(400, "'incarnation' differs from that of base set '" + base + "'");
   }
-  auto st = conn->prepare(
+  auto st = db->prepare(
       "INSERT INTO backup_set (uuid, resource_uuid, host_uuid, host_id, vm_id, base, start_time,"
       " pool_uuid, body, committed) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   st.bind(1, uuid).bind(2, resource).bind(3, set["host_uuid"].get<std::string>());
   st.bind(4, set["host_id"].get<std::string>()).bind(5, set["vm_id"].get<std::string>());
   st.bind(6, base).bind(7, set["start_time"].get<std::int64_t>());
-  st.bind(8, set["pool_uuid"].get<std::string>()).bind(9, set.dump());
+  st.bind(8, pool).bind(9, set.dump());
   st.bind(10, static_cast<std::int64_t>(std::time(nullptr)));
-  if (!st.run() || !tx.commit())
-    return resp.error(500, "database failure");
+  if (!st.run() || !db.commit())
+    return db.fail();
   LOG_MSG((LM_INFO, "Committed %s backup set '%s' of VM '%s' on '%s'.\n",
            set["backup_type"].get<std::string>().c_str(), uuid.c_str(),
            set["vm_name"].get<std::string>().c_str(), set["host_name"].get<std::string>().c_str()));
@@ -426,62 +306,61 @@ void Catalog::commit_i(const HTTP_Server_Request& req, HTTP_Server_Response& res
 }
 
 void Catalog::base_catalog_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-  const std::string* resource = query_value(req, "resource_uuid");
-  const std::string* host = query_value(req, "host_id");
-  const std::string* vm = query_value(req, "vm_id");
-  if (!resource || !host || !vm)
-    return resp.error(400, "'resource_uuid', 'host_id' and 'vm_id' are required");
-  auto conn = db_.acquire();
-  if (!conn)
-    return resp.error(500, "database unavailable");
-  auto st = conn->prepare(
+  if (!require_query(req, {"resource_uuid", "host_id", "vm_id"}, resp))
+    return;
+  Request_DB db(db_, resp, Request_DB::autocommit);
+  if (!db)
+    return;
+  auto st = db->prepare(
       "SELECT body FROM backup_set WHERE resource_uuid = ? AND host_id = ? AND vm_id = ?"
       " ORDER BY start_time DESC, rowid DESC");
-  st.bind(1, *resource).bind(2, *host).bind(3, *vm);
+  st.bind(1, *query_param(req, "resource_uuid"));
+  st.bind(2, *query_param(req, "host_id")).bind(3, *query_param(req, "vm_id"));
   JSON_Value sets = JSON_Value::array();
   while (st.next())
     sets.push_back(JSON_Value::parse(st.text(0)));
   if (!st.ok())
-    return resp.error(500, "database failure");
+    return db.fail();
   resp.json(sets);
 }
 
 void Catalog::restore_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-  const std::string* resource = query_value(req, "resource_uuid");
-  const std::string* uuid = query_value(req, "set_uuid");
-  if (!resource || !uuid)
-    return resp.error(400, "'resource_uuid' and 'set_uuid' are required");
-  auto conn = db_.acquire();
-  if (!conn)
-    return resp.error(500, "database unavailable");
+  if (!require_query(req, {"resource_uuid", "set_uuid"}, resp))
+    return;
+  const std::string& uuid = *query_param(req, "set_uuid");
+  Request_DB db(db_, resp, Request_DB::autocommit);
+  if (!db)
+    return;
   std::vector<Stored_Set> chain;
-  Lookup l = find_chain(*conn, *uuid, chain);
+  Lookup l = find_chain(*db, uuid, chain);
   if (l == Lookup::Failed)
-    return resp.error(500, "database failure");
-  if (l == Lookup::Absent || chain.back().body.value("resource_uuid", "") != *resource)
-    return resp.error(404, "no complete chain for backup set '" + *uuid + "'");
+    return db.fail();
+  if (l == Lookup::Absent ||
+      chain.back().body.value("resource_uuid", "") != *query_param(req, "resource_uuid"))
+    return resp.error(404, "no complete chain for backup set '" + uuid + "'");
   JSON_Value sets = JSON_Value::array();
   for (auto& s : chain)
     sets.push_back(std::move(s.body));
   resp.json(sets);
 }
 
-void Catalog::sets_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-  auto conn = db_.acquire();
-  if (!conn)
-    return resp.error(500, "database unavailable");
-  if (const std::string* uuid = query_value(req, "uuid")) {
+void Catalog::sets_i(const HTTP_Server_Request& req, const Caller&, HTTP_Server_Response& resp) {
+  Request_DB db(db_, resp, Request_DB::autocommit);
+  if (!db)
+    return;
+  if (const std::string* uuid = query_param(req, "uuid")) {
     std::vector<Stored_Set> chain;
-    Lookup l = find_chain(*conn, *uuid, chain);
+    Lookup l = find_chain(*db, *uuid, chain);
     if (l == Lookup::Failed)
-      return resp.error(500, "database failure");
+      return db.fail();
     Stored_Set one;
     if (l == Lookup::Absent) {
       // A set whose chain is broken is still shown, with the chain cut where it breaks.
-      l = find_set(*conn, *uuid, one);
-      if (l != Lookup::Found)
-        return l == Lookup::Absent ? resp.error(404, "no backup set '" + *uuid + "'")
-                                   : resp.error(500, "database failure");
+      l = find_set(*db, *uuid, one);
+      if (l == Lookup::Failed)
+        return db.fail();
+      if (l == Lookup::Absent)
+        return resp.error(404, "no backup set '" + *uuid + "'");
       chain = {one};
     }
     JSON_Value set = chain.back().body;
@@ -489,33 +368,31 @@ void Catalog::sets_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp)
     set["committed"] = chain.back().committed;
     return resp.json(set);
   }
-  auto bind_filter = [&](Statement& st, int index, const char* key) {
-    const std::string* v = query_value(req, key);
-    if (v)
-      st.bind(index, *v);
-    else
-      st.bind_null(index);
-  };
   std::vector<std::pair<std::string, JSON_Value>> found;
   {
-    auto st = conn->prepare(
+    auto st = db->prepare(
         "SELECT uuid, body FROM backup_set WHERE (?1 IS NULL OR host_uuid = ?1)"
         " AND (?2 IS NULL OR host_id = ?2) AND (?3 IS NULL OR vm_id = ?3)"
         " ORDER BY start_time DESC, rowid DESC");
-    bind_filter(st, 1, "host_uuid");
-    bind_filter(st, 2, "host_id");
-    bind_filter(st, 3, "vm_id");
+    int index = 0;
+    for (const char* key : {"host_uuid", "host_id", "vm_id"}) {
+      const std::string* v = query_param(req, key);
+      if (v)
+        st.bind(++index, *v);
+      else
+        st.bind_null(++index);
+    }
     while (st.next())
       found.emplace_back(st.text(0), JSON_Value::parse(st.text(1)));
     if (!st.ok())
-      return resp.error(500, "database failure");
+      return db.fail();
   }
   JSON_Value rows = JSON_Value::array();
   for (auto& f : found) {
     std::vector<Stored_Set> chain;
-    Lookup l = find_chain(*conn, f.first, chain);
+    Lookup l = find_chain(*db, f.first, chain);
     if (l == Lookup::Failed)
-      return resp.error(500, "database failure");
+      return db.fail();
     rows.push_back(
         summary(f.second, l == Lookup::Found ? chain_uuids(chain) : JSON_Value::array({f.first})));
   }

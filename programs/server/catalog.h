@@ -1,4 +1,4 @@
-// Storage pools and the backup catalog (routes listed at the top of catalog.cc).
+// Storage pools and the backup catalog (routes described in host/catalog/server_api.h).
 #pragma once
 
 #include "host/http/server.h"
@@ -13,9 +13,8 @@ class Storage_Pools {
   void add_routes(HTTP_Server& server);
 
  private:
-  void handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
-  void register_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
-  void get_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
+  void register_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
+  void get_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
 
   Database& db_;
   Access_Keys& keys_;
@@ -27,11 +26,11 @@ class Catalog {
   void add_routes(HTTP_Server& server);
 
  private:
-  void handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
-  void commit_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
+  void commit_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
+  void view_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
   void base_catalog_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
   void restore_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
-  void sets_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
+  void sets_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
 
   Database& db_;
   Access_Keys& keys_;

@@ -1,21 +1,17 @@
 #include "programs/server/cvm_registry.h"
 
+#include "host/catalog/server_api.h"
 #include "host/core/crypto.h"
 #include "host/core/log.h"
 #include "host/core/text.h"
+#include "programs/server/handler.h"
 
 #include <cstdint>
 #include <ctime>
-#include <exception>
 
 namespace brimlet_server {
 
 namespace {
-
-const char* const route_path = "/k4/r/h3ccas/cvm";
-
-// The key the agent-side module decrypts a CVM password with (CVM_Info::load_from_server).
-const char agent_key[] = "P!L@O#V$A%R^N&3157";
 
 #define SELECT_CVM \
   "SELECT uuid, name, host, port, ssl, username, extended_attrs, created, password FROM cvm "
@@ -77,44 +73,19 @@ JSON_Value row_to_entry(const Statement& st) {
           {"created", st.integer(CREATED)}};
 }
 
-const std::string* query_value(const HTTP_Server_Request& req, const char* key) {
-  auto it = req.query.find(key);
-  return it == req.query.end() ? nullptr : &it->second;
-}
-
 }  // namespace
 
 void CVM_Registry::add_routes(HTTP_Server& server) {
-  server.route(
-      HTTP_Method::UNKNOWN, route_path,
-      [this](const HTTP_Server_Request& req, HTTP_Server_Response& resp) { handle(req, resp); });
+  add_route(server, keys_, server_api::cvm_route, false,
+            {{HTTP_Method::GET, any_role, nullptr, member(this, &CVM_Registry::get_i)},
+             {HTTP_Method::POST, admin_role, "registering CVM entries",
+              member(this, &CVM_Registry::create_i)},
+             {HTTP_Method::DELETE, admin_role, "removing CVM entries",
+              member(this, &CVM_Registry::remove_i)}});
 }
 
-void CVM_Registry::handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-  try {
-    Caller caller;
-    if (!keys_.authenticate(req, resp, caller))
-      return;
-    switch (req.method) {
-      case HTTP_Method::GET:
-        return get_i(req, caller, resp);
-      case HTTP_Method::POST:
-        return create_i(req, resp);
-      case HTTP_Method::DELETE:
-        return remove_i(req, resp);
-      default:
-        resp.error(405, "method not allowed");
-        resp.headers.put("Allow", "GET, POST, DELETE");
-    }
-  } catch (const std::exception& e) {
-    LOG_MSG((LM_ERROR, "Failed to answer %s '%s': %s.\n", req.method_text.c_str(), req.path.c_str(),
-             e.what()));
-    resp.headers.reset();
-    resp.error(500, "internal error");
-  }
-}
-
-void CVM_Registry::create_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+void CVM_Registry::create_i(const HTTP_Server_Request& req, const Caller&,
+                            HTTP_Server_Response& resp) {
   JSON_Value body;
   try {
     body = JSON_Value::parse(req.body);
@@ -134,14 +105,11 @@ void CVM_Registry::create_i(const HTTP_Server_Request& req, HTTP_Server_Response
   if (!master_.encrypt(e.password, cipher))
     return resp.error(500, "failed to encrypt");
 
-  auto conn = db_.acquire();
-  if (!conn)
-    return resp.error(500, "database unavailable");
-  Transaction tx(*conn);
-  if (!tx.ok())
-    return resp.error(500, "database failure");
+  Request_DB db(db_, resp, Request_DB::transaction);
+  if (!db)
+    return;
   {
-    auto st = conn->prepare("SELECT uuid FROM cvm WHERE host = ? AND port = ? AND username = ?");
+    auto st = db->prepare("SELECT uuid FROM cvm WHERE host = ? AND port = ? AND username = ?");
     if (st.bind(1, e.host).bind(2, e.port).bind(3, e.username).next()) {
       resp.json({{"error", "a CVM entry for this host, port and username exists already"},
                  {"uuid", st.text(0)}},
@@ -149,17 +117,17 @@ void CVM_Registry::create_i(const HTTP_Server_Request& req, HTTP_Server_Response
       return;
     }
     if (!st.ok())
-      return resp.error(500, "database failure");
+      return db.fail();
   }
   std::string uuid = new_uuid();
-  auto st = conn->prepare(
+  auto st = db->prepare(
       "INSERT INTO cvm (uuid, name, host, port, ssl, username, password, extended_attrs, created)"
       " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)");
   st.bind(1, uuid).bind(2, e.name).bind(3, e.host).bind(4, e.port);
   st.bind(5, std::int64_t{e.ssl}).bind(6, e.username).bind(7, cipher);
   st.bind(8, e.extended_attrs.dump()).bind(9, static_cast<std::int64_t>(std::time(nullptr)));
-  if (!st.run() || !tx.commit())
-    return resp.error(500, "database failure");
+  if (!st.run() || !db.commit())
+    return db.fail();
   LOG_MSG((LM_INFO, "Registered CVM '%s' ('%s' at '%s:%d', user '%s').\n", uuid.c_str(),
            e.name.c_str(), e.host.c_str(), static_cast<int>(e.port), e.username.c_str()));
   resp.json({{"uuid", uuid}}, 201);
@@ -167,26 +135,30 @@ void CVM_Registry::create_i(const HTTP_Server_Request& req, HTTP_Server_Response
 
 void CVM_Registry::get_i(const HTTP_Server_Request& req, const Caller& caller,
                          HTTP_Server_Response& resp) {
-  const std::string* uuid = query_value(req, "uuid");
-  const std::string* with_password = query_value(req, "with_password");
+  const std::string* uuid = query_param(req, "uuid");
+  const std::string* with_password = query_param(req, "with_password");
   if (with_password && !uuid)
     return resp.error(400, "'with_password' needs 'uuid'");
+  // An agent reads an entry only to connect with it, so only with its sealed password.
+  if (!with_password &&
+      !permitted(req, caller, admin_role, "reading CVM entries without 'with_password'", resp))
+    return;
 
-  auto conn = db_.acquire();
-  if (!conn)
-    return resp.error(500, "database unavailable");
+  Request_DB db(db_, resp, Request_DB::autocommit);
+  if (!db)
+    return;
   JSON_Value rows = JSON_Value::array();
   if (!uuid) {
-    auto st = conn->prepare(select_all);
+    auto st = db->prepare(select_all);
     while (st.next())
       rows.push_back(row_to_entry(st));
     if (!st.ok())
-      return resp.error(500, "database failure");
+      return db.fail();
     resp.json({{"rows", std::move(rows)}});
     return;
   }
 
-  auto st = conn->prepare(select_one);
+  auto st = db->prepare(select_one);
   if (st.bind(1, *uuid).next()) {
     JSON_Value entry = row_to_entry(st);
     if (with_password && *with_password == caller.host_id) {
@@ -194,7 +166,8 @@ void CVM_Registry::get_i(const HTTP_Server_Request& req, const Caller& caller,
       std::string cipher;
       if (!master_.decrypt(st.text(PASSWORD), plain))
         return resp.error(500, "damaged entry");
-      if (!encrypt_string(plain.data(), plain.size(), cipher, agent_key, sizeof agent_key - 1)) {
+      if (!encrypt_string(plain.data(), plain.size(), cipher, server_api::cvm_password_seal_key,
+                          server_api::cvm_password_seal_key_length)) {
         LOG_MSG((LM_ERROR, "Failed to encrypt the password of CVM '%s' for host '%s'.\n",
                  uuid->c_str(), caller.host_id.c_str()));
         return resp.error(500, "failed to encrypt");
@@ -211,25 +184,26 @@ void CVM_Registry::get_i(const HTTP_Server_Request& req, const Caller& caller,
     rows.push_back(std::move(entry));
   }
   if (!st.ok())
-    return resp.error(500, "database failure");
+    return db.fail();
   resp.json({{"rows", std::move(rows)}});
   if (with_password)
     resp.headers.put("Cache-Control", "no-store");
 }
 
-void CVM_Registry::remove_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-  const std::string* uuid = query_value(req, "uuid");
-  if (!uuid)
-    return resp.error(400, "missing query key 'uuid'");
-  auto conn = db_.acquire();
-  if (!conn)
-    return resp.error(500, "database unavailable");
-  auto st = conn->prepare("DELETE FROM cvm WHERE uuid = ?");
-  if (!st.bind(1, *uuid).run())
-    return resp.error(500, "database failure");
+void CVM_Registry::remove_i(const HTTP_Server_Request& req, const Caller&,
+                            HTTP_Server_Response& resp) {
+  if (!require_query(req, {"uuid"}, resp))
+    return;
+  const std::string& uuid = *query_param(req, "uuid");
+  Request_DB db(db_, resp, Request_DB::autocommit);
+  if (!db)
+    return;
+  auto st = db->prepare("DELETE FROM cvm WHERE uuid = ?");
+  if (!st.bind(1, uuid).run())
+    return db.fail();
   if (st.changes() == 0)
-    return resp.error(404, "no CVM entry '" + *uuid + "'");
-  LOG_MSG((LM_INFO, "Deleted CVM '%s'.\n", uuid->c_str()));
+    return resp.error(404, "no CVM entry '" + uuid + "'");
+  LOG_MSG((LM_INFO, "Deleted CVM '%s'.\n", uuid.c_str()));
   resp.json({{"deleted", 1}});
 }
 

@@ -1,4 +1,4 @@
-// The CVM registry: connection entries of H3C CAS management servers under "/k4/r/h3ccas/cvm".
+// The CVM registry: connection entries of H3C CAS management servers (server_api::cvm_route).
 // Passwords are kept under the master key and handed out only to the agent they are asked for,
 // encrypted under the key the agent-side module decrypts them with.
 #pragma once
@@ -17,10 +17,9 @@ class CVM_Registry {
   void add_routes(HTTP_Server& server);
 
  private:
-  void handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
-  void create_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
+  void create_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
   void get_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
-  void remove_i(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
+  void remove_i(const HTTP_Server_Request& req, const Caller& caller, HTTP_Server_Response& resp);
 
   Database& db_;
   Access_Keys& keys_;

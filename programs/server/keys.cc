@@ -1,5 +1,6 @@
 #include "programs/server/keys.h"
 
+#include "host/catalog/server_api.h"
 #include "host/core/crypto.h"
 #include "host/core/log.h"
 #include "host/core/text.h"
@@ -76,7 +77,7 @@ bool Access_Keys::list(std::vector<Key_Entry>& out) {
 
 bool Access_Keys::authenticate(const HTTP_Server_Request& req, HTTP_Server_Response& resp,
                                Caller& caller) {
-  const std::string* key = req.headers.get("X-Access-Key");
+  const std::string* key = req.headers.get(server_api::access_key_header);
   if (!key || key->empty()) {
     LOG_MSG((LM_WARNING, "Refused %s '%s' from '%s': no access key.\n", req.method_text.c_str(),
              req.path.c_str(), req.remote.c_str()));

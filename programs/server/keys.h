@@ -1,4 +1,5 @@
-// Access keys: every request but the health probe names its caller by the header "X-Access-Key".
+// Access keys: every request but the health probe names its caller by
+// server_api::access_key_header.
 #pragma once
 
 #include "host/http/server.h"

@@ -5,6 +5,7 @@
 //   brimlet-server keys [--config FILE] [--data DIR]
 // Exit status: 0 done, 1 failed, 2 bad options or configuration.
 
+#include "host/catalog/server_api.h"
 #include "host/core/json.h"
 #include "host/core/log.h"
 #include "host/core/paths.h"
@@ -18,11 +19,12 @@
 #include "programs/server/schema.h"
 
 #include <sys/stat.h>
+#include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <map>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -32,112 +34,59 @@ namespace {
 
 const char* const program = "brimlet-server";
 
-enum Command : unsigned { SERVE = 1, ENROLL = 2, KEYS = 4, ALL = 7 };
-
-struct Option {
-  const char* name;
-  const char* config_key;  // member of the configuration file; null: command line only
-  unsigned commands;
+// The options of every command; the configuration file fills in those not given.
+struct Settings {
+  std::string config;
+  std::string data;
+  std::string listen = "127.0.0.1:8450";
+  std::string tls_cert;
+  std::string tls_key;
+  std::string log;
+  std::string ready_file;
+  std::string host_id;
+  std::string role = "agent";
 };
 
-const Option options[] = {
-    {"--config", nullptr, ALL},       {"--data", "data_dir", ALL},
-    {"--listen", "listen", SERVE},    {"--tls-cert", "tls_cert", SERVE},
-    {"--tls-key", "tls_key", SERVE},  {"--log", "log_file", SERVE},
-    {"--ready-file", nullptr, SERVE}, {"--host-id", nullptr, ENROLL},
-    {"--role", nullptr, ENROLL},
+// Command line options that the configuration file may also set, by member name.
+struct Config_Member {
+  const char* member;
+  std::string Settings::*field;
+  std::vector<CLI::Option*> options;  // the option of each command that has it
 };
 
-const char* const usage =
-    "Usage:\n"
-    "  brimlet-server [--config FILE] [--listen HOST:PORT] [--data DIR] [--tls-cert FILE]\n"
-    "                 [--tls-key FILE] [--log FILE] [--ready-file FILE]\n"
-    "  brimlet-server enroll [--config FILE] [--data DIR] --host-id ID [--role agent|admin]\n"
-    "  brimlet-server keys [--config FILE] [--data DIR]\n"
-    "The configuration file is a JSON object with the members listen, data_dir, tls_cert,\n"
-    "tls_key and log_file; options given on the command line win over it.\n";
-
-// Option values by option name, the configuration file's members merged in.
-class Settings {
- public:
-  Command command = SERVE;
-  bool help = false;
-
-  bool parse(int argc, char** argv);
-  std::string get(const char* name, const std::string& fallback = "") const {
-    auto it = values_.find(name);
-    return it == values_.end() ? fallback : it->second;
-  }
-  bool has(const char* name) const { return values_.count(name) != 0; }
-
- private:
-  bool load_config(const std::string& path);
-  std::map<std::string, std::string> values_;
-};
-
-bool Settings::parse(int argc, char** argv) {
-  int i = 1;
-  if (i < argc && std::strcmp(argv[i], "enroll") == 0) {
-    command = ENROLL;
-    ++i;
-  } else if (i < argc && std::strcmp(argv[i], "keys") == 0) {
-    command = KEYS;
-    ++i;
-  }
-  for (; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
-      help = true;
-      return true;
-    }
-    const Option* opt = nullptr;
-    for (const auto& o : options)
-      if (std::strcmp(argv[i], o.name) == 0)
-        opt = &o;
-    if (!opt) {
-      LOG_MSG((LM_ERROR, "Unknown option '%s' (see --help).\n", argv[i]));
-      return false;
-    }
-    if (!(opt->commands & command)) {
-      LOG_MSG((LM_ERROR, "Option '%s' does not apply here (see --help).\n", argv[i]));
-      return false;
-    }
-    if (i + 1 == argc) {
-      LOG_MSG((LM_ERROR, "Option '%s' needs a value.\n", argv[i]));
-      return false;
-    }
-    values_[opt->name] = argv[++i];
-  }
-  return !has("--config") || load_config(get("--config"));
-}
-
-bool Settings::load_config(const std::string& path) {
+// Merges the configuration file's members into the settings not given on the command line.
+bool load_config(const std::vector<Config_Member>& members, Settings& s) {
   std::string text;
-  if (!read_file(path, text)) {
-    LOG_MSG((LM_ERROR, "Failed to read configuration '%s': %m.\n", path.c_str()));
+  if (!read_file(s.config, text)) {
+    LOG_MSG((LM_ERROR, "Failed to read configuration '%s': %m.\n", s.config.c_str()));
     return false;
   }
   try {
     JSON_Value conf = JSON_Value::parse(text);
     for (const auto& item : json_object(conf).items()) {
-      const Option* opt = nullptr;
-      for (const auto& o : options)
-        if (o.config_key && item.key() == o.config_key)
-          opt = &o;
-      if (!opt)
+      const Config_Member* m = nullptr;
+      for (const auto& candidate : members)
+        if (item.key() == candidate.member)
+          m = &candidate;
+      if (!m)
         throw JSON_Error("unknown member '" + item.key() + "'");
       std::string value;
-      json_extract(conf, opt->config_key, value);
-      values_.emplace(opt->name, value);  // the command line wins
+      json_extract(conf, m->member, value);
+      bool given = false;
+      for (const CLI::Option* o : m->options)
+        given = given || o->count() > 0;
+      if (!given)
+        s.*(m->field) = value;
     }
   } catch (const std::exception& e) {
-    LOG_MSG((LM_ERROR, "Invalid configuration '%s': %s.\n", path.c_str(), e.what()));
+    LOG_MSG((LM_ERROR, "Invalid configuration '%s': %s.\n", s.config.c_str(), e.what()));
     return false;
   }
   return true;
 }
 
 std::string data_dir(const Settings& s) {
-  return s.get("--data", rooted_path("/var/opt/quorvex/brimlet5/server"));
+  return s.data.empty() ? rooted_path("/var/opt/quorvex/brimlet5/server") : s.data;
 }
 
 std::string database_path(const std::string& dir) {
@@ -146,18 +95,17 @@ std::string database_path(const std::string& dir) {
 
 int serve(const Settings& s) {
   HTTP_Server::Options http;
-  std::string listen = s.get("--listen", "127.0.0.1:8450");
-  if (!parse_listen(listen, http.host, http.port)) {
-    LOG_MSG((LM_ERROR, "Invalid listen address '%s': HOST:PORT expected.\n", listen.c_str()));
+  if (!parse_listen(s.listen, http.host, http.port)) {
+    LOG_MSG((LM_ERROR, "Invalid listen address '%s': HOST:PORT expected.\n", s.listen.c_str()));
     return 2;
   }
-  http.tls_cert = s.get("--tls-cert");
-  http.tls_key = s.get("--tls-key");
+  http.tls_cert = s.tls_cert;
+  http.tls_key = s.tls_key;
   if (http.tls_cert.empty() != http.tls_key.empty()) {
     LOG_MSG((LM_ERROR, "TLS needs both a certificate and a key (tls_cert, tls_key).\n"));
     return 2;
   }
-  std::string log_file = s.get("--log", brimlet_paths::log_dir() + "/brimlet-server.log");
+  std::string log_file = s.log.empty() ? brimlet_paths::log_dir() + "/brimlet-server.log" : s.log;
   auto slash = log_file.rfind('/');
   if (slash != std::string::npos && slash > 0 && !make_dirs(log_file.substr(0, slash), 0750))
     return 1;
@@ -182,7 +130,7 @@ int serve(const Settings& s) {
   Catalog catalog(db, keys);
 
   HTTP_Server server;
-  server.route(HTTP_Method::GET, "/k4/r/health",
+  server.route(HTTP_Method::GET, server_api::health_route,
                [](const HTTP_Server_Request&, HTTP_Server_Response& resp) {
                  resp.json({{"ok", true}});
                });
@@ -196,7 +144,7 @@ int serve(const Settings& s) {
              http.host.c_str()));
 
   JSON_Value ready = {{"host", http.host}, {"port", server.port()}};
-  if (s.has("--ready-file") && !write_ready_file(s.get("--ready-file"), ready)) {
+  if (!s.ready_file.empty() && !write_ready_file(s.ready_file, ready)) {
     server.stop();
     return 1;
   }
@@ -213,16 +161,12 @@ int serve(const Settings& s) {
 }
 
 int enroll(const Settings& s) {
-  if (!s.has("--host-id")) {
-    LOG_MSG((LM_ERROR, "Option '--host-id' is required to enroll.\n"));
-    return 2;
-  }
   std::string dir = data_dir(s);
   Database db;
   if (!make_dirs(dir, 0700) || !db.open(database_path(dir), server_schema()))
     return 1;
   std::string key;
-  if (!Access_Keys(db).enroll(s.get("--host-id"), s.get("--role", "agent"), key))
+  if (!Access_Keys(db).enroll(s.host_id, s.role, key))
     return 1;
   std::printf("%s\n", key.c_str());
   return 0;
@@ -256,19 +200,59 @@ int main(int argc, char** argv) {
   umask(077);  // the database, its journal and the master key are for this user alone
   if (!open_log({program, "", true, false}))
     return 1;
-  Settings settings;
-  if (!settings.parse(argc, argv))
+  Settings s;
+  CLI::App app("The backup server agents belong to.", program);
+  app.footer(
+      "The configuration file is a JSON object with the members listen, data_dir, tls_cert,\n"
+      "tls_key and log_file; options given on the command line win over it.");
+  app.require_subcommand(0, 1);
+  CLI::App* enroll_cmd = app.add_subcommand("enroll", "Make an access key for a host; prints it.");
+  CLI::App* keys_cmd = app.add_subcommand("keys", "List the hosts that have keys, with roles.");
+  std::vector<Config_Member> members;
+  // An option the configuration file may also set, under `member`.
+  auto configurable = [&](CLI::App* cmd, const char* option, const char* member,
+                          std::string Settings::*field, const char* help, const char* type) {
+    CLI::Option* o = cmd->add_option(option, s.*field, help)->type_name(type);
+    for (auto& m : members)
+      if (std::strcmp(m.member, member) == 0)
+        return m.options.push_back(o);
+    members.push_back({member, field, {o}});
+  };
+  for (CLI::App* cmd : {&app, enroll_cmd, keys_cmd}) {
+    cmd->add_option("--config", s.config, "JSON configuration file")->type_name("FILE");
+    configurable(cmd, "--data", "data_dir", &Settings::data, "Data directory", "DIR");
+  }
+  configurable(&app, "--listen", "listen", &Settings::listen,
+               "Address to serve on (port 0: any free port)", "HOST:PORT");
+  configurable(&app, "--tls-cert", "tls_cert", &Settings::tls_cert, "TLS certificate (PEM)",
+               "FILE");
+  configurable(&app, "--tls-key", "tls_key", &Settings::tls_key, "TLS private key (PEM)", "FILE");
+  configurable(&app, "--log", "log_file", &Settings::log, "Log file", "FILE");
+  app.add_option("--ready-file", s.ready_file, "Written with the address once serving")
+      ->type_name("FILE");
+  enroll_cmd->add_option("--host-id", s.host_id, "Host the key is for")
+      ->required()
+      ->type_name("ID");
+  enroll_cmd->add_option("--role", s.role, "What the key may do (default agent)")
+      ->check(CLI::IsMember({"agent", "admin"}))
+      ->type_name("ROLE");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0)
+      return app.exit(e);
+    std::string command = program;
+    for (const CLI::App* sub : app.get_subcommands())
+      command += " " + sub->get_name();
+    std::fprintf(stderr, "%s: %s\nRun '%s --help' for usage.\n", program, e.what(),
+                 command.c_str());
     return 2;
-  if (settings.help) {
-    std::fputs(usage, stdout);
-    return 0;
   }
-  switch (settings.command) {
-    case ENROLL:
-      return enroll(settings);
-    case KEYS:
-      return list_keys(settings);
-    default:
-      return serve(settings);
-  }
+  if (!s.config.empty() && !load_config(members, s))
+    return 2;
+  if (enroll_cmd->parsed())
+    return enroll(s);
+  if (keys_cmd->parsed())
+    return list_keys(s);
+  return serve(s);
 }
