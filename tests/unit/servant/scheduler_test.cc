@@ -4,14 +4,11 @@
 
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 
-#include <atomic>
-#include <chrono>
-#include <fstream>
+#include <algorithm>
+#include <functional>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -28,10 +25,6 @@ std::vector<pid_t> pids_in(const std::string& dir) {
   return out;
 }
 
-bool process_gone(pid_t pid) {
-  return kill(pid, 0) != 0 && errno == ESRCH;
-}
-
 class Servant_Task_Scheduler_Test : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -40,23 +33,29 @@ class Servant_Task_Scheduler_Test : public ::testing::Test {
     mkdir(markers_.c_str(), 0700);
   }
 
-  // Starts each task's servant with the test configuration and records "<label>:<attempt>".
+  // Starts each task's servant with the test configuration and records "<label>:<attempt> ".
   Servant_Task_Scheduler::Setup setup() {
     return [this](Servant& s, const Servant_Task& t) {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        runs_.push_back(t.label + ":" + std::to_string(t.attempt));
-      }
+      std::lock_guard<std::mutex> lock(mutex_);
+      runs_ += t.label + ":" + std::to_string(t.attempt) + " ";
       s.reset("tester", conf_.c_str(), nullptr, nullptr, t.label.c_str());
       return true;
+    };
+  }
+  // Records '+' for an answer, '-' for none, and returns decide(answered).
+  Servant_Task_Scheduler::Result_Handler handler(std::function<int(bool)> decide) {
+    return [this, decide](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      bool answered = r && !r->is_error();
+      answered_ += answered ? '+' : '-';
+      return decide(answered);
     };
   }
 
   Temp_Dir dir_;
   std::string conf_, markers_;
   std::mutex mutex_;
-  std::vector<std::string> runs_;
-  std::vector<bool> answered_;  // per handler call: a response came
+  std::string runs_, answered_;
 };
 
 TEST_F(Servant_Task_Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
@@ -64,41 +63,28 @@ TEST_F(Servant_Task_Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
     const char* method;
     JSON_Value params;
     int (*decide)(bool answered);
-    std::vector<std::string> runs;
-    std::vector<bool> answered;
+    const char *runs, *answered;
     int succeeded, failed;
   } cases[] = {
       // Killed mid-request every time: the first run and two retries, then a final failure.
-      {"crash",
-       JSON_Value::object(),
-       [](bool) { return 2; },
-       {"vm:0", "vm:1", "vm:2"},
-       {false, false, false},
-       0,
-       1},
+      {"crash", JSON_Value::object(), [](bool) { return 2; }, "vm:0 vm:1 vm:2 ", "---", 0, 1},
       // Killed once, answers on the retry.
       {"flaky",
        {{"marker", dir_.file("flaky")}},
-       [](bool answered) { return answered ? 0 : 2; },
-       {"vm:0", "vm:1"},
-       {false, true},
+       [](bool a) { return a ? 0 : 2; },
+       "vm:0 vm:1 ",
+       "-+",
        1,
        0},
       // A failure the handler does not want retried.
-      {"garbage", {{"kind", "text"}}, [](bool) { return 1; }, {"vm:0"}, {false}, 0, 1},
+      {"garbage", {{"kind", "text"}}, [](bool) { return 1; }, "vm:0 ", "-", 0, 1},
   };
   for (const auto& c : cases) {
     runs_.clear();
     answered_.clear();
     Servant_Task_Scheduler sched(c.method);
     ASSERT_TRUE(sched.enable_retry(2, 0));
-    ASSERT_TRUE(
-        sched.activate(1, setup(), [&](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          bool answered = r && !r->is_error();
-          answered_.push_back(answered);
-          return c.decide(answered);
-        }));
+    ASSERT_TRUE(sched.activate(1, setup(), handler(c.decide)));
     ASSERT_TRUE(sched.enqueue_task(c.params, "cvk1", "vm"));
     sched.wait();
     EXPECT_EQ(runs_, c.runs) << c.method;
@@ -135,78 +121,62 @@ TEST_F(Servant_Task_Scheduler_Test, KeepsToTheTotalAndPerOwnerLimits) {
 TEST_F(Servant_Task_Scheduler_Test, AHungServantIsEndedAtTheTimeLimit) {
   Servant_Task_Scheduler sched("sleep");
   ASSERT_TRUE(sched.set_time_limit(1));
-  ASSERT_TRUE(
-      sched.activate(1, setup(), [&](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
-        answered_.push_back(r != nullptr);
-        return 2;  // no retries enabled: final all the same
-      }));
+  // No retries enabled: final all the same.
+  ASSERT_TRUE(sched.activate(1, setup(), handler([](bool) { return 2; })));
   ASSERT_TRUE(sched.enqueue_task({{"seconds", 60}, {"dir", markers_}}, "cvk1"));
   sched.wait();
-  EXPECT_EQ(answered_, std::vector<bool>{false});
+  EXPECT_EQ(answered_, "-");
   EXPECT_EQ(sched.failed(), 1);
   auto pids = pids_in(markers_);
   ASSERT_EQ(pids.size(), 1u);
   EXPECT_TRUE(process_gone(pids[0]));
 }
 
+// The callback turns true once both servants are in their request.
 TEST_F(Servant_Task_Scheduler_Test, TheStopCallbackEndsRunningServantsAndDropsWaitingWork) {
-  std::atomic<bool> stop{false};
   Servant_Task_Scheduler sched("sleep");
-  ASSERT_TRUE(sched.register_stop_callback([&stop] { return stop.load(); }));
+  ASSERT_TRUE(sched.register_stop_callback([this] { return pids_in(markers_).size() >= 2; }));
   ASSERT_TRUE(sched.enable_retry(3, 0));
-  ASSERT_TRUE(
-      sched.activate(2, setup(), [&](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        answered_.push_back(r != nullptr);
-        return 2;  // would be retried, were the work not stopped
-      }));
+  // Would be retried, were the work not stopped.
+  ASSERT_TRUE(sched.activate(2, setup(), handler([](bool) { return 2; })));
   for (int i = 0; i < 4; ++i)
     ASSERT_TRUE(
         sched.enqueue_task({{"seconds", 60}, {"dir", markers_}}, "cvk" + std::to_string(i)));
-  // Both servants are in their request.
-  for (int i = 0; i < 2000 && pids_in(markers_).size() < 2; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  ASSERT_EQ(pids_in(markers_).size(), 2u);
   EXPECT_TRUE(sched.is_running());
-  stop = true;
   sched.wait();
   EXPECT_FALSE(sched.is_running());
-  EXPECT_EQ(answered_, (std::vector<bool>{false, false}));
+  EXPECT_EQ(answered_, "--");
   EXPECT_EQ(sched.failed(), 2);
-  EXPECT_EQ(runs_.size(), 2u);
+  EXPECT_EQ(std::count(runs_.begin(), runs_.end(), ':'), 2) << runs_;
+  ASSERT_EQ(pids_in(markers_).size(), 2u);
   for (pid_t pid : pids_in(markers_))
     EXPECT_TRUE(process_gone(pid)) << pid;
   EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));
 }
 
 TEST_F(Servant_Task_Scheduler_Test, SettingsAreCheckedAndFixedOnceRunning) {
-  auto handler = [](const Servant_Task&, std::shared_ptr<JSON_RPC_Response>) { return 0; };
+  auto ok = handler([](bool) { return 0; });
   Servant_Task_Scheduler sched("echo");
   EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));  // not active yet
   EXPECT_FALSE(sched.enable_owner_limit(0));
   EXPECT_FALSE(sched.enable_retry(-1, 0));
   EXPECT_FALSE(sched.enable_retry(1, -1));
   EXPECT_FALSE(sched.set_time_limit(-1));
-  EXPECT_FALSE(sched.activate(0, setup(), handler));
-  EXPECT_FALSE(sched.activate(1, nullptr, handler));
-  ASSERT_TRUE(sched.activate(1, setup(), handler));
-  EXPECT_FALSE(sched.activate(1, setup(), handler));
+  EXPECT_FALSE(sched.activate(0, setup(), ok));
+  EXPECT_FALSE(sched.activate(1, nullptr, ok));
+  ASSERT_TRUE(sched.activate(1, setup(), ok));
+  EXPECT_FALSE(sched.activate(1, setup(), ok));
   EXPECT_FALSE(sched.enable_owner_limit(2));
   EXPECT_FALSE(sched.enable_retry(1, 1));
   EXPECT_FALSE(sched.register_stop_callback([] { return false; }));
-  EXPECT_FALSE(Servant_Task_Scheduler(nullptr).activate(1, setup(), handler));
+  EXPECT_FALSE(Servant_Task_Scheduler(nullptr).activate(1, setup(), ok));
   // A set-up that fails is a failed run, reported like any other.
   Servant_Task_Scheduler refused("echo");
-  std::vector<bool> got;
   ASSERT_TRUE(refused.activate(
-      1, [](Servant&, const Servant_Task&) { return false; },
-      [&got](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
-        got.push_back(r != nullptr);
-        return 1;
-      }));
+      1, [](Servant&, const Servant_Task&) { return false; }, handler([](bool) { return 1; })));
   ASSERT_TRUE(refused.enqueue_task(JSON_Value::object(), "cvk1"));
   refused.wait();
-  EXPECT_EQ(got, std::vector<bool>{false});
+  EXPECT_EQ(answered_, "-");
   EXPECT_EQ(refused.failed(), 1);
   sched.wait();
 }

@@ -1,6 +1,7 @@
 #include "h3ccas/servant/utils.h"
 #include "host/core/log.h"
 #include "host/core/paths.h"
+#include "tests/support/log_capture.h"
 #include "tests/unit/servant/fixture.h"
 
 #include <ace/Process.h>
@@ -8,7 +9,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -18,31 +18,20 @@ class Servant_Utils_Test : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("BRIMLET_ROOT", root_.path().c_str(), 1);
-    const char* path = getenv("LD_LIBRARY_PATH");
-    saved_library_path_ = path ? std::optional<std::string>(path) : std::nullopt;
-    sink_ = add_log_sink([this](ACE_Log_Priority, const std::string& line) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      log_ += line;
-    });
+    setenv("LD_LIBRARY_PATH", "/usr/lib/inherited", 1);
   }
   void TearDown() override {
-    remove_log_sink(sink_);
     unsetenv("BRIMLET_ROOT");
     if (saved_library_path_)
       setenv("LD_LIBRARY_PATH", saved_library_path_->c_str(), 1);
     else
       unsetenv("LD_LIBRARY_PATH");
   }
-  std::string take_log() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return std::exchange(log_, std::string());
-  }
 
   Temp_Dir root_;
-  int sink_ = 0;
-  std::mutex mutex_;
-  std::string log_;
-  std::optional<std::string> saved_library_path_;
+  const char* const old_ = getenv("LD_LIBRARY_PATH");
+  const std::optional<std::string> saved_library_path_ =
+      old_ ? std::optional<std::string>(old_) : std::nullopt;
 };
 
 TEST_F(Servant_Utils_Test, CvdSdkConfIsAFreshPrivateFileInSeconds) {
@@ -79,8 +68,6 @@ TEST_F(Servant_Utils_Test, CvdSdkConfIsAFreshPrivateFileInSeconds) {
 }
 
 TEST_F(Servant_Utils_Test, InitServantGivesTheServantItsConfigurationLabelAndEnvironment) {
-  setenv("LD_LIBRARY_PATH", "/usr/lib/inherited", 1);
-
   std::vector<std::string> lines;
   Servant servant;
   ASSERT_TRUE(h3ccas::init_servant(
@@ -139,17 +126,19 @@ TEST_F(Servant_Utils_Test, ServantResultIsTheResultObjectAndAnythingElseFails) {
       {response("done"), "r.result is not object!"},
   };
   for (const auto& c : failures) {
-    take_log();
+    Log_Capture log;
     JSON_Value result = "untouched";
     EXPECT_FALSE(h3ccas::get_servant_result(c.resp, result)) << c.message;
     EXPECT_EQ(result, "untouched");
-    EXPECT_NE(take_log().find(c.message), std::string::npos) << c.message;
+    EXPECT_EQ(log.count(), 1u) << c.message;
+    EXPECT_TRUE(log.contains(c.message)) << c.message;
   }
+  Log_Capture log;
   JSON_Value answer = {{"code", 0}, {"vm_id", "12"}, {"storage_size", 1024}};
   JSON_Value result;
   EXPECT_TRUE(h3ccas::get_servant_result(response(answer), result));
   EXPECT_EQ(result, answer);
-  EXPECT_EQ(take_log(), "");
+  EXPECT_EQ(log.text(), "");
 }
 
 }  // namespace

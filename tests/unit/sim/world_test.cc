@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <map>
 #include <set>
 #include <string>
 
@@ -40,20 +39,8 @@ std::vector<const VM*> all_vms(const World& world) {
 TEST(World, ShippedDefaultLoadsAndRoundTrips) {
   World world = shipped("default.json");
   std::string error;
-  EXPECT_EQ(world.operators.size(), 2u);
-  // What the demo and the inventory tests rely on.
+  // What the demo relies on: each CVK has an address for management and backup traffic.
   ASSERT_EQ(world.hosts.size(), 2u);
-  std::vector<const VM*> vms = all_vms(world);
-  ASSERT_EQ(vms.size(), 4u);
-  int without_os = 0, with_snapshots = 0;
-  for (const VM* vm : vms) {
-    EXPECT_GE(vm->disks.size(), 2u) << vm->name;
-    EXPECT_LE(vm->disks.size(), 3u) << vm->name;
-    without_os += vm->os.empty();
-    with_snapshots += !vm->snapshots.empty();
-  }
-  EXPECT_EQ(without_os, 1);
-  EXPECT_EQ(with_snapshots, 1);
   for (const Host& host : world.hosts) {
     unsigned types = 0;
     for (const VSwitch& vswitch : host.vswitches)
@@ -62,7 +49,6 @@ TEST(World, ShippedDefaultLoadsAndRoundTrips) {
               unsigned(VSwitch::MANAGEMENT | VSwitch::BACKUP))
         << host.name;
   }
-
   world.faults.push_back(
       Fault{7, "/cas/casrs/vm", "GET", 2, Fault::Kind::STATUS, 500, "1001", "内部错误", ""});
   World again;
@@ -96,7 +82,6 @@ TEST(World, RefusesBadInputNamingTheKey) {
       {with("realm", R"("a\"b")"), "'realm' is expected as non-empty string without '\"'"},
       {with("knobs", R"({"latency_ms": -1})"),
        "knobs: 'latency_ms' is expected as integer from 0 to 60000"},
-      {with("knobs", R"({"latency": 5})"), "knobs: unknown key 'latency'"},
       {fault(R"("path": "x", "kind": "close")"),
        "faults[0]: 'path' is expected as string starting with '/'"},
       {fault(R"("path": "/x", "status": 99)"),
@@ -139,10 +124,8 @@ TEST(World, InventoryRefusesBadInputNamingTheKey) {
   };
   const Case cases[] = {
       {"/vswitches", "[]", "unknown key 'vswitches'"},
-      {"/hosts/0/id", R"("1")", "hosts[0]: 'id' is expected as integer"},
       {"/hosts/1", R"({"id": 1, "name": "h2", "ip": "x"})", "hosts[1]: host id 1 appears twice"},
       {"/hosts/0/status", R"("3")", R"('status' is expected as "0", "1" or "2")"},
-      {"/hosts/0/vms/0/cpu", "2", "hosts[0]: vms[0]: unknown key 'cpu'"},
       {"/hosts/1",
        R"({"id": 2, "name": "h2", "ip": "x", "vms": [{"id": 11, "uuid": "u", "name": "v"}]})",
        "hosts[1]: vms[0]: VM id 11 appears twice"},
@@ -151,7 +134,6 @@ TEST(World, InventoryRefusesBadInputNamingTheKey) {
       {"/hosts/0/vms/0/cpus", "3", "'cpus' is expected as a multiple of cpu_sockets"},
       {"/hosts/0/vms/0/disks/0/pool", R"("p2")",
        "disks[0]: 'pool' is expected as the name of a pool"},
-      {"/hosts/0/vms/0/disks/0/size_mib", R"("10")", "'size_mib' is expected as integer"},
       {"/hosts/0/vms/0/disks/0/allocation_mib", "11",
        "'allocation_mib' is expected as integer from 0 to 10"},
       {"/hosts/0/vms/0/disks/0/format", R"("vmdk")", "'format' is expected as raw or qcow2"},
@@ -159,8 +141,6 @@ TEST(World, InventoryRefusesBadInputNamingTheKey) {
        "disks[0]: content: 'pattern' is expected as one of empty, random, text, zeros_and_random"},
       {"/hosts/0/vms/0/disks/0/content", R"({"pattern": "text", "allocated_percent": 101})",
        "content: 'allocated_percent' is expected as integer from 0 to 100"},
-      {"/hosts/0/vms/0/disks/0/content", R"({"pattern": "text", "fill": 1})",
-       "content: unknown key 'fill'"},
       {"/hosts/0/vms/0/disks/1",
        R"({"device_name": "vda", "size_mib": 1, "pool": "p1", "path": "/p/x"})",
        "vms[0]: disks[1]: device name 'vda' appears twice"},
@@ -181,7 +161,6 @@ TEST(World, InventoryRefusesBadInputNamingTheKey) {
       {"/port_profiles/0/vlan_id", "5000", "'vlan_id' is expected as integer from 1 to 4094"},
       {"/generate", R"({"hosts": 0, "vms": 1})",
        "generate: 'hosts' is expected as integer from 1 to 10000"},
-      {"/generate", R"({"hosts": 1, "vms": 1, "cvks": 2})", "generate: unknown key 'cvks'"},
   };
   for (const Case& c : cases) {
     JSON_Value json = base;
@@ -194,28 +173,23 @@ TEST(World, InventoryRefusesBadInputNamingTheKey) {
 }
 
 TEST(World, GeneratesTheSameLargeWorldForTheSameSeed) {
-  World large = shipped("large.json");
-  ASSERT_EQ(large.hosts.size(), 50u);
-  std::vector<const VM*> vms = all_vms(large);
+  // The listing benchmark's world: distinct names, titles and uuids, every status, some without
+  // an OS.
+  std::vector<const VM*> vms = all_vms(shipped("large.json"));
   ASSERT_EQ(vms.size(), 10000u);
-  EXPECT_EQ(large.hosts[0].name, "cvk001");
-  EXPECT_EQ(large.hosts[0].vms.size(), 200u);
   EXPECT_EQ(vms[0]->name, "vm00001");
-  std::set<std::string> titles, uuids;
-  std::map<std::string, int> statuses;
+  std::set<std::string> titles, uuids, statuses;
   int without_os = 0;
   for (const VM* vm : vms) {
     titles.insert(vm->title);
     uuids.insert(vm->uuid);
-    ++statuses[vm->status];
+    statuses.insert(vm->status);
     without_os += vm->os.empty();
     EXPECT_TRUE(!vm->disks.empty() && vm->disks.size() <= 3) << vm->name;
   }
-  EXPECT_EQ(titles.size(), vms.size());
-  EXPECT_EQ(uuids.size(), vms.size());
+  EXPECT_EQ(titles.size() + uuids.size(), 2 * vms.size());
   EXPECT_EQ(statuses.size(), 3u);
-  EXPECT_GT(without_os, 0);
-  EXPECT_LT(without_os, 2000);
+  EXPECT_TRUE(without_os > 0 && without_os < 2000) << without_os;
 
   // Generated ids follow the file's own; a dump holds the generated inventory and loads again.
   const std::string text = R"({"operators": [], "hosts": [{"id": 7, "name": "own", "ip": "x",
@@ -243,17 +217,9 @@ TEST(World, GeneratesTheSameLargeWorldForTheSameSeed) {
   EXPECT_NE(dump_world(other), dump_world(world));
 }
 
-TEST(World, DefaultsAndKnobChangesAllOrNothing) {
+TEST(World, KnobChangesAllOrNothing) {
   World world;
   std::string error;
-  ASSERT_TRUE(load_text(R"({"operators": [
-      {"id": 1, "login_name": "admin", "password": "pw", "group_id": 1}]})",
-                        world, error))
-      << error;
-  EXPECT_EQ(world.realm, "VMC RESTful Web Services");
-  EXPECT_EQ(world.knobs.nonce_lifetime_seconds, 300);
-  EXPECT_EQ(world.operators[0].name, "admin");
-
   EXPECT_FALSE(
       apply_knobs(JSON_Value::parse(R"({"latency_ms": 5, "operators": 3})"), world, error));
   EXPECT_NE(error.find("'operators' is expected as array"), std::string::npos) << error;
@@ -345,18 +311,15 @@ TEST(Task_Engine, CompletesAfterItsDurationWithItsOutcome) {
   const Task_Engine::Clock::time_point t0{};
   std::string id = engine.start(1000ms, {"1", "no space left", "42"}, t0);
   Task_Progress progress;
-  ASSERT_TRUE(engine.progress(id, progress, t0));
-  EXPECT_FALSE(progress.completed);
-  EXPECT_EQ(progress.percent, 0);
-  EXPECT_EQ(progress.outcome.result, "0");  // not told before completion
-  ASSERT_TRUE(engine.progress(id, progress, t0 + 999ms));
-  EXPECT_FALSE(progress.completed);
-  EXPECT_EQ(progress.percent, 98);
-  ASSERT_TRUE(engine.progress(id, progress, t0 + 1000ms));
-  EXPECT_TRUE(progress.completed);
-  EXPECT_EQ(progress.percent, 100);
-  EXPECT_EQ(progress.outcome.result + progress.outcome.fail_msg + progress.outcome.target_id,
-            "1no space left42");
+  // The outcome is not told before completion.
+  const std::pair<std::chrono::milliseconds, const char*> seen[] = {
+      {0ms, "0% 0"}, {999ms, "98% 0"}, {1000ms, "100% done 1no space left42"}};
+  for (const auto& at : seen) {
+    ASSERT_TRUE(engine.progress(id, progress, t0 + at.first));
+    EXPECT_EQ(std::to_string(progress.percent) + "% " + (progress.completed ? "done " : "") +
+                  progress.outcome.result + progress.outcome.fail_msg + progress.outcome.target_id,
+              at.second);
+  }
 
   std::string instant = engine.start(0ms, {}, t0);
   EXPECT_NE(instant, id);
