@@ -17,12 +17,10 @@ namespace {
 const char kWorld[] = R"({"operators": [
     {"id": 1, "login_name": "admin", "password": "Adm1n pass", "group_id": 1},
     {"id": 2, "login_name": "auditor", "password": "aud", "group_id": 3}], "hosts": []})";
-// Three hosts: one with a single VM, one with two, one with none.
 const char kInventory[] = R"({
   "operators": [{"id": 1, "login_name": "admin", "password": "Adm1n pass", "group_id": 1}],
-  "pools": [{"name": "p1", "path": "/vms/p1", "capacity_mib": 1000, "free_mib": 600,
-             "volumes": [{"name": "a.iso", "size_mib": 1.5}]}],
-  "port_profiles": [{"id": 5, "name": "Default", "vlan_id": 10}],
+  "pools": [{"name": "p1", "path": "/vms/p1", "capacity_mib": 1000}],
+  "port_profiles": [{"id": 5, "name": "Default"}],
   "hosts": [
     {"id": 1, "name": "cvk1", "ip": "10.0.0.1",
      "vswitches": [{"id": 1, "name": "vs0", "address": "10.0.0.1", "types": ["management", "backup"]}],
@@ -38,8 +36,7 @@ const char kInventory[] = R"({
               "disks": [{"device_name": "vda", "size_mib": 20, "pool": "p1", "path": "/vms/p1/b-vda"},
                         {"device_name": "sda", "size_mib": 30, "file_type": "block",
                          "format": "raw", "path": "/dev/sdb"}]},
-             {"id": 22, "uuid": "u22", "name": "c", "title": "alpha", "status": "paused"}]},
-    {"id": 3, "name": "cvk3", "ip": "10.0.0.3"}]})";
+             {"id": 22, "uuid": "u22", "name": "c", "title": "alpha", "status": "paused"}]}]})";
 const char kAdmin[] = "admin:Adm1n pass";
 const char kChallenge[] = "Digest realm=\"VMC RESTful Web Services\", qop=\"auth\", nonce=\"";
 const char kList[] = "/cas/casrs/operator/operatorInfoList";
@@ -158,42 +155,11 @@ TEST_F(Cas_Sim_Test, DigestLoginServesTheCvmFollowsKnobsAndLogsEachRequest) {
   EXPECT_NE(slurp(dir_.file("sim.out")).find("Stopping on signal"), std::string::npos);
 }
 
-// The values of `key` in each member of a CAS list (a bare object counts as one member).
-std::vector<std::string> column(const JSON_Value& list, const char* key) {
-  std::vector<std::string> out;
-  if (list.is_object())
-    out.push_back(list.value(key, ""));
-  else
-    for (const JSON_Value& member : list)
-      out.push_back(member.value(key, ""));
-  return out;
-}
-
-using Column = std::vector<std::string>;
-
-TEST_F(Cas_Sim_Test, ListsTheInventoryWithCasShapes) {
+// What the module does not list yet (the agent's listings cover the rest): VM details,
+// snapshot trees and capabilities, in CAS's shapes.
+TEST_F(Cas_Sim_Test, DescribesVmsWithCasShapes) {
   world_ = kInventory;
   start();
-  EXPECT_EQ(column(get("/cas/casrs/host")["host"], "id"), Column({"1", "2", "3"}));
-  EXPECT_EQ(get("/cas/casrs/host/id/2"), JSON_Value::parse(R"({"id": "2", "name": "cvk2",
-      "ip": "10.0.0.2", "status": "2", "cpuCount": "2", "cpuCores": "8", "memorySize": "65536"})"));
-
-  // One member: a bare object; none: 200 without a body.
-  JSON_Value solo = get("/cas/casrs/vm/vmList?hostId=1&sortField=title")["domain"];
-  EXPECT_EQ(solo, JSON_Value::parse(R"({"id": "11", "uuid": "u11", "name": "solo", "title": "mid",
-      "vmStatus": "running", "hostId": "1", "hostName": "cvk1", "cpu": "1", "memory": "1024"})"));
-  Reply none = curl("/cas/casrs/vm/vmList?hostId=3&sortField=title");
-  EXPECT_EQ(none.status, 200);
-  EXPECT_TRUE(none.body.empty()) << none.body;
-  JSON_Value two = get("/cas/casrs/vm/vmList?hostId=2&sortField=title")["domain"];
-  EXPECT_EQ(column(two, "title"), Column({"alpha", "zeta"}));
-  EXPECT_EQ(column(two, "osDesc"), Column({"", "Linux"}));
-  EXPECT_EQ(column(two, "vmStatus"), Column({"paused", "shutOff"}));
-  EXPECT_EQ(column(get("/cas/casrs/vm/vmList?sortField=title")["domain"], "title"),
-            Column({"alpha", "mid", "zeta"}));
-  EXPECT_EQ(column(get("/cas/casrs/vm/vmList")["domain"], "title"),
-            Column({"mid", "zeta", "alpha"}));
-
   JSON_Value detail = get("/cas/casrs/vm/detail/11");
   EXPECT_EQ(detail["storage"], JSON_Value::parse(R"({"device": "disk", "deviceName": "vda",
       "fileType": "file", "path": "/vms/p1/solo-vda", "format": "qcow2", "targetBus": "virtio",
@@ -204,7 +170,8 @@ TEST_F(Cas_Sim_Test, ListsTheInventoryWithCasShapes) {
   detail = get("/cas/casrs/vm/detail/21");
   EXPECT_EQ(detail["cpu"], JSON_Value::parse(R"({"cpuSockets": "2", "cpuCores": "2"})"));
   EXPECT_EQ(detail["memory"]["size"], "1024");
-  ASSERT_EQ(column(detail["storage"], "deviceName"), Column({"vda", "sda"}));
+  ASSERT_EQ(detail["storage"].size(), 2u);
+  EXPECT_EQ(detail["storage"][1]["deviceName"], "sda");
   EXPECT_FALSE(detail["storage"][1].contains("mode"));  // a block device has none
   EXPECT_FALSE(get("/cas/casrs/vm/detail/22").contains("storage"));
 
@@ -214,54 +181,43 @@ TEST_F(Cas_Sim_Test, ListsTheInventoryWithCasShapes) {
       [{"name": "s2", "snapshotMode": "0"}, {"name": "s3", "snapshotMode": "0"}]}}}}})"));
   EXPECT_FALSE(get("/cas/casrs/vm/snapshot/22")["snapshot"].contains("snapshots"));
   EXPECT_EQ(get("/cas/casrs/vm/11/capabilities")["supportCbt"], "true");
-
-  JSON_Value vswitch = get("/cas/casrs/host/id/1/vswitch")["vSwitch"];
-  EXPECT_EQ(vswitch.value("networkType", ""), "9");
-  EXPECT_EQ(vswitch.value("address", ""), "10.0.0.1");
-  JSON_Value pool = get("/cas/casrs/storage/pool?hostId=2")["storagePool"];
-  EXPECT_EQ(pool.value("totalSize", "") + " " + pool.value("freeSize", ""), "1000 600");
-  JSON_Value volumes = get("/cas/casrs/storage/volume?hostId=1&poolName=p1")["storageVolume"];
-  EXPECT_EQ(column(volumes, "name"), Column({"a.iso", "solo-vda", "b-vda"}));
-  EXPECT_EQ(column(volumes, "size"), Column({"1.5", "10240", "20"}));
-  EXPECT_EQ(get("/cas/casrs/profile")["portProfile"]["vlanId"], "10");
 }
 
-TEST_F(Cas_Sim_Test, RefusesUnknownIdsAndTheUnfilteredListOnDemand) {
+// Refusals the CAS way: a status with error-code and error-message headers, and no body.
+TEST_F(Cas_Sim_Test, RefusesTheCasWayWithoutData) {
   world_ = kInventory;
   start();
   struct Case {
-    const char* target;
+    const char *target, *credentials, *method;
     int status;
-    const char* error_message;
+    const char *error_code, *error_message;  // "" for none
   };
   const Case cases[] = {
-      {"/cas/casrs/host/id/9", 404, "主机不存在"},
-      {"/cas/casrs/host/id/x/vswitch", 404, "主机不存在"},
-      {"/cas/casrs/vm/vmList?hostId=9", 404, "主机不存在"},
-      {"/cas/casrs/vm/vmList?sortField=size", 400, "不支持的排序字段"},
-      {"/cas/casrs/vm/detail/12", 404, "虚拟机不存在"},
-      {"/cas/casrs/vm/1/capabilities", 404, "虚拟机不存在"},
-      {"/cas/casrs/vm/snapshot/-11", 404, "虚拟机不存在"},
-      {"/cas/casrs/storage/pool", 400, "缺少参数hostId"},
-      {"/cas/casrs/storage/volume?hostId=1", 400, "缺少参数poolName"},
-      {"/cas/casrs/storage/volume?hostId=1&poolName=p2", 404, "存储池不存在"},
-      {"/cas/casrs/message/1", 404, "消息不存在"},
+      {kList, "admin:wrong", "GET", 401, "", ""},
+      {kList, "", "GET", 401, "", ""},
+      {"/cas/casrs/vm/nothing", kAdmin, "GET", 404, "404", "请求的资源不存在"},
+      {kList, kAdmin, "DELETE", 405, "405", "不支持该请求方法"},
+      {"/index.html", "", "GET", 404, "", ""},  // outside the API: a plain 404
+      {"/cas/casrs/host/id/9", kAdmin, "GET", 404, "404", "主机不存在"},
+      {"/cas/casrs/host/id/x/vswitch", kAdmin, "GET", 404, "404", "主机不存在"},
+      {"/cas/casrs/vm/vmList?hostId=9", kAdmin, "GET", 404, "404", "主机不存在"},
+      {"/cas/casrs/vm/vmList?sortField=size", kAdmin, "GET", 400, "400", "不支持的排序字段"},
+      {"/cas/casrs/vm/detail/12", kAdmin, "GET", 404, "404", "虚拟机不存在"},
+      {"/cas/casrs/vm/1/capabilities", kAdmin, "GET", 404, "404", "虚拟机不存在"},
+      {"/cas/casrs/vm/snapshot/-11", kAdmin, "GET", 404, "404", "虚拟机不存在"},
+      {"/cas/casrs/storage/pool", kAdmin, "GET", 400, "400", "缺少参数hostId"},
+      {"/cas/casrs/storage/volume?hostId=1", kAdmin, "GET", 400, "400", "缺少参数poolName"},
+      {"/cas/casrs/storage/volume?hostId=1&poolName=p2", kAdmin, "GET", 404, "404", "存储池不存在"},
+      {"/cas/casrs/message/1", kAdmin, "GET", 404, "404", "消息不存在"},
   };
   for (const Case& c : cases) {
-    Reply reply = curl(c.target);
-    EXPECT_EQ(reply.status, c.status) << c.target;
-    EXPECT_EQ(reply.error_code, std::to_string(c.status)) << c.target;
+    Reply reply = curl(c.target, c.credentials, {"-X", c.method});
+    EXPECT_EQ(reply.status, c.status) << c.target << " " << c.credentials;
+    EXPECT_EQ(reply.error_code, c.error_code) << c.target;
     EXPECT_EQ(reply.error_message, c.error_message) << c.target;
     EXPECT_TRUE(reply.body.empty()) << c.target << " " << reply.body;
+    EXPECT_EQ(reply.challenge.rfind(kChallenge, 0) == 0, c.status == 401) << reply.challenge;
   }
-
-  ASSERT_EQ(control("PUT", "/sim/knobs", R"({"vm_list_conflict": true})").status, 200);
-  Reply conflict = curl("/cas/casrs/vm/vmList?sortField=title");
-  EXPECT_EQ(conflict.status, 409);
-  EXPECT_EQ(conflict.error_code, "409");
-  EXPECT_FALSE(conflict.error_message.empty());
-  EXPECT_TRUE(conflict.body.empty()) << conflict.body;
-  EXPECT_EQ(get("/cas/casrs/vm/vmList?hostId=1&sortField=title")["domain"]["id"], "11");
 }
 
 TEST_F(Cas_Sim_Test, TasksReportProgressUntilTheirOutcome) {
@@ -288,30 +244,6 @@ TEST_F(Cas_Sim_Test, TasksReportProgressUntilTheirOutcome) {
   EXPECT_EQ(progress.value("completed", "") + progress.value("result", "") +
                 progress.value("targetId", ""),
             "true033");
-}
-
-TEST_F(Cas_Sim_Test, RefusesTheCasWayWithoutData) {
-  start();
-  struct Case {
-    const char *target, *credentials, *method;
-    int status;
-    const char *error_code, *error_message;  // "" for none
-  };
-  const Case cases[] = {
-      {kList, "admin:wrong", "GET", 401, "", ""},
-      {kList, "", "GET", 401, "", ""},
-      {"/cas/casrs/vm/nothing", kAdmin, "GET", 404, "404", "请求的资源不存在"},
-      {kList, kAdmin, "DELETE", 405, "405", "不支持该请求方法"},
-      {"/index.html", "", "GET", 404, "", ""},  // outside the API: a plain 404
-  };
-  for (const Case& c : cases) {
-    Reply reply = curl(c.target, c.credentials, {"-X", c.method});
-    EXPECT_EQ(reply.status, c.status) << c.target << " " << c.credentials;
-    EXPECT_EQ(reply.error_code, c.error_code) << c.target;
-    EXPECT_EQ(reply.error_message, c.error_message) << c.target;
-    EXPECT_TRUE(reply.body.empty()) << reply.body;
-    EXPECT_EQ(reply.challenge.rfind(kChallenge, 0) == 0, c.status == 401) << reply.challenge;
-  }
 }
 
 TEST_F(Cas_Sim_Test, InjectedFaultsShowAsScripted) {

@@ -37,9 +37,8 @@ World make_world(std::uint64_t seed) {
           {"device_name": "vde", "size_mib": 10, "allocation_mib": 2, "pool": "p1",
            "path": "/p1/default", "content": {"pattern": "random"}},
           {"device_name": "vdf", "size_mib": 3, "pool": "p1", "path": "/p1/bare"}]}]}]})";
-  text.replace(text.find("SEED"), 4, std::to_string(seed));
-  text.replace(text.find("SEED"), 4, std::to_string(seed));
-  text.replace(text.find("SEED"), 4, std::to_string(seed));
+  for (std::size_t at; (at = text.find("SEED")) != std::string::npos;)
+    text.replace(at, 4, std::to_string(seed));
   JSON_Value json;
   World world;
   std::string error;

@@ -175,7 +175,8 @@ TEST(World, InventoryRefusesBadInputNamingTheKey) {
 TEST(World, GeneratesTheSameLargeWorldForTheSameSeed) {
   // The listing benchmark's world: distinct names, titles and uuids, every status, some without
   // an OS.
-  std::vector<const VM*> vms = all_vms(shipped("large.json"));
+  World large = shipped("large.json");
+  std::vector<const VM*> vms = all_vms(large);
   ASSERT_EQ(vms.size(), 10000u);
   EXPECT_EQ(vms[0]->name, "vm00001");
   std::set<std::string> titles, uuids, statuses;
