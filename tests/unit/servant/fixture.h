@@ -9,7 +9,7 @@
 #include <string>
 
 // The test module's methods, as its manifest lists them for servants.
-constexpr const char* TEST_SERVANT_METHODS[] = {"echo",  "env",   "log",     "sleep",
+constexpr const char* TEST_SERVANT_METHODS[] = {"echo",  "env",   "log",     "hang",
                                                 "crash", "flaky", "garbage", "gather"};
 
 // Writes the test module's manifest into `dir` ("agent.only" is its one agent method) and a

@@ -13,7 +13,7 @@
 
 namespace {
 
-// Pids written by "sleep" servants into `dir`.
+// Pids written by "hang" servants into `dir`.
 std::vector<pid_t> pids_in(const std::string& dir) {
   std::vector<pid_t> out;
   if (DIR* d = opendir(dir.c_str())) {
@@ -119,11 +119,11 @@ TEST_F(Servant_Task_Scheduler_Test, KeepsToTheTotalAndPerOwnerLimits) {
 }
 
 TEST_F(Servant_Task_Scheduler_Test, AHungServantIsEndedAtTheTimeLimit) {
-  Servant_Task_Scheduler sched("sleep");
+  Servant_Task_Scheduler sched("hang");
   ASSERT_TRUE(sched.set_time_limit(1));
   // No retries enabled: final all the same.
   ASSERT_TRUE(sched.activate(1, setup(), handler([](bool) { return 2; })));
-  ASSERT_TRUE(sched.enqueue_task({{"seconds", 60}, {"dir", markers_}}, "cvk1"));
+  ASSERT_TRUE(sched.enqueue_task({{"dir", markers_}}, "cvk1"));
   sched.wait();
   EXPECT_EQ(answered_, "-");
   EXPECT_EQ(sched.failed(), 1);
@@ -134,14 +134,13 @@ TEST_F(Servant_Task_Scheduler_Test, AHungServantIsEndedAtTheTimeLimit) {
 
 // The callback turns true once both servants are in their request.
 TEST_F(Servant_Task_Scheduler_Test, TheStopCallbackEndsRunningServantsAndDropsWaitingWork) {
-  Servant_Task_Scheduler sched("sleep");
+  Servant_Task_Scheduler sched("hang");
   ASSERT_TRUE(sched.register_stop_callback([this] { return pids_in(markers_).size() >= 2; }));
   ASSERT_TRUE(sched.enable_retry(3, 0));
   // Would be retried, were the work not stopped.
   ASSERT_TRUE(sched.activate(2, setup(), handler([](bool) { return 2; })));
   for (int i = 0; i < 4; ++i)
-    ASSERT_TRUE(
-        sched.enqueue_task({{"seconds", 60}, {"dir", markers_}}, "cvk" + std::to_string(i)));
+    ASSERT_TRUE(sched.enqueue_task({{"dir", markers_}}, "cvk" + std::to_string(i)));
   EXPECT_TRUE(sched.is_running());
   sched.wait();
   EXPECT_FALSE(sched.is_running());

@@ -150,8 +150,8 @@ TEST_F(Servant_Process_Test, ACrashHangGarbageOrCancelIsAFailedCallAndAnEndedPro
     int timeout;
     bool cancel;
   } cases[] = {
-      {"crash", JSON_Value::object(), 30, false},   {"sleep", {{"seconds", 60}}, 1, false},
-      {"sleep", {{"seconds", 60}}, 0, true},        {"garbage", {{"kind", "text"}}, 30, false},
+      {"crash", JSON_Value::object(), 30, false},   {"hang", JSON_Value::object(), 1, false},
+      {"hang", JSON_Value::object(), 0, true},      {"garbage", {{"kind", "text"}}, 30, false},
       {"garbage", {{"kind", "length"}}, 30, false}, {"garbage", {{"kind", "stranger"}}, 30, false},
   };
   for (const auto& c : cases) {

@@ -2,7 +2,7 @@
 //   echo     answers its params, pid and label
 //   env      answers the values of the environment variables named in "names"
 //   log      logs "text" through the log and raw on stderr, then answers
-//   sleep    writes its pid into "<dir>/<pid>" (when "dir" is given), sleeps "seconds", answers
+//   hang     writes its pid into "<dir>/<pid>" (when "dir" is given), then never answers
 //   crash    aborts
 //   flaky    aborts unless file "marker" exists (and creates it), so a second run succeeds
 //   garbage  writes "kind" of rubbish on the channel: "text" (a frame that is not JSON),
@@ -103,10 +103,11 @@ class Test_Handler : public JSON_RPC_Thread_Handler {
       const std::string text = p["text"];
       LOG_MSG((LM_WARNING, "%s\n", text.c_str()));
       fprintf(stderr, "raw %s\n", text.c_str());
-    } else if (m == "sleep") {
+    } else if (m == "hang") {
       if (p.contains("dir"))
         std::ofstream(p["dir"].get<std::string>() + "/" + std::to_string(getpid())) << getpid();
-      std::this_thread::sleep_for(std::chrono::seconds(p["seconds"].get<int>()));
+      for (;;)
+        pause();
     } else if (m == "crash") {
       crash();
     } else if (m == "flaky") {
