@@ -19,7 +19,8 @@ const char kWorld[] = R"({"operators": [
     {"id": 2, "login_name": "auditor", "password": "aud", "group_id": 3}], "hosts": []})";
 const char kInventory[] = R"({
   "operators": [{"id": 1, "login_name": "admin", "password": "Adm1n pass", "group_id": 1}],
-  "pools": [{"name": "p1", "path": "/vms/p1", "capacity_mib": 1000}],
+  "pools": [{"name": "p1", "path": "/vms/p1", "capacity_mib": 1000,
+             "volumes": [{"name": "a.iso", "size_mib": 1.5}]}],
   "port_profiles": [{"id": 5, "name": "Default"}],
   "hosts": [
     {"id": 1, "name": "cvk1", "ip": "10.0.0.1",
@@ -155,11 +156,27 @@ TEST_F(Cas_Sim_Test, DigestLoginServesTheCvmFollowsKnobsAndLogsEachRequest) {
   EXPECT_NE(slurp(dir_.file("sim.out")).find("Stopping on signal"), std::string::npos);
 }
 
-// What the module does not list yet (the agent's listings cover the rest): VM details,
-// snapshot trees and capabilities, in CAS's shapes.
+// The values of `key` in each member of a CAS list (a bare object counts as one member).
+std::vector<std::string> column(const JSON_Value& list, const char* key) {
+  std::vector<std::string> out;
+  for (const JSON_Value& member : list.is_object() ? JSON_Value::array({list}) : list)
+    out.push_back(member.value(key, ""));
+  return out;
+}
+using Column = std::vector<std::string>;
+
+// What the agent's listings do not show (they cover the rest): orders, VM disks among volumes,
+// VM details, snapshot trees and capabilities, in CAS's shapes.
 TEST_F(Cas_Sim_Test, DescribesVmsWithCasShapes) {
   world_ = kInventory;
   start();
+  EXPECT_EQ(column(get("/cas/casrs/vm/vmList?sortField=title")["domain"], "title"),
+            Column({"alpha", "mid", "zeta"}));
+  EXPECT_EQ(column(get("/cas/casrs/vm/vmList")["domain"], "title"),
+            Column({"mid", "zeta", "alpha"}));
+  JSON_Value volumes = get("/cas/casrs/storage/volume?hostId=1&poolName=p1")["storageVolume"];
+  EXPECT_EQ(column(volumes, "name"), Column({"a.iso", "solo-vda", "b-vda"}));
+  EXPECT_EQ(column(volumes, "size"), Column({"1.5", "10240", "20"}));
   JSON_Value detail = get("/cas/casrs/vm/detail/11");
   EXPECT_EQ(detail["storage"], JSON_Value::parse(R"({"device": "disk", "deviceName": "vda",
       "fileType": "file", "path": "/vms/p1/solo-vda", "format": "qcow2", "targetBus": "virtio",
@@ -170,8 +187,7 @@ TEST_F(Cas_Sim_Test, DescribesVmsWithCasShapes) {
   detail = get("/cas/casrs/vm/detail/21");
   EXPECT_EQ(detail["cpu"], JSON_Value::parse(R"({"cpuSockets": "2", "cpuCores": "2"})"));
   EXPECT_EQ(detail["memory"]["size"], "1024");
-  ASSERT_EQ(detail["storage"].size(), 2u);
-  EXPECT_EQ(detail["storage"][1]["deviceName"], "sda");
+  ASSERT_EQ(column(detail["storage"], "deviceName"), Column({"vda", "sda"}));
   EXPECT_FALSE(detail["storage"][1].contains("mode"));  // a block device has none
   EXPECT_FALSE(get("/cas/casrs/vm/detail/22").contains("storage"));
 

@@ -178,7 +178,9 @@ TEST(World, GeneratesTheSameLargeWorldForTheSameSeed) {
   World large = shipped("large.json");
   std::vector<const VM*> vms = all_vms(large);
   ASSERT_EQ(vms.size(), 10000u);
-  EXPECT_EQ(vms[0]->name, "vm00001");
+  ASSERT_EQ(large.hosts.size(), 50u);
+  EXPECT_EQ(large.hosts[0].vms.size(), 200u);
+  EXPECT_EQ(large.hosts[0].name + " " + vms[0]->name, "cvk001 vm00001");
   std::set<std::string> titles, uuids, statuses;
   int without_os = 0;
   for (const VM* vm : vms) {
