@@ -54,7 +54,7 @@ JSON_Value exec_params(const std::string& action) {
   return params;
 }
 
-class Exec_Test : public ::testing::Test {
+class Exec_Handler_Test : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("BRIMLET_ROOT", dir_.path().c_str(), 1);
@@ -86,7 +86,7 @@ class Exec_Test : public ::testing::Test {
 };
 
 // The servant keeps answering while libcvd is missing; only well-formed requests need it.
-TEST_F(Exec_Test, AnswersEachRequestWithOrWithoutLibcvd) {
+TEST_F(Exec_Handler_Test, AnswersEachRequestWithOrWithoutLibcvd) {
   const JSON_Value load_failed = error(-32603, "Failed to load CAS libcvd.");
   const JSON_Value not_string =
       error(-32602, "Invalid params: 'action' is expected as string in params.");
@@ -128,7 +128,7 @@ TEST_F(Exec_Test, AnswersEachRequestWithOrWithoutLibcvd) {
   EXPECT_NE(sdk_log.find("starter["), std::string::npos) << sdk_log;
 }
 
-TEST_F(Exec_Test, NothingIsSentForResponsesOrAbsentRequesters) {
+TEST_F(Exec_Handler_Test, NothingIsSentForResponsesOrAbsentRequesters) {
   Log_Capture log;
   auto chn = std::make_shared<Recording_Channel>();
   EXPECT_EQ(handler_.handle_object_i(chn, std::make_shared<JSON_RPC_Response>(JSON_Value(3))), -1);
