@@ -1,4 +1,4 @@
-// libcvd.so, loaded as the servant loads it, against the disk service of a real cas-sim.
+// libcvd.so against the disk service of a real cas-sim.
 #include "h3ccas/servant/cvd_api.h"
 #include "host/core/paths.h"
 #include "sim/cvd/protocol.h"
@@ -6,7 +6,6 @@
 #include "tests/support/temp_dir.h"
 
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -36,18 +35,6 @@ const char* const kFunctions[] = {"cvd_init",       "cvd_deinit",    "cvd_connec
                                   "cvd_disconnect", "cvd_disk_open", "cvd_disk_close",
                                   "cvd_disk_read",  "cvd_disk_write"};
 
-// The library's functions, found by name as the servant finds them (kFunctions' order).
-struct Api {
-  decltype(&cvd_init) init;
-  decltype(&cvd_deinit) deinit;
-  decltype(&cvd_connect) connect;
-  decltype(&cvd_disconnect) disconnect;
-  decltype(&cvd_disk_open) open;
-  decltype(&cvd_disk_close) close;
-  decltype(&cvd_disk_read) read;
-  decltype(&cvd_disk_write) write;
-};
-
 std::string slurp(const std::string& path) {
   std::string text;
   read_file(path, text);
@@ -56,19 +43,9 @@ std::string slurp(const std::string& path) {
 
 class Libcvd_Test : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    library_ = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(library_, nullptr) << dlerror();
-    void* found[8];
-    static_assert(sizeof(Api) == sizeof found, "one pointer per function");
-    for (int i = 0; i < 8; ++i)
-      ASSERT_NE(found[i] = dlsym(library_, kFunctions[i]), nullptr) << kFunctions[i];
-    memcpy(&api_, found, sizeof found);
-  }
-
   void TearDown() override {
     if (inited_) {
-      EXPECT_EQ(api_.deinit(), 0);
+      EXPECT_EQ(cvd_deinit(), 0);
     }
   }
 
@@ -84,35 +61,30 @@ class Libcvd_Test : public ::testing::Test {
     port_ = ready.value("cvd_port", 0);
     ASSERT_GT(port_, 0);
     write_text_file(dir_.file("cvd.conf"), conf);
-    ASSERT_EQ(api_.init("cvd-test", log_file().c_str(), dir_.file("cvd.conf").c_str()), 0);
+    ASSERT_EQ(cvd_init("cvd-test", log_file().c_str(), dir_.file("cvd.conf").c_str()), 0);
     inited_ = true;
   }
 
   int connect(cvd_conn_t* conn, const char* password = "Adm1n pass", const char* user = "admin") {
     cvd_connect_param param = {"127.0.0.1", port_, user, password, "vm v", 0};
-    return api_.connect(&param, conn);
+    return cvd_connect(&param, conn);
   }
 
   // A disk handle that must open.
   cvd_disk_t open(cvd_conn_t conn, const char* path, int flags) {
     cvd_disk_t disk = nullptr;
-    EXPECT_EQ(api_.open(conn, path, nullptr, flags, &disk), 0) << path;
+    EXPECT_EQ(cvd_disk_open(conn, path, nullptr, flags, &disk), 0) << path;
     return disk;
   }
 
   std::string image(const std::string& path) { return slurp(dir_.file("data") + "/disks" + path); }
   std::string log_file() const { return dir_.file("cvd.log"); }
 
-  static void* library_;
-  static Api api_;
   Temp_Dir dir_;
   Test_Process sim_;
   int port_ = 0;
   bool inited_ = false;
 };
-
-void* Libcvd_Test::library_ = nullptr;
-Api Libcvd_Test::api_;
 
 TEST_F(Libcvd_Test, ExportsExactlyTheInterfaceAndNeedsNoHostLibrary) {
   Run_Result symbols = run_program(
@@ -143,18 +115,18 @@ TEST_F(Libcvd_Test, ReadsSeededContentAndRoundTripsWritesAcrossHandles) {
   std::string read(kDataSize, '\1');
   const std::uint64_t step = (3 << 20) + 7;
   for (std::uint64_t at = 0; at < kDataSize; at += step)
-    ASSERT_EQ(api_.read(data, at, step, &read[at]),
+    ASSERT_EQ(cvd_disk_read(data, at, step, &read[at]),
               static_cast<std::int64_t>(std::min(step, kDataSize - at)))
         << at;
   EXPECT_TRUE(read == image("/p1/data"));
   // At and past the end: shortened, then nothing; writing is refused on a read-only handle.
   char tail[1000];
-  EXPECT_EQ(api_.read(data, kDataSize - 100, sizeof tail, tail), 100);
+  EXPECT_EQ(cvd_disk_read(data, kDataSize - 100, sizeof tail, tail), 100);
   EXPECT_EQ(memcmp(tail, &read[kDataSize - 100], 100), 0);
-  EXPECT_EQ(api_.read(data, kDataSize, sizeof tail, tail), 0);
-  EXPECT_EQ(api_.read(data, kDataSize + 4096, sizeof tail, tail), 0);
-  EXPECT_EQ(api_.write(data, 0, 10, tail), -EINVAL);
-  EXPECT_EQ(api_.close(data), 0);
+  EXPECT_EQ(cvd_disk_read(data, kDataSize, sizeof tail, tail), 0);
+  EXPECT_EQ(cvd_disk_read(data, kDataSize + 4096, sizeof tail, tail), 0);
+  EXPECT_EQ(cvd_disk_write(data, 0, 10, tail), -EINVAL);
+  EXPECT_EQ(cvd_disk_close(data), 0);
 
   // Writes through one handle (by pool and image) are read back through another.
   cvd_disk_t writer = open(conn, "rbd:p1/scratch", CVD_OPEN_READ_WRITE);
@@ -170,21 +142,23 @@ TEST_F(Libcvd_Test, ReadsSeededContentAndRoundTripsWritesAcrossHandles) {
     std::string bytes(length, '\0');
     for (char& c : bytes)
       c = static_cast<char>(random());
-    ASSERT_EQ(api_.write(writer, offset, length, bytes.data()), static_cast<std::int64_t>(length));
+    ASSERT_EQ(cvd_disk_write(writer, offset, length, bytes.data()),
+              static_cast<std::int64_t>(length));
     shadow.replace(offset, length, bytes);
     std::string back(length, '\0');
-    ASSERT_EQ(api_.read(reader, offset, length, &back[0]), static_cast<std::int64_t>(length));
+    ASSERT_EQ(cvd_disk_read(reader, offset, length, &back[0]), static_cast<std::int64_t>(length));
     ASSERT_TRUE(back == bytes) << "write " << i << " at " << offset << " of " << length;
   }
-  EXPECT_EQ(api_.write(writer, kScratchSize - 10, 20, tail), -EINVAL);
-  EXPECT_EQ(api_.write(writer, kScratchSize + 1, 0, tail), -EINVAL);
+  EXPECT_EQ(cvd_disk_write(writer, kScratchSize - 10, 20, tail), -EINVAL);
+  EXPECT_EQ(cvd_disk_write(writer, kScratchSize + 1, 0, tail), -EINVAL);
   std::string whole(kScratchSize, '\0');
-  EXPECT_EQ(api_.read(reader, 0, kScratchSize, &whole[0]), static_cast<std::int64_t>(kScratchSize));
+  EXPECT_EQ(cvd_disk_read(reader, 0, kScratchSize, &whole[0]),
+            static_cast<std::int64_t>(kScratchSize));
   EXPECT_TRUE(whole == shadow);
   EXPECT_TRUE(image("/p1/scratch") == shadow);
-  EXPECT_EQ(api_.close(writer), 0);
-  EXPECT_EQ(api_.close(reader), 0);
-  EXPECT_EQ(api_.disconnect(conn), 0);
+  EXPECT_EQ(cvd_disk_close(writer), 0);
+  EXPECT_EQ(cvd_disk_close(reader), 0);
+  EXPECT_EQ(cvd_disconnect(conn), 0);
 
   std::string log = slurp(log_file());
   EXPECT_NE(log.find("cvd-test["), std::string::npos) << log;
@@ -220,10 +194,10 @@ TEST_F(Libcvd_Test, RefusesWrongCredentialsAndUnknownDisks) {
   };
   for (const Open_Case& c : opens) {
     cvd_disk_t disk = nullptr;
-    EXPECT_EQ(api_.open(conn, c.path, c.snapshot, c.flags, &disk), c.error) << c.path;
+    EXPECT_EQ(cvd_disk_open(conn, c.path, c.snapshot, c.flags, &disk), c.error) << c.path;
     EXPECT_EQ(disk, nullptr) << c.path;
   }
-  EXPECT_EQ(api_.disconnect(conn), 0);
+  EXPECT_EQ(cvd_disconnect(conn), 0);
   std::string log = slurp(log_file());
   EXPECT_NE(log.find("refused user 'nobody'"), std::string::npos) << log;
   EXPECT_NE(log.find("Cannot open disk '/p1/absent'"), std::string::npos) << log;
@@ -238,17 +212,17 @@ TEST_F(Libcvd_Test, ReportsAServiceThatWentAway) {
   cvd_disk_t disk = open(conn, "/p1/data", CVD_OPEN_READ);
   ASSERT_NE(disk, nullptr);
   char buffer[4096];
-  ASSERT_EQ(api_.read(disk, 0, sizeof buffer, buffer), 4096);
+  ASSERT_EQ(cvd_disk_read(disk, 0, sizeof buffer, buffer), 4096);
   sim_.stop();
-  EXPECT_EQ(api_.read(disk, 0, sizeof buffer, buffer), -ECONNRESET);
-  EXPECT_EQ(api_.read(disk, 0, sizeof buffer, buffer), -ECONNRESET);
+  EXPECT_EQ(cvd_disk_read(disk, 0, sizeof buffer, buffer), -ECONNRESET);
+  EXPECT_EQ(cvd_disk_read(disk, 0, sizeof buffer, buffer), -ECONNRESET);
   cvd_disk_t again = nullptr;
-  EXPECT_EQ(api_.open(conn, "/p1/data", nullptr, CVD_OPEN_READ, &again), -ECONNREFUSED);
+  EXPECT_EQ(cvd_disk_open(conn, "/p1/data", nullptr, CVD_OPEN_READ, &again), -ECONNREFUSED);
   cvd_conn_t other = nullptr;
   EXPECT_EQ(connect(&other), -ECONNREFUSED);
   EXPECT_EQ(other, nullptr);
-  EXPECT_EQ(api_.close(disk), 0);
-  EXPECT_EQ(api_.disconnect(conn), 0);
+  EXPECT_EQ(cvd_disk_close(disk), 0);
+  EXPECT_EQ(cvd_disconnect(conn), 0);
 }
 
 TEST_F(Libcvd_Test, ServesManyHandlesAtOnce) {
@@ -265,9 +239,10 @@ TEST_F(Libcvd_Test, ServesManyHandlesAtOnce) {
       parts[t].resize(share);
       for (std::uint64_t at = 0; disk && at < share; at += piece) {
         std::uint64_t n = std::min(piece, share - at);
-        EXPECT_EQ(api_.read(disk, t * share + at, n, &parts[t][at]), static_cast<std::int64_t>(n));
+        EXPECT_EQ(cvd_disk_read(disk, t * share + at, n, &parts[t][at]),
+                  static_cast<std::int64_t>(n));
       }
-      EXPECT_EQ(disk ? api_.close(disk) : -1, 0);
+      EXPECT_EQ(disk ? cvd_disk_close(disk) : -1, 0);
     });
   std::string all;
   for (std::size_t t = 0; t < parts.size(); ++t) {
@@ -275,7 +250,7 @@ TEST_F(Libcvd_Test, ServesManyHandlesAtOnce) {
     all += parts[t];
   }
   EXPECT_TRUE(all == image("/p1/data"));
-  EXPECT_EQ(api_.disconnect(conn), 0);
+  EXPECT_EQ(cvd_disconnect(conn), 0);
 }
 
 // Raw frames for the service to judge.
@@ -351,19 +326,19 @@ TEST_F(Libcvd_Test, BadFramesCloseOnlyTheirConnection) {
     EXPECT_TRUE(closes_after(port_, c.bytes, c.hang_up)) << c.what;
     // The service goes on, for connections open before and new ones alike.
     std::string read(1 << 20, '\0');
-    EXPECT_EQ(api_.read(disk, 0, read.size(), &read[0]), 1 << 20) << c.what;
+    EXPECT_EQ(cvd_disk_read(disk, 0, read.size(), &read[0]), 1 << 20) << c.what;
     EXPECT_TRUE(read == expected) << c.what;
   }
   cvd_disk_t fresh = open(conn, "/p1/data", CVD_OPEN_READ);
-  EXPECT_EQ(fresh ? api_.close(fresh) : -1, 0);
-  EXPECT_EQ(api_.close(disk), 0);
-  EXPECT_EQ(api_.disconnect(conn), 0);
+  EXPECT_EQ(fresh ? cvd_disk_close(fresh) : -1, 0);
+  EXPECT_EQ(cvd_disk_close(disk), 0);
+  EXPECT_EQ(cvd_disconnect(conn), 0);
 }
 
 TEST_F(Libcvd_Test, InitReadsTheConfigurationOnce) {
   cvd_conn_t conn = nullptr;
   cvd_connect_param param = {"127.0.0.1", 1, "admin", "x", nullptr, 0};
-  EXPECT_EQ(api_.connect(&param, &conn), -EINVAL);  // before cvd_init
+  EXPECT_EQ(cvd_connect(&param, &conn), -EINVAL);  // before cvd_init
   struct Case {
     const char* conf;  // nullptr: no file
     int result;
@@ -382,10 +357,10 @@ TEST_F(Libcvd_Test, InitReadsTheConfigurationOnce) {
     unlink(conf.c_str());
     if (c.conf)
       write_text_file(conf, c.conf);
-    EXPECT_EQ(api_.init("t", log_file().c_str(), conf.c_str()), c.result) << conf;
+    EXPECT_EQ(cvd_init("t", log_file().c_str(), conf.c_str()), c.result) << conf;
     if (c.result == 0) {
-      EXPECT_EQ(api_.init("t", log_file().c_str(), conf.c_str()), -EINVAL);  // once
-      EXPECT_EQ(api_.deinit(), 0);
+      EXPECT_EQ(cvd_init("t", log_file().c_str(), conf.c_str()), -EINVAL);  // once
+      EXPECT_EQ(cvd_deinit(), 0);
     }
   }
   std::string log = slurp(log_file());
@@ -393,8 +368,8 @@ TEST_F(Libcvd_Test, InitReadsTheConfigurationOnce) {
   EXPECT_NE(log.find("Unknown log_level 'loud'"), std::string::npos) << log;
   EXPECT_NE(log.find("Invalid network_timeout '5 minutes'"), std::string::npos) << log;
   // A log that cannot be written does not stop the library.
-  EXPECT_EQ(api_.init("t", dir_.file("absent/cvd.log").c_str(), nullptr), 0);
-  EXPECT_EQ(api_.deinit(), 0);
+  EXPECT_EQ(cvd_init("t", dir_.file("absent/cvd.log").c_str(), nullptr), 0);
+  EXPECT_EQ(cvd_deinit(), 0);
 }
 
 }  // namespace
