@@ -58,11 +58,13 @@ class Exec_Handler_Test : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("BRIMLET_ROOT", dir_.path().c_str(), 1);
-    unsetenv("CAS_CVD_SDK_CONF_PATH");
+    write_text_file(dir_.file("cvd.conf"), "network_timeout = 86460;\n");
+    setenv("CAS_CVD_SDK_CONF_PATH", dir_.file("cvd.conf").c_str(), 1);
   }
   void TearDown() override {
     unsetenv("BRIMLET_ROOT");
     unsetenv("CAS_CVD_SDK_PATH");
+    unsetenv("CAS_CVD_SDK_CONF_PATH");
   }
 
   // The one answer's error (or result) to a request with `params`.
@@ -121,11 +123,12 @@ TEST_F(Exec_Handler_Test, AnswersEachRequestWithOrWithoutLibcvd) {
   EXPECT_TRUE(log.contains("Invalid CAS backup params: missing key 'cvd_target_addr'.\n"));
   EXPECT_TRUE(
       log.contains("Invalid CAS VM restore params for disks: missing key 'target_pool_name'.\n"));
-  // libcvd was initialised once for all the requests.
+  // libcvd was initialised once for all the requests, with the servant's configuration.
   std::string sdk_log;
   read_file(dir_.path() + "/var/log/brimlet5/cvd-sdk.log", sdk_log);
   EXPECT_EQ(sdk_log.find("libcvd ready"), sdk_log.rfind("libcvd ready")) << sdk_log;
   EXPECT_NE(sdk_log.find("starter["), std::string::npos) << sdk_log;
+  EXPECT_NE(sdk_log.find("network_timeout = 86460 s"), std::string::npos) << sdk_log;
 }
 
 TEST_F(Exec_Handler_Test, NothingIsSentForResponsesOrAbsentRequesters) {
