@@ -3,36 +3,33 @@
 #include "tests/unit/servant/fixture.h"
 
 #include <dirent.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstring>
 #include <functional>
+#include <map>
 #include <mutex>
-#include <vector>
 
 namespace {
 
-// Pids written by "hang" servants into `dir`.
-std::vector<pid_t> pids_in(const std::string& dir) {
-  std::vector<pid_t> out;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.')
-        out.push_back(static_cast<pid_t>(std::stol(e->d_name)));
-    closedir(d);
-  }
-  return out;
-}
-
-class Servant_Task_Scheduler_Test : public ::testing::Test {
+class Scheduler_Test : public Servant_Fixture {
  protected:
   void SetUp() override {
-    conf_ = write_servant_conf(dir_, dir_.file("svc.json"));
-    markers_ = dir_.file("markers");
+    Servant_Fixture::SetUp();
     mkdir(markers_.c_str(), 0700);
   }
-
+  // Pid and tag of each "hang" servant that reached its request.
+  std::map<pid_t, std::string> hung() {
+    std::map<pid_t, std::string> out;
+    if (DIR* d = opendir(markers_.c_str())) {
+      while (dirent* e = readdir(d))
+        if (e->d_name[0] != '.')
+          out[std::stoi(e->d_name)] = strchr(e->d_name, '.') + 1;
+      closedir(d);
+    }
+    return out;
+  }
   // Starts each task's servant with the test configuration and records "<label>:<attempt> ".
   Servant_Task_Scheduler::Setup setup() {
     return [this](Servant& s, const Servant_Task& t) {
@@ -52,13 +49,12 @@ class Servant_Task_Scheduler_Test : public ::testing::Test {
     };
   }
 
-  Temp_Dir dir_;
-  std::string conf_, markers_;
+  const std::string markers_ = dir_.file("markers");
   std::mutex mutex_;
   std::string runs_, answered_;
 };
 
-TEST_F(Servant_Task_Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
+TEST_F(Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
   struct Case {
     const char* method;
     JSON_Value params;
@@ -94,31 +90,35 @@ TEST_F(Servant_Task_Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
   }
 }
 
-TEST_F(Servant_Task_Scheduler_Test, KeepsToTheTotalAndPerOwnerLimits) {
-  // Each servant waits until three are there at once, and reports the most it saw. Queued in
-  // owner order, so that ignoring the owner limit would start three of one owner.
-  Servant_Task_Scheduler sched("gather");
+// Three servants at most, two per owner: queued in owner order, so that ignoring the owner limit
+// would start three of one owner. The stop callback turns true once three hang in their request;
+// it ends them, drops the waiting work and the retries it asked for.
+TEST_F(Scheduler_Test, KeepsToTheLimitsAndTheStopCallbackEndsEverything) {
+  Servant_Task_Scheduler sched("hang");
   ASSERT_TRUE(sched.enable_owner_limit(2));
-  int max_total = 0, max_owner = 0;
-  ASSERT_TRUE(
-      sched.activate(3, setup(), [&](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
-        if (!r || r->is_error())
-          return 1;
-        std::lock_guard<std::mutex> lock(mutex_);
-        max_total = std::max(max_total, r->result()["max_total"].get<int>());
-        max_owner = std::max(max_owner, r->result()["max_owner"].get<int>());
-        return 0;
-      }));
+  ASSERT_TRUE(sched.enable_retry(3, 0));
+  ASSERT_TRUE(sched.register_stop_callback([this] { return hung().size() >= 3; }));
+  ASSERT_TRUE(sched.activate(3, setup(), handler([](bool) { return 2; })));
   for (const char* owner : {"cvk1", "cvk1", "cvk1", "cvk2", "cvk2", "cvk2"})
-    ASSERT_TRUE(sched.enqueue_task(
-        {{"dir", markers_}, {"owner", owner}, {"expect", 3}, {"wait_ms", 8000}}, owner));
+    ASSERT_TRUE(sched.enqueue_task({{"dir", markers_}, {"tag", owner}}, owner, owner));
+  EXPECT_TRUE(sched.is_running());
   sched.wait();
-  EXPECT_EQ(sched.succeeded(), 6);
-  EXPECT_EQ(max_total, 3);
-  EXPECT_EQ(max_owner, 2);
+  EXPECT_FALSE(sched.is_running());
+  EXPECT_EQ(answered_, "---");
+  EXPECT_EQ(sched.failed(), 3);
+  EXPECT_EQ(std::count(runs_.begin(), runs_.end(), ':'), 3) << runs_;
+  EXPECT_NE(runs_.find("cvk2:0"), std::string::npos) << runs_;
+  std::string tags;
+  for (const auto& [pid, tag] : hung()) {
+    EXPECT_TRUE(process_gone(pid)) << pid;
+    tags += tag;
+  }
+  EXPECT_EQ(tags.size(), 12u) << tags;
+  EXPECT_NE(tags.find("cvk2"), std::string::npos) << tags;
+  EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));
 }
 
-TEST_F(Servant_Task_Scheduler_Test, AHungServantIsEndedAtTheTimeLimit) {
+TEST_F(Scheduler_Test, AHungServantIsEndedAtTheTimeLimit) {
   Servant_Task_Scheduler sched("hang");
   ASSERT_TRUE(sched.set_time_limit(1));
   // No retries enabled: final all the same.
@@ -127,33 +127,11 @@ TEST_F(Servant_Task_Scheduler_Test, AHungServantIsEndedAtTheTimeLimit) {
   sched.wait();
   EXPECT_EQ(answered_, "-");
   EXPECT_EQ(sched.failed(), 1);
-  auto pids = pids_in(markers_);
-  ASSERT_EQ(pids.size(), 1u);
-  EXPECT_TRUE(process_gone(pids[0]));
+  ASSERT_EQ(hung().size(), 1u);
+  EXPECT_TRUE(process_gone(hung().begin()->first));
 }
 
-// The callback turns true once both servants are in their request.
-TEST_F(Servant_Task_Scheduler_Test, TheStopCallbackEndsRunningServantsAndDropsWaitingWork) {
-  Servant_Task_Scheduler sched("hang");
-  ASSERT_TRUE(sched.register_stop_callback([this] { return pids_in(markers_).size() >= 2; }));
-  ASSERT_TRUE(sched.enable_retry(3, 0));
-  // Would be retried, were the work not stopped.
-  ASSERT_TRUE(sched.activate(2, setup(), handler([](bool) { return 2; })));
-  for (int i = 0; i < 4; ++i)
-    ASSERT_TRUE(sched.enqueue_task({{"dir", markers_}}, "cvk" + std::to_string(i)));
-  EXPECT_TRUE(sched.is_running());
-  sched.wait();
-  EXPECT_FALSE(sched.is_running());
-  EXPECT_EQ(answered_, "--");
-  EXPECT_EQ(sched.failed(), 2);
-  EXPECT_EQ(std::count(runs_.begin(), runs_.end(), ':'), 2) << runs_;
-  ASSERT_EQ(pids_in(markers_).size(), 2u);
-  for (pid_t pid : pids_in(markers_))
-    EXPECT_TRUE(process_gone(pid)) << pid;
-  EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));
-}
-
-TEST_F(Servant_Task_Scheduler_Test, SettingsAreCheckedAndFixedOnceRunning) {
+TEST_F(Scheduler_Test, SettingsAreCheckedAndFixedOnceRunning) {
   auto ok = handler([](bool) { return 0; });
   Servant_Task_Scheduler sched("echo");
   EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));  // not active yet

@@ -6,18 +6,11 @@
 
 #include <ace/Process.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
@@ -65,8 +58,10 @@ TEST(Frame_Decoder, SplitsFramesHoweverTheBytesArriveAndRefusesImpossibleLengths
   }
 }
 
-TEST(Servant_Env, PrependsToTheValueTheChildWouldSee) {
-  setenv("SERVANT_TEST_PATH", "/inherited", 1);
+using Servant_Test = Servant_Fixture;
+
+TEST_F(Servant_Test, EnvironmentIsPrependedToWhatTheChildWouldSee) {
+  set_env("SERVANT_TEST_PATH", "/inherited");
   unsetenv("SERVANT_TEST_NONE");
   ACE_Process_Options o;
   ASSERT_EQ(prepend_process_options_env(o, "SERVANT_TEST_PATH", "/a"), 0);
@@ -83,28 +78,18 @@ TEST(Servant_Env, PrependsToTheValueTheChildWouldSee) {
   EXPECT_EQ(errno, EINVAL);
 }
 
-TEST(Servant_Module, ServantMethodsAreTheirOwnSection) {
-  Temp_Dir dir;
-  write_servant_conf(dir, dir.file("svc.json"));
-  auto m = Module::load(dir.file("servant_test.module.json"));
-  ASSERT_NE(m, nullptr);
-  EXPECT_EQ(m->json_rpc_methods(), std::vector<std::string>{"agent.only"});
-  EXPECT_EQ(m->servant_json_rpc_methods().size(), std::size(TEST_SERVANT_METHODS));
-  EXPECT_NE(m->make_servant_json_rpc_handler("echo"), nullptr);
-  EXPECT_EQ(m->make_servant_json_rpc_handler("agent.only"), nullptr);
-  EXPECT_EQ(m->make_json_rpc_handler("echo"), nullptr);
+// A servant section that does not map names to the module's handlers is refused.
+TEST_F(Servant_Test, ModulesWithABadServantSectionAreRefused) {
   for (const char* methods : {R"({"x":1})", R"(["x"])", R"({"x":"Nope"})"}) {
-    write_text_file(dir.file("bad.module.json"), std::string(R"({"name":"t","library":")") +
-                                                     SERVANT_TEST_MODULE_PATH +
-                                                     R"(","servant_jsonrpc":)" + methods + "}");
-    EXPECT_EQ(Module::load(dir.file("bad.module.json")), nullptr) << methods;
+    write_text_file(dir_.file("bad.module.json"), std::string(R"({"name":"t","library":")") +
+                                                      SERVANT_TEST_MODULE_PATH +
+                                                      R"(","servant_jsonrpc":)" + methods + "}");
+    EXPECT_EQ(Module::load(dir_.file("bad.module.json")), nullptr) << methods;
   }
 }
 
-class Servant_Process_Test : public ::testing::Test {
+class Servant_Process_Test : public Servant_Fixture {
  protected:
-  void SetUp() override { conf_ = write_servant_conf(dir_, dir_.file("svc.json")); }
-
   void start(Servant& s, const std::string& conf) {
     s.reset("tester", conf.c_str(), nullptr, nullptr, "vm 01");
     s.set_log_msg_callback([this](const std::string& line) { log_ += line; });
@@ -112,8 +97,7 @@ class Servant_Process_Test : public ::testing::Test {
   }
   bool logged(const std::string& text) const { return log_.find(text) != std::string::npos; }
 
-  Temp_Dir dir_;
-  std::string conf_, log_;
+  std::string log_;
 };
 
 TEST_F(Servant_Process_Test, AnswersRequestsAndForwardsItsLog) {
@@ -187,71 +171,33 @@ TEST_F(Servant_Process_Test, RefusesToStartWithoutItsProgramOrConfiguration) {
 }
 
 // brimlet-servant on a socket of the test's own, to feed it what Servant never sends.
-class Raw_Servant {
- public:
+struct Raw_Servant {
   explicit Raw_Servant(const std::string& conf) {
     int pair[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
-      return;
-    sock_ = Unique_Fd(pair[0]);
-    Unique_Fd theirs(pair[1]);
-    // Everything the child needs is made before fork.
-    std::string program = bin_path("brimlet-servant");
-    std::vector<std::string> env_text = {std::string(SERVANT_ENV_FD) + "=3"};
-    for (char** e = environ; *e; ++e)
-      env_text.push_back(*e);
-    std::vector<char*> env;
-    for (auto& e : env_text)
-      env.push_back(&e[0]);
-    env.push_back(nullptr);
-    const char* argv[] = {program.c_str(), "--config", conf.c_str(), nullptr};
-    pid_ = fork();
-    if (pid_ == 0) {
-      if (theirs.get() == 3)
-        fcntl(3, F_SETFD, 0);
-      else
-        dup2(theirs.get(), 3);
-      execve(argv[0], const_cast<char**>(argv), env.data());
-      _exit(127);
-    }
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    sock.reset(pair[0]);
+    fcntl(pair[0], F_SETFD, FD_CLOEXEC);
+    timeval timeout = {20, 0};
+    setsockopt(pair[0], SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    EXPECT_TRUE(process.start({"brimlet-servant", "--config", conf},
+                              {std::string(SERVANT_ENV_FD) + "=" + std::to_string(pair[1])}));
+    close(pair[1]);
   }
-  ~Raw_Servant() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  bool send_frame(const std::string& payload, bool raw = false) {
-    std::string bytes = raw ? payload : encode_frame(payload);
-    return ::send(sock_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
-  }
-  // The next frame as JSON (null on time-out or end).
-  JSON_Value receive() {
+  // Sends `bytes` (a frame unless `raw`); the next frame as JSON, null on time-out or end.
+  JSON_Value exchange(const std::string& bytes, bool raw = false) {
+    std::string sent = raw ? bytes : encode_frame(bytes);
+    ::send(sock.get(), sent.data(), sent.size(), MSG_NOSIGNAL);
     Frame_Decoder d;
     std::string text;
-    while (!d.next(text)) {
-      pollfd p{sock_.get(), POLLIN, 0};
-      char buf[4096];
-      ssize_t n = poll(&p, 1, 10000) == 1 ? read(sock_.get(), buf, sizeof buf) : 0;
-      if (n <= 0 || !d.feed(buf, static_cast<std::size_t>(n)))
+    char buf[4096];
+    for (ssize_t n; !d.next(text);)
+      if ((n = read(sock.get(), buf, sizeof buf)) <= 0 || !d.feed(buf, std::size_t(n)))
         return nullptr;
-    }
     return JSON_Value::parse(text, nullptr, false);
   }
-  // waitpid status once it has ended on its own.
-  int wait_exit() {
-    int status = -1;
-    if (waitpid(pid_, &status, 0) == pid_)
-      pid_ = -1;
-    return status;
-  }
-  void close_channel() { sock_.reset(); }
-  pid_t pid() const { return pid_; }
 
- private:
-  Unique_Fd sock_;
-  pid_t pid_ = -1;
+  Unique_Fd sock;
+  Test_Process process;
 };
 
 TEST_F(Servant_Process_Test, BadFramesAreAnsweredOrEndTheServantCleanly) {
@@ -262,31 +208,20 @@ TEST_F(Servant_Process_Test, BadFramesAreAnsweredOrEndTheServantCleanly) {
       {R"({"jsonrpc":"2.0","result":{},"id":1})", JSON_RPC_INVALID_REQUEST},
       {R"({"jsonrpc":"2.0","method":"nothing","id":2})", JSON_RPC_METHOD_NOT_FOUND},
   };
-  for (const auto& c : answered) {
-    ASSERT_TRUE(s.send_frame(c.first));
-    EXPECT_EQ(s.receive()["error"]["code"], c.second) << c.first;
-  }
+  for (const auto& c : answered)
+    EXPECT_EQ(s.exchange(c.first)["error"]["code"], c.second) << c.first;
   // Still serving.
-  ASSERT_TRUE(s.send_frame(R"({"jsonrpc":"2.0","method":"echo","params":{},"id":3})"));
-  EXPECT_EQ(s.receive()["id"], 3);
+  EXPECT_EQ(s.exchange(R"({"jsonrpc":"2.0","method":"echo","params":{},"id":3})")["id"], 3);
   // A length it cannot take: nothing after it can be trusted, so it leaves, without crashing.
-  ASSERT_TRUE(s.send_frame(std::string("\x7f\x00\x00\x00{}", 6), true));
-  int status = s.wait_exit();
+  EXPECT_EQ(s.exchange(std::string("\x7f\x00\x00\x00{}", 6), true), nullptr);
+  int status = s.process.stop();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
-}
 
-TEST_F(Servant_Process_Test, LeavesCleanlyOnSigtermAndOnAClosedChannel) {
-  for (bool by_signal : {true, false}) {
-    Raw_Servant s(conf_);
-    ASSERT_TRUE(s.send_frame(R"({"jsonrpc":"2.0","method":"echo","id":1})"));
-    ASSERT_EQ(s.receive()["id"], 1);
-    if (by_signal)
-      kill(s.pid(), SIGTERM);
-    else
-      s.close_channel();
-    int status = s.wait_exit();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << by_signal << " " << status;
-  }
+  // SIGTERM ends a servant cleanly.
+  Raw_Servant other(conf_);
+  ASSERT_EQ(other.exchange(R"({"jsonrpc":"2.0","method":"echo","id":1})")["id"], 1);
+  status = other.process.stop();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 }  // namespace
