@@ -1,5 +1,5 @@
 // A module for the servant tests. Its "servant_jsonrpc" methods behave well or badly on request:
-//   echo     answers its params, pid, label and the environment variables named in "names"
+//   echo     answers its params, pid and label
 //   log      logs "text" through the log and raw on stderr, then answers
 //   hang     creates "<dir>/<pid>.<tag>" (when "dir" is given), then never answers
 //   crash    aborts
@@ -46,10 +46,6 @@ class Test_Handler : public JSON_RPC_Thread_Handler {
     if (m == "echo") {
       const char* label = getenv(SERVANT_ENV_LABEL);
       result = {{"echo", p}, {"pid", getpid()}, {"label", label ? label : ""}};
-      for (const auto& name : p.value("names", JSON_Value::array())) {
-        const char* v = getenv(name.get<std::string>().c_str());
-        result["env"][name.get<std::string>()] = v ? JSON_Value(v) : JSON_Value();
-      }
     } else if (m == "log") {
       const std::string text = p["text"];
       LOG_MSG((LM_WARNING, "%s\n", text.c_str()));

@@ -155,13 +155,6 @@ TEST_F(Libcvd_Test, ReadsSeededContentAndRoundTripsWritesAcrossHandles) {
   EXPECT_EQ(cvd_disk_close(writer), 0);
   EXPECT_EQ(cvd_disk_close(reader), 0);
   EXPECT_EQ(cvd_disconnect(conn), 0);
-
-  std::string log = slurp(log_file());
-  EXPECT_NE(log.find("cvd-test["), std::string::npos) << log;
-  EXPECT_NE(log.find("Opened disk 'rbd:p1/scratch' (snapshot '') for reading and writing: " +
-                     std::to_string(kScratchSize) + " bytes."),
-            std::string::npos)
-      << log;
 }
 
 TEST_F(Libcvd_Test, RefusesWrongCredentialsAndUnknownDisks) {
@@ -194,9 +187,6 @@ TEST_F(Libcvd_Test, RefusesWrongCredentialsAndUnknownDisks) {
     EXPECT_EQ(disk, nullptr) << c.path;
   }
   EXPECT_EQ(cvd_disconnect(conn), 0);
-  std::string log = slurp(log_file());
-  EXPECT_NE(log.find("refused user 'nobody'"), std::string::npos) << log;
-  EXPECT_NE(log.find("Cannot open disk '/p1/absent'"), std::string::npos) << log;
 }
 
 // With a time-out of weeks (more milliseconds than an int holds), as a job may set it.
