@@ -97,7 +97,7 @@ TEST_F(Thread_Task_Scheduler_Test, OwnerLimitSerialisesAnOwnerAndOverlapsOwners)
   }
 }
 
-TEST_F(Thread_Task_Scheduler_Test, RetryRunsAgainAsANewEnqueueAndFailureIsFinal) {
+TEST_F(Thread_Task_Scheduler_Test, RetryRunsAgainAsANewEnqueueUntilDoneFailedOrDestroyed) {
   Log_Capture log;
   Scheduler scheduler;
   std::atomic<int> runs{0};
@@ -120,6 +120,22 @@ TEST_F(Thread_Task_Scheduler_Test, RetryRunsAgainAsANewEnqueueAndFailureIsFinal)
     EXPECT_TRUE(log.contains(line)) << line;
   EXPECT_FALSE(log.contains("id: 1, name retried, count: 4"));
   EXPECT_FALSE(log.contains("id: 2, name: final, count: 1, enqueuing again"));
+  EXPECT_FALSE(log.contains("Task scheduler stopped."));
+
+  // Endless retries keep a scheduler busy until it is destroyed, which must stop it rather than
+  // wait for a drain that never comes.
+  Gate retried;
+  {
+    Scheduler endless;
+    ASSERT_TRUE(endless.activate(2, [&](const std::shared_ptr<Item>&) {
+      if (++runs == 6)
+        retried.open();
+      return Task_Base::Retry;
+    }));
+    ASSERT_TRUE(endless.enqueue_task(item(1), "disk"));
+    ASSERT_TRUE(retried.wait());
+  }
+  EXPECT_TRUE(log.contains("Task scheduler stopped."));
 }
 
 // Within one owner, higher weights run first and equal weights in the order they came.
@@ -175,25 +191,6 @@ TEST_F(Thread_Task_Scheduler_Test, StopCallbackStopsAndDropsWaitingTasks) {
   scheduler.wait();
   EXPECT_TRUE(log.contains("Task scheduler stopped."));
   EXPECT_EQ(runs, 1);
-}
-
-// An item that always asks for another run keeps the scheduler busy until it is destroyed,
-// which must stop it rather than wait for a drain that never comes.
-TEST_F(Thread_Task_Scheduler_Test, DestroyingStopsEndlessRetries) {
-  Log_Capture log;
-  Gate retried;
-  std::atomic<int> runs{0};
-  {
-    Scheduler scheduler;
-    ASSERT_TRUE(scheduler.activate(2, [&](const std::shared_ptr<Item>&) {
-      if (++runs == 3)
-        retried.open();
-      return Task_Base::Retry;
-    }));
-    ASSERT_TRUE(scheduler.enqueue_task(item(1), "disk"));
-    ASSERT_TRUE(retried.wait());
-  }
-  EXPECT_TRUE(log.contains("Task scheduler stopped."));
 }
 
 // Each misuse fails after one check line naming the failed condition, and leaves the scheduler
