@@ -1,4 +1,5 @@
-// The cas-sim program's refusal of a world it cannot serve.
+// The worlds cas-sim ships and its refusal of a world it cannot serve.
+#include "sim/cas/world.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 
@@ -8,6 +9,17 @@
 #include <string>
 
 namespace {
+
+// The demo's world and the listing benchmark's, as shipped.
+TEST(Cas_Sim_Worlds, ShippedWorldsLoad) {
+  for (const char* name : {"default.json", "large.json"}) {
+    cas_sim::World world;
+    std::string error;
+    EXPECT_TRUE(cas_sim::load_world_file(
+        std::string(BRIMLET_SOURCE_DIR) + "/sim/cas/worlds/" + name, world, error))
+        << name << ": " << error;
+  }
+}
 
 TEST(Cas_Sim_Options, ABadWorldFailsWithOneClearLine) {
   Temp_Dir dir;
