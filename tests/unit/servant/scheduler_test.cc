@@ -54,33 +54,30 @@ class Scheduler_Test : public Servant_Fixture {
   std::string runs_, answered_;
 };
 
+// The handler answers 0 for an answer, else `on_failure` (2: may run again).
 TEST_F(Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
-  struct Case {
+  const struct {
     const char* method;
     JSON_Value params;
-    int (*decide)(bool answered);
+    int on_failure;
     const char *runs, *answered;
     int succeeded, failed;
   } cases[] = {
       // Killed mid-request every time: the first run and two retries, then a final failure.
-      {"crash", JSON_Value::object(), [](bool) { return 2; }, "vm:0 vm:1 vm:2 ", "---", 0, 1},
+      {"crash", JSON_Value::object(), 2, "vm:0 vm:1 vm:2 ", "---", 0, 1},
       // Killed once, answers on the retry.
-      {"flaky",
-       {{"marker", dir_.file("flaky")}},
-       [](bool a) { return a ? 0 : 2; },
-       "vm:0 vm:1 ",
-       "-+",
-       1,
-       0},
-      // A failure the handler does not want retried.
-      {"garbage", {{"kind", "text"}}, [](bool) { return 1; }, "vm:0 ", "-", 0, 1},
+      {"flaky", {{"marker", dir_.file("flaky")}}, 2, "vm:0 vm:1 ", "-+", 1, 0},
+      // Failures the handler does not want retried; a hung servant is ended at the time limit.
+      {"garbage", {{"kind", "text"}}, 1, "vm:0 ", "-", 0, 1},
+      {"hang", JSON_Value::object(), 1, "vm:0 ", "-", 0, 1},
   };
   for (const auto& c : cases) {
     runs_.clear();
     answered_.clear();
     Servant_Task_Scheduler sched(c.method);
     ASSERT_TRUE(sched.enable_retry(2, 0));
-    ASSERT_TRUE(sched.activate(1, setup(), handler(c.decide)));
+    ASSERT_TRUE(sched.set_time_limit(1));
+    ASSERT_TRUE(sched.activate(1, setup(), handler([&](bool a) { return a ? 0 : c.on_failure; })));
     ASSERT_TRUE(sched.enqueue_task(c.params, "cvk1", "vm"));
     sched.wait();
     EXPECT_EQ(runs_, c.runs) << c.method;
@@ -118,19 +115,6 @@ TEST_F(Scheduler_Test, KeepsToTheLimitsAndTheStopCallbackEndsEverything) {
   EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));
 }
 
-TEST_F(Scheduler_Test, AHungServantIsEndedAtTheTimeLimit) {
-  Servant_Task_Scheduler sched("hang");
-  ASSERT_TRUE(sched.set_time_limit(1));
-  // No retries enabled: final all the same.
-  ASSERT_TRUE(sched.activate(1, setup(), handler([](bool) { return 2; })));
-  ASSERT_TRUE(sched.enqueue_task({{"dir", markers_}}, "cvk1"));
-  sched.wait();
-  EXPECT_EQ(answered_, "-");
-  EXPECT_EQ(sched.failed(), 1);
-  ASSERT_EQ(hung().size(), 1u);
-  EXPECT_TRUE(process_gone(hung().begin()->first));
-}
-
 TEST_F(Scheduler_Test, SettingsAreCheckedAndFixedOnceRunning) {
   auto ok = handler([](bool) { return 0; });
   Servant_Task_Scheduler sched("echo");
@@ -147,10 +131,10 @@ TEST_F(Scheduler_Test, SettingsAreCheckedAndFixedOnceRunning) {
   EXPECT_FALSE(sched.enable_retry(1, 1));
   EXPECT_FALSE(sched.register_stop_callback([] { return false; }));
   EXPECT_FALSE(Servant_Task_Scheduler(nullptr).activate(1, setup(), ok));
-  // A set-up that fails is a failed run, reported like any other.
+  // A set-up that fails is a failed run, reported like any other; without retries enabled, final.
   Servant_Task_Scheduler refused("echo");
   ASSERT_TRUE(refused.activate(
-      1, [](Servant&, const Servant_Task&) { return false; }, handler([](bool) { return 1; })));
+      1, [](Servant&, const Servant_Task&) { return false; }, handler([](bool) { return 2; })));
   ASSERT_TRUE(refused.enqueue_task(JSON_Value::object(), "cvk1"));
   refused.wait();
   EXPECT_EQ(answered_, "-");
