@@ -138,59 +138,44 @@ TEST_F(Thread_Task_Scheduler_Test, RetryRunsAgainAsANewEnqueueUntilDoneFailedOrD
   EXPECT_TRUE(log.contains("Task scheduler stopped."));
 }
 
-// Within one owner, higher weights run first and equal weights in the order they came.
-TEST_F(Thread_Task_Scheduler_Test, OneOwnersTasksRunByWeightThenArrival) {
-  Scheduler scheduler;
-  ASSERT_TRUE(scheduler.enable_owner_limit(1));
-  Gate started, release;
-  std::vector<int> order;  // one worker: no lock needed
-  ASSERT_TRUE(scheduler.activate(1, [&](const std::shared_ptr<Item>& it) {
-    order.push_back(*it);
-    if (*it == 0)
-      started.open(), release.wait();
-    return Task_Base::Succeeded;
-  }));
-  // Item 0 holds the owner's only place while the others queue behind it.
-  ASSERT_TRUE(scheduler.enqueue_task(item(0), "disk", 0));
-  ASSERT_TRUE(started.wait());
-  const int weights[] = {1, 5, 3, 5, 1};
-  for (int n = 1; n <= 5; ++n)
-    ASSERT_TRUE(scheduler.enqueue_task(item(n), "disk", weights[n - 1]));
-  release.open();
-  scheduler.wait();
-  EXPECT_EQ(order, (std::vector<int>{0, 2, 4, 3, 1, 5}));
-}
-
-// The callback turns true while nothing wakes the dispatcher, so only its periodic re-check can
-// notice (within 3 seconds). Waiting tasks are then dropped and new ones refused.
-TEST_F(Thread_Task_Scheduler_Test, StopCallbackStopsAndDropsWaitingTasks) {
+// Within one owner, higher weights run first and equal weights in the order they came. The stop
+// callback then turns true, seen at the dispatcher's next wake-up or at the latest its periodic
+// re-check (3 seconds): waiting tasks are dropped and new ones refused.
+TEST_F(Thread_Task_Scheduler_Test, OneOwnersTasksRunByWeightThenArrivalUntilStopped) {
   Log_Capture log;
   Scheduler scheduler;
   ASSERT_TRUE(scheduler.enable_owner_limit(1));
   std::atomic<bool> stop{false};
-  Gate started, release, stopping;
+  Gate started[2], release[2], stopping;
   ASSERT_TRUE(scheduler.register_stop_callback([&] {
     if (stop)
       stopping.open();
     return stop.load();
   }));
-  std::atomic<int> runs{0};
+  std::vector<int> order;  // one owner: one task at a time
   ASSERT_TRUE(scheduler.activate(2, [&](const std::shared_ptr<Item>& it) {
-    if (++runs, *it == 1)
-      started.open(), release.wait();
+    order.push_back(*it);
+    if (*it % 10 == 0)  // items 0 and 10 hold the owner's only place until released
+      started[*it / 10].open(), release[*it / 10].wait();
     return Task_Base::Succeeded;
   }));
-  for (int n = 1; n <= 3; ++n)
-    ASSERT_TRUE(scheduler.enqueue_task(item(n), "disk"));
-  ASSERT_TRUE(started.wait());
+  ASSERT_TRUE(scheduler.enqueue_task(item(0), "disk", 0));
+  ASSERT_TRUE(started[0].wait());
+  const std::pair<int, int> queued[] = {{1, 1}, {2, 5}, {3, 3}, {4, 5}, {5, 1}, {10, 0}};
+  for (const auto& [n, weight] : queued)
+    ASSERT_TRUE(scheduler.enqueue_task(item(n), "disk", weight));
+  release[0].open();
+  ASSERT_TRUE(started[1].wait());
+  EXPECT_EQ(order, (std::vector<int>{0, 2, 4, 3, 1, 5, 10}));
+  ASSERT_TRUE(scheduler.enqueue_task(item(11), "disk"));
   stop = true;
   ASSERT_TRUE(stopping.wait());
   // Another owner with a free worker: it would run if it were taken.
-  EXPECT_FALSE(scheduler.enqueue_task(item(4), "other"));
-  release.open();
+  EXPECT_FALSE(scheduler.enqueue_task(item(12), "other"));
+  release[1].open();
   scheduler.wait();
   EXPECT_TRUE(log.contains("Task scheduler stopped."));
-  EXPECT_EQ(runs, 1);
+  EXPECT_EQ(order.size(), 7u);
 }
 
 // Each misuse fails after one check line naming the failed condition, and leaves the scheduler
