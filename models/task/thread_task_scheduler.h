@@ -90,9 +90,17 @@ class Thread_Task_Scheduler {
   }
 
   // A predicate that, once true, stops the scheduler: waiting items are dropped. It is polled
-  // under the scheduler's lock at least every 3 seconds and must not call the scheduler.
-  void register_stop_callback(std::function<bool()> callback) {
+  // under the scheduler's lock at least every 3 seconds and must not call the scheduler. Before
+  // activate: a running dispatcher may already have polled the old one. False after one log line.
+  bool register_stop_callback(std::function<bool()> callback) {
+    if (!CHECK_TRUE(callback))
+      return false;
+    if (scheduler_.worker().installed()) {
+      LOG_MSG((LM_EMERGENCY, "Unexpected error in %N:%l, worker_ is true:\n%?\n"));
+      return false;
+    }
     scheduler_.register_stop_callback(std::move(callback));
+    return true;
   }
 
   // Starts the worker threads and the dispatcher; once only. False after one log line.

@@ -29,6 +29,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <limits>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -52,7 +53,7 @@ struct Settings {
   std::string name;
   int log_fd = -1;  // may be stderr's
   Level level = LOG_INFO;
-  int timeout_seconds = 60;
+  long timeout_seconds = 60;  // any positive value: a job may allow more than a day
 } settings;
 
 void log_line(Level level, const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -81,6 +82,12 @@ void log_line(Level level, const char* format, ...) {
   // One append per line: lines of several threads and processes never interleave.
   ssize_t written = write(settings.log_fd, line, n);
   (void)written;
+}
+
+// poll() takes an int of milliseconds: a longer time-out is cut to that (about 24 days).
+int poll_timeout_ms() {
+  constexpr long most = std::numeric_limits<int>::max() / 1000;
+  return static_cast<int>(std::min(settings.timeout_seconds, most) * 1000);
 }
 
 std::string trim(const std::string& text) {
@@ -115,12 +122,13 @@ int read_conf(const char* path) {
       char* end = nullptr;
       errno = 0;
       long seconds = strtol(value.c_str(), &end, 10);
-      if (value.empty() || *end != '\0' || errno || seconds < 1 || seconds > 86400) {
-        log_line(LOG_ERROR, "Invalid network_timeout '%s' in '%s': expected 1 to 86400 seconds.",
+      if (value.empty() || *end != '\0' || errno || seconds < 1) {
+        log_line(LOG_ERROR,
+                 "Invalid network_timeout '%s' in '%s': expected a positive number of seconds.",
                  value.c_str(), path);
         return -EINVAL;
       }
-      settings.timeout_seconds = static_cast<int>(seconds);
+      settings.timeout_seconds = seconds;
     } else if (key == "log_level") {
       const char* const names[] = {"error", "warn", "info", "debug"};
       auto it = std::find_if(std::begin(names), std::end(names), [&](const char* name) {
@@ -235,7 +243,7 @@ class Channel {
       pollfd wait = {fd.get(), POLLOUT, 0};
       int ready;
       do
-        ready = poll(&wait, 1, settings.timeout_seconds * 1000);
+        ready = poll(&wait, 1, poll_timeout_ms());
       while (ready < 0 && errno == EINTR);
       if (ready == 0)
         return -ETIMEDOUT;
@@ -386,7 +394,7 @@ int cvd_init(const char* name, const char* log_path, const char* conf_path) {
       }
     }
     settings.inited = true;
-    log_line(LOG_INFO, "libcvd ready: network_timeout = %d s, log_level = %s.",
+    log_line(LOG_INFO, "libcvd ready: network_timeout = %ld s, log_level = %s.",
              settings.timeout_seconds, level_names[settings.level]);
     return 0;
   });

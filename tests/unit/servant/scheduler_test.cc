@@ -3,102 +3,81 @@
 #include "tests/unit/servant/fixture.h"
 
 #include <dirent.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 
-#include <atomic>
-#include <chrono>
-#include <fstream>
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <map>
 #include <mutex>
-#include <thread>
-#include <vector>
 
 namespace {
 
-// Pids written by "sleep" servants into `dir`.
-std::vector<pid_t> pids_in(const std::string& dir) {
-  std::vector<pid_t> out;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.')
-        out.push_back(static_cast<pid_t>(std::stol(e->d_name)));
-    closedir(d);
-  }
-  return out;
-}
-
-bool process_gone(pid_t pid) {
-  return kill(pid, 0) != 0 && errno == ESRCH;
-}
-
-class Servant_Task_Scheduler_Test : public ::testing::Test {
+class Scheduler_Test : public Servant_Fixture {
  protected:
   void SetUp() override {
-    conf_ = write_servant_conf(dir_, dir_.file("svc.json"));
-    markers_ = dir_.file("markers");
+    Servant_Fixture::SetUp();
     mkdir(markers_.c_str(), 0700);
   }
-
-  // Starts each task's servant with the test configuration and records "<label>:<attempt>".
+  // Pid and tag of each "hang" servant that reached its request.
+  std::map<pid_t, std::string> hung() {
+    std::map<pid_t, std::string> out;
+    if (DIR* d = opendir(markers_.c_str())) {
+      while (dirent* e = readdir(d))
+        if (e->d_name[0] != '.')
+          out[std::stoi(e->d_name)] = strchr(e->d_name, '.') + 1;
+      closedir(d);
+    }
+    return out;
+  }
+  // Starts each task's servant with the test configuration and records "<label>:<attempt> ".
   Servant_Task_Scheduler::Setup setup() {
     return [this](Servant& s, const Servant_Task& t) {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        runs_.push_back(t.label + ":" + std::to_string(t.attempt));
-      }
+      std::lock_guard<std::mutex> lock(mutex_);
+      runs_ += t.label + ":" + std::to_string(t.attempt) + " ";
       s.reset("tester", conf_.c_str(), nullptr, nullptr, t.label.c_str());
       return true;
     };
   }
+  // Records '+' for an answer, '-' for none, and returns decide(answered).
+  Servant_Task_Scheduler::Result_Handler handler(std::function<int(bool)> decide) {
+    return [this, decide](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      bool answered = r && !r->is_error();
+      answered_ += answered ? '+' : '-';
+      return decide(answered);
+    };
+  }
 
-  Temp_Dir dir_;
-  std::string conf_, markers_;
+  const std::string markers_ = dir_.file("markers");
   std::mutex mutex_;
-  std::vector<std::string> runs_;
-  std::vector<bool> answered_;  // per handler call: a response came
+  std::string runs_, answered_;
 };
 
-TEST_F(Servant_Task_Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
-  struct Case {
+// The handler answers 0 for an answer, else `on_failure` (2: may run again).
+TEST_F(Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
+  const struct {
     const char* method;
     JSON_Value params;
-    int (*decide)(bool answered);
-    std::vector<std::string> runs;
-    std::vector<bool> answered;
+    int on_failure;
+    const char *runs, *answered;
     int succeeded, failed;
   } cases[] = {
       // Killed mid-request every time: the first run and two retries, then a final failure.
-      {"crash",
-       JSON_Value::object(),
-       [](bool) { return 2; },
-       {"vm:0", "vm:1", "vm:2"},
-       {false, false, false},
-       0,
-       1},
+      {"crash", JSON_Value::object(), 2, "vm:0 vm:1 vm:2 ", "---", 0, 1},
       // Killed once, answers on the retry.
-      {"flaky",
-       {{"marker", dir_.file("flaky")}},
-       [](bool answered) { return answered ? 0 : 2; },
-       {"vm:0", "vm:1"},
-       {false, true},
-       1,
-       0},
-      // A failure the handler does not want retried.
-      {"garbage", {{"kind", "text"}}, [](bool) { return 1; }, {"vm:0"}, {false}, 0, 1},
+      {"flaky", {{"marker", dir_.file("flaky")}}, 2, "vm:0 vm:1 ", "-+", 1, 0},
+      // Failures the handler does not want retried; a hung servant is ended at the time limit.
+      {"garbage", {{"kind", "text"}}, 1, "vm:0 ", "-", 0, 1},
+      {"hang", JSON_Value::object(), 1, "vm:0 ", "-", 0, 1},
   };
   for (const auto& c : cases) {
     runs_.clear();
     answered_.clear();
     Servant_Task_Scheduler sched(c.method);
     ASSERT_TRUE(sched.enable_retry(2, 0));
-    ASSERT_TRUE(
-        sched.activate(1, setup(), [&](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          bool answered = r && !r->is_error();
-          answered_.push_back(answered);
-          return c.decide(answered);
-        }));
+    ASSERT_TRUE(sched.set_time_limit(1));
+    ASSERT_TRUE(sched.activate(1, setup(), handler([&](bool a) { return a ? 0 : c.on_failure; })));
     ASSERT_TRUE(sched.enqueue_task(c.params, "cvk1", "vm"));
     sched.wait();
     EXPECT_EQ(runs_, c.runs) << c.method;
@@ -108,105 +87,57 @@ TEST_F(Servant_Task_Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
   }
 }
 
-TEST_F(Servant_Task_Scheduler_Test, KeepsToTheTotalAndPerOwnerLimits) {
-  // Each servant waits until three are there at once, and reports the most it saw. Queued in
-  // owner order, so that ignoring the owner limit would start three of one owner.
-  Servant_Task_Scheduler sched("gather");
+// Three servants at most, two per owner: queued in owner order, so that ignoring the owner limit
+// would start three of one owner. The stop callback turns true once three hang in their request;
+// it ends them, drops the waiting work and the retries it asked for.
+TEST_F(Scheduler_Test, KeepsToTheLimitsAndTheStopCallbackEndsEverything) {
+  Servant_Task_Scheduler sched("hang");
   ASSERT_TRUE(sched.enable_owner_limit(2));
-  int max_total = 0, max_owner = 0;
-  ASSERT_TRUE(
-      sched.activate(3, setup(), [&](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
-        if (!r || r->is_error())
-          return 1;
-        std::lock_guard<std::mutex> lock(mutex_);
-        max_total = std::max(max_total, r->result()["max_total"].get<int>());
-        max_owner = std::max(max_owner, r->result()["max_owner"].get<int>());
-        return 0;
-      }));
-  for (const char* owner : {"cvk1", "cvk1", "cvk1", "cvk2", "cvk2", "cvk2"})
-    ASSERT_TRUE(sched.enqueue_task(
-        {{"dir", markers_}, {"owner", owner}, {"expect", 3}, {"wait_ms", 8000}}, owner));
-  sched.wait();
-  EXPECT_EQ(sched.succeeded(), 6);
-  EXPECT_EQ(max_total, 3);
-  EXPECT_EQ(max_owner, 2);
-}
-
-TEST_F(Servant_Task_Scheduler_Test, AHungServantIsEndedAtTheTimeLimit) {
-  Servant_Task_Scheduler sched("sleep");
-  ASSERT_TRUE(sched.set_time_limit(1));
-  ASSERT_TRUE(
-      sched.activate(1, setup(), [&](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
-        answered_.push_back(r != nullptr);
-        return 2;  // no retries enabled: final all the same
-      }));
-  ASSERT_TRUE(sched.enqueue_task({{"seconds", 60}, {"dir", markers_}}, "cvk1"));
-  sched.wait();
-  EXPECT_EQ(answered_, std::vector<bool>{false});
-  EXPECT_EQ(sched.failed(), 1);
-  auto pids = pids_in(markers_);
-  ASSERT_EQ(pids.size(), 1u);
-  EXPECT_TRUE(process_gone(pids[0]));
-}
-
-TEST_F(Servant_Task_Scheduler_Test, TheStopCallbackEndsRunningServantsAndDropsWaitingWork) {
-  std::atomic<bool> stop{false};
-  Servant_Task_Scheduler sched("sleep");
-  ASSERT_TRUE(sched.register_stop_callback([&stop] { return stop.load(); }));
   ASSERT_TRUE(sched.enable_retry(3, 0));
-  ASSERT_TRUE(
-      sched.activate(2, setup(), [&](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        answered_.push_back(r != nullptr);
-        return 2;  // would be retried, were the work not stopped
-      }));
-  for (int i = 0; i < 4; ++i)
-    ASSERT_TRUE(
-        sched.enqueue_task({{"seconds", 60}, {"dir", markers_}}, "cvk" + std::to_string(i)));
-  // Both servants are in their request.
-  for (int i = 0; i < 2000 && pids_in(markers_).size() < 2; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  ASSERT_EQ(pids_in(markers_).size(), 2u);
+  ASSERT_TRUE(sched.register_stop_callback([this] { return hung().size() >= 3; }));
+  ASSERT_TRUE(sched.activate(3, setup(), handler([](bool) { return 2; })));
+  for (const char* owner : {"cvk1", "cvk1", "cvk1", "cvk2", "cvk2", "cvk2"})
+    ASSERT_TRUE(sched.enqueue_task({{"dir", markers_}, {"tag", owner}}, owner, owner));
   EXPECT_TRUE(sched.is_running());
-  stop = true;
   sched.wait();
   EXPECT_FALSE(sched.is_running());
-  EXPECT_EQ(answered_, (std::vector<bool>{false, false}));
-  EXPECT_EQ(sched.failed(), 2);
-  EXPECT_EQ(runs_.size(), 2u);
-  for (pid_t pid : pids_in(markers_))
+  EXPECT_EQ(answered_, "---");
+  EXPECT_EQ(sched.failed(), 3);
+  EXPECT_EQ(std::count(runs_.begin(), runs_.end(), ':'), 3) << runs_;
+  EXPECT_NE(runs_.find("cvk2:0"), std::string::npos) << runs_;
+  std::string tags;
+  for (const auto& [pid, tag] : hung()) {
     EXPECT_TRUE(process_gone(pid)) << pid;
+    tags += tag;
+  }
+  EXPECT_EQ(tags.size(), 12u) << tags;
+  EXPECT_NE(tags.find("cvk2"), std::string::npos) << tags;
   EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));
 }
 
-TEST_F(Servant_Task_Scheduler_Test, SettingsAreCheckedAndFixedOnceRunning) {
-  auto handler = [](const Servant_Task&, std::shared_ptr<JSON_RPC_Response>) { return 0; };
+TEST_F(Scheduler_Test, SettingsAreCheckedAndFixedOnceRunning) {
+  auto ok = handler([](bool) { return 0; });
   Servant_Task_Scheduler sched("echo");
   EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));  // not active yet
   EXPECT_FALSE(sched.enable_owner_limit(0));
   EXPECT_FALSE(sched.enable_retry(-1, 0));
   EXPECT_FALSE(sched.enable_retry(1, -1));
   EXPECT_FALSE(sched.set_time_limit(-1));
-  EXPECT_FALSE(sched.activate(0, setup(), handler));
-  EXPECT_FALSE(sched.activate(1, nullptr, handler));
-  ASSERT_TRUE(sched.activate(1, setup(), handler));
-  EXPECT_FALSE(sched.activate(1, setup(), handler));
+  EXPECT_FALSE(sched.activate(0, setup(), ok));
+  EXPECT_FALSE(sched.activate(1, nullptr, ok));
+  ASSERT_TRUE(sched.activate(1, setup(), ok));
+  EXPECT_FALSE(sched.activate(1, setup(), ok));
   EXPECT_FALSE(sched.enable_owner_limit(2));
   EXPECT_FALSE(sched.enable_retry(1, 1));
   EXPECT_FALSE(sched.register_stop_callback([] { return false; }));
-  EXPECT_FALSE(Servant_Task_Scheduler(nullptr).activate(1, setup(), handler));
-  // A set-up that fails is a failed run, reported like any other.
+  EXPECT_FALSE(Servant_Task_Scheduler(nullptr).activate(1, setup(), ok));
+  // A set-up that fails is a failed run, reported like any other; without retries enabled, final.
   Servant_Task_Scheduler refused("echo");
-  std::vector<bool> got;
   ASSERT_TRUE(refused.activate(
-      1, [](Servant&, const Servant_Task&) { return false; },
-      [&got](const Servant_Task&, std::shared_ptr<JSON_RPC_Response> r) {
-        got.push_back(r != nullptr);
-        return 1;
-      }));
+      1, [](Servant&, const Servant_Task&) { return false; }, handler([](bool) { return 2; })));
   ASSERT_TRUE(refused.enqueue_task(JSON_Value::object(), "cvk1"));
   refused.wait();
-  EXPECT_EQ(got, std::vector<bool>{false});
+  EXPECT_EQ(answered_, "-");
   EXPECT_EQ(refused.failed(), 1);
   sched.wait();
 }

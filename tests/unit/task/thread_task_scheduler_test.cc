@@ -1,16 +1,13 @@
 #include "models/task/thread_task_scheduler.h"
 
 #include "host/core/log.h"
+#include "tests/support/log_capture.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
-#include <functional>
-#include <map>
-#include <memory>
+#include <future>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -23,82 +20,24 @@ using namespace std::chrono_literals;
 // Long enough never to be reached on a loaded machine unless something is broken.
 constexpr auto generous = 10s;
 
-struct Item {
-  int n = 0;
-  std::string owner;
-};
+using Item = int;
 using Scheduler = Thread_Task_Scheduler<Item>;
-
-std::shared_ptr<Item> item(int n, const char* owner = "") {
-  return std::make_shared<Item>(Item{n, owner ? owner : ""});
+std::shared_ptr<Item> item(int n) {
+  return std::make_shared<Item>(n);
 }
-
-// Log lines written while it lives.
-class Log_Lines {
- public:
-  Log_Lines() {
-    id_ = add_log_sink([this](ACE_Log_Priority, const std::string& line) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      text_ += line;
-      changed_.notify_all();
-    });
-  }
-  ~Log_Lines() { remove_log_sink(id_); }
-
-  std::string text() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return text_;
-  }
-  bool contains(const std::string& piece) const { return text().find(piece) != std::string::npos; }
-  bool wait_for(const std::string& piece) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, generous,
-                             [&] { return text_.find(piece) != std::string::npos; });
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::string text_;
-  int id_;
-};
-
-// A one-shot event.
-class Gate {
- public:
-  void open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    cv_.notify_all();
-  }
-  bool wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, generous, [&] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool open_ = false;
-};
 
 // Threads meet in pairs; false when no partner came within the time-out.
 class Meeting {
  public:
-  template <class Duration>
-  bool arrive(Duration timeout) {
+  bool arrive(std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> lock(mutex_);
-    unsigned round = round_;
+    const unsigned round = round_;
     if (++arrived_ == 2) {
-      arrived_ = 0;
-      ++round_;
+      arrived_ = 0, ++round_;
       cv_.notify_all();
       return true;
     }
-    if (cv_.wait_for(lock, timeout, [&] { return round_ != round; }))
-      return true;
-    --arrived_;
-    return false;
+    return cv_.wait_for(lock, timeout, [&] { return round_ != round; }) || (--arrived_, false);
   }
 
  private:
@@ -106,6 +45,17 @@ class Meeting {
   std::condition_variable cv_;
   int arrived_ = 0;
   unsigned round_ = 0;
+};
+
+// A one-shot event.
+struct Gate {
+  void open() {
+    std::call_once(once, [this] { promise.set_value(); });
+  }
+  bool wait() { return future.wait_for(generous) == std::future_status::ready; }
+  std::once_flag once;
+  std::promise<void> promise;
+  std::shared_future<void> future = promise.get_future().share();
 };
 
 class Thread_Task_Scheduler_Test : public ::testing::Test {
@@ -121,11 +71,10 @@ class Thread_Task_Scheduler_Test : public ::testing::Test {
 
 // Two owners' tasks, interleaved, on 3 workers with one task per owner at a time. Every task
 // waits for a partner task: tasks of different owners must find each other, tasks of one owner
-// must not (null and empty owners are the same owner).
+// must never run together (null and empty owners are the same owner).
 TEST_F(Thread_Task_Scheduler_Test, OwnerLimitSerialisesAnOwnerAndOverlapsOwners) {
   struct Case {
-    const char* first;
-    const char* second;
+    const char *first, *second;
     bool together;
   } cases[] = {{"a", "b", true}, {"a", "a", false}, {nullptr, "", false}};
   for (const Case& c : cases) {
@@ -133,62 +82,37 @@ TEST_F(Thread_Task_Scheduler_Test, OwnerLimitSerialisesAnOwnerAndOverlapsOwners)
     Scheduler scheduler;
     ASSERT_TRUE(scheduler.enable_owner_limit(1));
     Meeting meeting;
-    std::mutex mutex;
-    std::map<std::string, int> running;
-    int most_of_one_owner = 0;
-    std::atomic<int> runs{0}, met{0};
-    ASSERT_TRUE(scheduler.activate(3, [&](const std::shared_ptr<Item>& it) {
-      {
-        std::lock_guard<std::mutex> lock(mutex);
-        most_of_one_owner = std::max(most_of_one_owner, ++running[it->owner]);
-      }
-      // Apart, the partner never comes: a short wait keeps the case quick.
-      if (c.together ? meeting.arrive(generous) : meeting.arrive(150ms))
-        ++met;
-      {
-        std::lock_guard<std::mutex> lock(mutex);
-        --running[it->owner];
-      }
-      ++runs;
+    std::atomic<int> met{0};
+    // Apart, the partner never comes: a short wait keeps the case quick.
+    ASSERT_TRUE(scheduler.activate(3, [&](const std::shared_ptr<Item>&) {
+      met += meeting.arrive(c.together ? generous : 150ms);
       return Task_Base::Succeeded;
     }));
     for (int n = 0; n < 4; ++n) {
       const char* owner = n % 2 ? c.second : c.first;
-      ASSERT_TRUE(scheduler.enqueue_task(item(n, owner), owner, 1, "pair"));
+      ASSERT_TRUE(scheduler.enqueue_task(item(n), owner, 1, "pair"));
     }
     scheduler.wait();
-    EXPECT_EQ(runs, 4);
-    EXPECT_EQ(most_of_one_owner, 1);
     EXPECT_EQ(met, c.together ? 4 : 0);
   }
 }
 
-TEST_F(Thread_Task_Scheduler_Test, RetryRunsAgainAsANewEnqueueAndFailureIsFinal) {
-  Log_Lines log;
+TEST_F(Thread_Task_Scheduler_Test, RetryRunsAgainAsANewEnqueueUntilDoneFailedOrDestroyed) {
+  Log_Capture log;
   Scheduler scheduler;
-  std::mutex mutex;
-  std::vector<int> runs;
+  std::atomic<int> runs{0};
   ASSERT_TRUE(scheduler.activate(2, [&](const std::shared_ptr<Item>& it) {
-    std::lock_guard<std::mutex> lock(mutex);
-    runs.push_back(it->n);
-    if (it->n == 2)
+    if (*it == 2)
       return Task_Base::Failed;
-    return std::count(runs.begin(), runs.end(), 1) < 3 ? Task_Base::Retry : Task_Base::Succeeded;
+    return ++runs < 3 ? Task_Base::Retry : Task_Base::Succeeded;
   }));
   ASSERT_TRUE(scheduler.enqueue_task(item(1), "disk", 1, "retried"));
   ASSERT_TRUE(scheduler.enqueue_task(item(2), "disk", 1, "final"));
   scheduler.wait();
-
-  EXPECT_EQ(std::count(runs.begin(), runs.end(), 1), 3);
-  EXPECT_EQ(std::count(runs.begin(), runs.end(), 2), 1);
+  EXPECT_EQ(runs, 3);
   for (const char* line : {
-           "Enqueueing task, id: 1, name: retried, count: 1.",
-           "Processing task, id: 1, name retried, count: 1.",
            "Task failed, id: 1, name: retried, count: 1, enqueuing again.",
            "Enqueueing task, id: 1, name: retried, count: 2.",
-           "Processing task, id: 1, name retried, count: 2.",
-           "Task failed, id: 1, name: retried, count: 2, enqueuing again.",
-           "Enqueueing task, id: 1, name: retried, count: 3.",
            "Processing task, id: 1, name retried, count: 3.",
            "Task succeeded, id: 1, name: retried, count: 3.",
            "Task failed, id: 2, name: final, count: 1.",
@@ -196,129 +120,88 @@ TEST_F(Thread_Task_Scheduler_Test, RetryRunsAgainAsANewEnqueueAndFailureIsFinal)
     EXPECT_TRUE(log.contains(line)) << line;
   EXPECT_FALSE(log.contains("id: 1, name retried, count: 4"));
   EXPECT_FALSE(log.contains("id: 2, name: final, count: 1, enqueuing again"));
-}
+  EXPECT_FALSE(log.contains("Task scheduler stopped."));
 
-// Within one owner, higher weights run first and equal weights in the order they came.
-TEST_F(Thread_Task_Scheduler_Test, OneOwnersTasksRunByWeightThenArrival) {
-  Scheduler scheduler;
-  ASSERT_TRUE(scheduler.enable_owner_limit(1));
-  Gate started, release;
-  std::vector<int> order;  // one worker: no lock needed
-  ASSERT_TRUE(scheduler.activate(1, [&](const std::shared_ptr<Item>& it) {
-    order.push_back(it->n);
-    if (it->n == 0) {
-      started.open();
-      release.wait();
-    }
-    return Task_Base::Succeeded;
-  }));
-  // Item 0 holds the owner's only place while the others queue behind it.
-  ASSERT_TRUE(scheduler.enqueue_task(item(0), "disk", 0));
-  ASSERT_TRUE(started.wait());
-  const int weights[] = {1, 5, 3, 5, 1};
-  for (int n = 1; n <= 5; ++n)
-    ASSERT_TRUE(scheduler.enqueue_task(item(n), "disk", weights[n - 1]));
-  release.open();
-  scheduler.wait();
-  EXPECT_EQ(order, (std::vector<int>{0, 2, 4, 3, 1, 5}));
-}
-
-// The callback turns true while nothing wakes the dispatcher, so only its periodic re-check can
-// notice (within 3 seconds). Waiting tasks are then dropped and new ones refused.
-TEST_F(Thread_Task_Scheduler_Test, StopCallbackStopsAndDropsWaitingTasks) {
-  Log_Lines log;
-  Scheduler scheduler;
-  ASSERT_TRUE(scheduler.enable_owner_limit(1));
-  std::atomic<bool> stop{false};
-  scheduler.register_stop_callback([&] { return stop.load(); });
-  Gate started, release;
-  std::mutex mutex;
-  std::vector<int> runs;
-  ASSERT_TRUE(scheduler.activate(2, [&](const std::shared_ptr<Item>& it) {
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      runs.push_back(it->n);
-    }
-    if (it->n == 1) {
-      started.open();
-      release.wait();
-    }
-    return Task_Base::Succeeded;
-  }));
-  for (int n = 1; n <= 3; ++n)
-    ASSERT_TRUE(scheduler.enqueue_task(item(n), "disk"));
-  ASSERT_TRUE(started.wait());
-  stop = true;
-  EXPECT_TRUE(log.wait_for("Task scheduler stopped."));
-  // Another owner with a free worker: it would run if it were taken.
-  EXPECT_FALSE(scheduler.enqueue_task(item(4), "other"));
-  release.open();
-  scheduler.wait();
-  std::lock_guard<std::mutex> lock(mutex);
-  EXPECT_EQ(runs, std::vector<int>{1});
-}
-
-TEST_F(Thread_Task_Scheduler_Test, WaitedSchedulerRefusesNewItems) {
-  Scheduler scheduler;
-  std::atomic<int> runs{0};
-  ASSERT_TRUE(scheduler.activate(1, [&](const std::shared_ptr<Item>&) {
-    ++runs;
-    return Task_Base::Succeeded;
-  }));
-  ASSERT_TRUE(scheduler.enqueue_task(item(1)));
-  scheduler.wait();
-  EXPECT_FALSE(scheduler.enqueue_task(item(2)));
-  EXPECT_EQ(runs, 1);
-}
-
-// An item that always asks for another run keeps the scheduler busy until it is destroyed,
-// which must stop it rather than wait for a drain that never comes.
-TEST_F(Thread_Task_Scheduler_Test, DestroyingStopsEndlessRetries) {
-  Log_Lines log;
+  // Endless retries keep a scheduler busy until it is destroyed, which must stop it rather than
+  // wait for a drain that never comes.
   Gate retried;
-  std::atomic<int> runs{0};
   {
-    Scheduler scheduler;
-    ASSERT_TRUE(scheduler.activate(2, [&](const std::shared_ptr<Item>&) {
-      if (++runs == 3)
+    Scheduler endless;
+    ASSERT_TRUE(endless.activate(2, [&](const std::shared_ptr<Item>&) {
+      if (++runs == 6)
         retried.open();
       return Task_Base::Retry;
     }));
-    ASSERT_TRUE(scheduler.enqueue_task(item(1), "disk"));
+    ASSERT_TRUE(endless.enqueue_task(item(1), "disk"));
     ASSERT_TRUE(retried.wait());
   }
   EXPECT_TRUE(log.contains("Task scheduler stopped."));
 }
 
-// Each misuse fails after one check line naming the failed condition, and leaves the scheduler
-// usable with the first run function that was accepted.
-TEST_F(Thread_Task_Scheduler_Test, MisuseFailsWithItsCheckMessage) {
-  const std::string where = "models/task/thread_task_scheduler.h:";
-  auto expect_check = [&](const std::function<bool()>& misuse, const std::string& condition) {
-    SCOPED_TRACE(condition);
-    Log_Lines log;
-    EXPECT_FALSE(misuse());
-    std::string text = log.text();
-    EXPECT_EQ(text.find("EMERGENCY " + where), text.rfind("EMERGENCY "));
-    EXPECT_NE(text.find("Unexpected error in " + where), std::string::npos) << text;
-    EXPECT_NE(text.find(", " + condition + ":\n"), std::string::npos) << text;
-  };
-  std::atomic<int> first{0}, second{0};
-  auto counting = [](std::atomic<int>& runs) {
-    return [&runs](const std::shared_ptr<Item>&) {
-      ++runs;
-      return Task_Base::Succeeded;
-    };
-  };
+// Within one owner, higher weights run first and equal weights in the order they came. The stop
+// callback then turns true, seen at the dispatcher's next wake-up or at the latest its periodic
+// re-check (3 seconds): waiting tasks are dropped and new ones refused.
+TEST_F(Thread_Task_Scheduler_Test, OneOwnersTasksRunByWeightThenArrivalUntilStopped) {
+  Log_Capture log;
   Scheduler scheduler;
-  expect_check([&] { return scheduler.enable_owner_limit(0); }, "limit_per_owner(0) < 1");
-  expect_check([&] { return scheduler.activate(0, counting(first)); }, "n_worker_threads(0) < 1");
-  expect_check([&] { return scheduler.activate(1, nullptr); }, "run");
-  ASSERT_TRUE(scheduler.activate(1, counting(first)));
-  expect_check([&] { return scheduler.activate(1, counting(second)); }, "worker_ is true");
-  expect_check([&] { return scheduler.enqueue_task(nullptr, "disk"); }, "params.get() is NULL");
+  ASSERT_TRUE(scheduler.enable_owner_limit(1));
+  std::atomic<bool> stop{false};
+  Gate started[2], release[2], stopping;
+  ASSERT_TRUE(scheduler.register_stop_callback([&] {
+    if (stop)
+      stopping.open();
+    return stop.load();
+  }));
+  std::vector<int> order;  // one owner: one task at a time
+  ASSERT_TRUE(scheduler.activate(2, [&](const std::shared_ptr<Item>& it) {
+    order.push_back(*it);
+    if (*it % 10 == 0)  // items 0 and 10 hold the owner's only place until released
+      started[*it / 10].open(), release[*it / 10].wait();
+    return Task_Base::Succeeded;
+  }));
+  ASSERT_TRUE(scheduler.enqueue_task(item(0), "disk", 0));
+  ASSERT_TRUE(started[0].wait());
+  const std::pair<int, int> queued[] = {{1, 1}, {2, 5}, {3, 3}, {4, 5}, {5, 1}, {10, 0}};
+  for (const auto& [n, weight] : queued)
+    ASSERT_TRUE(scheduler.enqueue_task(item(n), "disk", weight));
+  release[0].open();
+  ASSERT_TRUE(started[1].wait());
+  EXPECT_EQ(order, (std::vector<int>{0, 2, 4, 3, 1, 5, 10}));
+  ASSERT_TRUE(scheduler.enqueue_task(item(11), "disk"));
+  stop = true;
+  ASSERT_TRUE(stopping.wait());
+  // Another owner with a free worker: it would run if it were taken.
+  EXPECT_FALSE(scheduler.enqueue_task(item(12), "other"));
+  release[1].open();
+  scheduler.wait();
+  EXPECT_TRUE(log.contains("Task scheduler stopped."));
+  EXPECT_EQ(order.size(), 7u);
+}
+
+// Each misuse fails after one check line naming the failed condition, and leaves the scheduler
+// usable with the first run function that was accepted; once waited for, it takes no items.
+TEST_F(Thread_Task_Scheduler_Test, MisuseFailsWithItsCheckMessage) {
+  std::atomic<int> first{0}, second{0};
+  auto count_first = [&](const std::shared_ptr<Item>&) { return ++first, Task_Base::Succeeded; };
+  auto count_second = [&](const std::shared_ptr<Item>&) { return ++second, Task_Base::Succeeded; };
+  Log_Capture log;
+  Scheduler scheduler;
+  EXPECT_FALSE(scheduler.enable_owner_limit(0));
+  EXPECT_FALSE(scheduler.activate(0, count_first));
+  EXPECT_FALSE(scheduler.activate(1, nullptr));
+  EXPECT_FALSE(scheduler.register_stop_callback(nullptr));
+  ASSERT_TRUE(scheduler.activate(1, count_first));
+  EXPECT_FALSE(scheduler.activate(1, count_second));
+  EXPECT_FALSE(scheduler.register_stop_callback([] { return true; }));
+  EXPECT_FALSE(scheduler.enqueue_task(nullptr, "disk"));
+  EXPECT_EQ(log.count(LM_EMERGENCY), 7u) << log.text();
+  EXPECT_TRUE(log.contains("Unexpected error in models/task/thread_task_scheduler.h:"));
+  for (const char* condition : {", limit_per_owner(0) < 1:\n", ", n_worker_threads(0) < 1:\n",
+                                ", worker_ is true:\n", ", params.get() is NULL:\n"})
+    EXPECT_TRUE(log.contains(condition)) << condition;
   ASSERT_TRUE(scheduler.enqueue_task(item(1), "disk"));
   scheduler.wait();
+  EXPECT_FALSE(scheduler.enqueue_task(item(2)));
   EXPECT_EQ(first, 1);
   EXPECT_EQ(second, 0);
 }
