@@ -56,6 +56,7 @@
 #include "host/core/log.h"
 #include "host/core/text.h"
 #include "host/storage/options.h"
+#include "host/storage/pool_url.h"
 
 #include <cstdint>
 #include <ctime>
@@ -98,14 +99,6 @@ bool parse_object(const HTTP_Server_Request& req, HTTP_Server_Response& resp, JS
     return true;
   resp.error(400, "a JSON object body is expected");
   return false;
-}
-
-bool pool_url_valid(const std::string& url) {
-  static const std::string file = "file:///", s3 = "s3://";
-  if (url.compare(0, file.size(), file) == 0)
-    return url.find("/../") == std::string::npos && url.size() > file.size() &&
-           url.compare(url.size() - 3, 3, "/..") != 0;
-  return url.compare(0, s3.size(), s3) == 0 && url.size() > s3.size();
 }
 
 JSON_Value row_to_pool(const Statement& st) {
@@ -270,8 +263,9 @@ void Storage_Pools::register_i(const HTTP_Server_Request& req, HTTP_Server_Respo
     if (name.empty())
       json_throw_type("name", "non-empty string");
     json_extract(body, "url", url);
-    if (!pool_url_valid(url))
-      json_throw_type("url", "file:///<absolute dir> or s3://<bucket> URL");
+    std::string folder, url_error;
+    if (!validate_pool_url(url, folder, url_error))
+      throw JSON_Error(url_error);
     json_extract_object(body, "io_options", io, false);
   } catch (const JSON_Error& e) {
     return resp.error(400, e.what());

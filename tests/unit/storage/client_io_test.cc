@@ -1,7 +1,12 @@
 #include "host/storage/client_io.h"
+
+#include "host/storage/file_driver.h"
+#include "host/storage/image.h"
+#include "host/storage/pool_url.h"
 #include "tests/support/temp_dir.h"
 
 #include <gtest/gtest.h>
+#include <xxhash.h>
 
 #include <dirent.h>
 #include <signal.h>
@@ -11,7 +16,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <map>
 #include <set>
 #include <sstream>
 #include <string>
@@ -20,9 +24,10 @@
 namespace {
 
 using Compression = Client_IO_Base::Compression;
+using Names = std::set<std::string>;
 
-std::set<std::string> list_dir(const std::string& path) {
-  std::set<std::string> names;
+Names list_dir(const std::string& path) {
+  Names names;
   if (DIR* d = opendir(path.c_str())) {
     while (dirent* e = readdir(d))
       if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
@@ -37,11 +42,6 @@ std::string read_file(const std::string& path) {
   std::stringstream s;
   s << in.rdbuf();
   return s.str();
-}
-
-bool exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
 }
 
 class Client_IO_Test : public testing::Test {
@@ -61,14 +61,10 @@ class Client_IO_Test : public testing::Test {
       return false;
     data.clear();
     char buffer[7];  // odd size: reads end in the middle of the data
-    for (;;) {
-      ssize_t n = io_.read(buffer, sizeof buffer);
+    for (ssize_t n; (n = io_.read(buffer, sizeof buffer)) != 0; data.append(buffer, n))
       if (n < 0)
         return false;
-      if (n == 0)
-        return io_.close();
-      data.append(buffer, static_cast<std::size_t>(n));
-    }
+    return io_.close();
   }
 
   Temp_Dir tmp_;
@@ -77,48 +73,30 @@ class Client_IO_Test : public testing::Test {
   Client_IO_Ex io_;
 };
 
-TEST_F(Client_IO_Test, WrittenObjectReadsBackWithItsSize) {
+TEST_F(Client_IO_Test, WrittenObjectsReadBackAndReplaceOlderOnes) {
   std::string data;
   for (int i = 0; i < 1000; ++i)
     data += "block " + std::to_string(i) + "\n";
+  ASSERT_TRUE(put("/host/vm/disk_1", "the first version"));
   ASSERT_TRUE(io_.open("/host/vm/disk_1", Client_IO_Ex::Write, 0, data.size())) << io_.error();
   ASSERT_TRUE(io_.write(data.data(), 100));
   ASSERT_TRUE(io_.write(data.data() + 100, data.size() - 100));
   ASSERT_TRUE(io_.close()) << io_.error();
   EXPECT_EQ(io_.storage_size(), data.size());
-  // Only the object itself: no temporary left beside it.
-  EXPECT_EQ(list_dir(pool_ + "/host/vm"), std::set<std::string>{"disk_1"});
-  EXPECT_EQ(read_file(pool_ + "/host/vm/disk_1"), data);
-
-  Client_IO_Ex reader;
-  ASSERT_TRUE(reader.connect("file://" + pool_ + "/", opts_));
-  ASSERT_TRUE(reader.open("host/vm/disk_1", Client_IO_Ex::Read)) << reader.error();
-  EXPECT_EQ(reader.storage_size(), data.size());
-  std::string back(data.size() + 10, '\0');
-  EXPECT_EQ(reader.read(&back[0], back.size()), static_cast<ssize_t>(data.size()));
-  back.resize(data.size());
+  EXPECT_EQ(list_dir(pool_ + "/host/vm"), Names{"disk_1"});  // no temporary beside it
+  std::string back;
+  ASSERT_TRUE(get("host/vm/disk_1", back)) << io_.error();
   EXPECT_EQ(back, data);
-  EXPECT_EQ(reader.read(&back[0], 1), 0);
-  EXPECT_TRUE(reader.close());
+  EXPECT_EQ(io_.storage_size(), data.size());
+  ASSERT_TRUE(put("a/empty", ""));
+  ASSERT_TRUE(get("a/empty", back));
+  EXPECT_EQ(back, "");
   // Writing is refused on an object opened for reading, and the other way round.
-  ASSERT_TRUE(reader.open("host/vm/disk_1", Client_IO_Ex::Read));
-  EXPECT_FALSE(reader.write("x", 1));
+  ASSERT_TRUE(io_.open("host/vm/disk_1", Client_IO_Ex::Read));
+  EXPECT_FALSE(io_.write("x", 1));
   ASSERT_TRUE(io_.open("host/vm/other", Client_IO_Ex::Write));
   char c;
   EXPECT_EQ(io_.read(&c, 1), -1);
-}
-
-TEST_F(Client_IO_Test, NewWriteReplacesObjectAndEmptyObjectExists) {
-  ASSERT_TRUE(put("a/obj", "the first version"));
-  ASSERT_TRUE(put("a/obj", "second"));
-  std::string data;
-  ASSERT_TRUE(get("a/obj", data)) << io_.error();
-  EXPECT_EQ(data, "second");
-  EXPECT_EQ(io_.storage_size(), 6u);
-
-  ASSERT_TRUE(put("a/empty", ""));
-  ASSERT_TRUE(get("a/empty", data));
-  EXPECT_EQ(data, "");
 }
 
 TEST_F(Client_IO_Test, AbandonedWriteLeavesNothing) {
@@ -131,19 +109,17 @@ TEST_F(Client_IO_Test, AbandonedWriteLeavesNothing) {
     ASSERT_TRUE(writer.open("vm/kept", Client_IO_Ex::Write));  // abandons vm/new
     ASSERT_TRUE(writer.write("half-written", 12));
   }  // destroyed without close: vm/kept must keep its old content
-  EXPECT_EQ(list_dir(pool_ + "/vm"), std::set<std::string>{"kept"});
+  EXPECT_EQ(list_dir(pool_ + "/vm"), Names{"kept"});
   EXPECT_EQ(read_file(pool_ + "/vm/kept"), "old");
-
-  // Removing the object being written abandons the write.
+  // Removing the object being written abandons the write; so does connecting to another pool.
   ASSERT_TRUE(io_.open("vm/gone", Client_IO_Ex::Write));
   ASSERT_TRUE(io_.write("abc", 3));
   EXPECT_TRUE(io_.remove("/vm/gone")) << io_.error();
   EXPECT_FALSE(io_.is_open());
   EXPECT_FALSE(io_.close());
-  // So does connecting to another pool.
   ASSERT_TRUE(io_.open("vm/gone", Client_IO_Ex::Write));
   ASSERT_TRUE(io_.connect("file://" + tmp_.file("other"), opts_));
-  EXPECT_EQ(list_dir(pool_ + "/vm"), std::set<std::string>{"kept"});
+  EXPECT_EQ(list_dir(pool_ + "/vm"), Names{"kept"});
 }
 
 TEST_F(Client_IO_Test, WriterKilledBeforeCloseLeavesNoObject) {
@@ -171,10 +147,9 @@ TEST_F(Client_IO_Test, WriterKilledBeforeCloseLeavesNoObject) {
   int status = 0;
   ASSERT_EQ(waitpid(pid, &status, 0), pid);
   ASSERT_TRUE(WIFSIGNALED(status));
-
-  EXPECT_FALSE(exists(pool_ + "/vm/disk"));
+  struct stat st;
+  EXPECT_NE(lstat((pool_ + "/vm/disk").c_str(), &st), 0);
   std::string data;
-  EXPECT_FALSE(get("vm/disk", data));
   EXPECT_FALSE(get("/vm/disk", data));
 }
 
@@ -183,12 +158,12 @@ TEST_F(Client_IO_Test, NamesOutsideThePoolAreRefused) {
                            "a//b", "//a", "a/", "/a/b/"}) {
     SCOPED_TRACE(path);
     EXPECT_FALSE(io_.open(path, Client_IO_Ex::Write));
-    EXPECT_NE(io_.error().find("Invalid object name"), std::string::npos) << io_.error();
+    EXPECT_EQ(io_.error(), "Invalid object name '" + std::string(path) + "'");
     EXPECT_FALSE(io_.open(path, Client_IO_Ex::Read));
     EXPECT_FALSE(io_.remove(path));
   }
   EXPECT_FALSE(io_.open(std::string("a\0b", 3), Client_IO_Ex::Write));
-  EXPECT_EQ(list_dir(tmp_.path()), std::set<std::string>{});
+  EXPECT_EQ(list_dir(tmp_.path()), Names{});
 }
 
 TEST_F(Client_IO_Test, SymbolicLinksCannotLeadOutOfThePool) {
@@ -198,224 +173,330 @@ TEST_F(Client_IO_Test, SymbolicLinksCannotLeadOutOfThePool) {
   ASSERT_TRUE(put("vm/x", "x"));
   ASSERT_EQ(symlink(outside.c_str(), (pool_ + "/link").c_str()), 0);
   ASSERT_EQ(symlink((outside + "/secret").c_str(), (pool_ + "/vm/file_link").c_str()), 0);
-
   std::string data;
   EXPECT_FALSE(put("link/new", "data"));
-  EXPECT_NE(io_.error().find("link"), std::string::npos) << io_.error();
+  EXPECT_NE(io_.error().find("'" + pool_ + "/link' is not a folder inside the pool"),
+            std::string::npos)
+      << io_.error();
   EXPECT_FALSE(get("link/secret", data));
   EXPECT_FALSE(io_.remove("link/secret"));
   EXPECT_FALSE(get("vm/file_link", data));
   // Writing over a link replaces the link, never what it points to.
   EXPECT_TRUE(put("vm/file_link", "mine"));
-  EXPECT_EQ(list_dir(outside), std::set<std::string>{"secret"});
+  EXPECT_EQ(list_dir(outside), Names{"secret"});
   EXPECT_EQ(read_file(outside + "/secret"), "secret");
 }
 
 TEST_F(Client_IO_Test, ErrorsNameTheObjectAndTheReason) {
   std::string data;
   EXPECT_FALSE(get("vm/missing", data));
-  EXPECT_NE(io_.error().find(pool_ + "/vm/missing"), std::string::npos) << io_.error();
-  EXPECT_NE(io_.error().find(strerror(ENOENT)), std::string::npos) << io_.error();
-
+  EXPECT_EQ(io_.error(), "Cannot open '" + pool_ + "/vm/missing': cannot open pool folder '" +
+                             pool_ + "': " + strerror(ENOENT));
   ASSERT_TRUE(put("vm/file", "x"));
+  EXPECT_FALSE(get("vm/missing", data));
+  EXPECT_EQ(io_.error(), "Cannot open '" + pool_ + "/vm/missing': " + strerror(ENOENT));
   EXPECT_FALSE(put("vm/file/child", "x"));  // a file stands where a folder is needed
-  EXPECT_NE(io_.error().find(pool_ + "/vm/file"), std::string::npos) << io_.error();
+  EXPECT_NE(io_.error().find("folder '" + pool_ + "/vm/file' is not a folder"), std::string::npos)
+      << io_.error();
   EXPECT_FALSE(get("vm", data));  // a folder is no object
-  EXPECT_NE(io_.error().find(pool_ + "/vm"), std::string::npos) << io_.error();
-
+  EXPECT_EQ(io_.error(), "Cannot open '" + pool_ + "/vm': not a regular file");
   EXPECT_FALSE(io_.open("vm/x", 3));
-  EXPECT_NE(io_.error().find("invalid mode"), std::string::npos) << io_.error();
+  EXPECT_EQ(io_.error(), "Cannot open 'vm/x': invalid mode 3");
   EXPECT_FALSE(io_.open("vm/x", Client_IO_Ex::Write, 1));
-  EXPECT_NE(io_.error().find("invalid flags"), std::string::npos) << io_.error();
+  EXPECT_EQ(io_.error(), "Cannot open 'vm/x': invalid flags 1");
+
+  // Removing: absent objects and folders count as removed, a folder is refused.
+  ASSERT_TRUE(put("vm/b", "b"));
+  EXPECT_TRUE(io_.remove("/vm/file")) << io_.error();
+  EXPECT_EQ(list_dir(pool_ + "/vm"), Names{"b"});
+  EXPECT_TRUE(io_.remove("vm/file")) << io_.error();
+  EXPECT_TRUE(io_.remove("nowhere/a")) << io_.error();
+  EXPECT_FALSE(io_.remove("vm"));
+  EXPECT_NE(io_.error().find("Cannot remove '" + pool_ + "/vm'"), std::string::npos);
 
   Client_IO_Ex unconnected;
   EXPECT_FALSE(unconnected.open("vm/x", Client_IO_Ex::Read));
-  EXPECT_NE(unconnected.error().find("not connected"), std::string::npos);
+  EXPECT_EQ(unconnected.error(), "Cannot open 'vm/x': not connected to a storage pool");
   EXPECT_FALSE(unconnected.remove("vm/x"));
 }
 
-TEST_F(Client_IO_Test, RemoveDeletesObjectsOnly) {
-  ASSERT_TRUE(put("vm/a", "a"));
-  ASSERT_TRUE(put("vm/b", "b"));
-  EXPECT_TRUE(io_.remove("/vm/a")) << io_.error();
-  EXPECT_EQ(list_dir(pool_ + "/vm"), std::set<std::string>{"b"});
-  // Nothing under the name afterwards is what counts: absent objects and folders are fine.
-  EXPECT_TRUE(io_.remove("vm/a")) << io_.error();
-  EXPECT_TRUE(io_.remove("nowhere/a")) << io_.error();
-  EXPECT_FALSE(io_.remove("vm"));
-  EXPECT_NE(io_.error().find(pool_ + "/vm"), std::string::npos) << io_.error();
-  EXPECT_TRUE(exists(pool_ + "/vm/b"));
-}
-
-TEST(Client_IO_Connect, UnusableURLsAreRefused) {
-  Client_IO_Ex io;
-  for (const char* url : {"s3://bucket/prefix", "nfs:///pool", "/abs/dir", "://x", "file://",
-                          "file://relative/dir", "file:///", "file:///a/../b", "file:///a//b"}) {
-    SCOPED_TRACE(url);
-    EXPECT_FALSE(io.connect(url, Client_IO_Base::Options()));
-    EXPECT_NE(io.error().find(url), std::string::npos) << io.error();
-    EXPECT_FALSE(io.open("x", Client_IO_Ex::Write));
-  }
-}
-
-// An object store kept in memory: shows that a driver of another scheme slots in.
-class Memory_Driver : public Storage_Driver {
- public:
-  using Store = std::map<std::string, std::string>;
-  explicit Memory_Driver(Store* store) : store_(store) {}
-
-  class Object : public Storage_Object {
-   public:
-    Object(Store* store, std::string name, std::string data, bool writing)
-        : store_(store), name_(std::move(name)), data_(std::move(data)), writing_(writing) {}
-    bool write(const void* data, std::size_t length, std::string&) override {
-      data_.append(static_cast<const char*>(data), length);
-      return true;
-    }
-    ssize_t read(void* buffer, std::size_t length, std::string&) override {
-      std::size_t n = data_.copy(static_cast<char*>(buffer), length, pos_);
-      pos_ += n;
-      return static_cast<ssize_t>(n);
-    }
-    bool commit(std::string&) override {
-      if (writing_)
-        (*store_)[name_] = data_;
-      return true;
-    }
-    std::uint64_t stored_size() const override { return data_.size(); }
-
-   private:
-    Store* store_;
-    std::string name_;
-    std::string data_;
-    bool writing_;
-    std::size_t pos_ = 0;
+// The backup server registers exactly the pools the client opens.
+TEST(Pool_URL, ServerAndClientAgree) {
+  const struct {
+    const char* url;
+    const char* kind;  // null: valid, and the reason is the folder
+    const char* reason;
+  } cases[] = {
+      {"file:///srv/pool", nullptr, "/srv/pool"},
+      {"file:///srv/my pool/b1", nullptr, "/srv/my pool/b1"},
+      {"s3://bucket/prefix", "Unsupported", "s3:// pools are not supported yet"},
+      {"nfs:///pool", "Unsupported", "expected file:///absolute/folder"},
+      {"/abs/dir", "Invalid", "expected file:///absolute/folder"},
+      {"://x", "Invalid", "expected file:///absolute/folder"},
+      {"file://", "Invalid", "the folder must be absolute, as in file:///srv/pool"},
+      {"file://host/dir", "Invalid", "the folder must be absolute, as in file:///srv/pool"},
+      {"file:///", "Invalid", "the root folder cannot be a pool"},
+      {"file:///a//b", "Invalid", "empty folder name (a doubled or trailing '/')"},
+      {"file:///a/b/", "Invalid", "empty folder name (a doubled or trailing '/')"},
+      {"file:///a/./b", "Invalid", "'.' and '..' are not allowed in the folder"},
+      {"file:///a/../b", "Invalid", "'.' and '..' are not allowed in the folder"},
+      {"file:///a/..", "Invalid", "'.' and '..' are not allowed in the folder"},
+      {"file:///a\n", "Invalid", "control characters are not allowed"},
+      {"file:///a ", "Invalid", "leading or trailing spaces are not allowed"},
   };
-
-  std::unique_ptr<Storage_Object> open(const std::string& name, int mode,
-                                       std::string& error) override {
-    if (mode == Client_IO_Ex::Write)
-      return std::make_unique<Object>(store_, name, "", true);
-    auto it = store_->find(name);
-    if (it == store_->end()) {
-      error = "no object '" + name + "'";
-      return nullptr;
-    }
-    return std::make_unique<Object>(store_, name, it->second, false);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.url);
+    std::string folder, error;
+    const bool valid = validate_pool_url(c.url, folder, error);
+    EXPECT_EQ(valid, c.kind == nullptr);
+    EXPECT_EQ(
+        valid ? folder : error,
+        valid ? c.reason : c.kind + std::string(" storage pool URL '") + c.url + "': " + c.reason);
+    Client_IO_Ex io;
+    EXPECT_EQ(io.connect(c.url, Client_IO_Base::Options()), valid);
+    EXPECT_EQ(io.error(), error);
   }
-  bool remove(const std::string& name, std::string&) override {
-    store_->erase(name);
-    return true;
-  }
+}
 
- private:
-  Store* store_;
-};
-
-TEST(Client_IO_Drivers, DriverOfAnotherSchemeServesTheSameCalls) {
-  static Memory_Driver::Store s_store;
+TEST(Client_IO_Drivers, SchemesAndNames) {
   ASSERT_TRUE(Client_IO_Ex::register_driver(
-      "mem", [](const std::string&, const Client_IO_Base::Options&, std::string&) {
-        return std::make_unique<Memory_Driver>(&s_store);
+      "wrapped", [](const std::string& url, const Client_IO_Base::Options& opts, std::string& e) {
+        auto file = make_file_storage_driver("file" + url.substr(7), opts, e);
+        return file ? std::make_unique<Storage_Driver_Wrapper>(std::move(file)) : nullptr;
       }));
   EXPECT_FALSE(Client_IO_Ex::register_driver("file", nullptr));
-
+  Temp_Dir tmp;
   Client_IO_Ex io;
-  ASSERT_TRUE(io.connect("mem://pool", Client_IO_Base::Options())) << io.error();
-  JSON_Value doc = {{"name", "vm1"}, {"disks", {1, 2, 3}}};
-  ASSERT_TRUE(client_io_write_json(io, "/h/vm1/config.json", doc)) << io.error();
-  EXPECT_EQ(s_store.count("h/vm1/config.json"), 1u);  // the leading '/' is not part of the name
-  JSON_Value back;
-  ASSERT_TRUE(client_io_read_json(io, "h/vm1/config.json", back)) << io.error();
-  EXPECT_EQ(back, doc);
-  ASSERT_TRUE(io.remove("h/vm1/config.json"));
-  EXPECT_TRUE(s_store.empty());
-}
+  ASSERT_TRUE(io.connect("wrapped://" + tmp.path(), Client_IO_Base::Options())) << io.error();
+  ASSERT_TRUE(client_io_write_json(io, "/h/config.json", 5)) << io.error();
+  EXPECT_EQ(list_dir(tmp.path() + "/h"), Names{"config.json"});
+  EXPECT_FALSE(io.connect("wrapped:///", Client_IO_Base::Options()));
+  EXPECT_EQ(io.error(), "Invalid storage pool URL 'file:///': the root folder cannot be a pool");
 
-TEST(Compression_Names, NamesValuesAndSuffixes) {
   const struct {
     const char* name;
     int value;
     const char* suffix;
   } cases[] = {{"none", 4, ""}, {"zstd", 1, ".zst"}, {"lz4", 2, ".lz4"}, {"zlib", 3, ".zlib"}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
     EXPECT_EQ(compression_name_to_value(c.name), c.value);
     EXPECT_STREQ(compression_value_to_suffix(c.value), c.suffix);
   }
-  EXPECT_EQ(static_cast<int>(Compression::Lz4), compression_name_to_value("lz4"));
-  for (const char* name : {"", "ZSTD", "gzip", "zstd "})
+  for (const char* name : {"", "ZSTD", "gzip"})
     EXPECT_EQ(compression_name_to_value(name), 0) << name;
   EXPECT_STREQ(compression_value_to_suffix(0), "");
   EXPECT_STREQ(compression_value_to_suffix(5), "");
 }
 
-TEST_F(Client_IO_Test, JSONDocumentsRoundTripWithEveryCompression) {
-  JSON_Value doc = {{"name", "vm-01"},
-                    {"memory", 4294967296ULL},
-                    {"disks", JSON_Value::array({{{"path", "/vms/vm-01.qcow2"}}})},
-                    {"note", std::string(5000, 'a')}};
-  for (Compression method :
-       {Compression::None, Compression::Zstd, Compression::Lz4, Compression::Zlib}) {
-    SCOPED_TRACE(static_cast<int>(method));
-    opts_.compression_ = method;
-    opts_.compression_level_ = method == Compression::None ? 0 : 1;
-    ASSERT_TRUE(io_.connect("file://" + pool_, opts_));
-    const std::string path =
-        std::string("/h/vm/config.json") + compression_value_to_suffix(static_cast<int>(method));
-    ASSERT_TRUE(client_io_write_json(io_, path, doc)) << io_.error();
-    const std::string stored = read_file(pool_ + path);
-    if (method == Compression::None)
-      EXPECT_EQ(JSON_Value::parse(stored), doc);
-    else
-      EXPECT_LT(stored.size(), 1000u);  // the long note compresses well
+// A stored document as its layout says: header, then the text as one block.
+std::string stored_document(int codec, const std::string& block, const std::string& text,
+                            int version = 1) {
+  std::string doc("BRLJSON\0", 8);
+  doc += static_cast<char>(version);
+  doc += static_cast<char>(codec);
+  doc += std::string(2, '\0');
+  for (std::uint64_t v = text.size(), i = 0; i < 4; ++i, v >>= 8)
+    doc += static_cast<char>(v & 0xff);
+  for (std::uint64_t v = XXH3_64bits(text.data(), text.size()), i = 0; i < 8; ++i, v >>= 8)
+    doc += static_cast<char>(v & 0xff);
+  return doc + block;
+}
 
-    // A reader needs no knowledge of the method.
-    Client_IO_Ex reader;
+TEST_F(Client_IO_Test, JSONDocumentsNameTheirCodec) {
+  const JSON_Value doc = {{"name", "vm-01"}, {"note", std::string(5000, 'a')}};
+  for (int codec : {1, 2, 3, 4}) {
+    SCOPED_TRACE(codec);
+    opts_.compression_ = static_cast<Compression>(codec);
+    opts_.compression_level_ = codec == 4 ? 7 : 1;  // "none" ignores any level
+    ASSERT_TRUE(io_.connect("file://" + pool_, opts_));
+    ASSERT_TRUE(client_io_write_json(io_, "/h/doc", doc)) << io_.error();
+    // Too short to shrink, so stored plain whatever the codec; as plain text it looked like zlib.
+    ASSERT_TRUE(client_io_write_json(io_, "/h/number", 80)) << io_.error();
+    const std::string stored = read_file(pool_ + "/h/doc");
+    EXPECT_EQ(stored.substr(0, 10), std::string("BRLJSON\0\1", 9) + static_cast<char>(codec));
+    if (codec == 4)
+      EXPECT_EQ(stored, stored_document(4, doc.dump(), doc.dump()));
+    else
+      EXPECT_LT(stored.size(), 1000u);
+    EXPECT_EQ(read_file(pool_ + "/h/number"), stored_document(4, "80", "80"));
+    Client_IO_Ex reader;  // needs no knowledge of the codec
     ASSERT_TRUE(reader.connect("file://" + pool_, Client_IO_Base::Options()));
     JSON_Value back;
-    ASSERT_TRUE(client_io_read_json(reader, path, back)) << reader.error();
+    ASSERT_TRUE(client_io_read_json(reader, "h/doc", back)) << reader.error();
     EXPECT_EQ(back, doc);
+    ASSERT_TRUE(client_io_read_json(reader, "h/number", back)) << reader.error();
+    EXPECT_EQ(back, 80);
   }
 }
 
 TEST_F(Client_IO_Test, DamagedJSONDocumentsAreRefused) {
-  JSON_Value doc = {{"name", "vm-01"}, {"note", std::string(3000, 'b')}};
-  opts_.compression_ = Compression::Zstd;
-  ASSERT_TRUE(io_.connect("file://" + pool_, opts_));
-  ASSERT_TRUE(client_io_write_json(io_, "cfg.zst", doc));
-  std::string zstd = read_file(pool_ + "/cfg.zst");
-  opts_.compression_ = Compression::Zlib;
-  ASSERT_TRUE(io_.connect("file://" + pool_, opts_));
-  ASSERT_TRUE(client_io_write_json(io_, "cfg.zlib", doc));
-  std::string zlib = read_file(pool_ + "/cfg.zlib");
-  opts_.compression_ = Compression::Lz4;
-  ASSERT_TRUE(io_.connect("file://" + pool_, opts_));
-  ASSERT_TRUE(client_io_write_json(io_, "cfg.lz4", doc));
-  std::string lz4 = read_file(pool_ + "/cfg.lz4");
-
-  std::string flipped = zstd;
-  flipped[flipped.size() / 2] ^= 0x55;
-  const std::map<std::string, std::string> damaged = {
-      {"empty", ""},
-      {"text", "{\"name\": \"vm-01\", "},
-      {"trailing", "{} {}"},
-      {"zstd_truncated", zstd.substr(0, zstd.size() - 5)},
-      {"zstd_flipped", flipped},
-      {"zlib_truncated", zlib.substr(0, zlib.size() / 2)},
-      {"lz4_truncated", lz4.substr(0, lz4.size() - 3)},
+  const std::string text = JSON_Value{{"note", std::string(3000, 'b')}}.dump();
+  std::string valid[5];
+  for (int codec : {1, 2, 3}) {
+    opts_.compression_ = static_cast<Compression>(codec);
+    ASSERT_TRUE(io_.connect("file://" + pool_, opts_));
+    ASSERT_TRUE(client_io_write_json(io_, "doc", JSON_Value::parse(text)));
+    valid[codec] = read_file(pool_ + "/doc");
+  }
+  std::string large = stored_document(4, text, text);
+  large[15] = 0x04;  // a length of 64 MiB and more
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "not a stored JSON document"},
+      {text, "not a stored JSON document"},  // JSON as such, without a header
+      {stored_document(4, text, text, 2), "unsupported document version 2"},
+      {stored_document(9, text, text), "unknown codec 9"},
+      {large, "the document is larger than 64 MiB"},
+      {valid[1].substr(0, valid[1].size() - 5), "damaged zstd data"},
+      {valid[2].substr(0, valid[2].size() - 3), "damaged lz4 data"},
+      {valid[3].substr(0, valid[3].size() / 2), "damaged zlib data"},
+      {stored_document(4, text + " ", text), "damaged none data"},
+      {stored_document(4, "[2]", "[1]"), "checksum mismatch"},
+      {stored_document(4, "{", "{"), "not a valid JSON document"},
   };
-  for (const auto& d : damaged) {
-    SCOPED_TRACE(d.first);
-    write_text_file(pool_ + "/" + d.first, d.second);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.second);
+    write_text_file(pool_ + "/bad", c.first);
     JSON_Value back = "untouched";
-    EXPECT_FALSE(client_io_read_json(io_, d.first, back));
-    EXPECT_NE(io_.error().find(d.first), std::string::npos) << io_.error();
+    EXPECT_FALSE(client_io_read_json(io_, "bad", back));
+    EXPECT_EQ(io_.error(), "Cannot read 'bad': " + c.second);
     EXPECT_EQ(back, "untouched");
   }
   JSON_Value back;
   EXPECT_FALSE(client_io_read_json(io_, "missing", back));
   EXPECT_NE(io_.error().find(strerror(ENOENT)), std::string::npos) << io_.error();
+}
+
+// A fault injected at one step of writing an object, LevelDB style: the wrapped file driver works
+// as usual except for that step.
+enum class Step { None, Open, Write, Sync, Commit };
+struct Fault {
+  Step step;
+  int nth;       // which write fails
+  bool partial;  // half of that write reaches the disk first, as when it fills up
+  const char* reason;
+};
+
+class Faulty_Object : public Storage_Object_Wrapper {
+ public:
+  Faulty_Object(std::unique_ptr<Storage_Object> target, const Fault& fault)
+      : Storage_Object_Wrapper(std::move(target)), fault_(fault) {}
+  bool write(const void* data, std::size_t length, std::string& error) override {
+    if (fault_.step != Step::Write || ++writes_ != fault_.nth)
+      return Storage_Object_Wrapper::write(data, length, error);
+    if (fault_.partial && !Storage_Object_Wrapper::write(data, length / 2, error))
+      return false;
+    return error = fault_.reason, false;
+  }
+  bool sync(std::string& error) override {
+    return fault_.step == Step::Sync ? (error = fault_.reason, false)
+                                     : Storage_Object_Wrapper::sync(error);
+  }
+  bool commit(std::string& error) override {
+    return fault_.step == Step::Commit ? (error = fault_.reason, false)
+                                       : Storage_Object_Wrapper::commit(error);
+  }
+
+ private:
+  Fault fault_;
+  int writes_ = 0;
+};
+
+class Faulty_Driver : public Storage_Driver_Wrapper {
+ public:
+  Faulty_Driver(std::unique_ptr<Storage_Driver> target, const Fault& fault)
+      : Storage_Driver_Wrapper(std::move(target)), fault_(fault) {}
+  std::unique_ptr<Storage_Object> open(const std::string& name, int mode,
+                                       std::string& error) override {
+    if (mode == Client_IO_Ex::Write && fault_.step == Step::Open)
+      return error = fault_.reason, nullptr;
+    auto object = Storage_Driver_Wrapper::open(name, mode, error);
+    return object ? std::make_unique<Faulty_Object>(std::move(object), fault_) : nullptr;
+  }
+
+ private:
+  Fault fault_;
+};
+
+// 2.5 MiB of noise, seeded by `version`: the image writer hands it over in four writes.
+std::vector<std::uint8_t> disk_data(int version) {
+  std::vector<std::uint8_t> data(5u << 19);
+  std::uint64_t x = version * 0x9E3779B97F4A7C15ull;
+  for (auto& b : data)
+    b = static_cast<std::uint8_t>((x = x * 6364136223846793005ull + 1442695040888963407ull) >> 56);
+  return data;
+}
+
+bool write_object(Client_IO_Ex& io, const std::string& name, bool image, int version) {
+  if (!image)
+    return client_io_write_json(io, name, {{"version", version}});
+  const std::vector<std::uint8_t> data = disk_data(version);
+  const std::uint8_t id[16] = {7};
+  Image_Block_Writer writer(&io);
+  return io.open(name, Client_IO_Ex::Write) && writer.init(65536, 512, 1, 0) &&
+         writer.write_superblock(id, id) && writer.add_block(0, data.size()) &&
+         writer.write_blocks(
+             [&](std::uint64_t offset, std::size_t wanted, const void*& out) -> ssize_t {
+               out = data.data() + offset;
+               return static_cast<ssize_t>(std::min<std::size_t>(wanted, 1 << 20));
+             },
+             nullptr) &&
+         io.close();
+}
+
+// What the object holds: its JSON document or its image data, read back through `io`.
+std::string object_content(Client_IO_Ex& io, const std::string& name, bool image) {
+  JSON_Value doc;
+  if (!image)
+    return client_io_read_json(io, name, doc) ? doc.dump() : io.error();
+  std::string data;
+  if (!io.open(name, Client_IO_Ex::Read))
+    return io.error();
+  Image_Block_Reader reader(&io, 1 << 20);
+  reader.read_blocks([&](const void* p, std::size_t n, std::uint64_t) {
+    return data.append(static_cast<const char*>(p), n), true;
+  });
+  io.close();
+  return data;
+}
+
+TEST_F(Client_IO_Test, FailureAtAnyStepOfAWriteLeavesNothingNew) {
+  opts_.compression_ = Compression::None;
+  ASSERT_TRUE(io_.connect("file://" + pool_, opts_));
+  const Fault faults[] = {
+      {Step::None, 0, false, ""},
+      {Step::Open, 0, false, "Cannot create 'x': Permission denied"},
+      {Step::Write, 1, false, "Cannot write 'x': Input/output error"},
+      {Step::Write, 3, true, "Cannot write 'x': No space left on device"},  // images only
+      {Step::Sync, 0, false, "Cannot flush 'x': Input/output error"},
+      {Step::Commit, 0, false, "Cannot rename 'x': Read-only file system"},
+  };
+  for (bool image : {true, false}) {
+    for (const Fault& fault : faults) {
+      SCOPED_TRACE(std::string(image ? "image, " : "document, ") + "fault: " + fault.reason);
+      ASSERT_TRUE(io_.remove("vm/new") && write_object(io_, "vm/old", image, 1)) << io_.error();
+      const std::string old_bytes = read_file(pool_ + "/vm/old");
+      std::string error;
+      auto file = make_file_storage_driver("file://" + pool_, opts_, error);
+      ASSERT_TRUE(file) << error;
+      Client_IO_Ex io;
+      ASSERT_TRUE(io.connect(std::make_unique<Faulty_Driver>(std::move(file), fault), "x", opts_));
+      const bool fails = fault.step != Step::None && (image || fault.nth < 2);
+      for (const char* name : {"vm/new", "vm/old"})
+        EXPECT_EQ(write_object(io, name, image, 2), !fails) << name;
+      EXPECT_FALSE(io.is_open());
+      if (!fails) {  // read back through the wrapper too
+        const std::vector<std::uint8_t> data = disk_data(2);
+        const std::string expected =
+            image ? std::string(data.begin(), data.end()) : JSON_Value{{"version", 2}}.dump();
+        EXPECT_EQ(object_content(io, "vm/old", image), expected);
+        EXPECT_EQ(object_content(io, "vm/new", image), expected);
+        continue;
+      }
+      EXPECT_EQ(io.error(), fault.reason);
+      EXPECT_EQ(list_dir(pool_ + "/vm"), Names{"old"});  // no temporary either
+      EXPECT_EQ(read_file(pool_ + "/vm/old"), old_bytes);
+    }
+  }
 }
 
 }  // namespace
