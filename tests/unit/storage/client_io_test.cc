@@ -73,53 +73,38 @@ class Client_IO_Test : public testing::Test {
   Client_IO_Ex io_;
 };
 
-TEST_F(Client_IO_Test, WrittenObjectsReadBackAndReplaceOlderOnes) {
-  std::string data;
+TEST_F(Client_IO_Test, ObjectsReadBackAndAbandonedWritesLeaveNothing) {
+  std::string data, back;
   for (int i = 0; i < 1000; ++i)
     data += "block " + std::to_string(i) + "\n";
-  ASSERT_TRUE(put("/host/vm/disk_1", "the first version"));
-  ASSERT_TRUE(io_.open("/host/vm/disk_1", Client_IO_Ex::Write, 0, data.size())) << io_.error();
-  ASSERT_TRUE(io_.write(data.data(), 100));
-  ASSERT_TRUE(io_.write(data.data() + 100, data.size() - 100));
+  ASSERT_TRUE(io_.open("/vm/disk_1", Client_IO_Ex::Write, 0, data.size())) << io_.error();
+  ASSERT_TRUE(io_.write(data.data(), 100) && io_.write(data.data() + 100, data.size() - 100));
   ASSERT_TRUE(io_.close()) << io_.error();
   EXPECT_EQ(io_.storage_size(), data.size());
-  EXPECT_EQ(list_dir(pool_ + "/host/vm"), Names{"disk_1"});  // no temporary beside it
-  std::string back;
-  ASSERT_TRUE(get("host/vm/disk_1", back)) << io_.error();
+  ASSERT_TRUE(get("vm/disk_1", back)) << io_.error();
   EXPECT_EQ(back, data);
   EXPECT_EQ(io_.storage_size(), data.size());
-  ASSERT_TRUE(put("a/empty", ""));
-  ASSERT_TRUE(get("a/empty", back));
+  ASSERT_TRUE(put("vm/empty", "") && get("vm/empty", back));
   EXPECT_EQ(back, "");
-  // Writing is refused on an object opened for reading, and the other way round.
-  ASSERT_TRUE(io_.open("host/vm/disk_1", Client_IO_Ex::Read));
-  EXPECT_FALSE(io_.write("x", 1));
-  ASSERT_TRUE(io_.open("host/vm/other", Client_IO_Ex::Write));
-  char c;
-  EXPECT_EQ(io_.read(&c, 1), -1);
-}
-
-TEST_F(Client_IO_Test, AbandonedWriteLeavesNothing) {
-  ASSERT_TRUE(put("vm/kept", "old"));
+  ASSERT_TRUE(io_.open("vm/disk_1", Client_IO_Ex::Read));
+  EXPECT_FALSE(io_.write("x", 1));  // nor may an object open for writing be read
+  ASSERT_TRUE(io_.open("vm/other", Client_IO_Ex::Write));
+  EXPECT_EQ(io_.read(&back[0], 1), -1);
   {
     Client_IO_Ex writer;
     ASSERT_TRUE(writer.connect("file://" + pool_, opts_));
-    ASSERT_TRUE(writer.open("vm/new", Client_IO_Ex::Write));
-    ASSERT_TRUE(writer.write("partial", 7));
-    ASSERT_TRUE(writer.open("vm/kept", Client_IO_Ex::Write));  // abandons vm/new
+    ASSERT_TRUE(writer.open("vm/new", Client_IO_Ex::Write) && writer.write("partial", 7));
+    ASSERT_TRUE(writer.open("vm/empty", Client_IO_Ex::Write));  // abandons vm/new
     ASSERT_TRUE(writer.write("half-written", 12));
-  }  // destroyed without close: vm/kept must keep its old content
-  EXPECT_EQ(list_dir(pool_ + "/vm"), Names{"kept"});
-  EXPECT_EQ(read_file(pool_ + "/vm/kept"), "old");
+  }  // destroyed without close: vm/empty must stay as it was
   // Removing the object being written abandons the write; so does connecting to another pool.
-  ASSERT_TRUE(io_.open("vm/gone", Client_IO_Ex::Write));
-  ASSERT_TRUE(io_.write("abc", 3));
+  ASSERT_TRUE(io_.open("vm/gone", Client_IO_Ex::Write) && io_.write("abc", 3));
   EXPECT_TRUE(io_.remove("/vm/gone")) << io_.error();
-  EXPECT_FALSE(io_.is_open());
-  EXPECT_FALSE(io_.close());
+  EXPECT_FALSE(io_.is_open() || io_.close());
   ASSERT_TRUE(io_.open("vm/gone", Client_IO_Ex::Write));
   ASSERT_TRUE(io_.connect("file://" + tmp_.file("other"), opts_));
-  EXPECT_EQ(list_dir(pool_ + "/vm"), Names{"kept"});
+  EXPECT_EQ(list_dir(pool_ + "/vm"), (Names{"disk_1", "empty"}));
+  EXPECT_EQ(read_file(pool_ + "/vm/empty"), "");
 }
 
 TEST_F(Client_IO_Test, WriterKilledBeforeCloseLeavesNoObject) {
@@ -153,20 +138,16 @@ TEST_F(Client_IO_Test, WriterKilledBeforeCloseLeavesNoObject) {
   EXPECT_FALSE(get("/vm/disk", data));
 }
 
-TEST_F(Client_IO_Test, NamesOutsideThePoolAreRefused) {
+TEST_F(Client_IO_Test, NamesAndLinksCannotLeadOutOfThePool) {
   for (const char* path : {"", "/", "..", "../x", "/../x", "a/../../x", "a/..", "./a", "a/./b",
                            "a//b", "//a", "a/", "/a/b/"}) {
-    SCOPED_TRACE(path);
-    EXPECT_FALSE(io_.open(path, Client_IO_Ex::Write));
+    EXPECT_FALSE(io_.open(path, Client_IO_Ex::Write) || io_.open(path, Client_IO_Ex::Read) ||
+                 io_.remove(path));
     EXPECT_EQ(io_.error(), "Invalid object name '" + std::string(path) + "'");
-    EXPECT_FALSE(io_.open(path, Client_IO_Ex::Read));
-    EXPECT_FALSE(io_.remove(path));
   }
   EXPECT_FALSE(io_.open(std::string("a\0b", 3), Client_IO_Ex::Write));
   EXPECT_EQ(list_dir(tmp_.path()), Names{});
-}
 
-TEST_F(Client_IO_Test, SymbolicLinksCannotLeadOutOfThePool) {
   const std::string outside = tmp_.file("outside");
   ASSERT_EQ(mkdir(outside.c_str(), 0755), 0);
   write_text_file(outside + "/secret", "secret");
@@ -175,12 +156,9 @@ TEST_F(Client_IO_Test, SymbolicLinksCannotLeadOutOfThePool) {
   ASSERT_EQ(symlink((outside + "/secret").c_str(), (pool_ + "/vm/file_link").c_str()), 0);
   std::string data;
   EXPECT_FALSE(put("link/new", "data"));
-  EXPECT_NE(io_.error().find("'" + pool_ + "/link' is not a folder inside the pool"),
-            std::string::npos)
-      << io_.error();
-  EXPECT_FALSE(get("link/secret", data));
-  EXPECT_FALSE(io_.remove("link/secret"));
-  EXPECT_FALSE(get("vm/file_link", data));
+  EXPECT_EQ(io_.error(), "Cannot create '" + pool_ + "/link/new': folder '" + pool_ +
+                             "/link' is not a folder inside the pool");
+  EXPECT_FALSE(get("link/secret", data) || io_.remove("link/secret") || get("vm/file_link", data));
   // Writing over a link replaces the link, never what it points to.
   EXPECT_TRUE(put("vm/file_link", "mine"));
   EXPECT_EQ(list_dir(outside), Names{"secret"});
@@ -195,29 +173,20 @@ TEST_F(Client_IO_Test, ErrorsNameTheObjectAndTheReason) {
   ASSERT_TRUE(put("vm/file", "x"));
   EXPECT_FALSE(get("vm/missing", data));
   EXPECT_EQ(io_.error(), "Cannot open '" + pool_ + "/vm/missing': " + strerror(ENOENT));
-  EXPECT_FALSE(put("vm/file/child", "x"));  // a file stands where a folder is needed
-  EXPECT_NE(io_.error().find("folder '" + pool_ + "/vm/file' is not a folder"), std::string::npos)
-      << io_.error();
-  EXPECT_FALSE(get("vm", data));  // a folder is no object
+  EXPECT_FALSE(get("vm", data));  // a folder is no object, and cannot be removed
   EXPECT_EQ(io_.error(), "Cannot open '" + pool_ + "/vm': not a regular file");
+  EXPECT_FALSE(io_.remove("vm"));
+  EXPECT_EQ(io_.error(), "Cannot remove '" + pool_ + "/vm': " + strerror(EISDIR));
+  // Absent objects and folders count as removed.
+  EXPECT_TRUE(io_.remove("/vm/file") && io_.remove("vm/file") && io_.remove("nowhere/a"));
+  EXPECT_EQ(list_dir(pool_ + "/vm"), Names{});
   EXPECT_FALSE(io_.open("vm/x", 3));
   EXPECT_EQ(io_.error(), "Cannot open 'vm/x': invalid mode 3");
   EXPECT_FALSE(io_.open("vm/x", Client_IO_Ex::Write, 1));
   EXPECT_EQ(io_.error(), "Cannot open 'vm/x': invalid flags 1");
-
-  // Removing: absent objects and folders count as removed, a folder is refused.
-  ASSERT_TRUE(put("vm/b", "b"));
-  EXPECT_TRUE(io_.remove("/vm/file")) << io_.error();
-  EXPECT_EQ(list_dir(pool_ + "/vm"), Names{"b"});
-  EXPECT_TRUE(io_.remove("vm/file")) << io_.error();
-  EXPECT_TRUE(io_.remove("nowhere/a")) << io_.error();
-  EXPECT_FALSE(io_.remove("vm"));
-  EXPECT_NE(io_.error().find("Cannot remove '" + pool_ + "/vm'"), std::string::npos);
-
   Client_IO_Ex unconnected;
-  EXPECT_FALSE(unconnected.open("vm/x", Client_IO_Ex::Read));
-  EXPECT_EQ(unconnected.error(), "Cannot open 'vm/x': not connected to a storage pool");
-  EXPECT_FALSE(unconnected.remove("vm/x"));
+  EXPECT_FALSE(unconnected.open("vm/x", Client_IO_Ex::Read) || unconnected.remove("vm/x"));
+  EXPECT_EQ(unconnected.error(), "Cannot remove 'vm/x': not connected to a storage pool");
 }
 
 // The backup server registers exactly the pools the client opens.
@@ -232,14 +201,10 @@ TEST(Pool_URL, ServerAndClientAgree) {
       {"s3://bucket/prefix", "Unsupported", "s3:// pools are not supported yet"},
       {"nfs:///pool", "Unsupported", "expected file:///absolute/folder"},
       {"/abs/dir", "Invalid", "expected file:///absolute/folder"},
-      {"://x", "Invalid", "expected file:///absolute/folder"},
-      {"file://", "Invalid", "the folder must be absolute, as in file:///srv/pool"},
       {"file://host/dir", "Invalid", "the folder must be absolute, as in file:///srv/pool"},
       {"file:///", "Invalid", "the root folder cannot be a pool"},
-      {"file:///a//b", "Invalid", "empty folder name (a doubled or trailing '/')"},
-      {"file:///a/b/", "Invalid", "empty folder name (a doubled or trailing '/')"},
+      {"file:///a//b/", "Invalid", "empty folder name (a doubled or trailing '/')"},
       {"file:///a/./b", "Invalid", "'.' and '..' are not allowed in the folder"},
-      {"file:///a/../b", "Invalid", "'.' and '..' are not allowed in the folder"},
       {"file:///a/..", "Invalid", "'.' and '..' are not allowed in the folder"},
       {"file:///a\n", "Invalid", "control characters are not allowed"},
       {"file:///a ", "Invalid", "leading or trailing spaces are not allowed"},
@@ -273,72 +238,52 @@ TEST(Client_IO_Drivers, SchemesAndNames) {
   EXPECT_FALSE(io.connect("wrapped:///", Client_IO_Base::Options()));
   EXPECT_EQ(io.error(), "Invalid storage pool URL 'file:///': the root folder cannot be a pool");
 
-  const struct {
-    const char* name;
-    int value;
-    const char* suffix;
-  } cases[] = {{"none", 4, ""}, {"zstd", 1, ".zst"}, {"lz4", 2, ".lz4"}, {"zlib", 3, ".zlib"}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(compression_name_to_value(c.name), c.value);
-    EXPECT_STREQ(compression_value_to_suffix(c.value), c.suffix);
+  std::string names;  // the values of the names, and their suffixes
+  for (const char* name : {"zstd", "lz4", "zlib", "none", "ZSTD", "gzip"}) {
+    int value = compression_name_to_value(name);
+    names += std::to_string(value) + compression_value_to_suffix(value) + " ";
   }
-  for (const char* name : {"", "ZSTD", "gzip"})
-    EXPECT_EQ(compression_name_to_value(name), 0) << name;
-  EXPECT_STREQ(compression_value_to_suffix(0), "");
+  EXPECT_EQ(names, "1.zst 2.lz4 3.zlib 4 0 0 ");
   EXPECT_STREQ(compression_value_to_suffix(5), "");
 }
 
 // A stored document as its layout says: header, then the text as one block.
 std::string stored_document(int codec, const std::string& block, const std::string& text,
                             int version = 1) {
-  std::string doc("BRLJSON\0", 8);
-  doc += static_cast<char>(version);
-  doc += static_cast<char>(codec);
-  doc += std::string(2, '\0');
-  for (std::uint64_t v = text.size(), i = 0; i < 4; ++i, v >>= 8)
-    doc += static_cast<char>(v & 0xff);
-  for (std::uint64_t v = XXH3_64bits(text.data(), text.size()), i = 0; i < 8; ++i, v >>= 8)
-    doc += static_cast<char>(v & 0xff);
+  std::string doc = std::string("BRLJSON\0", 8) + char(version) + char(codec) + '\0' + '\0';
+  auto put = [&](std::uint64_t v, int bytes) {
+    for (; bytes-- > 0; v >>= 8)
+      doc += char(v & 0xff);
+  };
+  put(text.size(), 4);
+  put(XXH3_64bits(text.data(), text.size()), 8);
   return doc + block;
 }
 
 TEST_F(Client_IO_Test, JSONDocumentsNameTheirCodec) {
-  const JSON_Value doc = {{"name", "vm-01"}, {"note", std::string(5000, 'a')}};
+  const JSON_Value doc = {{"name", "vm-01"}, {"note", std::string(3000, 'a')}};
+  const std::string text = doc.dump();
+  std::string stored[5];
   for (int codec : {1, 2, 3, 4}) {
     SCOPED_TRACE(codec);
     opts_.compression_ = static_cast<Compression>(codec);
     opts_.compression_level_ = codec == 4 ? 7 : 1;  // "none" ignores any level
-    ASSERT_TRUE(io_.connect("file://" + pool_, opts_));
-    ASSERT_TRUE(client_io_write_json(io_, "/h/doc", doc)) << io_.error();
+    ASSERT_TRUE(io_.connect("file://" + pool_, opts_) && client_io_write_json(io_, "/h/doc", doc) &&
+                client_io_write_json(io_, "/h/number", 80))
+        << io_.error();
+    stored[codec] = read_file(pool_ + "/h/doc");
+    EXPECT_EQ(stored[codec].substr(0, 10), std::string("BRLJSON\0\1", 9) + char(codec));
+    EXPECT_EQ(stored[codec].size() < 1000, codec != 4);
     // Too short to shrink, so stored plain whatever the codec; as plain text it looked like zlib.
-    ASSERT_TRUE(client_io_write_json(io_, "/h/number", 80)) << io_.error();
-    const std::string stored = read_file(pool_ + "/h/doc");
-    EXPECT_EQ(stored.substr(0, 10), std::string("BRLJSON\0\1", 9) + static_cast<char>(codec));
-    if (codec == 4)
-      EXPECT_EQ(stored, stored_document(4, doc.dump(), doc.dump()));
-    else
-      EXPECT_LT(stored.size(), 1000u);
     EXPECT_EQ(read_file(pool_ + "/h/number"), stored_document(4, "80", "80"));
     Client_IO_Ex reader;  // needs no knowledge of the codec
-    ASSERT_TRUE(reader.connect("file://" + pool_, Client_IO_Base::Options()));
     JSON_Value back;
-    ASSERT_TRUE(client_io_read_json(reader, "h/doc", back)) << reader.error();
-    EXPECT_EQ(back, doc);
-    ASSERT_TRUE(client_io_read_json(reader, "h/number", back)) << reader.error();
-    EXPECT_EQ(back, 80);
+    ASSERT_TRUE(reader.connect("file://" + pool_, Client_IO_Base::Options()));
+    EXPECT_TRUE(client_io_read_json(reader, "h/doc", back) && back == doc) << reader.error();
+    EXPECT_TRUE(client_io_read_json(reader, "h/number", back) && back == 80) << reader.error();
   }
-}
-
-TEST_F(Client_IO_Test, DamagedJSONDocumentsAreRefused) {
-  const std::string text = JSON_Value{{"note", std::string(3000, 'b')}}.dump();
-  std::string valid[5];
-  for (int codec : {1, 2, 3}) {
-    opts_.compression_ = static_cast<Compression>(codec);
-    ASSERT_TRUE(io_.connect("file://" + pool_, opts_));
-    ASSERT_TRUE(client_io_write_json(io_, "doc", JSON_Value::parse(text)));
-    valid[codec] = read_file(pool_ + "/doc");
-  }
-  std::string large = stored_document(4, text, text);
+  EXPECT_EQ(stored[4], stored_document(4, text, text));
+  std::string large = stored[4];
   large[15] = 0x04;  // a length of 64 MiB and more
   const std::pair<std::string, std::string> cases[] = {
       {"", "not a stored JSON document"},
@@ -346,9 +291,9 @@ TEST_F(Client_IO_Test, DamagedJSONDocumentsAreRefused) {
       {stored_document(4, text, text, 2), "unsupported document version 2"},
       {stored_document(9, text, text), "unknown codec 9"},
       {large, "the document is larger than 64 MiB"},
-      {valid[1].substr(0, valid[1].size() - 5), "damaged zstd data"},
-      {valid[2].substr(0, valid[2].size() - 3), "damaged lz4 data"},
-      {valid[3].substr(0, valid[3].size() / 2), "damaged zlib data"},
+      {stored[1].substr(0, stored[1].size() - 5), "damaged zstd data"},
+      {stored[2].substr(0, stored[2].size() - 3), "damaged lz4 data"},
+      {stored[3].substr(0, stored[3].size() / 2), "damaged zlib data"},
       {stored_document(4, text + " ", text), "damaged none data"},
       {stored_document(4, "[2]", "[1]"), "checksum mismatch"},
       {stored_document(4, "{", "{"), "not a valid JSON document"},
@@ -388,15 +333,16 @@ class Faulty_Object : public Storage_Object_Wrapper {
     return error = fault_.reason, false;
   }
   bool sync(std::string& error) override {
-    return fault_.step == Step::Sync ? (error = fault_.reason, false)
-                                     : Storage_Object_Wrapper::sync(error);
+    return !fails(Step::Sync, error) && Storage_Object_Wrapper::sync(error);
   }
   bool commit(std::string& error) override {
-    return fault_.step == Step::Commit ? (error = fault_.reason, false)
-                                       : Storage_Object_Wrapper::commit(error);
+    return !fails(Step::Commit, error) && Storage_Object_Wrapper::commit(error);
   }
 
  private:
+  bool fails(Step step, std::string& error) const {
+    return fault_.step == step && (error = fault_.reason, true);
+  }
   Fault fault_;
   int writes_ = 0;
 };
@@ -443,22 +389,6 @@ bool write_object(Client_IO_Ex& io, const std::string& name, bool image, int ver
          io.close();
 }
 
-// What the object holds: its JSON document or its image data, read back through `io`.
-std::string object_content(Client_IO_Ex& io, const std::string& name, bool image) {
-  JSON_Value doc;
-  if (!image)
-    return client_io_read_json(io, name, doc) ? doc.dump() : io.error();
-  std::string data;
-  if (!io.open(name, Client_IO_Ex::Read))
-    return io.error();
-  Image_Block_Reader reader(&io, 1 << 20);
-  reader.read_blocks([&](const void* p, std::size_t n, std::uint64_t) {
-    return data.append(static_cast<const char*>(p), n), true;
-  });
-  io.close();
-  return data;
-}
-
 TEST_F(Client_IO_Test, FailureAtAnyStepOfAWriteLeavesNothingNew) {
   opts_.compression_ = Compression::None;
   ASSERT_TRUE(io_.connect("file://" + pool_, opts_));
@@ -472,7 +402,7 @@ TEST_F(Client_IO_Test, FailureAtAnyStepOfAWriteLeavesNothingNew) {
   };
   for (bool image : {true, false}) {
     for (const Fault& fault : faults) {
-      SCOPED_TRACE(std::string(image ? "image, " : "document, ") + "fault: " + fault.reason);
+      SCOPED_TRACE(std::string(image ? "image " : "document ") + fault.reason);
       ASSERT_TRUE(io_.remove("vm/new") && write_object(io_, "vm/old", image, 1)) << io_.error();
       const std::string old_bytes = read_file(pool_ + "/vm/old");
       std::string error;
@@ -484,12 +414,15 @@ TEST_F(Client_IO_Test, FailureAtAnyStepOfAWriteLeavesNothingNew) {
       for (const char* name : {"vm/new", "vm/old"})
         EXPECT_EQ(write_object(io, name, image, 2), !fails) << name;
       EXPECT_FALSE(io.is_open());
-      if (!fails) {  // read back through the wrapper too
-        const std::vector<std::uint8_t> data = disk_data(2);
-        const std::string expected =
-            image ? std::string(data.begin(), data.end()) : JSON_Value{{"version", 2}}.dump();
-        EXPECT_EQ(object_content(io, "vm/old", image), expected);
-        EXPECT_EQ(object_content(io, "vm/new", image), expected);
+      if (!fails) {  // as a plain write leaves it, and read back through the wrapper too
+        ASSERT_TRUE(write_object(io_, "ref/x", image, 2));
+        const std::string expected = read_file(pool_ + "/ref/x");
+        for (const char* name : {"vm/new", "vm/old"}) {
+          std::string raw(expected.size() + 1, '\0');
+          ASSERT_TRUE(io.open(name, Client_IO_Ex::Read));
+          raw.resize(std::max<ssize_t>(io.read(&raw[0], raw.size()), 0));
+          EXPECT_TRUE(raw == expected && io.storage_size() == raw.size() && io.close()) << name;
+        }
         continue;
       }
       EXPECT_EQ(io.error(), fault.reason);
