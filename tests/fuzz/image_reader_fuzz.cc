@@ -38,12 +38,12 @@ class Memory_Reader : public Image_Reader {
 
 class Memory_Writer : public vxrt::Image_Writer {
  public:
+  using vxrt::Image_Writer::Image_Writer;
   std::string bytes;
 
  protected:
   bool write_i(const void* data, std::size_t size) override {
-    bytes.append(static_cast<const char*>(data), size);
-    return true;
+    return bytes.append(static_cast<const char*>(data), size), true;
   }
   std::string name_i() const override { return "seed"; }
 };
@@ -53,22 +53,19 @@ void write_seeds(const std::string& dir) {
   int n = 0;
   for (auto codec : {Client_IO_Base::Compression::None, Client_IO_Base::Compression::Lz4,
                      Client_IO_Base::Compression::Zstd, Client_IO_Base::Compression::Zlib}) {
-    Memory_Writer w;
-    if (!w.init(4096, 512, 1, 0) || !w.set_compression(codec, 0) ||
-        !w.write_superblock(id, id, "x", 1) || !w.add_block(0, 5000) || !w.add_block(9000, 3) ||
-        !w.add_block(20000, 4096))
-      abort();
+    Memory_Writer w(codec);
     std::vector<std::uint8_t> buffer(8192);
-    bool ok = w.write_blocks(
-        [&](std::uint64_t offset, std::size_t wanted, const void*& data) -> ssize_t {
-          std::size_t len = std::min(wanted, buffer.size());
-          for (std::size_t i = 0; i < len; ++i)
-            buffer[i] = offset + i < 20000 ? "text of a disk "[(offset + i) % 15] : 0;
-          data = buffer.data();
-          return static_cast<ssize_t>(len);
-        },
-        nullptr);
-    if (!ok)
+    if (!w.init(4096, 512, 1, 0) || !w.write_superblock(id, id, "x", 1) || !w.add_block(0, 5000) ||
+        !w.add_block(9000, 3) || !w.add_block(20000, 4096) ||
+        !w.write_blocks(
+            [&](std::uint64_t offset, std::size_t wanted, const void*& data) -> ssize_t {
+              std::size_t len = std::min(wanted, buffer.size());
+              for (std::size_t i = 0; i < len; ++i)
+                buffer[i] = offset + i < 20000 ? "text of a disk "[(offset + i) % 15] : 0;
+              data = buffer.data();
+              return static_cast<ssize_t>(len);
+            },
+            nullptr))
       abort();
     std::ofstream(dir + "/seed" + std::to_string(n++)) << w.bytes;
   }

