@@ -9,31 +9,28 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
 
 class Memory_Reader : public Image_Reader {
  public:
-  Memory_Reader(const std::uint8_t* data, std::size_t size, std::size_t buffer_size)
-      : Image_Reader(buffer_size), data_(data), size_(size) {}
+  Memory_Reader(std::string_view data, std::size_t buffer_size)
+      : Image_Reader(buffer_size), rest_(data) {}
 
  protected:
   ssize_t read_i(void* out, std::size_t size) override {
-    std::size_t n = std::min(size, size_ - at_);
-    std::memcpy(out, data_ + at_, n);
-    at_ += n;
+    std::size_t n = rest_.copy(static_cast<char*>(out), size);
+    rest_.remove_prefix(n);
     return static_cast<ssize_t>(n);
   }
   std::string name_i() const override { return "fuzz"; }
 
  private:
-  const std::uint8_t* data_;
-  std::size_t size_;
-  std::size_t at_ = 0;
+  std::string_view rest_;
 };
 
 class Memory_Writer : public vxrt::Image_Writer {
@@ -83,7 +80,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   for (std::size_t buffer_size : {std::size_t(1000), std::size_t(1) << 16}) {
-    Memory_Reader reader(data, size, buffer_size);
+    Memory_Reader reader({reinterpret_cast<const char*>(data), size}, buffer_size);
     std::uint64_t sum = 0;
     reader.read_blocks([&](const void* block, std::size_t length, std::uint64_t) {
       if (length == 0 || length > buffer_size)
