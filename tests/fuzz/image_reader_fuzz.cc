@@ -1,8 +1,6 @@
 // Arbitrary bytes as an image object: the reader must answer true or false, never crash, never
-// hand over more than its buffer or data from outside what it decoded.
-//
-// With BRIMLET_FUZZ_SEEDS=<dir> it first writes a few valid objects into <dir> (every codec,
-// zero runs, extra superblock data), so that runs start from the real format.
+// hand over more than its buffer or data from outside what it decoded. With BRIMLET_FUZZ_SEEDS=
+// <dir> it first writes valid objects (every codec, zero runs, extra data) there to start from.
 #include "host/storage/image.h"
 
 #include <ace/Log_Msg.h>

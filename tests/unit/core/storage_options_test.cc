@@ -26,7 +26,6 @@ TEST(Storage_Options, RoundTripsEveryMemberAndKeepsAbsentOnes) {
   EXPECT_EQ(dumped(opts, {{"other", 1}}), all);
   EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::Lz4);
   EXPECT_EQ(opts.access_mode_, Client_IO_Base::Access_Mode::Proxy);
-  EXPECT_EQ(opts.io_timeout_, 86400);
 
   // Absent keys keep their values, unknown keys are ignored, and "none" takes any level.
   ASSERT_TRUE((opts << JSON_Value{{"compression", "zlib"}, {"compression_level", 9}, {"x", 1}}));
