@@ -45,7 +45,6 @@ class Memory_Writer : public vxrt::Image_Writer {
 
 void write_seeds(const std::string& dir) {
   const std::uint8_t id[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-  int n = 0;
   for (auto codec : {Client_IO_Base::Compression::None, Client_IO_Base::Compression::Lz4,
                      Client_IO_Base::Compression::Zstd, Client_IO_Base::Compression::Zlib}) {
     Memory_Writer w(codec);
@@ -62,7 +61,7 @@ void write_seeds(const std::string& dir) {
             },
             nullptr))
       abort();
-    std::ofstream(dir + "/seed" + std::to_string(n++)) << w.bytes;
+    std::ofstream(dir + "/seed" + std::to_string(int(codec))) << w.bytes;
   }
 }
 
