@@ -52,7 +52,6 @@ bool Client_IO_Ex::fail(const std::string& error) {
 void Client_IO_Ex::abandon() {
   object_.reset();
   mode_ = 0;
-  write_failed_ = false;
 }
 
 bool Client_IO_Ex::register_driver(const std::string& scheme, Storage_Driver_Factory factory) {
@@ -97,6 +96,7 @@ bool Client_IO_Ex::connect(std::unique_ptr<Storage_Driver> driver, const std::st
 
 bool Client_IO_Ex::open(const std::string& path, int mode, int flags, std::uint64_t) {
   abandon();
+  error_.clear();
   path_ = path;
   storage_size_ = 0;
   if (!driver_)
@@ -125,7 +125,6 @@ bool Client_IO_Ex::write(const void* data, std::size_t length) {
   if (ok)
     return true;
   abandon();
-  write_failed_ = true;
   return fail(error);
 }
 
@@ -142,12 +141,8 @@ ssize_t Client_IO_Ex::read(void* buffer, std::size_t length) {
 }
 
 bool Client_IO_Ex::close() {
-  if (!object_ && write_failed_) {  // keeps the write's reason
-    write_failed_ = false;
-    return false;
-  }
-  if (!object_)
-    return fail("Cannot close '" + path_ + "': not open");
+  if (!object_)  // keeps the reason of the failure that ended the object, if one did
+    return error_.empty() ? fail("Cannot close '" + path_ + "': not open") : false;
   std::string error;
   bool ok = (mode_ != Write || object_->sync(error)) && object_->commit(error);
   storage_size_ = object_->stored_size();

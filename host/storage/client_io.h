@@ -45,7 +45,8 @@ class Client_IO_Ex : public Client_IO_Base {
   ssize_t read(void* buffer, std::size_t length);
 
   // Commits a write (Storage_Object::sync, then commit) or ends a read. The object is closed even
-  // when this fails. After a failed write it is false, and error() still gives the write's reason.
+  // when this fails. With no object open it is false, and error() keeps the reason of the failure
+  // that ended the last one (a failed open or write, say).
   bool close();
 
   // Removes an object of the pool. When it is the object being written, that write is abandoned.
@@ -81,7 +82,6 @@ class Client_IO_Ex : public Client_IO_Base {
   std::unique_ptr<Storage_Driver> driver_;
   std::unique_ptr<Storage_Object> object_;
   int mode_ = 0;
-  bool write_failed_ = false;  // the last write failed and abandoned the object
   std::uint64_t storage_size_ = 0;
 };
 
