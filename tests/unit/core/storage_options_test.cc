@@ -31,7 +31,7 @@ TEST(Storage_Options, RoundTripsEveryMemberAndKeepsAbsentOnes) {
   ASSERT_TRUE((opts << JSON_Value{{"compression", "zlib"}, {"compression_level", 9}, {"x", 1}}));
   EXPECT_TRUE(opts.compression_ == Client_IO_Base::Compression::Zlib &&
               opts.compression_level_ == 9 && opts.retry_count_ == 0);
-  ASSERT_TRUE((opts << JSON_Value{{"compression", "none"}, {"compression_level", 0}}));
+  ASSERT_TRUE((opts << JSON_Value{{"compression", "none"}, {"compression_level", 5}}));
   EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::None);
 }
 
