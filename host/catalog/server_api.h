@@ -34,7 +34,8 @@ constexpr char cvm_route[] = "/k4/r/h3ccas/cvm";
 // Storage pools.
 //   POST (admin) {"name": "lab", "url": "file:///srv/pool1", "io_options": {"compression": "zstd"}}
 //        -> 201 {"uuid": U}; 409 {"error": ..., "uuid": "<existing>"} for a taken name (compared
-//        without case). "url" is file:///<absolute dir> or s3://<bucket>[/prefix];
+//        without case). "url" is file:///<absolute folder>, checked by validate_pool_url (s3:// is
+//        refused until a driver for it exists);
 //        "io_options" is optional (the object form of the pool I/O options, stored as given).
 //   GET  (agent, admin) -> 200 {"rows": [pool, ...]} in registration order
 //   GET  (agent, admin) ?uuid=U -> 200 pool; 404 when unknown

@@ -1,6 +1,8 @@
 #include "host/storage/client_io.h"
 
+#include "host/storage/codec.h"
 #include "host/storage/file_driver.h"
+#include "host/storage/pool_url.h"
 
 #include <map>
 #include <mutex>
@@ -17,17 +19,6 @@ Driver_Registry& registry() {
   static Driver_Registry s_registry;
   return s_registry;
 }
-
-const struct {
-  const char* name;
-  Client_IO_Base::Compression value;
-  const char* suffix;
-} s_compressions[] = {
-    {"none", Client_IO_Base::Compression::None, ""},
-    {"zstd", Client_IO_Base::Compression::Zstd, ".zst"},
-    {"lz4", Client_IO_Base::Compression::Lz4, ".lz4"},
-    {"zlib", Client_IO_Base::Compression::Zlib, ".zlib"},
-};
 
 }  // namespace
 
@@ -75,26 +66,37 @@ bool Client_IO_Ex::connect(const std::string& url, const Options& options) {
   url_ = url;
   options_ = options;
   const std::string::size_type colon = url.find("://");
-  if (colon == std::string::npos || colon == 0)
-    return fail("Invalid storage pool URL '" + url + "'");
   Storage_Driver_Factory factory;
-  {
+  if (colon != std::string::npos) {
     Driver_Registry& r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
     auto it = r.factories.find(url.substr(0, colon));
-    if (it == r.factories.end())
-      return fail("Unsupported storage pool URL '" + url + "'");
-    factory = it->second;
+    if (it != r.factories.end())
+      factory = it->second;
   }
   std::string error;
-  driver_ = factory(url, options, error);
-  if (!driver_)
+  if (!factory) {
+    std::string folder;
+    if (validate_pool_url(url, folder, error))  // a scheme it accepts always has a driver
+      error = "Unsupported storage pool URL '" + url + "'";
     return fail(error);
-  return true;
+  }
+  driver_ = factory(url, options, error);
+  return driver_ != nullptr || fail(error);
+}
+
+bool Client_IO_Ex::connect(std::unique_ptr<Storage_Driver> driver, const std::string& url,
+                           const Options& options) {
+  abandon();
+  url_ = url;
+  options_ = options;
+  driver_ = std::move(driver);
+  return driver_ != nullptr || fail("No storage driver for '" + url + "'");
 }
 
 bool Client_IO_Ex::open(const std::string& path, int mode, int flags, std::uint64_t) {
   abandon();
+  error_.clear();
   path_ = path;
   storage_size_ = 0;
   if (!driver_)
@@ -120,7 +122,10 @@ bool Client_IO_Ex::write(const void* data, std::size_t length) {
   std::string error;
   bool ok = object_->write(data, length, error);
   storage_size_ = object_->stored_size();
-  return ok || fail(error);
+  if (ok)
+    return true;
+  abandon();
+  return fail(error);
 }
 
 ssize_t Client_IO_Ex::read(void* buffer, std::size_t length) {
@@ -136,10 +141,10 @@ ssize_t Client_IO_Ex::read(void* buffer, std::size_t length) {
 }
 
 bool Client_IO_Ex::close() {
-  if (!object_)
-    return fail("Cannot close '" + path_ + "': not open");
+  if (!object_)  // keeps the reason of the failure that ended the object, if one did
+    return error_.empty() ? fail("Cannot close '" + path_ + "': not open") : false;
   std::string error;
-  bool ok = object_->commit(error);
+  bool ok = (mode_ != Write || object_->sync(error)) && object_->commit(error);
   storage_size_ = object_->stored_size();
   abandon();
   return ok || fail(error);
@@ -158,15 +163,11 @@ bool Client_IO_Ex::remove(const std::string& path) {
 }
 
 int compression_name_to_value(const std::string& name) {
-  for (const auto& c : s_compressions)
-    if (name == c.name)
-      return static_cast<int>(c.value);
-  return 0;
+  const Codec_Info* info = codec_info(name);
+  return info ? static_cast<int>(info->codec) : 0;
 }
 
 const char* compression_value_to_suffix(int value) {
-  for (const auto& c : s_compressions)
-    if (value == static_cast<int>(c.value))
-      return c.suffix;
-  return "";
+  const Codec_Info* info = codec_info(value);
+  return info ? info->suffix : "";
 }

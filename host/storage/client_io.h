@@ -4,55 +4,14 @@
 
 #include "host/core/json.h"
 #include "host/storage/options.h"
+#include "host/storage/storage_driver.h"
 
 #include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
-
-// An object opened by a driver. Methods report failure by returning false (or -1) and filling
-// `error` with the reason; they never log, the client's caller does.
-class Storage_Object {
- public:
-  // Discards a write that was not committed: nothing remains under the object's name.
-  virtual ~Storage_Object() = default;
-
-  // Appends `length` bytes to an object opened for writing.
-  virtual bool write(const void* data, std::size_t length, std::string& error) = 0;
-
-  // Reads up to `length` bytes of an object opened for reading: fewer only at its end, 0 once
-  // at the end, -1 on failure.
-  virtual ssize_t read(void* buffer, std::size_t length, std::string& error) = 0;
-
-  // For a write: makes the object durable and visible under its name, replacing an older object
-  // of that name; on failure nothing new is visible. For a read: releases it.
-  virtual bool commit(std::string& error) = 0;
-
-  // Bytes the pool holds for the object: written so far, or its whole size when read.
-  virtual std::uint64_t stored_size() const = 0;
-};
-
-// One pool reached through a URL. Object names given to a driver are already checked: relative,
-// '/'-separated, without empty, "." or ".." components.
-class Storage_Driver {
- public:
-  virtual ~Storage_Driver() = default;
-
-  // Opens object `name` for reading (mode 1) or writing (mode 2). A written object becomes
-  // visible only when committed; folders a name needs are created by the write.
-  virtual std::unique_ptr<Storage_Object> open(const std::string& name, int mode,
-                                               std::string& error) = 0;
-
-  // Removes object `name`. An object that does not exist counts as removed.
-  virtual bool remove(const std::string& name, std::string& error) = 0;
-};
-
-// Makes a driver for `url` (its scheme already matched); null with `error` filled on failure.
-using Storage_Driver_Factory = std::function<std::unique_ptr<Storage_Driver>(
-    const std::string& url, const Client_IO_Base::Options& options, std::string& error)>;
 
 // The storage-pool client: connect once, then open, read or write, close, one object at a time.
 // Every failure returns false (or -1) and keeps the reason, with the object's name, for error();
@@ -67,21 +26,27 @@ class Client_IO_Ex : public Client_IO_Base {
   Client_IO_Ex(const Client_IO_Ex&) = delete;
   Client_IO_Ex& operator=(const Client_IO_Ex&) = delete;
 
-  // Chooses the driver by the URL's scheme ("file:///abs/dir"). Connecting again replaces the
-  // pool (an open object is abandoned first).
+  // Chooses the driver by the URL's scheme ("file:///abs/dir", see validate_pool_url).
+  // Connecting again replaces the pool (an open object is abandoned first).
   bool connect(const std::string& url, const Options& options);
+  // Reaches the pool at `url` through `driver`, made by the caller (a wrapper around another
+  // driver, say); `url` is kept for url() only.
+  bool connect(std::unique_ptr<Storage_Driver> driver, const std::string& url,
+               const Options& options);
 
   // Opens `path` ("/a/b" or "a/b", relative to the pool) with mode Read or Write. `flags` must be
   // 0 (none is defined yet); `size_hint` is the expected size of a written object, 0 if unknown.
   // An object still open is abandoned first.
   bool open(const std::string& path, int mode, int flags = 0, std::uint64_t size_hint = 0);
 
+  // A failed write abandons the object: nothing new appears under its name.
   bool write(const void* data, std::size_t length);
   // Bytes read (fewer than `length` only at the end, 0 at the end) or -1.
   ssize_t read(void* buffer, std::size_t length);
 
-  // Commits a write (see Storage_Object::commit) or ends a read. The object is closed even when
-  // this fails.
+  // Commits a write (Storage_Object::sync, then commit) or ends a read. The object is closed even
+  // when this fails. With no object open it is false, and error() keeps the reason of the failure
+  // that ended the last one (a failed open or write, say).
   bool close();
 
   // Removes an object of the pool. When it is the object being written, that write is abandoned.
@@ -131,9 +96,14 @@ int compression_name_to_value(const std::string& name);
 // value.
 const char* compression_value_to_suffix(int value);
 
+// Stored JSON documents. Layout (integers little-endian): magic "BRLJSON" and a 0 byte, version
+// (u8, 1), codec (u8, a Client_IO_Base::Compression value), u16 0, length of the JSON text (u32,
+// at most 64 MiB), XXH3-64 of the text (u64), then the text as one block of that codec.
+//
 // Writes `json` as object `path` of the pool `io` is connected to, compressed with the method of
-// the client's options. False with io.error() set on failure; no object is left behind then.
+// the client's options (stored plain when that does not shrink it). False with io.error() set on
+// failure; no object is left behind then.
 bool client_io_write_json(Client_IO_Ex& io, const std::string& path, const JSON_Value& json);
-// Reads a document written by client_io_write_json (any method, or plain JSON). False with
-// io.error() set when the object cannot be read, is not valid JSON or is larger than 64 MiB.
+// Reads a document written by client_io_write_json. False with io.error() set when the object
+// cannot be read, is no such document, is damaged or holds no valid JSON.
 bool client_io_read_json(Client_IO_Ex& io, const std::string& path, JSON_Value& json);

@@ -1,6 +1,7 @@
 #include "host/storage/file_driver.h"
 
 #include "host/core/unique_fd.h"
+#include "host/storage/pool_url.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -87,11 +88,9 @@ class File_Object : public Storage_Object {
     return static_cast<ssize_t>(done);
   }
 
-  bool commit(std::string& error) override {
-    if (temp_name_.empty()) {
-      fd_.reset();
+  bool sync(std::string& error) override {
+    if (temp_name_.empty() || !fd_)
       return true;
-    }
     if (::fsync(fd_.get()) != 0) {
       error = sys_error("Cannot flush", path_);
       return false;
@@ -100,13 +99,23 @@ class File_Object : public Storage_Object {
       error = sys_error("Cannot close", path_);
       return false;
     }
+    return true;
+  }
+
+  bool commit(std::string& error) override {
+    if (temp_name_.empty()) {
+      fd_.reset();
+      return true;
+    }
+    if (fd_ && !sync(error))
+      return false;
     if (::renameat(dir_.get(), temp_name_.c_str(), dir_.get(), base_.c_str()) != 0) {
       error = sys_error("Cannot rename the temporary object to", path_);
       return false;
     }
     temp_name_.clear();  // the object is in place: nothing left to discard
     if (::fsync(dir_.get()) != 0) {
-      error = sys_error("Cannot flush the folder of", path_);
+      error = sys_error("Written, but cannot flush the folder of", path_);
       return false;
     }
     return true;
@@ -257,15 +266,8 @@ class File_Driver : public Storage_Driver {
 std::unique_ptr<Storage_Driver> make_file_storage_driver(const std::string& url,
                                                          const Client_IO_Base::Options&,
                                                          std::string& error) {
-  const std::string prefix = "file://";
-  std::string root = url.substr(prefix.size());
-  if (!root.empty() && root.back() == '/')
-    root.pop_back();
-  // The same rules as object names keep ".." and doubled slashes out; "/" itself is no pool.
-  std::string relative;
-  if (root.empty() || root[0] != '/' || !storage_object_name(root, relative)) {
-    error = "Invalid pool URL '" + url + "': expected file:///absolute/folder";
+  std::string folder;
+  if (!validate_pool_url(url, folder, error))
     return nullptr;
-  }
-  return std::make_unique<File_Driver>("/" + relative);
+  return std::make_unique<File_Driver>(folder);
 }

@@ -1,12 +1,9 @@
 #include "host/storage/image.h"
 
 #include "host/core/log.h"
+#include "host/storage/codec.h"
 
-#include <lz4.h>
-#include <lz4hc.h>
 #include <xxhash.h>
-#include <zlib.h>
-#include <zstd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -88,89 +85,7 @@ bool decode(const std::uint8_t* p, Record& r) {
   return true;
 }
 
-std::size_t max_stored(Compression codec, std::uint32_t length) {
-  switch (codec) {
-    case Compression::None:
-      return length;
-    case Compression::Lz4:
-      return static_cast<std::size_t>(LZ4_compressBound(static_cast<int>(length)));
-    case Compression::Zstd:
-      return ZSTD_compressBound(length);
-    case Compression::Zlib:
-      return compressBound(length);
-  }
-  return 0;
-}
-
-bool known_codec(std::uint8_t codec) {
-  return codec >= static_cast<std::uint8_t>(Compression::Zstd) &&
-         codec <= static_cast<std::uint8_t>(Compression::None);
-}
-
-const char* codec_name(Compression codec) {
-  switch (codec) {
-    case Compression::None:
-      return "none";
-    case Compression::Zstd:
-      return "zstd";
-    case Compression::Lz4:
-      return "lz4";
-    case Compression::Zlib:
-      return "zlib";
-  }
-  return "unknown";
-}
-
-struct Zstd_C_Free {
-  void operator()(ZSTD_CCtx* c) const { ZSTD_freeCCtx(c); }
-};
-struct Zstd_D_Free {
-  void operator()(ZSTD_DCtx* c) const { ZSTD_freeDCtx(c); }
-};
-
 }  // namespace
-
-// One block at a time; keeps the codec's context between blocks.
-class vxrt::Image_Writer::Encoder {
- public:
-  Encoder(Compression method, int level) : method_(method), level_(level) {
-    if (method_ == Compression::Zstd)
-      zstd_.reset(ZSTD_createCCtx());
-  }
-  bool ready() const { return method_ != Compression::Zstd || zstd_; }
-  Compression method() const { return method_; }
-
-  // Compressed size in `dst` (of max_stored capacity), 0 when it did not shrink or failed.
-  std::size_t compress(const std::uint8_t* src, std::size_t n, std::uint8_t* dst) {
-    std::size_t cap = n - 1;  // only a smaller result is worth storing
-    switch (method_) {
-      case Compression::None:
-        return 0;
-      case Compression::Lz4: {
-        const char* s = reinterpret_cast<const char*>(src);
-        char* d = reinterpret_cast<char*>(dst);
-        int r = level_ <= 2
-                    ? LZ4_compress_default(s, d, static_cast<int>(n), static_cast<int>(cap))
-                    : LZ4_compress_HC(s, d, static_cast<int>(n), static_cast<int>(cap), level_);
-        return r > 0 ? static_cast<std::size_t>(r) : 0;
-      }
-      case Compression::Zstd: {
-        std::size_t r = ZSTD_compressCCtx(zstd_.get(), dst, cap, src, n, level_);
-        return ZSTD_isError(r) ? 0 : r;
-      }
-      case Compression::Zlib: {
-        uLongf size = cap;
-        return compress2(dst, &size, src, n, level_) == Z_OK ? size : 0;
-      }
-    }
-    return 0;
-  }
-
- private:
-  Compression method_;
-  int level_;
-  std::unique_ptr<ZSTD_CCtx, Zstd_C_Free> zstd_;
-};
 
 vxrt::Image_Writer::Image_Writer(Client_IO_Base::Compression method, int level)
     : method_(method), level_(level) {}
@@ -191,7 +106,7 @@ bool vxrt::Image_Writer::init(std::uint32_t block_size, std::uint32_t sector_siz
              name_i().c_str(), block_size, sector_size, version));
     return false;
   }
-  if (!encoder_ && !set_compression(method_, level_))
+  if (!compressor_ && !set_compression(method_, level_))
     return false;
   block_size_ = block_size;
   sector_size_ = sector_size;
@@ -205,38 +120,24 @@ bool vxrt::Image_Writer::set_compression(Client_IO_Base::Compression method, int
     LOG_MSG((LM_ERROR, "Image compression of '%s' changed after its blocks.\n", name_i().c_str()));
     return false;
   }
-  int low = 0, high = 0;
-  switch (method) {
-    case Compression::None:
-      break;
-    case Compression::Lz4:
-      high = LZ4HC_CLEVEL_MAX;
-      break;
-    case Compression::Zstd:
-      high = ZSTD_maxCLevel();
-      break;
-    case Compression::Zlib:
-      high = 9;
-      break;
-    default:
-      LOG_MSG((LM_ERROR, "Unknown compression method %d for '%s'.\n", static_cast<int>(method),
+  const Codec_Info* info = codec_info(method);
+  if (!info) {
+    LOG_MSG((LM_ERROR, "Unknown compression method %d for '%s'.\n", static_cast<int>(method),
+             name_i().c_str()));
+    return false;
+  }
+  std::unique_ptr<Codec_Compressor> compressor(new Codec_Compressor(method, level));
+  if (!compressor->ready()) {
+    if (method != Compression::None && level != 0 &&
+        (level < info->min_level || level > info->max_level))
+      LOG_MSG((LM_ERROR, "Invalid %s compression level %d for '%s'.\n", info->name, level,
                name_i().c_str()));
-      return false;
-  }
-  if (level == 0)
-    level = method == Compression::Zstd ? 3 : method == Compression::Zlib ? 6 : 1;
-  if (method != Compression::None && (level < low || level > high)) {
-    LOG_MSG((LM_ERROR, "Invalid %s compression level %d for '%s'.\n", codec_name(method), level,
-             name_i().c_str()));
+    else
+      LOG_MSG(
+          (LM_ERROR, "Failed to create a %s compressor for '%s'.\n", info->name, name_i().c_str()));
     return false;
   }
-  std::unique_ptr<Encoder> encoder(new Encoder(method, level));
-  if (!encoder->ready()) {
-    LOG_MSG((LM_ERROR, "Failed to create a %s compressor for '%s'.\n", codec_name(method),
-             name_i().c_str()));
-    return false;
-  }
-  encoder_ = std::move(encoder);
+  compressor_ = std::move(compressor);
   return true;
 }
 
@@ -293,7 +194,8 @@ bool vxrt::Image_Writer::write_blocks(const Read_Callback& read,
     return false;
   }
   state_ = State::Finished;  // once, whatever the outcome
-  out_.resize(out_chunk + image_format::record_size + max_stored(encoder_->method(), block_size_));
+  out_.resize(out_chunk + image_format::record_size +
+              codec_bound(compressor_->codec(), block_size_));
   out_used_ = 0;
   for (const auto& block : blocks_) {
     std::uint64_t offset = block.first, end = block.first + block.second;
@@ -346,9 +248,10 @@ bool vxrt::Image_Writer::put_record_i(const std::uint8_t* data, std::size_t leng
   } else {
     r.type = data_record;
     r.checksum = XXH3_64bits(data, length);
-    std::size_t packed = encoder_->compress(data, length, body);
+    // Only a smaller result is worth storing.
+    std::size_t packed = compressor_->compress(data, length, body, length - 1);
     if (packed) {
-      r.codec = static_cast<std::uint8_t>(encoder_->method());
+      r.codec = static_cast<std::uint8_t>(compressor_->codec());
       r.stored = static_cast<std::uint32_t>(packed);
     } else {
       r.codec = static_cast<std::uint8_t>(Compression::None);
@@ -371,38 +274,8 @@ bool vxrt::Image_Writer::flush_i() {
   return true;
 }
 
-// Keeps the codecs' contexts between records.
-class Image_Reader::Decoder {
- public:
-  Decoder() : zstd_(ZSTD_createDCtx()) {}
-  bool ready() const { return zstd_ != nullptr; }
-
-  // True when `src` expands to exactly `n` bytes in `dst`.
-  bool decompress(Compression codec, const std::uint8_t* src, std::size_t stored, std::uint8_t* dst,
-                  std::size_t n) {
-    switch (codec) {
-      case Compression::None:
-        return false;  // never compressed
-      case Compression::Lz4:
-        return LZ4_decompress_safe(reinterpret_cast<const char*>(src), reinterpret_cast<char*>(dst),
-                                   static_cast<int>(stored),
-                                   static_cast<int>(n)) == static_cast<int>(n);
-      case Compression::Zstd:
-        return ZSTD_decompressDCtx(zstd_.get(), dst, n, src, stored) == n;
-      case Compression::Zlib: {
-        uLongf size = n;
-        return uncompress(dst, &size, src, stored) == Z_OK && size == n;
-      }
-    }
-    return false;
-  }
-
- private:
-  std::unique_ptr<ZSTD_DCtx, Zstd_D_Free> zstd_;
-};
-
 Image_Reader::Image_Reader(std::size_t buffer_size)
-    : buffer_size_(std::max<std::size_t>(buffer_size, 1)), decoder_(new Decoder) {}
+    : buffer_size_(std::max<std::size_t>(buffer_size, 1)), decompressor_(new Codec_Decompressor) {}
 
 Image_Reader::~Image_Reader() = default;
 
@@ -514,16 +387,12 @@ bool Image_Reader::read_blocks(const Block_Callback& callback) {
   in_.resize(256u << 10);
   in_begin_ = in_end_ = 0;
   out_used_ = 0;
-  if (!decoder_->ready()) {
-    LOG_MSG((LM_ERROR, "Failed to create a zstd decompressor for '%s'.\n", name_i().c_str()));
-    return false;
-  }
   if (!read_superblock_i())
     return false;
   const std::uint32_t block_size = superblock_.block_size;
-  scratch_.resize(max_stored(Compression::Zstd, block_size));
-  for (Compression c : {Compression::Lz4, Compression::Zlib})
-    scratch_.resize(std::max(scratch_.size(), max_stored(c, block_size)));
+  scratch_.resize(0);
+  for (Compression c : {Compression::Zstd, Compression::Lz4, Compression::Zlib})
+    scratch_.resize(std::max(scratch_.size(), codec_bound(c, block_size)));
   out_.resize(std::max<std::size_t>(buffer_size_, block_size));
 
   for (;;) {
@@ -550,14 +419,14 @@ bool Image_Reader::read_blocks(const Block_Callback& callback) {
     if (r.type != data_record && r.type != zero_record)
       return corrupt_i(at, "unknown record type");
     // A zero record stores nothing and names no codec (0).
-    if (r.type == data_record && !known_codec(r.codec))
+    if (r.type == data_record && !codec_info(r.codec))
       return corrupt_i(at, "unknown codec");
     Compression codec = static_cast<Compression>(r.codec);
     if (r.length == 0 || r.length > block_size ||
         r.offset > std::numeric_limits<std::uint64_t>::max() - r.length)
       return corrupt_i(at, "invalid record length or offset");
     if (r.type == zero_record ? (r.codec || r.stored || r.checksum)
-                              : (r.stored == 0 || r.stored > max_stored(codec, r.length) ||
+                              : (r.stored == 0 || r.stored > codec_bound(codec, r.length) ||
                                  (codec == Compression::None) != (r.stored == r.length)))
       return corrupt_i(at, "invalid stored length");
 
@@ -575,7 +444,7 @@ bool Image_Reader::read_blocks(const Block_Callback& callback) {
       bool plain = codec == Compression::None;
       if (!read_exact_i(plain ? dst : scratch_.data(), r.stored, "a record's data"))
         return false;
-      if (!plain && !decoder_->decompress(codec, scratch_.data(), r.stored, dst, r.length))
+      if (!plain && !decompressor_->decompress(codec, scratch_.data(), r.stored, dst, r.length))
         return corrupt_i(at, "data does not decompress");
       if (XXH3_64bits(dst, r.length) != r.checksum)
         return corrupt_i(at, "data checksum mismatch");

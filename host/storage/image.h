@@ -12,7 +12,7 @@
 //               whose checksum field is their total length, so that a truncated object is told
 //               from a complete one
 // A record holds at most one block size of plain data. Checksums are XXH3-64. The codec numbers
-// are those of Client_IO_Base::Compression.
+// are those of Client_IO_Base::Compression (see codec.h).
 #pragma once
 
 #include "host/storage/options.h"
@@ -28,6 +28,8 @@
 #include <vector>
 
 class Client_IO_Ex;
+class Codec_Compressor;
+class Codec_Decompressor;
 
 namespace image_format {
 constexpr std::uint32_t version = 1;
@@ -79,7 +81,6 @@ class Image_Writer {
   virtual std::string name_i() const = 0;
 
  private:
-  class Encoder;
   bool put_record_i(const std::uint8_t* data, std::size_t length, std::uint64_t offset);
   bool flush_i();
 
@@ -90,7 +91,7 @@ class Image_Writer {
   std::vector<std::pair<std::uint64_t, std::uint64_t>> blocks_;  // offset, length
   Client_IO_Base::Compression method_;
   int level_;
-  std::unique_ptr<Encoder> encoder_;
+  std::unique_ptr<Codec_Compressor> compressor_;
   std::vector<std::uint8_t> out_;  // records not yet handed to write_i
   std::size_t out_used_ = 0;
   std::uint64_t records_ = 0;
@@ -142,7 +143,6 @@ class Image_Reader {
   virtual std::string name_i() const = 0;
 
  private:
-  class Decoder;
   enum class Fill { Ok, End, Failed };
   Fill fill_i(void* data, std::size_t size);
   bool read_exact_i(void* data, std::size_t size, const char* what);
@@ -152,7 +152,7 @@ class Image_Reader {
 
   std::size_t buffer_size_;
   Superblock superblock_;
-  std::unique_ptr<Decoder> decoder_;
+  std::unique_ptr<Codec_Decompressor> decompressor_;
   std::vector<std::uint8_t> in_;  // raw bytes from read_i
   std::size_t in_begin_ = 0, in_end_ = 0;
   std::vector<std::uint8_t> scratch_;  // stored bytes of one record

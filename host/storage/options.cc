@@ -1,27 +1,12 @@
 #include "host/storage/options.h"
 
 #include "host/core/log.h"
+#include "host/storage/codec.h"
 
 namespace {
 
 using Compression = Client_IO_Base::Compression;
 using Access_Mode = Client_IO_Base::Access_Mode;
-
-struct Compression_Entry {
-  const char* name;
-  Compression value;
-  int min_level;
-  int max_level;
-};
-
-// The level ranges are those of the libraries (zstd without its negative "fast" levels, lz4 with
-// its high-compression levels above 1).
-const Compression_Entry s_compressions[] = {
-    {"none", Compression::None, 0, 0},
-    {"zstd", Compression::Zstd, 1, 22},
-    {"lz4", Compression::Lz4, 1, 12},
-    {"zlib", Compression::Zlib, 1, 9},
-};
 
 const struct {
   const char* name;
@@ -63,10 +48,10 @@ bool operator<<(Client_IO_Base::Options& opts, const JSON_Value& value) {
     json_extract(value, "retry_interval", o.retry_interval_, false);
     std::string text;
     if (json_extract(value, "compression", text, false)) {
-      auto e = by_name(s_compressions, text);
-      if (!e)
+      const Codec_Info* codec = codec_info(text);
+      if (!codec)
         throw JSON_Error("unknown compression '" + text + "'");
-      o.compression_ = e->value;
+      o.compression_ = codec->codec;
     }
     json_extract(value, "compression_level", o.compression_level_, false);
     json_extract(value, "encryption", o.encryption_, false);
@@ -83,10 +68,10 @@ bool operator<<(Client_IO_Base::Options& opts, const JSON_Value& value) {
     check_range("io_timeout", o.io_timeout_, 1, 86400);
     check_range("retry_count", o.retry_count_, 0, 1000);
     check_range("retry_interval", o.retry_interval_, 0, 3600);
-    const Compression_Entry* c = by_value(s_compressions, o.compression_);
+    const Codec_Info* c = codec_info(o.compression_);
     if (!c)
       throw JSON_Error("unknown compression");
-    if (c->value != Compression::None)
+    if (c->codec != Compression::None)
       check_range("compression_level", o.compression_level_, c->min_level, c->max_level);
     if (o.encryption_ && o.encryption_key_id_.empty())
       throw JSON_Error("'encryption' needs an 'encryption_key_id'");
@@ -101,7 +86,7 @@ bool operator<<(Client_IO_Base::Options& opts, const JSON_Value& value) {
 void operator>>(const Client_IO_Base::Options& opts, JSON_Value& value) {
   if (!value.is_object())
     value = JSON_Value::object();
-  auto compression = by_value(s_compressions, opts.compression_);
+  const Codec_Info* compression = codec_info(opts.compression_);
   auto access_mode = by_value(s_access_modes, opts.access_mode_);
   value["connect_timeout"] = opts.connect_timeout_;
   value["io_timeout"] = opts.io_timeout_;

@@ -6,6 +6,7 @@
 #include "host/core/log.h"
 #include "host/core/text.h"
 #include "host/storage/options.h"
+#include "host/storage/pool_url.h"
 #include "programs/server/handler.h"
 
 #include <cstdint>
@@ -17,14 +18,6 @@
 namespace brimlet_server {
 
 namespace {
-
-bool pool_url_valid(const std::string& url) {
-  static const std::string file = "file:///", s3 = "s3://";
-  if (url.compare(0, file.size(), file) == 0)
-    return url.find("/../") == std::string::npos && url.size() > file.size() &&
-           url.compare(url.size() - 3, 3, "/..") != 0;
-  return url.compare(0, s3.size(), s3) == 0 && url.size() > s3.size();
-}
 
 JSON_Value row_to_pool(const Statement& st) {
   JSON_Value io = JSON_Value::parse(st.text(3), nullptr, false);
@@ -173,8 +166,9 @@ void Storage_Pools::register_i(const HTTP_Server_Request& req, const Caller&,
     if (name.empty())
       json_throw_type("name", "non-empty string");
     json_extract(body, "url", url);
-    if (!pool_url_valid(url))
-      json_throw_type("url", "file:///<absolute dir> or s3://<bucket> URL");
+    std::string folder, url_error;
+    if (!validate_pool_url(url, folder, url_error))
+      throw JSON_Error(url_error);
     json_extract_object(body, "io_options", io, false);
   } catch (const JSON_Error& e) {
     return resp.error(400, e.what());

@@ -1,76 +1,67 @@
 // Arbitrary bytes as an image object: the reader must answer true or false, never crash, never
-// hand over more than its buffer or data from outside what it decoded.
-//
-// With BRIMLET_FUZZ_SEEDS=<dir> it first writes a few valid objects into <dir> (every codec,
-// zero runs, extra superblock data), so that runs start from the real format.
+// hand over more than its buffer or data from outside what it decoded. With BRIMLET_FUZZ_SEEDS=
+// <dir> it first writes valid objects (every codec, zero runs, extra data) there to start from.
 #include "host/storage/image.h"
 
 #include <ace/Log_Msg.h>
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
 
 class Memory_Reader : public Image_Reader {
  public:
-  Memory_Reader(const std::uint8_t* data, std::size_t size, std::size_t buffer_size)
-      : Image_Reader(buffer_size), data_(data), size_(size) {}
+  Memory_Reader(std::string_view data, std::size_t buffer_size)
+      : Image_Reader(buffer_size), rest_(data) {}
 
  protected:
   ssize_t read_i(void* out, std::size_t size) override {
-    std::size_t n = std::min(size, size_ - at_);
-    std::memcpy(out, data_ + at_, n);
-    at_ += n;
+    std::size_t n = rest_.copy(static_cast<char*>(out), size);
+    rest_.remove_prefix(n);
     return static_cast<ssize_t>(n);
   }
   std::string name_i() const override { return "fuzz"; }
 
  private:
-  const std::uint8_t* data_;
-  std::size_t size_;
-  std::size_t at_ = 0;
+  std::string_view rest_;
 };
 
 class Memory_Writer : public vxrt::Image_Writer {
  public:
+  using vxrt::Image_Writer::Image_Writer;
   std::string bytes;
 
  protected:
   bool write_i(const void* data, std::size_t size) override {
-    bytes.append(static_cast<const char*>(data), size);
-    return true;
+    return bytes.append(static_cast<const char*>(data), size), true;
   }
   std::string name_i() const override { return "seed"; }
 };
 
 void write_seeds(const std::string& dir) {
   const std::uint8_t id[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-  int n = 0;
   for (auto codec : {Client_IO_Base::Compression::None, Client_IO_Base::Compression::Lz4,
                      Client_IO_Base::Compression::Zstd, Client_IO_Base::Compression::Zlib}) {
-    Memory_Writer w;
-    if (!w.init(4096, 512, 1, 0) || !w.set_compression(codec, 0) ||
-        !w.write_superblock(id, id, "x", 1) || !w.add_block(0, 5000) || !w.add_block(9000, 3) ||
-        !w.add_block(20000, 4096))
-      abort();
+    Memory_Writer w(codec);
     std::vector<std::uint8_t> buffer(8192);
-    bool ok = w.write_blocks(
-        [&](std::uint64_t offset, std::size_t wanted, const void*& data) -> ssize_t {
-          std::size_t len = std::min(wanted, buffer.size());
-          for (std::size_t i = 0; i < len; ++i)
-            buffer[i] = offset + i < 20000 ? "text of a disk "[(offset + i) % 15] : 0;
-          data = buffer.data();
-          return static_cast<ssize_t>(len);
-        },
-        nullptr);
-    if (!ok)
+    if (!w.init(4096, 512, 1, 0) || !w.write_superblock(id, id, "x", 1) || !w.add_block(0, 5000) ||
+        !w.add_block(9000, 3) || !w.add_block(20000, 4096) ||
+        !w.write_blocks(
+            [&](std::uint64_t offset, std::size_t wanted, const void*& data) -> ssize_t {
+              std::size_t len = std::min(wanted, buffer.size());
+              for (std::size_t i = 0; i < len; ++i)
+                buffer[i] = offset + i < 20000 ? "text of a disk "[(offset + i) % 15] : 0;
+              data = buffer.data();
+              return static_cast<ssize_t>(len);
+            },
+            nullptr))
       abort();
-    std::ofstream(dir + "/seed" + std::to_string(n++)) << w.bytes;
+    std::ofstream(dir + "/seed" + std::to_string(int(codec))) << w.bytes;
   }
 }
 
@@ -86,7 +77,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   for (std::size_t buffer_size : {std::size_t(1000), std::size_t(1) << 16}) {
-    Memory_Reader reader(data, size, buffer_size);
+    Memory_Reader reader({reinterpret_cast<const char*>(data), size}, buffer_size);
     std::uint64_t sum = 0;
     reader.read_blocks([&](const void* block, std::size_t length, std::uint64_t) {
       if (length == 0 || length > buffer_size)
