@@ -223,34 +223,34 @@ TEST_F(Catalog, PoolAddRefusesBadArgumentsAndWhatTheServerRefuses) {
   std::string lab = add_pool("lab");
   ASSERT_FALSE(lab.empty());
   std::string url = pool_url("other");
-  // A configuration whose access key the server does not know.
-  std::string text;
-  ASSERT_TRUE(read_file(config_path(), text));
-  JSON_Value conf = JSON_Value::parse(text);
-  conf["backup_server"]["access_key"] = "not-a-key";
-  write_text_file(stack_.dir().file("stranger.json"), conf.dump());
 
   struct Case {
     std::vector<std::string> args;
     int exit_code;
     std::string message;
   } cases[] = {
-      {{"pool", "add", "--url", url}, 2, "'pool add' needs --name and --url"},
-      {{"pool", "add", "--name", "x"}, 2, "'pool add' needs --name and --url"},
-      {{"pool", "add", "--name", "--url", url}, 2, "'--name' needs a value"},
-      {{"pool", "add", "--name", "x", "--url", url, "--level"}, 2, "'--level' needs a value"},
+      {{"pool", "add", "--url", url}, 2, "--name is required"},
+      {{"pool", "add", "--name", "x"}, 2, "--url is required"},
+      {{"pool", "add", "--name", "--url", url}, 2, "--name: needs a value"},
+      {{"pool", "add", "--name", "x", "--url", url, "--level"},
+       2,
+       "--level: 1 required INT missing"},
       {{"pool", "add", "--name", "x", "--url", url, "--compression", "xz"},
        2,
-       "unknown compression 'xz'"},
-      {{"pool", "add", "--name", "x", "--url", url, "--level", "3x"}, 2, "invalid level '3x'"},
+       "--compression: xz not in {zstd,lz4,zlib,none}"},
+      {{"pool", "add", "--name", "x", "--url", url, "--level", "3x"},
+       2,
+       "Could not convert: --level = 3x"},
       {{"pool", "add", "--name", "x", "--url", url, "--level", "23"},
        2,
        "level 23 is out of range for zstd compression"},
       {{"pool", "add", "--name", "x", "--url", url, "--compression", "zlib", "--level", "10"},
        2,
        "level 10 is out of range for zlib compression"},
-      {{"pool", "add", "--name", "x", "--url", url, "--ssl"}, 2, "unknown option '--ssl'"},
-      {{"pool", "list", "lab"}, 2, "unexpected argument 'lab'"},
+      {{"pool", "add", "--name", "x", "--url", url, "--ssl"},
+       2,
+       "The following argument was not expected: --ssl"},
+      {{"pool", "list", "lab"}, 2, "The following argument was not expected: lab"},
       {{"pool", "remove", "lab"}, 2, "unknown command 'pool remove'"},
       // The server's own checks, reported with its reason.
       {{"pool", "add", "--name", "x", "--url", "pool-dir"}, 1, "backup server answered 400"},
@@ -260,9 +260,6 @@ TEST_F(Catalog, PoolAddRefusesBadArgumentsAndWhatTheServerRefuses) {
       {{"pool", "add", "--name", "lab", "--url", url},
        1,
        "a storage pool named 'lab' is registered already, as " + lab},
-      {{"--config", stack_.dir().file("stranger.json"), "pool", "list"},
-       1,
-       "backup server answered 401"},
   };
   for (const auto& c : cases) {
     std::string line;
@@ -441,11 +438,11 @@ TEST_F(Catalog_Sets, CommandErrorsAreOneClearLine) {
     std::string message;
   } cases[] = {
       {{"sets", "list", "--cvm", "nosuch"}, 1, "no registered CVM 'nosuch'"},
-      {{"sets", "list", "--vm"}, 2, "'--vm' needs a value"},
-      {{"sets", "list", "--host", "--vm", "web01"}, 2, "'--host' needs a value"},
-      {{"sets", "list", "web01"}, 2, "unknown option 'web01' for 'sets list'"},
-      {{"sets", "show"}, 2, "'sets show' needs a backup set uuid"},
-      {{"sets", "show", "inc-1", "inc-2"}, 2, "unexpected argument 'inc-2'"},
+      {{"sets", "list", "--vm"}, 2, "--vm: 1 required TEXT missing"},
+      {{"sets", "list", "--host", "--vm", "web01"}, 2, "--host: needs a value"},
+      {{"sets", "list", "web01"}, 2, "The following argument was not expected: web01"},
+      {{"sets", "show"}, 2, "SET is required"},
+      {{"sets", "show", "inc-1", "inc-2"}, 2, "The following argument was not expected: inc-2"},
       {{"sets", "drop", "inc-1"}, 2, "unknown command 'sets drop'"},
   };
   for (const auto& c : cases) {

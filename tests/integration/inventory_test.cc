@@ -586,14 +586,14 @@ TEST_F(Inventory, CliNamesWhatIsMissingOrWrong) {
       {{"ls", "lab", "vms", "cvk09"}, 1, "no host 'cvk09' on this CVM"},
       {{"ls", "lab", "pools", "edge"}, 1, "several hosts are named 'edge' (ids 3 4)"},
       {{"ls", "nowhere"}, 1, "no registered CVM 'nowhere'"},
-      {{"ls"}, 2, "'ls' needs a CVM"},
+      {{"ls"}, 2, "CVM is required"},
       {{"ls", "lab", "datastores"}, 2, "unknown listing"},
       {{"ls", "lab", "volumes", "cvk01"}, 2, "needs HOST POOL"},
       {{"ls", "lab", "vms"}, 2, "needs HOST"},
       {{"ls", "lab", "profiles", "extra"}, 2, "unexpected argument 'extra'"},
       {{"search", "lab", "vms", "web", "--ip"}, 2, "--ip applies to host searches only"},
-      {{"search", "lab", "pools", "x"}, 2, "'search' needs"},
-      {{"verify", "lab"}, 2, "'verify' needs"},
+      {{"search", "lab", "pools", "x"}, 2, "KIND: pools not in {hosts,vms}"},
+      {{"verify", "lab"}, 2, "NAME is required"},
   };
   for (const auto& c : cases) {
     r = stack_.cli(c.args);

@@ -5,16 +5,6 @@
 #include <filesystem>
 #include <system_error>
 
-namespace {
-
-std::string trimmed(std::string s) {
-  while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' '))
-    s.pop_back();
-  return s;
-}
-
-}  // namespace
-
 Stack::Stack(Report report) : report_(std::move(report)) {}
 
 Stack::~Stack() {
@@ -31,26 +21,16 @@ bool Stack::failed(const std::string& what) const {
 
 std::uint16_t Stack::start_sim(const std::string& name, const std::string& world_file,
                                const std::string& tls_cert, const std::string& tls_key) {
-  std::string ready = dir_.file(name + ".ready");
-  std::vector<std::string> argv = {"cas-sim",
-                                   "--world",
-                                   world_file,
-                                   "--listen",
-                                   "127.0.0.1:0",
-                                   "--cvd-listen",
-                                   "127.0.0.1:0",
-                                   "--ready-file",
-                                   ready,
-                                   "--data",
-                                   dir_.file(name + "-data"),
-                                   "--log",
-                                   dir_.file(name + ".log")};
+  std::string ready = dir_.file(name + ".ready"), out = dir_.file(name + ".out");
+  std::vector<std::string> argv = {"cas-sim", "--world", world_file, "--listen", "127.0.0.1:0"};
+  argv.insert(argv.end(), {"--cvd-listen", "127.0.0.1:0", "--ready-file", ready, "--data",
+                           dir_.file(name + "-data"), "--log", dir_.file(name + ".log")});
   if (!tls_cert.empty())
     argv.insert(argv.end(), {"--tls-cert", tls_cert, "--tls-key", tls_key});
   auto process = std::make_unique<Test_Process>();
   JSON_Value info;
-  if (!process->start(argv, env(), dir_.file(name + ".out")) || !process->wait_ready(ready, info)) {
-    failed("cas-sim '" + name + "' did not start (see " + dir_.file(name + ".out") + ")");
+  if (!process->start(argv, env(), out) || !process->wait_ready(ready, info)) {
+    failed("cas-sim '" + name + "' did not start (see " + out + ")");
     return 0;
   }
   auto port = info.value("http_port", std::uint16_t{0});
@@ -59,20 +39,26 @@ std::uint16_t Stack::start_sim(const std::string& name, const std::string& world
 }
 
 bool Stack::start_server_and_agent() {
-  std::string data = dir_.file("server");
-  std::string server_ready = dir_.file("server.ready");
+  std::string data = dir_.file("server"), ready = dir_.file("server.ready");
   JSON_Value info;
-  if (!server_.start({"brimlet-server", "--listen", "127.0.0.1:0", "--data", data, "--ready-file",
-                      server_ready},
-                     env(), dir_.file("server.out")) ||
-      !server_.wait_ready(server_ready, info))
+  if (!server_.start(
+          {"brimlet-server", "--listen", "127.0.0.1:0", "--data", data, "--ready-file", ready},
+          env(), dir_.file("server.out")) ||
+      !server_.wait_ready(ready, info))
     return failed("brimlet-server did not start");
-  server_port_ = info.value("port", std::uint16_t{0});
-
-  Run_Result key = run_program(
-      {"brimlet-server", "enroll", "--data", data, "--host-id", agent_host_id()}, "", env());
-  if (key.exit_code != 0)
-    return failed("brimlet-server enroll failed: " + key.err);
+  // The agent's key, and an administrator's for the CLI.
+  JSON_Value server = {{"host", "127.0.0.1"}, {"port", info["port"]}, {"ssl", false}};
+  JSON_Value admin = server;
+  for (JSON_Value* conf : {&server, &admin}) {
+    std::vector<std::string> argv = {"brimlet-server", "enroll",       "--data", data,
+                                     "--host-id",      agent_host_id()};
+    if (conf == &admin)
+      argv.insert(argv.end(), {"--role", "admin"});
+    Run_Result key = run_program(argv, "", env());
+    if (key.exit_code != 0)
+      return failed("brimlet-server enroll failed: " + key.err);
+    (*conf)["access_key"] = key.out.substr(0, key.out.find_first_of("\r\n"));
+  }
 
   std::string etc = dir_.path() + "/etc/opt/quorvex/brimlet5";
   std::error_code ec;
@@ -80,21 +66,19 @@ bool Stack::start_server_and_agent() {
   if (ec)
     return failed("cannot create " + etc + ": " + ec.message());
   write_text_file(etc + "/host_id", std::string(agent_host_id()) + "\n");
+  write_text_file(etc + "/cli.json", JSON_Value{{"backup_server", admin}}.dump(2));
+  std::filesystem::permissions(
+      etc + "/cli.json", std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   JSON_Value conf = {{"listen", "127.0.0.1:0"},
-                     {"backup_server",
-                      {{"host", "127.0.0.1"},
-                       {"port", server_port_},
-                       {"ssl", false},
-                       {"access_key", trimmed(key.out)}}},
+                     {"backup_server", server},
                      {"host_id_file", etc + "/host_id"},
                      {"log_file", dir_.file("agent.log")},
                      {"modules", {std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json"}}};
   write_text_file(etc + "/agent.json", conf.dump(2));
 
-  std::string agent_ready = dir_.file("agent.ready");
-  if (!agent_.start({"brimlet-agent", "--ready-file", agent_ready}, env(),
-                    dir_.file("agent.out")) ||
-      !agent_.wait_ready(agent_ready, info))
+  ready = dir_.file("agent.ready");
+  if (!agent_.start({"brimlet-agent", "--ready-file", ready}, env(), dir_.file("agent.out")) ||
+      !agent_.wait_ready(ready, info))
     return failed("brimlet-agent did not start (see " + dir_.file("agent.out") + ")");
   agent_port_ = info.value("port", std::uint16_t{0});
   return true;

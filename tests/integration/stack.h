@@ -29,7 +29,8 @@ class Stack {
   // failure. Several simulators may run at once (named by `name`).
   std::uint16_t start_sim(const std::string& name, const std::string& world_file,
                           const std::string& tls_cert = "", const std::string& tls_key = "");
-  // brimlet-server, the agent's key and the agent, in that order.
+  // brimlet-server; the agent's key in the agent configuration and an administrator's key in the
+  // CLI's (cli.json, mode 0600); the agent.
   bool start_server_and_agent();
 
   // The CLI with BRIMLET_ROOT set; `input` on its stdin.
@@ -66,7 +67,6 @@ class Stack {
   std::vector<Sim> sims_;
   Test_Process server_;
   Test_Process agent_;
-  std::uint16_t server_port_ = 0;
   std::uint16_t agent_port_ = 0;
 };
 
