@@ -50,11 +50,11 @@ bool Stack::start_server_and_agent() {
   JSON_Value server = {{"host", "127.0.0.1"}, {"port", info["port"]}, {"ssl", false}};
   JSON_Value admin = server;
   for (JSON_Value* conf : {&server, &admin}) {
-    std::vector<std::string> argv = {"brimlet-server", "enroll",       "--data", data,
-                                     "--host-id",      agent_host_id()};
-    if (conf == &admin)
-      argv.insert(argv.end(), {"--role", "admin"});
-    Run_Result key = run_program(argv, "", env());
+    bool agent = conf == &server;
+    Run_Result key = run_program(
+        {"brimlet-server", "enroll", "--data", data, "--host-id",
+         agent ? agent_host_id() : "admin-under-test", "--role", agent ? "agent" : "admin"},
+        "", env());
     if (key.exit_code != 0)
       return failed("brimlet-server enroll failed: " + key.err);
     (*conf)["access_key"] = key.out.substr(0, key.out.find_first_of("\r\n"));
