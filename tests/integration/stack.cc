@@ -5,18 +5,11 @@
 #include <filesystem>
 #include <system_error>
 
-Stack::Stack(Report report) : report_(std::move(report)) {}
-
 Stack::~Stack() {
   agent_.stop();
   server_.stop();
-  for (auto& s : sims_)
-    s.process->stop();
-}
-
-bool Stack::failed(const std::string& what) const {
-  report_(what);
-  return false;
+  for (auto& [name, sim] : sims_)
+    sim.second->stop();
 }
 
 std::uint16_t Stack::start_sim(const std::string& name, const std::string& world_file,
@@ -34,7 +27,7 @@ std::uint16_t Stack::start_sim(const std::string& name, const std::string& world
     return 0;
   }
   auto port = info.value("http_port", std::uint16_t{0});
-  sims_.push_back({name, port, std::move(process)});
+  sims_[name] = {port, std::move(process)};
   return port;
 }
 
@@ -100,31 +93,25 @@ std::string Stack::add_cvm(const std::string& name, std::uint16_t port, const st
     args.push_back("--ssl");
   Run_Result r = cli(args, password + "\n");
   JSON_Value out = JSON_Value::parse(r.out, nullptr, false);
-  if (r.exit_code != 0 || !out.is_object() || !out.contains("uuid")) {
-    failed("brimlet cvm add '" + name + "' failed: " + r.err);
-    return "";
-  }
-  return out.value("uuid", "");
+  if (r.exit_code == 0 && out.is_object() && out.contains("uuid"))
+    return out.value("uuid", "");
+  failed("brimlet cvm add '" + name + "' failed: " + r.err);
+  return "";
 }
 
 JSON_Value Stack::sim_control(const std::string& name, const std::string& method,
                               const std::string& path, const JSON_Value& body) const {
-  for (const auto& s : sims_) {
-    if (s.name != name)
-      continue;
-    auto session = HTTP_Session_Factory::create("127.0.0.1", s.port, false);
-    JSON_HTTP_Session json(session, 1, 30);
-    HTTP_Request req(http_method_from_string(method), path);
-    HTTP_Response resp;
-    JSON_Value out;
-    if (!json.send(req, body.is_null() ? nullptr : &body, resp, &out) || resp.status() / 100 != 2) {
-      failed(method + " " + path + " on " + name + " answered " + std::to_string(resp.status()) +
-             ": " + resp.body());
-      return nullptr;
-    }
+  auto sim = sims_.find(name);
+  std::uint16_t port = sim == sims_.end() ? 0 : sim->second.first;
+  JSON_HTTP_Session json(HTTP_Session_Factory::create("127.0.0.1", port, false), 1, 30);
+  HTTP_Request req(http_method_from_string(method), path);
+  HTTP_Response resp;
+  JSON_Value out;
+  if (port && json.send(req, body.is_null() ? nullptr : &body, resp, &out) &&
+      resp.status() / 100 == 2)
     return out;
-  }
-  failed("no simulator " + name);
+  failed(method + " " + path + " on simulator '" + name + "' answered " +
+         std::to_string(resp.status()) + ": " + resp.body());
   return nullptr;
 }
 

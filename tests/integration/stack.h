@@ -11,8 +11,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 class Stack {
@@ -20,10 +22,8 @@ class Stack {
   // Receives each failure of the functions below as one line saying what failed (a test fails
   // itself, a benchmark prints it); the functions also say so by their results.
   using Report = std::function<void(const std::string& what)>;
-  explicit Stack(Report report);
+  explicit Stack(Report report) : report_(std::move(report)) {}
   ~Stack();
-  Stack(const Stack&) = delete;
-  Stack& operator=(const Stack&) = delete;
 
   // Starts a simulator on `world_file` (TLS when cert and key are given); its HTTP port, 0 on
   // failure. Several simulators may run at once (named by `name`).
@@ -55,18 +55,16 @@ class Stack {
   static const char* agent_host_id() { return "agent-under-test"; }
 
  private:
-  struct Sim {
-    std::string name;
-    std::uint16_t port;
-    std::unique_ptr<Test_Process> process;
-  };
-  bool failed(const std::string& what) const;
+  bool failed(const std::string& what) const {
+    report_(what);
+    return false;
+  }
 
   Report report_;
   Temp_Dir dir_;
-  std::vector<Sim> sims_;
-  Test_Process server_;
-  Test_Process agent_;
+  // Simulators by name: HTTP port and process.
+  std::map<std::string, std::pair<std::uint16_t, std::unique_ptr<Test_Process>>> sims_;
+  Test_Process server_, agent_;
   std::uint16_t agent_port_ = 0;
 };
 
