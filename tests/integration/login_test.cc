@@ -31,16 +31,9 @@ TEST_F(Login, SucceedsAndThePasswordIsWrittenNowhere) {
   }
 }
 
-TEST_F(Login, FailuresAreResultsWithTheCauseNamed) {
+TEST_F(Login, AFailureIsOneLineNamingTheCause) {
   stack_.add_cvm("wrong-password", sim_port_, "intruder", "not it");
-  stack_.add_cvm("nowhere", 1, "admin", "x");  // nothing listens on port 1 of loopback
-  Run_Result r = stack_.cli({"--json", "cvm", "test", "nowhere"});
-  EXPECT_EQ(r.exit_code, 1);
-  EXPECT_EQ(JSON_Value::parse(r.out, nullptr, false),
-            (JSON_Value{{"result", false},
-                        {"version", ""},
-                        {"message", "Failed to send request to CVM, network error."}}));
-  r = stack_.cli({"cvm", "test", "wrong-password"});
+  Run_Result r = stack_.cli({"cvm", "test", "wrong-password"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.err, "brimlet: login to 127.0.0.1 failed: Invalid CVM username or password\n");
@@ -83,27 +76,6 @@ TEST_F(Login, TlsToTheSimulator) {
   Run_Result r = stack_.cli({"--json", "cvm", "test", "plain-to-tls"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(JSON_Value::parse(r.out, nullptr, false)["result"], false) << r.out;
-}
-
-TEST_F(Login, MalformedJsonRpcGetsErrorsAndTheAgentKeepsServing) {
-  struct Case {
-    std::string body;
-    int code;
-    JSON_Value id;
-  } cases[] = {
-      {"{not json", -32700, nullptr},
-      {R"({"jsonrpc":"2.0","method":"h3ccas.test_login","params":{"host":"h","port":"443",)"
-       R"("ssl":false,"username":"u","password":"p"},"id":6})",
-       -32600, -1},
-      {R"({"jsonrpc":"2.0","method":"no.such.method","id":8})", -32601, 8},
-  };
-  for (const auto& c : cases) {
-    JSON_Value answer;
-    ASSERT_EQ(stack_.agent_post(c.body, answer), 200) << c.body;
-    EXPECT_EQ(answer["error"]["code"], c.code) << c.body;
-    EXPECT_EQ(answer["id"], c.id) << c.body;
-  }
-  EXPECT_EQ(stack_.cli({"cvm", "test", "lab"}).exit_code, 0);
 }
 
 TEST_F(Login, AgentOffLoopbackNeedsTls) {

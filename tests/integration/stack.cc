@@ -115,25 +115,17 @@ JSON_Value Stack::sim_control(const std::string& name, const std::string& method
   return nullptr;
 }
 
-int Stack::agent_post(const std::string& body, JSON_Value& answer) const {
-  auto session = HTTP_Session_Factory::create("127.0.0.1", agent_port_, false);
+JSON_Value Stack::agent_call(const std::string& method, const JSON_Value& params) const {
+  std::string request =
+      JSON_Value{{"jsonrpc", "2.0"}, {"id", 1}, {"method", method}, {"params", params}}.dump();
   HTTP_Request req(HTTP_Method::POST, "/jsonrpc");
   HTTP_Response resp;
-  if (!session->send(req, &body, resp))
-    return 0;
-  answer = JSON_Value::parse(resp.body(), nullptr, false);
-  return resp.status();
-}
-
-JSON_Value Stack::agent_call(const std::string& method, const JSON_Value& params) const {
-  JSON_Value request = {{"jsonrpc", "2.0"}, {"id", 1}, {"method", method}, {"params", params}};
-  JSON_Value answer;
-  int status = agent_post(request.dump(), answer);
-  if (status != 200 || !answer.is_object()) {
-    failed(method + " on the agent answered " + std::to_string(status) + " without JSON-RPC");
-    return nullptr;
-  }
-  return answer;
+  HTTP_Session_Factory::create("127.0.0.1", agent_port_, false)->send(req, &request, resp);
+  JSON_Value answer = JSON_Value::parse(resp.body(), nullptr, false);
+  if (resp.status() == 200 && answer.is_object())
+    return answer;
+  failed(method + " on the agent answered " + std::to_string(resp.status()) + " without JSON-RPC");
+  return nullptr;
 }
 
 bool make_test_certificate(const std::string& cert, const std::string& key) {

@@ -42,9 +42,6 @@ class Stack {
   // A request to a simulator's control API (/sim/...); the parsed answer (null on failure).
   JSON_Value sim_control(const std::string& name, const std::string& method,
                          const std::string& path, const JSON_Value& body = nullptr) const;
-  // POST /jsonrpc on the agent with a raw body; the HTTP status (0 when no answer came) and the
-  // parsed answer.
-  int agent_post(const std::string& body, JSON_Value& answer) const;
   // A JSON-RPC call on the agent: the whole answer, with its "result" or "error" (null when no
   // JSON-RPC answer came).
   JSON_Value agent_call(const std::string& method, const JSON_Value& params) const;
