@@ -173,17 +173,14 @@ web01  Web server  poweron  Ubuntu 22.04  2     2.0 GiB  cvk01
 }
 
 TEST_F(Inventory, AgentAnswersSearchesVerificationsAndFaults) {
-  // Every CVM request failing once signed in; CVM answers of the wrong shape.
+  // Every CVM request failing once signed in.
   const JSON_Value e500 = {{"status", 500}, {"error_code", "500"}, {"error_message", "内部错误"}};
-  auto body = [](const char* text) { return JSON_Value{{"status", 200}, {"body", text}}; };
   auto failed = [](const char* what) { return error(-32603, std::string("Failed to ") + what); };
   auto search = [](const char* type, const char* text, const char* more = "") {
     return std::string(R"({"subtype": "search", "type": ")") + type + R"(", "search": ")" + text +
            "\"" + more + "}";
   };
   const char *hosts = R"({"subtype": "HostSystem"})", *none = "[]";
-  const char *vms = R"({"subtype": "VirtualMachine", "host_id": "1"})",
-             *detail = R"({"subtype": "HostSystemDetail", "host_id": "1"})";
   expect_answers({
       {search("HostSystem", "CVK0"), {"cvk01", "cvk02"}},
       {search("HostSystem", "10.1.0."), {"edge", "edge"}},              // by address too
@@ -211,8 +208,9 @@ TEST_F(Inventory, AgentAnswersSearchesVerificationsAndFaults) {
       {R"({"uuid": "00000000-0000-0000-0000-000000000000", "subtype": "HostSystem"})",
        error(-32603, "Failed to get CVM info from server.")},
       {hosts, failed("list CAS hosts."), e500},
-      {detail, failed("get CAS CVK details."), e500},
-      {vms, failed("list CAS virtual machines."), e500},
+      {R"({"subtype": "HostSystemDetail", "host_id": "1"})", failed("get CAS CVK details."), e500},
+      {R"({"subtype": "VirtualMachine", "host_id": "1"})", failed("list CAS virtual machines."),
+       e500},
       {R"({"subtype": "StoragePool", "host_id": "1"})", failed("list CAS storage pools."), e500},
       {R"({"subtype": "StorageVolume", "host_id": "1", "pool_name": "defaultpool"})",
        failed("list CAS storage volumes."), e500},
@@ -222,14 +220,8 @@ TEST_F(Inventory, AgentAnswersSearchesVerificationsAndFaults) {
       {search("HostSystem", "cvk"), failed("list CAS hosts."), e500},
       {search("VirtualMachine", "web"), failed("list CAS VMs."), e500},
       {R"({"subtype": "verify", "vms": ["web01"]})", failed("list CAS VMs."), e500},
-      {hosts, failed("list CAS hosts."), body(R"({"host": "cvk01"})")},
-      {hosts, failed("list CAS hosts."), body(R"({"host": [{"id": "1", "name": "cvk01"}]})")},
-      {search("HostSystem", ""), failed("list CAS hosts."), body("[1, 2]")},
+      // A CVM answer of the wrong shape (the records' own checks are tested with them).
       {hosts, failed("list CAS hosts."), {{"kind", "not_json"}}},
-      {vms, failed("list CAS virtual machines."), body(R"({"domain": {"id": "101"}})")},
-      {detail, failed("get CAS CVK details."),
-       body(R"({"id": "1", "name": "cvk01", "ip": "192.168.10.11", "status": "1",
-                "memorySize": "16384.5", "cpuCount": "2", "cpuCores": "16"})")},
   });
   // The CLI says the same in one line (naming a host, it asks for the hosts first).
   stack_.sim_control("sim", "POST", "/sim/faults", {{"path", "/cas/casrs/"}, {"status", 500}});
