@@ -8,16 +8,16 @@
 #include "host/core/crypto.h"
 #include "host/core/log.h"
 #include "host/core/service.h"
-#include "host/http/client.h"
 #include "programs/cli/catalog.h"
 #include "programs/cli/cli.h"
 #include "programs/cli/inventory.h"
 #include "programs/cli/table.h"
 #include "programs/common/agent_files.h"
 
+#include <CLI/CLI.hpp>
+
 #include <termios.h>
 #include <unistd.h>
-#include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <functional>
