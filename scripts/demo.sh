@@ -63,7 +63,10 @@ chmod 600 "$etc/agent.json"
 admin_key=$("$bin/brimlet-server" enroll --data "$BRIMLET_ROOT/server" --host-id demo-admin \
   --role admin)
 (umask 077 && cat > "$etc/cli.json" <<CONF
-{"backup_server": {"host": "127.0.0.1", "port": $server_port, "ssl": false, "access_key": "$admin_key"}}
+{
+  "backup_server": {"host": "127.0.0.1", "port": $server_port, "ssl": false,
+                    "access_key": "$admin_key"}
+}
 CONF
 )
 echo "Backup server on 127.0.0.1:$server_port"

@@ -265,6 +265,7 @@ app01  Application  suspended      1     1.0 GiB  cvk02
       {"ls lab vms cvk09", 1, "no host 'cvk09' on this CVM"},
       {"ls lab pools edge", 1, "several hosts are named 'edge' (ids 3 4); give the host id"},
       {"cvm add --host h --username u --password-stdin", 1, "no password given"},
+      {"cvm test wrong-password", 1, "login to 127.0.0.1 failed: Invalid CVM username or password"},
       {"", 2, "A subcommand is required", " "},
       {"--json cvm frobnicate", 2, "unknown command 'cvm frobnicate'", " cvm "},
       {"cvm add --host h --username u --password x", 2,
@@ -281,6 +282,7 @@ app01  Application  suspended      1     1.0 GiB  cvk02
       {"search lab pools x", 2, "KIND: pools not in {hosts,vms}", " search "},
       {"verify lab", 2, "NAME is required", " verify "},
   };
+  stack_.add_cvm("wrong-password", sim_port_, "intruder", "not it");
   for (const auto& c : cases) {
     Run_Result r = stack_.cli(words(c.args));
     EXPECT_EQ(r.exit_code, c.exit_code) << c.args;

@@ -31,14 +31,6 @@ TEST_F(Login, SucceedsAndThePasswordIsWrittenNowhere) {
   }
 }
 
-TEST_F(Login, AFailureIsOneLineNamingTheCause) {
-  stack_.add_cvm("wrong-password", sim_port_, "intruder", "not it");
-  Run_Result r = stack_.cli({"cvm", "test", "wrong-password"});
-  EXPECT_EQ(r.exit_code, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "brimlet: login to 127.0.0.1 failed: Invalid CVM username or password\n");
-}
-
 TEST_F(Login, ExpiredNonceIsRenegotiatedTransparently) {
   // A login is one signed exchange; the renegotiation shows between two requests of one client.
   h3ccas::CVM_Info cvm;

@@ -39,8 +39,8 @@ inline const char lab_world[] = R"({"version": "H3C CAS E0750",
      "cpu_cores": 8, "memory_mib": 65536,
      "vms": [{"id": 201, "uuid": "4d7f6c3a-0000-4000-8000-000000000201", "name": "app01",
               "title": "Application", "status": "paused", "cpus": 1, "memory_mib": 1024}]},
-    {"id": 3, "name": "edge", "ip": "10.1.0.3", "status": "2"}, {"id": 4, "name": "edge", "ip": "10.1.0.4"}]
-})";
+    {"id": 3, "name": "edge", "ip": "10.1.0.3", "status": "2"},
+    {"id": 4, "name": "edge", "ip": "10.1.0.4"}]})";
 
 // The whole stack on lab_world, with its CVM registered as "lab".
 class Lab_Test : public ::testing::Test {
