@@ -1,7 +1,6 @@
 // Browsing a CVM's inventory through the agent's "h3ccas.list" and the brimlet CLI, against
 // cas-sim: every listing as JSON and as the table a user reads, search and name verification,
-// parameter faults, CAS failures and the agent staying responsive.
-#include "host/core/paths.h"
+// parameter faults, CAS failures, the agent staying responsive, and the CLI's failure lines.
 #include "tests/integration/test_stack.h"
 
 #include <gtest/gtest.h>
