@@ -1,4 +1,5 @@
 // brimlet-agent: loads modules from their manifests and serves their JSON-RPC methods over HTTP.
+#include "host/catalog/server_api.h"
 #include "host/core/crypto.h"
 #include "host/core/identity.h"
 #include "host/core/log.h"
@@ -9,6 +10,8 @@
 #include "host/jsonrpc/router.h"
 #include "host/module/module.h"
 #include "programs/common/agent_files.h"
+
+#include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <cstring>
@@ -81,36 +84,26 @@ class Agent_Info_Handler : public JSON_RPC_Handler {
   JSON_Value info_;
 };
 
-void usage() {
-  fprintf(stderr,
-          "usage: brimlet-agent [--config FILE] [--listen HOST:PORT] [--ready-file FILE]\n"
-          "  Serves the JSON-RPC methods of the modules named in the configuration on\n"
-          "  POST /jsonrpc. Default configuration: %s\n",
-          agent_files::default_config().c_str());
-}
-
 }  // namespace
 
+// Exit status: 0 stopped by a signal, 1 failed to start, 2 usage error.
 int main(int argc, char** argv) {
   std::string config_path = agent_files::default_config();
   std::string listen_override, ready_file;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    bool has_value = i + 1 < argc;
-    if (arg == "--config" && has_value) {
-      config_path = argv[++i];
-    } else if (arg == "--listen" && has_value) {
-      listen_override = argv[++i];
-    } else if (arg == "--ready-file" && has_value) {
-      ready_file = argv[++i];
-    } else if (arg == "--help" || arg == "-h") {
-      usage();
-      return 0;
-    } else {
-      fprintf(stderr, "brimlet-agent: unknown or incomplete option '%s'.\n", arg.c_str());
-      usage();
-      return 2;
-    }
+  CLI::App app(
+      "Serves the JSON-RPC methods of the modules named in the configuration on POST "
+      "/jsonrpc.",
+      "brimlet-agent");
+  app.add_option("--config", config_path, "the agent configuration")->capture_default_str();
+  app.add_option("--listen", listen_override, "HOST:PORT to serve on instead of the configured");
+  app.add_option("--ready-file", ready_file, "written with {\"host\", \"port\"} once serving");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    fprintf(stderr, "brimlet-agent: %s\nRun 'brimlet-agent --help' for usage.\n", e.what());
+    return 2;
   }
 
   Agent_Config conf;
@@ -189,7 +182,7 @@ int main(int argc, char** argv) {
   HTTP_Authorizer authorize;
   if (!is_loopback(opts.host))
     authorize = [key = Host_Manager::instance()->access_key()](const HTTP_Server_Request& req) {
-      const std::string* given = req.headers.get("X-Access-Key");
+      const std::string* given = req.headers.get(server_api::access_key_header);
       return !key.empty() && given && secrets_equal(*given, key);
     };
   HTTP_Server server;

@@ -1,12 +1,12 @@
 #include "programs/cli/catalog.h"
 
+#include "host/catalog/server_api.h"
 #include "host/core/text.h"
 #include "host/storage/options.h"
 #include "programs/cli/table.h"
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cstdint>
 #include <ctime>
 #include <iostream>
@@ -14,9 +14,6 @@
 #include <vector>
 
 namespace {
-
-const char pool_route[] = "/k4/r/storage/pool";
-const char sets_route[] = "/k4/r/catalog/h3ccas/sets";
 
 std::string size_text(const JSON_Value& value) {
   if (!value.is_number_unsigned())
@@ -49,13 +46,6 @@ std::string compression_text(const JSON_Value& io_options) {
   if (name == "none")
     return name;
   return name + " level " + std::to_string(effective.value("compression_level", 0));
-}
-
-// The value of an option that takes one; false when it is missing or empty, or is the next
-// option (a forgotten value must not make "--url" a pool's name).
-bool option_value(Cli& cli, std::string& value) {
-  value = cli.take();
-  return !value.empty() && value.rfind("--", 0) != 0;
 }
 
 // "--host cvk01" matches a set of that host id or host name.
@@ -117,59 +107,35 @@ bool is_record_list(const JSON_Value& value) {
 
 }  // namespace
 
-int pool_add(Cli& cli) {
-  JSON_Value body = JSON_Value::object(), io = JSON_Value::object();
-  while (cli.more()) {
-    std::string opt = cli.take(), value;
-    if (opt != "--name" && opt != "--url" && opt != "--compression" && opt != "--level")
-      return usage_error("unknown option '" + opt + "' for 'pool add'");
-    if (!option_value(cli, value))
-      return usage_error("'" + opt + "' needs a value");
-    if (opt == "--compression") {
-      if (value != "zstd" && value != "lz4" && value != "zlib" && value != "none")
-        return usage_error("unknown compression '" + value + "' (zstd, lz4, zlib or none)");
-      io["compression"] = value;
-    } else if (opt == "--level") {
-      const char* stop = nullptr;
-      int level = natoi<int>(value.data(), value.data() + value.size(), &stop);
-      if (errno || stop != value.data() + value.size())
-        return usage_error("invalid level '" + value + "'");
-      io["compression_level"] = level;
-    } else {
-      body[opt.substr(2)] = value;
-    }
-  }
-  if (!body.contains("name") || !body.contains("url"))
-    return usage_error("'pool add' needs --name and --url");
-  if (!io.empty()) {
+int pool_add(const Cli& cli, const std::string& name, const std::string& url,
+             const JSON_Value& io_options) {
+  JSON_Value body = {{"name", name}, {"url", url}};
+  if (!io_options.empty()) {
     Client_IO_Base::Options options;
-    if (!(options << io))
-      return usage_error("level " + std::to_string(io.value("compression_level", 0)) +
-                         " is out of range for " + io.value("compression", "zstd") +
-                         " compression");
-    body["io_options"] = io;
+    if (!(options << io_options))
+      return usage_error(cli, "level " + std::to_string(io_options.value("compression_level", 0)) +
+                                  " is out of range for " +
+                                  io_options.value("compression", "zstd") + " compression");
+    body["io_options"] = io_options;
   }
-  HTTP_Request req(HTTP_Method::POST, pool_route);
+  HTTP_Request req(HTTP_Method::POST, server_api::pool_route);
   JSON_Value out;
   std::string error;
   if (!server_call(req, &body, out, error)) {
     if (out.is_object() && out.contains("uuid"))
-      return fail("a storage pool named '" + body["name"].get<std::string>() +
-                  "' is registered already, as " + cell_text(out["uuid"]));
+      return fail("a storage pool named '" + name + "' is registered already, as " +
+                  cell_text(out["uuid"]));
     return fail(error);
   }
   if (cli.json)
     std::cout << out.dump(2) << "\n";
   else
-    std::cout << "Registered storage pool " << body["name"].get<std::string>() << " as "
-              << out.value("uuid", "?") << "\n";
+    std::cout << "Registered storage pool " << name << " as " << out.value("uuid", "?") << "\n";
   return OK;
 }
 
-int pool_list(Cli& cli) {
-  if (cli.more())
-    return usage_error("unexpected argument '" + cli.take() + "'");
-  HTTP_Request req(HTTP_Method::GET, pool_route);
+int pool_list(const Cli& cli) {
+  HTTP_Request req(HTTP_Method::GET, server_api::pool_route);
   JSON_Value out;
   std::string error;
   if (!server_call(req, nullptr, out, error))
@@ -187,19 +153,8 @@ int pool_list(Cli& cli) {
   return OK;
 }
 
-int sets_list(Cli& cli) {
-  std::string cvm, host, vm;
-  while (cli.more()) {
-    std::string opt = cli.take();
-    std::string* target = opt == "--cvm"    ? &cvm
-                          : opt == "--host" ? &host
-                          : opt == "--vm"   ? &vm
-                                            : nullptr;
-    if (!target)
-      return usage_error("unknown option '" + opt + "' for 'sets list'");
-    if (!option_value(cli, *target))
-      return usage_error("'" + opt + "' needs a value");
-  }
+int sets_list(const Cli& cli, const std::string& cvm, const std::string& host,
+              const std::string& vm) {
   std::string error;
   std::string cvm_uuid = cvm;
   bool registered = true;
@@ -210,7 +165,7 @@ int sets_list(Cli& cli) {
       cvm_uuid = entry.value("uuid", "");
     // A CVM removed from the registry keeps its sets: its uuid still finds them.
   }
-  HTTP_Request req(HTTP_Method::GET, sets_route);
+  HTTP_Request req(HTTP_Method::GET, server_api::h3ccas_sets_route);
   if (!cvm_uuid.empty())
     HTTP_Query_String_Builder(req.query()).append("host_uuid", cvm_uuid);
   JSON_Value out;
@@ -237,13 +192,8 @@ int sets_list(Cli& cli) {
   return OK;
 }
 
-int sets_show(Cli& cli) {
-  if (!cli.more())
-    return usage_error("'sets show' needs a backup set uuid");
-  std::string uuid = cli.take();
-  if (cli.more())
-    return usage_error("unexpected argument '" + cli.take() + "'");
-  HTTP_Request req(HTTP_Method::GET, sets_route);
+int sets_show(const Cli& cli, const std::string& uuid) {
+  HTTP_Request req(HTTP_Method::GET, server_api::h3ccas_sets_route);
   HTTP_Query_String_Builder(req.query()).append("uuid", uuid);
   JSON_Value set;
   std::string error;

@@ -1,61 +1,94 @@
 #include "programs/cli/cli.h"
 
+#include "host/catalog/server_api.h"
 #include "host/core/identity.h"
 #include "host/core/paths.h"
+#include "host/core/unique_fd.h"
+#include "host/http/client.h"
 #include "programs/common/agent_files.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 
-const char usage_text[] =
-    "usage: brimlet [--config FILE] [--json] COMMAND ...\n"
-    "\n"
-    "  cvm add --host HOST --username USER [--port 443] [--ssl] [--name NAME] [--password-stdin]\n"
-    "                       register a CVM; the password is asked for (or read from stdin)\n"
-    "  cvm list             list registered CVMs\n"
-    "  cvm remove CVM       remove a registered CVM\n"
-    "  cvm test CVM         log in to a registered CVM through the agent\n"
-    "\n"
-    "  ls CVM               the CVM's hosts\n"
-    "  ls CVM host HOST     one host's details\n"
-    "  ls CVM vms HOST      the VMs of a host\n"
-    "  ls CVM pools HOST    the storage pools of a host\n"
-    "  ls CVM volumes HOST POOL\n"
-    "                       the volumes of a host's storage pool\n"
-    "  ls CVM vswitches HOST\n"
-    "                       the virtual switches of a host\n"
-    "  ls CVM profiles      the port profiles\n"
-    "  search CVM hosts|vms TEXT [--ip]\n"
-    "                       hosts (name or address) or VMs (name or title) containing TEXT,\n"
-    "                       ignoring case; --ip matches host addresses only\n"
-    "  verify CVM NAME...   which of these VM names exist (exit status 1 when some do not)\n"
-    "\n"
-    "  pool add --name NAME --url file:///DIR [--compression zstd|lz4|zlib|none] [--level N]\n"
-    "                       register a storage pool (default compression zstd level 3)\n"
-    "  pool list            list storage pools\n"
-    "  sets list [--cvm CVM] [--host HOST] [--vm VM]\n"
-    "                       backup sets, newest first, with the full set each belongs to\n"
-    "  sets show SET        every field of a backup set, its disks and pieces\n"
-    "\n"
-    "  CVM is a registered CVM's uuid or name, HOST a host id or name, VM a VM id or name,\n"
-    "  SET a backup set's uuid.\n"
-    "  --config FILE        the agent configuration (default %s)\n"
-    "  --json               machine-readable output (the agent's or server's answer as is)\n";
+namespace {
 
-int fail(const std::string& message) {
-  fprintf(stderr, "brimlet: %s\n", message.c_str());
-  return FAILED;
+// Where a backup server is and the key to show it.
+struct Server_Peer {
+  std::string host;
+  std::uint16_t port = 0;
+  bool ssl = false;
+  std::string access_key;
+};
+
+std::string agent_config;
+
+// The whole file, if only its owner may read it: it holds a key that may change the registry.
+bool read_private_file(const std::string& path, std::string& text, std::string& error) {
+  Unique_Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat st {};
+  if (!fd || fstat(fd.get(), &st) != 0) {
+    error = "cannot read the CLI configuration '" + path + "': " + std::strerror(errno);
+    return false;
+  }
+  if ((st.st_mode & 077) != 0) {
+    char mode[8];
+    snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    error = "the CLI configuration '" + path + "' may be read by others (mode " + mode +
+            "); make it readable by its owner only (chmod 600)";
+    return false;
+  }
+  text.clear();
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(fd.get(), buf, sizeof buf)) > 0)
+    text.append(buf, static_cast<std::size_t>(n));
+  if (n < 0) {
+    error = "cannot read the CLI configuration '" + path + "': " + std::strerror(errno);
+    return false;
+  }
+  return true;
 }
 
-int usage_error(const std::string& message) {
-  fprintf(stderr, "brimlet: %s\n", message.c_str());
-  fprintf(stderr, usage_text, agent_files::default_config().c_str());
-  return USAGE;
+bool load_admin_peer(Server_Peer& peer, std::string& error) {
+  static bool loaded = false;
+  static Server_Peer cached;
+  if (loaded) {
+    peer = cached;
+    return true;
+  }
+  std::string path = cli_config_path(), text;
+  if (!read_private_file(path, text, error))
+    return false;
+  try {
+    JSON_Value server;
+    json_extract_object(JSON_Value::parse(text), "backup_server", server);
+    json_extract(server, "host", cached.host);
+    json_extract(server, "port", cached.port);
+    json_extract(server, "ssl", cached.ssl, false);
+    json_extract(server, "access_key", cached.access_key);
+  } catch (const std::exception& e) {
+    error = "invalid CLI configuration '" + path + "': " + e.what();
+    return false;
+  }
+  loaded = true;
+  peer = cached;
+  return true;
 }
 
-bool load_agent_config(const Cli& cli, std::string& error) {
-  std::string text;
-  if (!read_file(cli.config_path, text)) {
-    error = "cannot read the agent configuration '" + cli.config_path + "'";
+// The agent's id, key and backup server, read once.
+bool load_agent_identity(std::string& error) {
+  static bool loaded = false;
+  if (loaded)
+    return true;
+  std::string path = agent_config.empty() ? agent_files::default_config() : agent_config, text;
+  if (!read_file(path, text)) {
+    error = "cannot read the agent configuration '" + path + "'";
     return false;
   }
   try {
@@ -63,19 +96,22 @@ bool load_agent_config(const Cli& cli, std::string& error) {
       error = "cannot read this agent's host id";
       return false;
     }
-    Upstream_JSON_RESTful_Client::instance()->configure_from_identity();
   } catch (const std::exception& e) {
-    error = "invalid agent configuration '" + cli.config_path + "': " + e.what();
+    error = "invalid agent configuration '" + path + "': " + e.what();
     return false;
   }
+  loaded = true;
   return true;
 }
 
-bool server_call(HTTP_Request& req, const JSON_Value* body, JSON_Value& out, std::string& error) {
+bool send_to_server(const Server_Peer& peer, HTTP_Request& req, const JSON_Value* body,
+                    JSON_Value& out, std::string& error) {
+  auto session = HTTP_Session_Factory::create(peer.host, peer.port, peer.ssl);
   HTTP_Response resp;
-  if (!Upstream_JSON_RESTful_Client::instance()->send(req, body, resp, out)) {
-    error = "cannot reach the backup server at " + WebSocket_Options::instance()->host + ":" +
-            std::to_string(WebSocket_Options::instance()->port);
+  out = nullptr;
+  if (!session || !session->headers().put(server_api::access_key_header, peer.access_key) ||
+      !JSON_HTTP_Session(session, 1, 600).send(req, body, resp, &out)) {
+    error = "cannot reach the backup server at " + peer.host + ":" + std::to_string(peer.port);
     return false;
   }
   if (resp.status() / 100 == 2)
@@ -86,8 +122,49 @@ bool server_call(HTTP_Request& req, const JSON_Value* body, JSON_Value& out, std
   return false;
 }
 
+}  // namespace
+
+int fail(const std::string& message) {
+  fprintf(stderr, "brimlet: %s\n", message.c_str());
+  return FAILED;
+}
+
+int usage_error(const Cli& cli, const std::string& message) {
+  fprintf(stderr, "brimlet: %s\nRun '%s --help' for usage.\n", message.c_str(),
+          cli.command.c_str());
+  return USAGE;
+}
+
+std::string cli_config_path() {
+  return rooted_path("/etc/opt/quorvex/brimlet5/cli.json");
+}
+
+void set_agent_config(const std::string& path) {
+  agent_config = path;
+}
+
+bool server_call(HTTP_Request& req, const JSON_Value* body, JSON_Value& out, std::string& error) {
+  Server_Peer admin;
+  return load_admin_peer(admin, error) && send_to_server(admin, req, body, out, error);
+}
+
+bool server_call_as_agent(HTTP_Request& req, JSON_Value& out, std::string& error) {
+  if (!load_agent_identity(error))
+    return false;
+  const WebSocket_Options& server = *WebSocket_Options::instance();
+  Server_Peer agent{server.host, server.port, server.ssl, Host_Manager::instance()->access_key()};
+  return send_to_server(agent, req, nullptr, out, error);
+}
+
+std::string agent_host_id() {
+  std::string error;
+  return load_agent_identity(error) ? Host_ID::instance()->c_str() : "";
+}
+
 bool agent_call(const std::string& method, const JSON_Value& params, JSON_Value& result,
                 std::string& error) {
+  if (!load_agent_identity(error))
+    return false;
   std::string text;
   JSON_Value endpoint;
   if (!read_file(agent_files::endpoint_file(), text) ||
@@ -105,7 +182,7 @@ bool agent_call(const std::string& method, const JSON_Value& params, JSON_Value&
   }
   JSON_HTTP_Session rpc(session, 1, 600);
   HTTP_Request req(HTTP_Method::POST, "/jsonrpc");
-  req.headers().put("X-Access-Key", Host_Manager::instance()->access_key());
+  req.headers().put(server_api::access_key_header, Host_Manager::instance()->access_key());
   JSON_Value body = {{"jsonrpc", "2.0"}, {"id", 1}, {"method", method}, {"params", params}};
   HTTP_Response resp;
   JSON_Value answer;
@@ -127,7 +204,7 @@ bool agent_call(const std::string& method, const JSON_Value& params, JSON_Value&
 }
 
 bool find_cvm(const std::string& key, JSON_Value& entry, std::string& error) {
-  HTTP_Request req(HTTP_Method::GET, "/k4/r/h3ccas/cvm");
+  HTTP_Request req(HTTP_Method::GET, server_api::cvm_route);
   JSON_Value out;
   if (!server_call(req, nullptr, out, error))
     return false;

@@ -159,7 +159,7 @@ std::wstring folded(const std::string& name) {
 
 }  // namespace
 
-int inventory_ls(Cli& cli) {
+int inventory_ls(const Cli& cli, const std::vector<std::string>& words) {
   struct Kind {
     const char* word;
     const char* subtype;
@@ -175,20 +175,22 @@ int inventory_ls(Cli& cli) {
       {"vswitches", "VirtualSwitch", true, false, false, vswitch_columns},
       {"profiles", "PortProfile", false, false, false, profile_columns},
   };
-  if (!cli.more())
-    return usage_error("'ls' needs a CVM uuid or name");
-  std::string cvm = cli.take(), what = cli.take();
+  if (words.empty())
+    return usage_error(cli, "'ls' needs a CVM uuid or name");
+  std::size_t next = 1;
+  auto take = [&] { return next < words.size() ? words[next++] : std::string(); };
+  std::string cvm = words[0], what = take();
   const Kind* kind = nullptr;
   for (const auto& k : kinds)
     if (what == k.word)
       kind = &k;
   if (!kind)
-    return usage_error("unknown listing 'ls CVM " + what + "'");
-  std::string host = kind->host ? cli.take() : "", pool = kind->pool ? cli.take() : "";
+    return usage_error(cli, "unknown listing 'ls CVM " + what + "'");
+  std::string host = kind->host ? take() : "", pool = kind->pool ? take() : "";
   if ((kind->host && host.empty()) || (kind->pool && pool.empty()))
-    return usage_error("'ls CVM " + what + "' needs " + (kind->pool ? "HOST POOL" : "HOST"));
-  if (cli.more())
-    return usage_error("unexpected argument '" + cli.take() + "'");
+    return usage_error(cli, "'ls CVM " + what + "' needs " + (kind->pool ? "HOST POOL" : "HOST"));
+  if (next < words.size())
+    return usage_error(cli, "unexpected argument '" + words[next] + "'");
 
   std::string uuid, error;
   if (!cvm_uuid(cvm, uuid, error))
@@ -208,28 +210,17 @@ int inventory_ls(Cli& cli) {
   return show(cli, result, kind->columns, kind->one_record);
 }
 
-int inventory_search(Cli& cli) {
-  std::vector<std::string> words;
-  bool by_ip = false;
-  while (cli.more()) {
-    std::string arg = cli.take();
-    if (arg == "--ip")
-      by_ip = true;
-    else
-      words.push_back(arg);
-  }
-  if (words.size() != 3 || (words[1] != "hosts" && words[1] != "vms"))
-    return usage_error("'search' needs CVM, 'hosts' or 'vms', and the text to look for");
-  bool hosts = words[1] == "hosts";
+int inventory_search(const Cli& cli, const std::string& cvm, const std::string& kind,
+                     const std::string& text, bool by_ip) {
+  bool hosts = kind == "hosts";
   if (by_ip && !hosts)
-    return usage_error("--ip applies to host searches only");
+    return usage_error(cli, "--ip applies to host searches only");
 
   std::string uuid, error;
-  if (!cvm_uuid(words[0], uuid, error))
+  if (!cvm_uuid(cvm, uuid, error))
     return fail(error);
-  JSON_Value params = {{"subtype", "search"},
-                       {"type", hosts ? "HostSystem" : "VirtualMachine"},
-                       {"search", words[2]}};
+  JSON_Value params = {
+      {"subtype", "search"}, {"type", hosts ? "HostSystem" : "VirtualMachine"}, {"search", text}};
   if (by_ip)
     params["search_type"] = "ip";
   JSON_Value result;
@@ -238,14 +229,8 @@ int inventory_search(Cli& cli) {
   return show(cli, result, hosts ? host_columns : vm_host_columns, false);
 }
 
-int inventory_verify(Cli& cli) {
-  std::string cvm = cli.take();
-  std::vector<std::string> names;
-  while (cli.more())
-    names.push_back(cli.take());
-  if (names.empty())
-    return usage_error("'verify' needs a CVM and the VM names to look for");
-
+int inventory_verify(const Cli& cli, const std::string& cvm,
+                     const std::vector<std::string>& names) {
   std::string uuid, error;
   if (!cvm_uuid(cvm, uuid, error))
     return fail(error);

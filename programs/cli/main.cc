@@ -1,26 +1,37 @@
 // brimlet: the command line for administrators. Registry, pool and catalog commands go to the
-// backup server, module commands to the local agent; both are found through the agent's
-// configuration.
+// backup server with the key in the CLI's own configuration; module commands go to the local
+// agent, found through the agent's configuration.
+//
+// Exit status: 0 success, 1 failure (one line on stderr), 2 usage error (one line and a pointer
+// to the command's --help).
+#include "host/catalog/server_api.h"
 #include "host/core/crypto.h"
-#include "host/core/identity.h"
 #include "host/core/log.h"
 #include "host/core/service.h"
-#include "host/core/text.h"
 #include "programs/cli/catalog.h"
 #include "programs/cli/cli.h"
 #include "programs/cli/inventory.h"
 #include "programs/cli/table.h"
 #include "programs/common/agent_files.h"
 
+#include <CLI/CLI.hpp>
+
 #include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <functional>
 #include <iostream>
 #include <string>
 #include <vector>
 
 namespace {
+
+struct Cvm_Add {
+  std::string host, username, name;
+  int port = 443;
+  bool ssl = false, password_stdin = false;
+};
 
 bool read_password(bool from_stdin, Secure_String& password) {
   bool tty = !from_stdin && isatty(STDIN_FILENO);
@@ -45,42 +56,16 @@ bool read_password(bool from_stdin, Secure_String& password) {
   return !password.empty();
 }
 
-int cvm_add(Cli& cli) {
-  JSON_Value body = {{"port", 443}, {"ssl", false}};
-  bool password_stdin = false;
-  while (cli.more()) {
-    std::string opt = cli.take();
-    if (opt == "--ssl") {
-      body["ssl"] = true;
-    } else if (opt == "--password-stdin") {
-      password_stdin = true;
-    } else if (opt == "--password") {
-      return usage_error(
-          "passwords are never taken from the command line; use the prompt or "
-          "--password-stdin");
-    } else if ((opt == "--host" || opt == "--username" || opt == "--name" || opt == "--port") &&
-               cli.more()) {
-      std::string value = cli.take();
-      if (opt == "--port") {
-        const char* stop = nullptr;
-        unsigned int port = natoi<unsigned int>(value.data(), value.data() + value.size(), &stop);
-        if (errno || stop != value.data() + value.size() || port == 0 || port > 65535)
-          return usage_error("invalid port '" + value + "'");
-        body["port"] = port;
-      } else {
-        body[opt.substr(2)] = value;
-      }
-    } else {
-      return usage_error("unknown or incomplete option '" + opt + "' for 'cvm add'");
-    }
-  }
-  if (!body.contains("host") || !body.contains("username"))
-    return usage_error("'cvm add' needs --host and --username");
+int cvm_add(const Cli& cli, const Cvm_Add& args) {
+  JSON_Value body = {
+      {"host", args.host}, {"port", args.port}, {"ssl", args.ssl}, {"username", args.username}};
+  if (!args.name.empty())
+    body["name"] = args.name;
   Secure_String password;
-  if (!read_password(password_stdin, password))
+  if (!read_password(args.password_stdin, password))
     return fail("no password given");
   body["password"] = std::string(password.data(), password.size());
-  HTTP_Request req(HTTP_Method::POST, "/k4/r/h3ccas/cvm");
+  HTTP_Request req(HTTP_Method::POST, server_api::cvm_route);
   JSON_Value out;
   std::string error;
   bool ok = server_call(req, &body, out, error);
@@ -90,13 +75,12 @@ int cvm_add(Cli& cli) {
   if (cli.json)
     std::cout << out.dump(2) << "\n";
   else
-    std::cout << "Registered CVM " << body["host"].get<std::string>() << " as "
-              << out.value("uuid", "?") << "\n";
+    std::cout << "Registered CVM " << args.host << " as " << out.value("uuid", "?") << "\n";
   return OK;
 }
 
-int cvm_list(Cli& cli) {
-  HTTP_Request req(HTTP_Method::GET, "/k4/r/h3ccas/cvm");
+int cvm_list(const Cli& cli) {
+  HTTP_Request req(HTTP_Method::GET, server_api::cvm_route);
   JSON_Value out;
   std::string error;
   if (!server_call(req, nullptr, out, error))
@@ -115,14 +99,12 @@ int cvm_list(Cli& cli) {
   return OK;
 }
 
-int cvm_remove(Cli& cli) {
-  if (!cli.more())
-    return usage_error("'cvm remove' needs a CVM uuid or name");
+int cvm_remove(const Cli& cli, const std::string& key) {
   JSON_Value entry, out;
   std::string error;
-  if (!find_cvm(cli.take(), entry, error))
+  if (!find_cvm(key, entry, error))
     return fail(error);
-  HTTP_Request req(HTTP_Method::DELETE, "/k4/r/h3ccas/cvm");
+  HTTP_Request req(HTTP_Method::DELETE, server_api::cvm_route);
   HTTP_Query_String_Builder(req.query()).append("uuid", entry.value("uuid", ""));
   if (!server_call(req, nullptr, out, error))
     return fail(error);
@@ -133,19 +115,19 @@ int cvm_remove(Cli& cli) {
   return OK;
 }
 
-int cvm_test(Cli& cli) {
-  if (!cli.more())
-    return usage_error("'cvm test' needs a CVM uuid or name");
+int cvm_test(const Cli& cli, const std::string& key) {
   JSON_Value entry, out, result;
   std::string error;
-  if (!find_cvm(cli.take(), entry, error))
+  if (!find_cvm(key, entry, error))
     return fail(error);
-  // The entry with its password sealed for this agent: only the module can open it.
-  HTTP_Request req(HTTP_Method::GET, "/k4/r/h3ccas/cvm");
+  // The entry with its password sealed for this agent, which the server hands to the agent's own
+  // key only: the module opens it inside the agent.
+  std::string host_id = agent_host_id();
+  HTTP_Request req(HTTP_Method::GET, server_api::cvm_route);
   HTTP_Query_String_Builder(req.query())
       .append("uuid", entry.value("uuid", ""))
-      .append("with_password", std::string(Host_ID::instance()->c_str()));
-  if (!server_call(req, nullptr, out, error))
+      .append("with_password", host_id);
+  if (!server_call_as_agent(req, out, error))
     return fail(error);
   JSON_Value rows = out.value("rows", JSON_Value::array());
   if (rows.empty())
@@ -166,26 +148,173 @@ int cvm_test(Cli& cli) {
   return ok ? OK : FAILED;
 }
 
+// The command that was parsed, as typed: "brimlet pool add".
+std::string command_path(const CLI::App& app) {
+  std::string path = app.get_name();
+  for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
+    at = at->get_subcommands().front();
+    path += " " + at->get_name();
+  }
+  return path;
+}
+
+const char ls_forms[] =
+    "Listings:\n"
+    "  ls CVM                     the CVM's hosts\n"
+    "  ls CVM host HOST           one host's details\n"
+    "  ls CVM vms HOST            the VMs of a host\n"
+    "  ls CVM pools HOST          the storage pools of a host\n"
+    "  ls CVM volumes HOST POOL   the volumes of a host's storage pool\n"
+    "  ls CVM vswitches HOST      the virtual switches of a host\n"
+    "  ls CVM profiles            the port profiles\n"
+    "HOST is a host id or name.";
+
+// CLI11 takes the word after an option as its value even when that is another option: a
+// forgotten value must not make "--url" a pool's name.
+const CLI::Validator a_value(
+    [](std::string& value) { return value.rfind("--", 0) == 0 ? "needs a value" : std::string(); },
+    "");
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Cli cli;
-  cli.config_path = agent_files::default_config();
-  for (int i = 1; i < argc; ++i)
-    cli.args.emplace_back(argv[i]);
-  while (cli.more() && cli.args[cli.next].rfind("--", 0) == 0) {
-    std::string opt = cli.take();
-    if (opt == "--json") {
-      cli.json = true;
-    } else if (opt == "--config" && cli.more()) {
-      cli.config_path = cli.take();
-    } else if (opt == "--help") {
-      printf(usage_text, agent_files::default_config().c_str());
-      return OK;
-    } else {
-      return usage_error("unknown or incomplete option '" + opt + "'");
+  std::string agent_config = agent_files::default_config();
+  std::function<int()> run;
+
+  CLI::App app(
+      "Registers CVMs and storage pools, tests logins, browses a CVM's inventory and "
+      "lists backup sets.",
+      "brimlet");
+  app.require_subcommand(1);
+  // Global flags may follow the command too: "brimlet cvm list --json".
+  app.fallthrough();
+  app.add_flag("--json", cli.json,
+               "machine-readable output (the agent's or server's answer as is)");
+  app.add_option("--config", agent_config, "the agent configuration")
+      ->check(a_value)
+      ->capture_default_str();
+  // A leaf command: its callback picks what runs once the whole line has parsed.
+  auto command = [&run](CLI::App* parent, const char* name, const char* description,
+                        std::function<int()> body) {
+    CLI::App* sub = parent->add_subcommand(name, description);
+    sub->callback([&run, body] { run = body; });
+    return sub;
+  };
+
+  CLI::App* cvm = app.add_subcommand("cvm", "registered CVMs");
+  cvm->require_subcommand(1);
+  Cvm_Add add_args;
+  std::string cvm_key, password;
+  CLI::Option* password_given = nullptr;
+  CLI::App* add = command(cvm, "add", "register a CVM; the password is asked for", [&] {
+    if (*password_given)
+      return usage_error(cli,
+                         "passwords are never taken from the command line; use the prompt or "
+                         "--password-stdin");
+    return cvm_add(cli, add_args);
+  });
+  add->add_option("--host", add_args.host, "the CVM's address")->check(a_value)->required();
+  add->add_option("--username", add_args.username, "a CAS administrator")
+      ->check(a_value)
+      ->required();
+  add->add_option("--port", add_args.port, "the CVM's HTTP(S) port")
+      ->check(CLI::Range(1, 65535))
+      ->capture_default_str();
+  add->add_flag("--ssl", add_args.ssl, "HTTPS to the CVM");
+  add->add_option("--name", add_args.name, "a name to use instead of the uuid")->check(a_value);
+  add->add_flag("--password-stdin", add_args.password_stdin,
+                "read the password as one line of standard input");
+  password_given = add->add_option("--password", password)->group("");
+  command(cvm, "list", "list registered CVMs", [&] { return cvm_list(cli); });
+  command(cvm, "remove", "remove a registered CVM", [&] { return cvm_remove(cli, cvm_key); })
+      ->add_option("CVM", cvm_key, "uuid or name")
+      ->required();
+  command(cvm, "test", "log in to a registered CVM through the agent and its module",
+          [&] { return cvm_test(cli, cvm_key); })
+      ->add_option("CVM", cvm_key, "uuid or name")
+      ->required();
+
+  std::vector<std::string> words;
+  command(&app, "ls", "list a CVM's inventory", [&] { return inventory_ls(cli, words); })
+      ->footer(ls_forms)
+      ->add_option("CVM", words,
+                   "CVM [host|vms|pools|vswitches HOST | volumes HOST POOL | profiles]")
+      ->required();
+  std::string search_cvm, kind, text;
+  bool by_ip = false;
+  CLI::App* search = command(
+      &app, "search", "hosts (name or address) or VMs (name or title) containing TEXT, any case",
+      [&] { return inventory_search(cli, search_cvm, kind, text, by_ip); });
+  search->add_option("CVM", search_cvm, "uuid or name")->required();
+  search->add_option("KIND", kind, "hosts or vms")
+      ->required()
+      ->check(CLI::IsMember({"hosts", "vms"}));
+  search->add_option("TEXT", text, "what to look for")->required();
+  search->add_flag("--ip", by_ip, "match host addresses only");
+  std::vector<std::string> names;
+  CLI::App* verify =
+      command(&app, "verify", "which of these VM names exist (exit status 1 when some do not)",
+              [&] { return inventory_verify(cli, search_cvm, names); });
+  verify->add_option("CVM", search_cvm, "uuid or name")->required();
+  verify->add_option("NAME", names, "VM names")->required();
+
+  CLI::App* pool = app.add_subcommand("pool", "storage pools on the backup server");
+  pool->require_subcommand(1);
+  std::string pool_name, url, compression;
+  int level = 0;
+  CLI::Option* level_given = nullptr;
+  CLI::App* pool_add_cmd = command(pool, "add", "register a storage pool", [&] {
+    JSON_Value io = JSON_Value::object();
+    if (!compression.empty())
+      io["compression"] = compression;
+    if (*level_given)
+      io["compression_level"] = level;
+    return pool_add(cli, pool_name, url, io);
+  });
+  pool_add_cmd->add_option("--name", pool_name, "the pool's name")->check(a_value)->required();
+  pool_add_cmd->add_option("--url", url, "where it is: file:///DIR")->check(a_value)->required();
+  pool_add_cmd->add_option("--compression", compression, "zstd (the default), lz4, zlib or none")
+      ->check(CLI::IsMember({"zstd", "lz4", "zlib", "none"}));
+  level_given = pool_add_cmd->add_option("--level", level, "compression level (zstd default 3)");
+  command(pool, "list", "list storage pools", [&] { return pool_list(cli); });
+
+  CLI::App* sets = app.add_subcommand("sets", "the backup catalog");
+  sets->require_subcommand(1);
+  std::string set_cvm, set_host, set_vm, set_uuid;
+  CLI::App* sets_list_cmd =
+      command(sets, "list", "backup sets, newest first, with the full set each belongs to",
+              [&] { return sets_list(cli, set_cvm, set_host, set_vm); });
+  sets_list_cmd->add_option("--cvm", set_cvm, "a CVM's uuid or name")->check(a_value);
+  sets_list_cmd->add_option("--host", set_host, "a host id or name")->check(a_value);
+  sets_list_cmd->add_option("--vm", set_vm, "a VM id or name")->check(a_value);
+  command(sets, "show", "every field of a backup set, its disks and pieces",
+          [&] { return sets_show(cli, set_uuid); })
+      ->add_option("SET", set_uuid, "a backup set's uuid")
+      ->required();
+
+  app.footer(
+      "CVM is a registered CVM's uuid or name. The backup server and its administrator "
+      "key come from " +
+      cli_config_path() +
+      " (readable by its owner only).\nExit status: 0 success, 1 failure, 2 usage error.");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    cli.command = command_path(app);
+    // A word where a command was expected is not "missing a command".
+    std::vector<std::string> extra = app.remaining();
+    if (dynamic_cast<const CLI::RequiredError*>(&e) && !extra.empty()) {
+      std::string typed = cli.command + " " + extra.front();
+      return usage_error(cli, "unknown command '" + typed.substr(typed.find(' ') + 1) + "'");
     }
+    return usage_error(cli, e.what());
   }
+  cli.command = command_path(app);
+  set_agent_config(agent_config);
+
   // Host library log lines would clutter the terminal: the CLI reports one line of its own.
   Log_Options log;
   log.program = "brimlet";
@@ -194,41 +323,8 @@ int main(int argc, char** argv) {
   open_log(log);
   // Names from CAS are UTF-8; tables measure them in terminal columns.
   use_utf8_locale();
-
-  using Command = int (*)(Cli&);
-  std::string area = cli.take();
-  Command command = nullptr;
-  if (area == "cvm") {
-    std::string verb = cli.take();
-    command = verb == "add"      ? cvm_add
-              : verb == "list"   ? cvm_list
-              : verb == "remove" ? cvm_remove
-              : verb == "test"   ? cvm_test
-                                 : nullptr;
-    if (!command)
-      return usage_error("unknown command 'cvm " + verb + "'");
-  } else if (area == "pool" || area == "sets") {
-    std::string verb = cli.take();
-    if (area == "pool")
-      command = verb == "add" ? pool_add : verb == "list" ? pool_list : nullptr;
-    else
-      command = verb == "list" ? sets_list : verb == "show" ? sets_show : nullptr;
-    if (!command)
-      return usage_error("unknown command '" + area + " " + verb + "'");
-  } else if (area == "ls") {
-    command = inventory_ls;
-  } else if (area == "search") {
-    command = inventory_search;
-  } else if (area == "verify") {
-    command = inventory_verify;
-  } else {
-    return usage_error(area.empty() ? "no command given" : "unknown command '" + area + "'");
-  }
-  std::string error;
-  if (!load_agent_config(cli, error))
-    return fail(error);
   try {
-    return command(cli);
+    return run();
   } catch (const std::exception& e) {
     // A peer's answer of an unexpected shape.
     return fail(std::string("unexpected answer: ") + e.what());

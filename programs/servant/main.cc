@@ -18,6 +18,8 @@
 #include "host/servant/frame.h"
 #include "host/servant/servant.h"
 
+#include <CLI/CLI.hpp>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -184,36 +186,24 @@ Loop_End serve(int fd, int signal_fd, Dispatcher& dispatcher) {
   }
 }
 
-void usage() {
-  fprintf(stderr,
-          "usage: brimlet-servant --config FILE [--debug]\n"
-          "  Started by the agent, one per task: serves the servant methods of the modules in\n"
-          "  FILE on the socket whose descriptor is in $%s.\n",
-          SERVANT_ENV_FD);
-}
-
 }  // namespace
 
+// Exit status: 0 the channel closed or a stop signal came, 1 failure, 2 usage error.
 int main(int argc, char** argv) {
   std::string config_path;
   bool debug = false;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--config" && i + 1 < argc) {
-      config_path = argv[++i];
-    } else if (arg == "--debug") {
-      debug = true;
-    } else if (arg == "--help" || arg == "-h") {
-      usage();
-      return 0;
-    } else {
-      fprintf(stderr, "brimlet-servant: unknown or incomplete option '%s'.\n", arg.c_str());
-      usage();
-      return 2;
-    }
-  }
-  if (config_path.empty()) {
-    usage();
+  CLI::App app(std::string("Started by the agent, one per task: serves the servant methods of the "
+                           "modules in the configuration on the socket whose descriptor is in $") +
+                   SERVANT_ENV_FD + ".",
+               "brimlet-servant");
+  app.add_option("--config", config_path, "the service configuration")->required();
+  app.add_flag("--debug", debug, "log debug lines too");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    fprintf(stderr, "brimlet-servant: %s\nRun 'brimlet-servant --help' for usage.\n", e.what());
     return 2;
   }
   Servant_Config conf;

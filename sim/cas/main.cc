@@ -10,23 +10,12 @@
 #include "sim/cas/cvm_api.h"
 #include "sim/cas/simulator.h"
 
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
 #include <string>
 
 namespace {
-
-const char usage_text[] =
-    "usage: cas-sim --world FILE [--listen HOST:PORT] [--cvd-listen HOST:PORT]\n"
-    "               [--tls-cert FILE --tls-key FILE] [--ready-file FILE] [--data DIR]\n"
-    "               [--log FILE]\n"
-    "  --world FILE       the simulated installation (JSON, see sim/cas/README.md)\n"
-    "  --listen HOST:PORT address to serve on (default 127.0.0.1:0; port 0 picks a free one)\n"
-    "  --cvd-listen HOST:PORT  address of the disk service cvd-ds (default 127.0.0.1:8192)\n"
-    "  --tls-cert, --tls-key  PEM certificate and key: serve HTTPS\n"
-    "  --ready-file FILE  written once listening:\n"
-    "                     {\"host\": ..., \"http_port\": N, \"cvd_port\": M}\n"
-    "  --data DIR         the simulator's state folder, disk images included (created when\n"
-    "                     missing)\n"
-    "  --log FILE         log file (appended), besides stderr\n";
 
 struct Options {
   std::string world;
@@ -39,74 +28,60 @@ struct Options {
   std::string ready_file;
   std::string data_dir;
   std::string log_file;
-  bool help = false;
 };
 
-// False after one log line.
-bool parse_options(int argc, char** argv, Options& options) {
-  struct Value_Option {
-    const char* name;
-    std::string* target;
-  };
-  const Value_Option values[] = {
-      {"--world", &options.world},     {"--tls-cert", &options.tls_cert},
-      {"--tls-key", &options.tls_key}, {"--ready-file", &options.ready_file},
-      {"--data", &options.data_dir},   {"--log", &options.log_file},
-  };
+int usage_error(const std::string& message) {
+  fprintf(stderr, "cas-sim: %s\nRun 'cas-sim --help' for usage.\n", message.c_str());
+  return 2;
+}
+
+// -1 to go on; else the exit status: 0 after --help, 2 after a usage error.
+int parse_options(int argc, char** argv, Options& options) {
   std::string listen, cvd_listen;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      options.help = true;
-      return true;
-    }
-    std::string* target = arg == "--listen"       ? &listen
-                          : arg == "--cvd-listen" ? &cvd_listen
-                                                  : nullptr;
-    for (const Value_Option& v : values)
-      if (arg == v.name)
-        target = v.target;
-    if (!target) {
-      LOG_MSG((LM_ERROR, "Unknown option '%s'; see cas-sim --help.\n", arg.c_str()));
-      return false;
-    }
-    if (i + 1 == argc || argv[i + 1][0] == '\0') {
-      LOG_MSG((LM_ERROR, "Option '%s' needs a value; see cas-sim --help.\n", arg.c_str()));
-      return false;
-    }
-    *target = argv[++i];
+  CLI::App app(
+      "Plays a CVM (the H3C CAS management server's REST API and the CVKs' disk "
+      "service) for tests, benchmarks and the demo.",
+      "cas-sim");
+  app.add_option("--world", options.world, "the simulated installation (see sim/cas/README.md)");
+  app.add_option("--listen", listen, "HOST:PORT to serve on (port 0 picks a free one)")
+      ->default_str("127.0.0.1:0");
+  app.add_option("--cvd-listen", cvd_listen, "HOST:PORT of the disk service cvd-ds")
+      ->default_str("127.0.0.1:8192");
+  app.add_option("--tls-cert", options.tls_cert, "PEM certificate: serve HTTPS (with --tls-key)");
+  app.add_option("--tls-key", options.tls_key, "PEM key of --tls-cert");
+  app.add_option("--ready-file", options.ready_file,
+                 "written once listening: {\"host\", \"http_port\", \"cvd_port\"}");
+  app.add_option("--data", options.data_dir,
+                 "the simulator's state folder, disk images included (created when missing)");
+  app.add_option("--log", options.log_file, "log file (appended), besides stderr");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    return usage_error(e.what());
   }
-  if (options.world.empty()) {
-    LOG_MSG((LM_ERROR, "Missing --world FILE: the installation to play; see cas-sim --help.\n"));
-    return false;
-  }
-  if (!listen.empty() && !parse_listen(listen, options.host, options.port)) {
-    LOG_MSG((LM_ERROR, "Invalid --listen '%s': expected HOST:PORT with a port up to 65535.\n",
-             listen.c_str()));
-    return false;
-  }
-  if (!cvd_listen.empty() && !parse_listen(cvd_listen, options.cvd_host, options.cvd_port)) {
-    LOG_MSG((LM_ERROR, "Invalid --cvd-listen '%s': expected HOST:PORT with a port up to 65535.\n",
-             cvd_listen.c_str()));
-    return false;
-  }
-  if (options.tls_cert.empty() != options.tls_key.empty()) {
-    LOG_MSG((LM_ERROR, "Options --tls-cert and --tls-key go together.\n"));
-    return false;
-  }
-  return true;
+  if (options.world.empty())
+    return usage_error("Missing --world FILE: the installation to play.");
+  if (!listen.empty() && !parse_listen(listen, options.host, options.port))
+    return usage_error("Invalid --listen '" + listen +
+                       "': expected HOST:PORT with a port up to 65535.");
+  if (!cvd_listen.empty() && !parse_listen(cvd_listen, options.cvd_host, options.cvd_port))
+    return usage_error("Invalid --cvd-listen '" + cvd_listen +
+                       "': expected HOST:PORT with a port up to 65535.");
+  if (options.tls_cert.empty() != options.tls_key.empty())
+    return usage_error("Options --tls-cert and --tls-key go together.");
+  return -1;
 }
 
 }  // namespace
 
+// Exit status: 0 stopped by a signal (or after --help), 1 failed to start, 2 usage error.
 int main(int argc, char** argv) {
   Options options;
-  if (!parse_options(argc, argv, options))
-    return 2;
-  if (options.help) {
-    fputs(usage_text, stdout);
-    return 0;
-  }
+  int status = parse_options(argc, argv, options);
+  if (status >= 0)
+    return status;
   Log_Options log;
   log.program = "cas-sim";
   log.file = options.log_file;

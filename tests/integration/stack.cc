@@ -5,74 +5,53 @@
 #include <filesystem>
 #include <system_error>
 
-namespace {
-
-std::string trimmed(std::string s) {
-  while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' '))
-    s.pop_back();
-  return s;
-}
-
-}  // namespace
-
-Stack::Stack(Report report) : report_(std::move(report)) {}
-
 Stack::~Stack() {
   agent_.stop();
   server_.stop();
-  for (auto& s : sims_)
-    s.process->stop();
-}
-
-bool Stack::failed(const std::string& what) const {
-  report_(what);
-  return false;
+  for (auto& [name, sim] : sims_)
+    sim.second->stop();
 }
 
 std::uint16_t Stack::start_sim(const std::string& name, const std::string& world_file,
                                const std::string& tls_cert, const std::string& tls_key) {
-  std::string ready = dir_.file(name + ".ready");
-  std::vector<std::string> argv = {"cas-sim",
-                                   "--world",
-                                   world_file,
-                                   "--listen",
-                                   "127.0.0.1:0",
-                                   "--cvd-listen",
-                                   "127.0.0.1:0",
-                                   "--ready-file",
-                                   ready,
-                                   "--data",
-                                   dir_.file(name + "-data"),
-                                   "--log",
-                                   dir_.file(name + ".log")};
+  std::string ready = dir_.file(name + ".ready"), out = dir_.file(name + ".out");
+  std::vector<std::string> argv = {"cas-sim", "--world", world_file, "--listen", "127.0.0.1:0"};
+  argv.insert(argv.end(), {"--cvd-listen", "127.0.0.1:0", "--ready-file", ready, "--data",
+                           dir_.file(name + "-data"), "--log", dir_.file(name + ".log")});
   if (!tls_cert.empty())
     argv.insert(argv.end(), {"--tls-cert", tls_cert, "--tls-key", tls_key});
   auto process = std::make_unique<Test_Process>();
   JSON_Value info;
-  if (!process->start(argv, env(), dir_.file(name + ".out")) || !process->wait_ready(ready, info)) {
-    failed("cas-sim '" + name + "' did not start (see " + dir_.file(name + ".out") + ")");
+  if (!process->start(argv, env(), out) || !process->wait_ready(ready, info)) {
+    failed("cas-sim '" + name + "' did not start (see " + out + ")");
     return 0;
   }
   auto port = info.value("http_port", std::uint16_t{0});
-  sims_.push_back({name, port, std::move(process)});
+  sims_[name] = {port, std::move(process)};
   return port;
 }
 
 bool Stack::start_server_and_agent() {
-  std::string data = dir_.file("server");
-  std::string server_ready = dir_.file("server.ready");
+  std::string data = dir_.file("server"), ready = dir_.file("server.ready");
   JSON_Value info;
-  if (!server_.start({"brimlet-server", "--listen", "127.0.0.1:0", "--data", data, "--ready-file",
-                      server_ready},
-                     env(), dir_.file("server.out")) ||
-      !server_.wait_ready(server_ready, info))
+  if (!server_.start(
+          {"brimlet-server", "--listen", "127.0.0.1:0", "--data", data, "--ready-file", ready},
+          env(), dir_.file("server.out")) ||
+      !server_.wait_ready(ready, info))
     return failed("brimlet-server did not start");
-  server_port_ = info.value("port", std::uint16_t{0});
-
-  Run_Result key = run_program(
-      {"brimlet-server", "enroll", "--data", data, "--host-id", agent_host_id()}, "", env());
-  if (key.exit_code != 0)
-    return failed("brimlet-server enroll failed: " + key.err);
+  // The agent's key, and an administrator's for the CLI.
+  JSON_Value server = {{"host", "127.0.0.1"}, {"port", info["port"]}, {"ssl", false}};
+  JSON_Value admin = server;
+  for (JSON_Value* conf : {&server, &admin}) {
+    bool agent = conf == &server;
+    Run_Result key = run_program(
+        {"brimlet-server", "enroll", "--data", data, "--host-id",
+         agent ? agent_host_id() : "admin-under-test", "--role", agent ? "agent" : "admin"},
+        "", env());
+    if (key.exit_code != 0)
+      return failed("brimlet-server enroll failed: " + key.err);
+    (*conf)["access_key"] = key.out.substr(0, key.out.find_first_of("\r\n"));
+  }
 
   std::string etc = dir_.path() + "/etc/opt/quorvex/brimlet5";
   std::error_code ec;
@@ -80,21 +59,19 @@ bool Stack::start_server_and_agent() {
   if (ec)
     return failed("cannot create " + etc + ": " + ec.message());
   write_text_file(etc + "/host_id", std::string(agent_host_id()) + "\n");
+  write_text_file(etc + "/cli.json", JSON_Value{{"backup_server", admin}}.dump(2));
+  std::filesystem::permissions(
+      etc + "/cli.json", std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   JSON_Value conf = {{"listen", "127.0.0.1:0"},
-                     {"backup_server",
-                      {{"host", "127.0.0.1"},
-                       {"port", server_port_},
-                       {"ssl", false},
-                       {"access_key", trimmed(key.out)}}},
+                     {"backup_server", server},
                      {"host_id_file", etc + "/host_id"},
                      {"log_file", dir_.file("agent.log")},
                      {"modules", {std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json"}}};
   write_text_file(etc + "/agent.json", conf.dump(2));
 
-  std::string agent_ready = dir_.file("agent.ready");
-  if (!agent_.start({"brimlet-agent", "--ready-file", agent_ready}, env(),
-                    dir_.file("agent.out")) ||
-      !agent_.wait_ready(agent_ready, info))
+  ready = dir_.file("agent.ready");
+  if (!agent_.start({"brimlet-agent", "--ready-file", ready}, env(), dir_.file("agent.out")) ||
+      !agent_.wait_ready(ready, info))
     return failed("brimlet-agent did not start (see " + dir_.file("agent.out") + ")");
   agent_port_ = info.value("port", std::uint16_t{0});
   return true;
@@ -116,53 +93,39 @@ std::string Stack::add_cvm(const std::string& name, std::uint16_t port, const st
     args.push_back("--ssl");
   Run_Result r = cli(args, password + "\n");
   JSON_Value out = JSON_Value::parse(r.out, nullptr, false);
-  if (r.exit_code != 0 || !out.is_object() || !out.contains("uuid")) {
-    failed("brimlet cvm add '" + name + "' failed: " + r.err);
-    return "";
-  }
-  return out.value("uuid", "");
+  if (r.exit_code == 0 && out.is_object() && out.contains("uuid"))
+    return out.value("uuid", "");
+  failed("brimlet cvm add '" + name + "' failed: " + r.err);
+  return "";
 }
 
 JSON_Value Stack::sim_control(const std::string& name, const std::string& method,
                               const std::string& path, const JSON_Value& body) const {
-  for (const auto& s : sims_) {
-    if (s.name != name)
-      continue;
-    auto session = HTTP_Session_Factory::create("127.0.0.1", s.port, false);
-    JSON_HTTP_Session json(session, 1, 30);
-    HTTP_Request req(http_method_from_string(method), path);
-    HTTP_Response resp;
-    JSON_Value out;
-    if (!json.send(req, body.is_null() ? nullptr : &body, resp, &out) || resp.status() / 100 != 2) {
-      failed(method + " " + path + " on " + name + " answered " + std::to_string(resp.status()) +
-             ": " + resp.body());
-      return nullptr;
-    }
+  auto sim = sims_.find(name);
+  std::uint16_t port = sim == sims_.end() ? 0 : sim->second.first;
+  JSON_HTTP_Session json(HTTP_Session_Factory::create("127.0.0.1", port, false), 1, 30);
+  HTTP_Request req(http_method_from_string(method), path);
+  HTTP_Response resp;
+  JSON_Value out;
+  if (port && json.send(req, body.is_null() ? nullptr : &body, resp, &out) &&
+      resp.status() / 100 == 2)
     return out;
-  }
-  failed("no simulator " + name);
+  failed(method + " " + path + " on simulator '" + name + "' answered " +
+         std::to_string(resp.status()) + ": " + resp.body());
   return nullptr;
 }
 
-int Stack::agent_post(const std::string& body, JSON_Value& answer) const {
-  auto session = HTTP_Session_Factory::create("127.0.0.1", agent_port_, false);
+JSON_Value Stack::agent_call(const std::string& method, const JSON_Value& params) const {
+  std::string request =
+      JSON_Value{{"jsonrpc", "2.0"}, {"id", 1}, {"method", method}, {"params", params}}.dump();
   HTTP_Request req(HTTP_Method::POST, "/jsonrpc");
   HTTP_Response resp;
-  if (!session->send(req, &body, resp))
-    return 0;
-  answer = JSON_Value::parse(resp.body(), nullptr, false);
-  return resp.status();
-}
-
-JSON_Value Stack::agent_call(const std::string& method, const JSON_Value& params) const {
-  JSON_Value request = {{"jsonrpc", "2.0"}, {"id", 1}, {"method", method}, {"params", params}};
-  JSON_Value answer;
-  int status = agent_post(request.dump(), answer);
-  if (status != 200 || !answer.is_object()) {
-    failed(method + " on the agent answered " + std::to_string(status) + " without JSON-RPC");
-    return nullptr;
-  }
-  return answer;
+  HTTP_Session_Factory::create("127.0.0.1", agent_port_, false)->send(req, &request, resp);
+  JSON_Value answer = JSON_Value::parse(resp.body(), nullptr, false);
+  if (resp.status() == 200 && answer.is_object())
+    return answer;
+  failed(method + " on the agent answered " + std::to_string(resp.status()) + " without JSON-RPC");
+  return nullptr;
 }
 
 bool make_test_certificate(const std::string& cert, const std::string& key) {

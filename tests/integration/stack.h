@@ -11,8 +11,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 class Stack {
@@ -20,16 +22,15 @@ class Stack {
   // Receives each failure of the functions below as one line saying what failed (a test fails
   // itself, a benchmark prints it); the functions also say so by their results.
   using Report = std::function<void(const std::string& what)>;
-  explicit Stack(Report report);
+  explicit Stack(Report report) : report_(std::move(report)) {}
   ~Stack();
-  Stack(const Stack&) = delete;
-  Stack& operator=(const Stack&) = delete;
 
   // Starts a simulator on `world_file` (TLS when cert and key are given); its HTTP port, 0 on
   // failure. Several simulators may run at once (named by `name`).
   std::uint16_t start_sim(const std::string& name, const std::string& world_file,
                           const std::string& tls_cert = "", const std::string& tls_key = "");
-  // brimlet-server, the agent's key and the agent, in that order.
+  // brimlet-server; the agent's key in the agent configuration and an administrator's key in the
+  // CLI's (cli.json, mode 0600); the agent.
   bool start_server_and_agent();
 
   // The CLI with BRIMLET_ROOT set; `input` on its stdin.
@@ -41,9 +42,6 @@ class Stack {
   // A request to a simulator's control API (/sim/...); the parsed answer (null on failure).
   JSON_Value sim_control(const std::string& name, const std::string& method,
                          const std::string& path, const JSON_Value& body = nullptr) const;
-  // POST /jsonrpc on the agent with a raw body; the HTTP status (0 when no answer came) and the
-  // parsed answer.
-  int agent_post(const std::string& body, JSON_Value& answer) const;
   // A JSON-RPC call on the agent: the whole answer, with its "result" or "error" (null when no
   // JSON-RPC answer came).
   JSON_Value agent_call(const std::string& method, const JSON_Value& params) const;
@@ -54,19 +52,16 @@ class Stack {
   static const char* agent_host_id() { return "agent-under-test"; }
 
  private:
-  struct Sim {
-    std::string name;
-    std::uint16_t port;
-    std::unique_ptr<Test_Process> process;
-  };
-  bool failed(const std::string& what) const;
+  bool failed(const std::string& what) const {
+    report_(what);
+    return false;
+  }
 
   Report report_;
   Temp_Dir dir_;
-  std::vector<Sim> sims_;
-  Test_Process server_;
-  Test_Process agent_;
-  std::uint16_t server_port_ = 0;
+  // Simulators by name: HTTP port and process.
+  std::map<std::string, std::pair<std::uint16_t, std::unique_ptr<Test_Process>>> sims_;
+  Test_Process server_, agent_;
   std::uint16_t agent_port_ = 0;
 };
 
