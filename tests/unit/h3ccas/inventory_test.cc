@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -56,67 +57,42 @@ TEST(Cas_Lists, LoadStopsAtTheFirstBadRecord) {
 TEST_F(Cas_Peer, WaitsForTasks) {
   const std::string missed = "Message ID missed in CAS '127.0.0.1' async task(start VM) response";
   const std::string invalid = "Invalid response of CAS async task progress: ";
+  const char started[] = R"({"msgId":"42"})";
+  const std::string running = R"({"completed":"false","result":"0"})";
   struct Case {
     const char* task;
-    std::vector<const char*> progress;  // the answer to each poll; the last one repeats
+    std::string progress;  // the answers to the polls, separated by blanks; the last one repeats
     bool want_target, ok;
     int polls;
     std::string log = "";
     const char* fail_msg = "";
     const char* target = "";
   } const cases[] = {
-      {R"({"errorCode":"0"})", {}, false, true, 0},  // finished at once
-      {R"({"errorCode":"0"})", {}, true, false, 0, missed + ", error code = '0'.\n"},
-      {R"({"errorCode":1017})", {}, false, false, 0, missed + ", error code = '1017'.\n"},
-      {"{}", {}, false, false, 0, missed + ", error code = ''.\n"},
-      {R"([{"msgId":"42"}])", {}, false, false, 0, "task is not object!\n"},
-      {R"({"msgId":"42"})",
-       {R"({"completed":"false","result":"0"})",
-        R"({"completed":"true","result":"1","failMsg":"disk busy"})"},
-       false,
-       false,
-       2,
-       "Failed to start VM on CAS '127.0.0.1', error: 'disk busy'.\n",
-       "disk busy"},
-      {R"({"msgId":"42"})",
-       {R"({"completed":"false","result":"0"})", R"({"completed":"false","result":"0"})",
-        R"({"completed":"true","result":"0","targetId":"vm-9"})"},
-       true,
-       true,
-       3,
-       "",
-       "",
-       "vm-9"},
+      {R"({"errorCode":"0"})", "", false, true, 0},  // finished at once
+      {R"({"errorCode":"0"})", "", true, false, 0, missed + ", error code = '0'.\n"},
+      {R"({"errorCode":1017})", "", false, false, 0, missed + ", error code = '1017'.\n"},
+      {"{}", "", false, false, 0, missed + ", error code = ''.\n"},
+      {R"([{"msgId":"42"}])", "", false, false, 0, "task is not object!\n"},
+      {started, running + R"( {"completed":"true","result":"1","failMsg":"busy"})", false, false, 2,
+       "Failed to start VM on CAS '127.0.0.1', error: 'busy'.\n", "busy"},
+      {started, running + " " + running + R"( {"completed":"true","result":"0","targetId":"vm-9"})",
+       true, true, 3, "", "", "vm-9"},
       // Only the last answer's result counts.
-      {R"({"msgId":"42"})",
-       {R"({"completed":"false","result":"0"})", R"({"completed":"true"})"},
-       false,
-       false,
-       2,
+      {started, running + R"( {"completed":"true"})", false, false, 2,
        "Failed to start VM on CAS '127.0.0.1', error: ''.\n"},
-      {R"({"msgId":"42"})",
-       {R"({"completed":true,"result":"0"})"},
-       false,
-       false,
-       1,
+      {started, R"({"completed":true,"result":"0"})", false, false, 1,
        invalid + "'completed' is expected as string, message_id=42.\n"},
-      {R"({"msgId":"42"})",
-       {"[]"},
-       false,
-       false,
-       1,
-       invalid + "expected an object, got array, message_id=42.\n"},
-      {R"({"msgId":"42"})",
-       {R"({"completed":"true","result":"0"})"},
-       true,
-       false,
-       1,
+      {started, "[]", false, false, 1, invalid + "expected an object, got array, message_id=42.\n"},
+      {started, R"({"completed":"true","result":"0"})", true, false, 1,
        "Failed to get target id after CAS 'start VM' on CVK '127.0.0.1'.\n"},
   };
   Test_Client client(cvm());
   for (const auto& c : cases) {
     SCOPED_TRACE(c.task + std::to_string(c.polls));
-    const auto& progress = c.progress;
+    std::vector<std::string> progress;
+    std::istringstream words(c.progress);
+    for (std::string word; words >> word;)
+      progress.push_back(word);
     if (!progress.empty())
       peer_.set(kMessage, Digest_Peer::json(progress[0]));
     client.sleeps = 0;
@@ -140,7 +116,7 @@ TEST_F(Cas_Peer, WaitsForTasks) {
   // A poll that fails ends the wait; the CAS error then describes the poll.
   peer_.set(kMessage, {500, "{}", {{"Error-Code", "7"}}});
   Log_Capture log;
-  EXPECT_FALSE(client.wait_task("start VM", json(R"({"msgId":"42"})"), nullptr));
+  EXPECT_FALSE(client.wait_task("start VM", json(started), nullptr));
   EXPECT_TRUE(log.contains(
       "Failed to get progress of CAS '127.0.0.1' async task(start VM), message_id=42.\n"));
   EXPECT_EQ(client.last_error_code(), "7");
@@ -158,90 +134,82 @@ struct Route {
   bool is_list = true;
 };
 
-// The size of a list and a summary of its first record.
-template <class T, class List, class First>
-Call lister(List list, First first) {
-  return [list, first](RESTful_Client& c) -> std::optional<std::string> {
-    std::vector<T> out;
-    if (!list(c, out))
-      return std::nullopt;
-    return std::to_string(out.size()) + (out.empty() ? "" : " " + first(out.front()));
+// The size of a list and the name of its first record.
+template <class T>
+std::optional<std::string> summary(bool ok, const std::vector<T>& out) {
+  if (!ok)
+    return std::nullopt;
+  return std::to_string(out.size()) + (out.empty() ? "" : " " + out[0].dump()["name"].dump());
+}
+
+template <class T, class List>
+Call lister(List list) {
+  return [list](RESTful_Client& c) {
+    std::vector<T> v;
+    return summary(list(c, v), v);
   };
 }
 
 std::vector<Route> routes() {
   using C = RESTful_Client;
+  const std::string vm = R"({"id":"7","name":"n7","title":"a","vmStatus":"running","hostId":"1",
+                             "hostName":"cvk","cpu":"2","memory":"2048","uuid":"u"})";
   return {
       {kHosts, kHosts, R"({"host":[{"id":"3","ip":"i","name":"cvk3","status":"1"},
                                   {"id":"4","ip":"i","name":"cvk4","status":"1"}]})",
-       lister<CVK_Host>([](C& c, auto& out) { return c.list_host(out); },
-                        [](const CVK_Host& h) { return h.name_; }),
-       "2 cvk3"},
-      {kVmList, "/cas/casrs/vm/vmList?hostId=h%201&sortField=title",
-       R"({"domain":{"id":"7","name":"n","title":"web","vmStatus":"running","hostId":"h 1",
-                     "hostName":"cvk","cpu":"2","memory":"2048","uuid":"u"}})",
-       lister<VM_Info>([](C& c, auto& out) { return c.list_vm("h 1", out); },
-                       [](const VM_Info& v) { return v.display_name_; }),
-       "1 web"},
+       lister<CVK_Host>([](C& c, auto& v) { return c.list_host(v); }), "2 \"cvk3\""},
+      {kVmList, "/cas/casrs/vm/vmList?hostId=h%201&sortField=title", R"({"domain":)" + vm + "}",
+       lister<VM_Info>([](C& c, auto& v) { return c.list_vm("h 1", v); }), "1 \"n7\""},
       // Listed at once, the VMs keep CAS's order.
       {kVmList, "/cas/casrs/vm/vmList?sortField=title",
-       JSON_Value({{"domain", {vm_json("7", "a", "1"), vm_json("8", "b", "1")}}}).dump(),
-       lister<VM_Info>([](C& c, auto& out) { return c.list_all_vm(out); },
-                       [](const VM_Info& v) { return v.id_; }),
-       "2 7"},
+       JSON_Value({{"domain", {json(vm.c_str()), vm_json("8", "b", "1")}}}).dump(),
+       lister<VM_Info>([](C& c, auto& v) { return c.list_all_vm(v); }), "2 \"n7\""},
       {"/cas/casrs/storage/pool", "/cas/casrs/storage/pool?hostId=3",
        R"({"storagePool":[{"name":"defaultpool","type":"dir","path":"/vms/images",
                            "totalSize":"1024","status":"1","freeSize":"512"}]})",
-       lister<CAS_Storage_Pool>([](C& c, auto& out) { return c.list_storage_pool("3", out); },
-                                [](const CAS_Storage_Pool& p) { return p.path_; }),
-       "1 /vms/images"},
+       lister<CAS_Storage_Pool>([](C& c, auto& v) { return c.list_storage_pool("3", v); }),
+       "1 \"defaultpool\""},
       {"/cas/casrs/storage/volume", "/cas/casrs/storage/volume?hostId=3&poolName=pool%20a",
        R"({"storageVolume":[{"size":"2","users":"vm1","name":"disk1.qcow2"}]})",
        lister<CAS_Storage_Volume>(
-           [](C& c, auto& out) { return c.list_storage_volume("3", "pool a", out); },
-           [](const CAS_Storage_Volume& v) { return v.name_; }),
-       "1 disk1.qcow2"},
+           [](C& c, auto& v) { return c.list_storage_volume("3", "pool a", v); }),
+       "1 \"disk1.qcow2\""},
       {"/cas/casrs/host/id/3/vswitch", "/cas/casrs/host/id/3/vswitch",
        R"({"vSwitch":[{"id":"1","name":"vswitch0","address":"a","gateway":"g","status":"1",
                        "networkType":"9"}]})",
-       lister<Virtual_Switch>([](C& c, auto& out) { return c.list_virtual_switch("3", out); },
-                              [](const Virtual_Switch& v) { return v.name_; }),
-       "1 vswitch0"},
+       lister<Virtual_Switch>([](C& c, auto& v) { return c.list_virtual_switch("3", v); }),
+       "1 \"vswitch0\""},
       {"/cas/casrs/profile", "/cas/casrs/profile",
        R"({"portProfile":[{"id":"1","name":"Default"},{"id":"2","name":"vlan7"}]})",
-       lister<Port_Profile>([](C& c, auto& out) { return c.list_port_profile(out); },
-                            [](const Port_Profile& p) { return p.name_; }),
-       "2 Default"},
+       lister<Port_Profile>([](C& c, auto& v) { return c.list_port_profile(v); }), "2 \"Default\""},
       {"/cas/casrs/host/id/3", "/cas/casrs/host/id/3",
        R"({"id":"3","ip":"i","name":"cvk3","status":"1","memorySize":"16384","cpuCount":"2",
            "cpuCores":"8"})",
        [](C& c) -> std::optional<std::string> {
          CVK_Host_Detail out;
-         if (!c.get_host_detail("3", out))
-           return std::nullopt;
-         return out.basic_.name_ + " " + std::to_string(out.cpu_cores_);
+         return c.get_host_detail("3", out) ? std::optional(out.dump().dump()) : std::nullopt;
        },
-       "cvk3 8", false},
+       R"({"cpu_cores":8,"cpu_count":2,"id":"3","ip":"i","memory_mbytes":16384,"name":"cvk3",)"
+       R"("status":"connected"})",
+       false},
       {"/cas/casrs/vm/detail/7", "/cas/casrs/vm/detail/7",
        R"({"basic":{"name":"vm1"},"cpu":{},"memory":{}})",
        [](C& c) -> std::optional<std::string> {
          VM_Detail out;
-         if (!c.get_vm_detail("7", out))
-           return std::nullopt;
-         return out.basic_["name"].get<std::string>();
+         return c.get_vm_detail("7", out) ? std::optional(out.basic_.dump()) : std::nullopt;
        },
-       "vm1", false},
+       R"({"name":"vm1"})", false},
       // Flags are spelled in lower case; an absent optional one is a no.
       {"/cas/casrs/vm/7/capabilities", "/cas/casrs/vm/7/capabilities",
        R"({"supportSnapshot":"true","supportCbt":"True","supportExternalSnapshotFastBackup":"true"})",
        [](C& c) -> std::optional<std::string> {
-         VM_Capabilities caps;
-         caps.support_external_snapshot = true;
-         if (!c.get_vm_capabilities("7", caps))
+         VM_Capabilities f;
+         f.support_external_snapshot = true;
+         if (!c.get_vm_capabilities("7", f))
            return std::nullopt;
-         return std::to_string(caps.support_snapshot) + std::to_string(caps.support_cbt) +
-                std::to_string(caps.support_external_snapshot) +
-                std::to_string(caps.support_external_cbt);
+         return std::to_string(f.support_snapshot) + std::to_string(f.support_cbt) +
+                std::to_string(f.support_external_snapshot) +
+                std::to_string(f.support_external_cbt);
        },
        "1001", false},
       {"/cas/casrs/vm/snapshot/7", "/cas/casrs/vm/snapshot/7",
@@ -249,9 +217,7 @@ std::vector<Route> routes() {
            {"name":"s1","snapshotMode":"0"}}}})",
        [](C& c) -> std::optional<std::string> {
          auto root = c.get_snapshot_info("7");
-         if (!root)
-           return std::nullopt;
-         return root->name + " " + root->children.at(0).name;
+         return root ? std::optional(root->name + " " + root->children.at(0).name) : std::nullopt;
        },
        "root s1", false},
   };
