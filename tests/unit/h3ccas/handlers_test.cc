@@ -1,15 +1,12 @@
 #include "h3ccas/websvcs_agent/instance_handler.h"
 #include "h3ccas/websvcs_agent/test_login_handler.h"
 
-#include "tests/support/process.h"
 #include "tests/unit/h3ccas/support.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <set>
-#include <sstream>
 
 namespace h3ccas {
 namespace {
@@ -96,23 +93,6 @@ TEST(Cas_Instance_Handler, AnnouncesTheProxyAndNeedsNoLogon) {
 // The built module as the host sees it.
 const std::string kLibDir = BRIMLET_LIB_DIR;
 
-TEST(Cas_Module_Surface, ExportsExactlyTheFactories) {
-  Run_Result nm = run_program({"/usr/bin/nm", "-D", "--defined-only", kLibDir + "/libh3ccas.so"});
-  ASSERT_EQ(nm.exit_code, 0) << nm.err;
-  std::set<std::string> symbols;
-  std::istringstream lines(nm.out);
-  std::string address, type, name;
-  while (lines >> address >> type >> name)
-    symbols.insert(name);
-  EXPECT_EQ(symbols,
-            (std::set<std::string>{
-                "_make_H3C_CAS_Instance_Handler", "_gobble_H3C_CAS_Instance_Handler",
-                "_make_JSON_RPC_H3C_CAS_Test_Login_Handler",
-                "_gobble_JSON_RPC_H3C_CAS_Test_Login_Handler",
-                "_make_JSON_RPC_H3C_CAS_List_Handler", "_gobble_JSON_RPC_H3C_CAS_List_Handler",
-                "_make_JSON_RPC_H3C_CAS_Exec_Handler", "_gobble_JSON_RPC_H3C_CAS_Exec_Handler"}));
-}
-
 // The host fills the _gobble_ slot and destroys through it; null slots and objects are harmless.
 TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
   auto module = Module::load(kLibDir + "/h3ccas.module.json");
@@ -121,17 +101,14 @@ TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
   EXPECT_EQ(module->json_rpc_methods(),
             (std::vector<std::string>{"h3ccas.list", "h3ccas.test_login"}));
   EXPECT_EQ(module->servant_json_rpc_methods(), std::vector<std::string>{"h3ccas.exec"});
-  EXPECT_NE(std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(
-                module->make_servant_json_rpc_handler("h3ccas.exec")),
-            nullptr);
+  EXPECT_TRUE(std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(
+      module->make_servant_json_rpc_handler("h3ccas.exec")));
+  for (const char* method : {"h3ccas.test_login", "h3ccas.list"})
+    EXPECT_TRUE(
+        std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(module->make_json_rpc_handler(method)));
   auto instances = module->make_instance_handler();
   ASSERT_NE(instances, nullptr);
   EXPECT_EQ(instances->type(), "h3c-cas");
-  for (const char* method : {"h3ccas.test_login", "h3ccas.list"})
-    EXPECT_NE(
-        std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(module->make_json_rpc_handler(method)),
-        nullptr)
-        << method;
 
   std::unique_ptr<void, int (*)(void*)> lib(dlopen((kLibDir + "/libh3ccas.so").c_str(), RTLD_NOW),
                                             dlclose);
