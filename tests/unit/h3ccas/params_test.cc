@@ -20,7 +20,7 @@ const char backup_params[] = R"({
   "host_id": "3", "host_name": "cvk-b", "host_ip": "10.0.1.3", "vm_id": "42", "vm_name": "web01",
   "vm_uuid": "5f0c-uuid", "def_id": "def-9", "pool_url": "file:///pools/a",
   "backup_type": "incremental", "resource_uuid": "res-1", "access_key": "ak",
-  "backupd_host": "backup.example", "backupd_port": 9443, "backupd_ssl": true,
+  "backupd_host": "backup.example", "backupd_port": 49443, "backupd_ssl": true,
   "retry_seconds": 30, "catalog": {"area": "h3ccas"}, "vm_title": "Web 01",
   "parallel_disks_per_vm": 2, "parallel_workers_per_disk": 4, "restart_vm": true, "no_cbt": 2,
   "enable_cbt": true, "storage_reserved_percent": 5, "storage_reserved_bytes": 5368709120,

@@ -280,6 +280,7 @@ TEST(Cas_Records, StoragePoolsAndVolumes) {
   const std::string v = "Invalid CAS size '";
   std::vector<Row> volumes = {
       {"{}", "{}"},
+      {R"({"size":"0"})", R"({"total_bytes":0})"},
       {R"({"size":"0.25"})", R"({"total_bytes":262144})"},
       {R"({"size":"8796093022208"})", R"({"total_bytes":9223372036854775808})"},
       {R"({"size":"17592186044415"})", R"({"total_bytes":18446744073708503040})"},
@@ -305,7 +306,7 @@ TEST(Cas_Records, Networks) {
         R"({"physical_nic_name":"","is_active":false,"network_types":[]})"},
        {R"({"networkType":"63"})", R"({"network_types":["management","service","storage",
                                      "backup","migration","other"]})"},
-       {R"({"networkType":"96"})", R"({"network_types":["other"]})"},  // unnamed bits left out
+       {R"({"networkType":"96","status":"2"})", R"({"network_types":["other"]})"},  // unnamed bits left out
        {R"({"networkType":"x"})", nullptr, n + "x' of CAS vSwitch."},
        {R"({"networkType":"4294967296"})", nullptr, n + "4294967296' of CAS vSwitch."},
        {R"({"gateway":null})", nullptr, "Unrecognized CAS vSwitch info: missing key 'gateway'."}});

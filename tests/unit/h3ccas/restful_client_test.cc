@@ -223,7 +223,7 @@ TEST_F(Cas_Peer, TestLoginOutcomes) {
       {admin, answer(R"({"data":"CAS E0750"})"),
        "Unsupported CVM verson 'CAS E0750', only supports E07+.", "CAS E0750",
        "Unknown CVM version: 'CAS E0750'.\n"},
-      {answer(R"({"operator":[{"loginName":"admin","groupId":"2"}]})"), e0750,
+      {answer(R"({"operator":[{"loginName":"admin","groupId":"0"}]})"), e0750,
        "CVM user is NOT a member of 'System Default Administrator Group'", ""},
       {admin, answer(R"({"data":"H3C CAS E0810"})"),
        "Unsupported CVM verson 'E0810', only supports E07+.", "E0810",
