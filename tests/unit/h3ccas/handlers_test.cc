@@ -11,15 +11,6 @@
 namespace h3ccas {
 namespace {
 
-class Capture_Channel : public JSON_RPC_Channel {
- public:
-  int send(const JSON_RPC_Object& obj) override {
-    sent.push_back(obj.to_json());
-    return 0;
-  }
-  std::vector<JSON_Value> sent;
-};
-
 class Exposed_Test_Login_Handler : public Test_Login_Handler {
  public:
   using Test_Login_Handler::handle_object_i;

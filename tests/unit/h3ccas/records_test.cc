@@ -306,7 +306,8 @@ TEST(Cas_Records, Networks) {
         R"({"physical_nic_name":"","is_active":false,"network_types":[]})"},
        {R"({"networkType":"63"})", R"({"network_types":["management","service","storage",
                                      "backup","migration","other"]})"},
-       {R"({"networkType":"96","status":"2"})", R"({"network_types":["other"]})"},  // unnamed bits left out
+       {R"({"networkType":"96","status":"2"})",
+        R"({"network_types":["other"]})"},  // unnamed bits left out
        {R"({"networkType":"x"})", nullptr, n + "x' of CAS vSwitch."},
        {R"({"networkType":"4294967296"})", nullptr, n + "4294967296' of CAS vSwitch."},
        {R"({"gateway":null})", nullptr, "Unrecognized CAS vSwitch info: missing key 'gateway'."}});

@@ -211,15 +211,6 @@ TEST_F(Servant_Test, ReadsADiskOfTheSimulator) {
   EXPECT_NE(sdk_log.find("starter"), std::string::npos) << sdk_log;
 }
 
-class Recording_Channel : public JSON_RPC_Channel {
- public:
-  int send(const JSON_RPC_Object& obj) override {
-    sent.push_back(obj.to_json());
-    return 0;
-  }
-  std::vector<JSON_Value> sent;
-};
-
 class Exposed_Exec_Handler : public Exec_Handler {
  public:
   using Exec_Handler::Exec_Handler;
@@ -264,7 +255,7 @@ TEST_F(Servant_Test, ExecReplies) {
     Scoped_Env sdk("CAS_CVD_SDK_PATH",
                    with_libcvd ? std::string(CVD_STUB_PATH) : dir_.file("libcvd.so"));
     for (const auto& [params, code, message, libcvd_code, libcvd_message] : cases) {
-      auto chn = std::make_shared<Recording_Channel>();
+      auto chn = std::make_shared<Capture_Channel>();
       auto req = std::make_shared<JSON_RPC_Request>("h3ccas.exec", params, 7);
       EXPECT_EQ(handler.handle_object_i(chn, req), 0) << params;
       const JSON_Value error = {{"code", with_libcvd ? libcvd_code : code},
@@ -280,7 +271,7 @@ TEST_F(Servant_Test, ExecReplies) {
 
   // Nothing is sent for a response or to a requester that has gone.
   Log_Capture log;
-  auto chn = std::make_shared<Recording_Channel>();
+  auto chn = std::make_shared<Capture_Channel>();
   EXPECT_EQ(handler.handle_object_i(chn, std::make_shared<JSON_RPC_Response>(JSON_Value(3))), -1);
   auto req = std::make_shared<JSON_RPC_Request>("h3ccas.exec", exec_params("backup"), 4);
   EXPECT_EQ(handler.handle_object_i(nullptr, req), -1);

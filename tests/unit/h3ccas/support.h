@@ -5,6 +5,7 @@
 #include "h3ccas/restful_client.h"
 #include "host/core/json.h"
 #include "host/http/server.h"
+#include "host/jsonrpc/jsonrpc.h"
 #include "tests/support/log_capture.h"
 
 #include <gtest/gtest.h>
@@ -106,6 +107,16 @@ class Digest_Peer {
   std::string nonce_;
   long last_nc_ = 0;
   Record seen_;
+};
+
+// The messages a JSON-RPC handler sends, as JSON.
+class Capture_Channel : public JSON_RPC_Channel {
+ public:
+  int send(const JSON_RPC_Object& obj) override {
+    sent.push_back(obj.to_json());
+    return 0;
+  }
+  std::vector<JSON_Value> sent;
 };
 
 // A running Digest_Peer per test.
