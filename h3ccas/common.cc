@@ -820,6 +820,8 @@ bool VM_Restore_Params::load(const JSON_Value& params) {
 
 bool VM_Restore_Params::load_disks(const JSON_Value& disks) {
   try {
+    if (!disks.is_array())
+      json_throw_type("disks", "array");
     disks_.reserve(disks_.size() + disks.size());
     for (const JSON_Value& item : disks) {
       const JSON_Value& d = json_object(item);
@@ -857,6 +859,8 @@ bool VM_Restore_Params::load_disks(const JSON_Value& disks) {
 
 bool VM_Restore_Params::load_nics(const JSON_Value& nics) {
   try {
+    if (!nics.is_array())
+      json_throw_type("nics", "array");
     nics_.reserve(nics_.size() + nics.size());
     for (const JSON_Value& item : nics) {
       NIC nic;

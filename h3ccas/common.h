@@ -347,6 +347,10 @@ class VM_Restore_Params {
 
   // False after one log line; the values read before the fault stay.
   bool load(const JSON_Value& params);
+  // Append the entries of a JSON array to disks_ / nics_ (the restore job reads its own entries
+  // with them); false after one log line, the entries read before the fault stay.
+  bool load_disks(const JSON_Value& disks);
+  bool load_nics(const JSON_Value& nics);
   JSON_Value dump() const;
 
   CVM_Info cvm_;
@@ -377,11 +381,6 @@ class VM_Restore_Params {
   int cpu_count_ = 0;
   int cpu_cores_ = 0;
   std::uint64_t memory_mbytes_ = 0;
-
- private:
-  // Append to disks_ / nics_; entries read before a fault stay.
-  bool load_disks(const JSON_Value& disks);
-  bool load_nics(const JSON_Value& nics);
 };
 
 // The outcome of one VM of a job.

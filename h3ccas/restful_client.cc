@@ -112,6 +112,11 @@ void RESTful_Client::sleep_between_polls() {
   ACE_OS::sleep(1);
 }
 
+std::shared_ptr<HTTP_Session> RESTful_Client::create_session() {
+  return HTTP_Session_Factory::create(cvm_.host(), cvm_.port(), cvm_.ssl(), nullptr, 3, nullptr,
+                                      false, 120, 120, 0, 0);
+}
+
 bool RESTful_Client::send_request(HTTP_Request& req, HTTP_Response& resp, const JSON_Value* body,
                                   JSON_Value* out) {
   // CVM forgets idle sessions: renegotiate when the previous request is a minute old.
@@ -200,8 +205,7 @@ bool RESTful_Client::digest_auth(HTTP_Request& req, std::string* error, bool for
   if (!auth_.nonce_.empty() && !force)
     return req.headers().put("Authorization", build_auth_header(method, uri.c_str()));
 
-  auto session = HTTP_Session_Factory::create(cvm_.host(), cvm_.port(), cvm_.ssl(), nullptr, 3,
-                                              nullptr, false, 120, 120, 0, 0);
+  auto session = create_session();
   if (!session)
     return fail_with(error, "Failed to create HTTP session");
   session->headers().put("Content-Type", "application/json");
@@ -247,6 +251,7 @@ bool RESTful_Client::digest_auth(HTTP_Request& req, std::string* error, bool for
     return fail_with(error, snprintf_t<256>("Unknown CVM auth '%s'", challenge->c_str()).c_str());
   }
 
+  session_ = json_session;
   client_.reset(std::move(json_session));
   req.headers().reset();
   return req.headers().put("Authorization", build_auth_header(method, uri.c_str()));
@@ -276,9 +281,11 @@ bool RESTful_Client::test_login(std::string& error, std::string& version) {
   if (!digest_auth(req, &error, false, nullptr))
     return false;
 
+  // Straight through the session: a 2xx answer without JSON, which the REST client would count
+  // as a failed request, is how CVM refuses a user the operator list.
   HTTP_Response resp;
   JSON_Value body;
-  if (!client_.get(req, resp, &body)) {
+  if (!session_->get(req, resp, &body) || resp.status() / 100 != 2) {
     if (resp.status() == 401)
       return fail_with(&error, "Invalid CVM username or password");
     if (resp.status() >= 500)

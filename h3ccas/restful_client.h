@@ -8,6 +8,7 @@
 
 #include <ctime>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -100,6 +101,9 @@ class RESTful_Client {
   virtual std::time_t now() const;
   // The pause between two polls of a task.
   virtual void sleep_between_polls();
+  // A new connection to the CVM, for each session the client negotiates; null after one log
+  // line when none can be set up. Every request of the session goes through it.
+  virtual std::shared_ptr<HTTP_Session> create_session();
 
   // One attempt through the current session.
   bool send_request_i(HTTP_Request& req, HTTP_Response& resp, const JSON_Value* body,
@@ -112,6 +116,7 @@ class RESTful_Client {
 
   CVM_Info cvm_;
   JSON_RESTful_Client client_{1};
+  std::shared_ptr<JSON_HTTP_Session> session_;  // the one client_ sends through
   std::string last_error_;
   std::string last_error_code_;
   std::string task_fail_msg_;

@@ -7,13 +7,13 @@
 #include <ace/DLL.h>
 
 #include <atomic>
-#include <mutex>
 
 namespace h3ccas {
 
-// libcvd's functions: null until a loader is initialised, and again once it is destroyed. They
-// are not written while the library is in use, so every thread may call them. There is one set
-// per process, hence one initialised loader at a time.
+// libcvd's functions: null until a loader is initialised, and again once that loader is
+// destroyed. They are not written while the library is in use, so every thread may call them.
+// There is one set per process, hence one initialised loader at a time: another loader's init
+// fails while one holds the library, and its destruction leaves the functions alone.
 extern decltype(&::cvd_init) cvd_init;
 extern decltype(&::cvd_deinit) cvd_deinit;
 extern decltype(&::cvd_connect) cvd_connect;
@@ -26,7 +26,7 @@ extern decltype(&::cvd_disk_write) cvd_disk_write;
 class CVD_Loader {
  public:
   CVD_Loader() = default;
-  // cvd_deinit when initialised, then the library is closed.
+  // cvd_deinit and the library closed when this loader initialised it; nothing otherwise.
   ~CVD_Loader();
   CVD_Loader(const CVD_Loader&) = delete;
   CVD_Loader& operator=(const CVD_Loader&) = delete;
@@ -37,15 +37,16 @@ class CVD_Loader {
   // Opens the library (lazy binding, global symbols), looks up its eight functions and calls
   // cvd_init with the SDK log under the install root and the configuration that
   // CAS_CVD_SDK_CONF_PATH names. True at once when already done. A failure (one log line) leaves
-  // nothing open, so a later call tries again. Safe from several threads.
+  // nothing open and the functions as they were, so a later call tries again. Safe from several
+  // threads.
   bool init();
   bool inited() const { return inited_; }
 
  private:
-  bool init_i();
-  void unload_i();
+  struct Functions;
+  bool init_i(Functions& functions);
+  static void publish(const Functions& functions);
 
-  std::mutex mutex_;
   ACE_DLL dll_;
   std::atomic<bool> inited_{false};
 };

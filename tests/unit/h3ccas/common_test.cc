@@ -14,31 +14,29 @@
 namespace h3ccas {
 namespace {
 
-// Each case: text, success, value; on failure `out` must hold the default.
+// Each case: text, and the value read or, with `def`, the default handed back on failure.
 template <class T>
-void check_natoi(std::initializer_list<std::tuple<std::string, bool, T>> cases, T def) {
-  for (const auto& [text, ok, value] : cases) {
+void check_natoi(std::initializer_list<std::pair<std::string, T>> cases, T def) {
+  for (const auto& [text, value] : cases) {
     T out = 1;
-    EXPECT_EQ(try_natoi<T>(out, text, def), ok) << "'" << text << "'";
-    EXPECT_EQ(out, ok ? value : def) << "'" << text << "'";
+    EXPECT_EQ(try_natoi<T>(out, text, def), value != def) << "'" << text << "'";
+    EXPECT_EQ(out, value) << "'" << text << "'";
   }
 }
 
 TEST(Cas_Conversions, TryNatoi) {
-  check_natoi<unsigned>({{"4294967295", true, 4294967295u},
-                         {"4294967296", false, 0},
-                         {"+7", true, 7},
-                         {"-0", false, 0},
-                         {"", false, 0},
-                         {"12 ", false, 0},
-                         {"1x2", false, 0}},
+  check_natoi<unsigned>({{"4294967295", 4294967295u},
+                         {"4294967296", 77},
+                         {"+7", 7},
+                         {"-0", 77},
+                         {"", 77},
+                         {"12 ", 77},
+                         {"1x2", 77}},
                         77u);
-  check_natoi<int>({{"-2147483648", true, INT_MIN}, {"-2147483649", false, 0}}, -1);
+  check_natoi<int>({{"-2147483648", INT_MIN}, {"-2147483649", -1}}, -1);
   // The whole string counts, even past an embedded NUL.
-  check_natoi<unsigned long>({{"18446744073709551615", true, ULONG_MAX},
-                              {"18446744073709551616", false, 0},
-                              {std::string("12\0003", 4), false, 0}},
-                             9ul);
+  check_natoi<unsigned long>(
+      {{"18446744073709551615", ULONG_MAX}, {"18446744073709551616", 9}, {{"12\0003", 4}, 9}}, 9ul);
 }
 
 TEST(Cas_Conversions, TryAtod) {
@@ -58,48 +56,30 @@ TEST(Cas_Conversions, TryAtod) {
   }
 }
 
-TEST(Cas_Conversions, Enumerations) {
-  const std::pair<const char*, Provisioning_Mode> modes[] = {
-      {"0", LAZY_ZEROED}, {"1", EAGER_ZEROED}, {"2", THIN}};
-  for (const auto& [code, mode] : modes) {
-    EXPECT_EQ(str_to_provision_mode(code), mode);
-    EXPECT_STREQ(provision_mode_to_str(mode), code);
-  }
+TEST(Cas_Conversions, EnumerationsSizesPathsAndVersions) {
+  // CAS's provisioning codes are read in records; here what falls outside them.
   for (const char* bad : {"3", "00", static_cast<const char*>(nullptr)})
-    EXPECT_EQ(str_to_provision_mode(bad), UNKNOWN) << (bad ? bad : "null");
+    EXPECT_EQ(str_to_provision_mode(bad), UNKNOWN);
   EXPECT_STREQ(provision_mode_to_str(UNKNOWN), "UNKNOWN");
+  for (const char* text : {"skip", "skip_with_alert", "full_backup", "none"})
+    EXPECT_STREQ(no_cbt_opts_to_str(no_cbt_opts_from_str(text)), text);
+  EXPECT_EQ(no_cbt_opts_from_str("skip_with_alert"), No_CBT_Opts::Skip_With_Alert);
+  EXPECT_EQ(no_cbt_opts_from_str("Skip"), No_CBT_Opts::None);  // case matters
 
-  const std::pair<const char*, No_CBT_Opts> opts[] = {
-      {"skip", No_CBT_Opts::Skip},
-      {"skip_with_alert", No_CBT_Opts::Skip_With_Alert},
-      {"full_backup", No_CBT_Opts::Full_Backup},
-      {"none", No_CBT_Opts::None}};
-  for (const auto& [text, value] : opts) {
-    EXPECT_EQ(no_cbt_opts_from_str(text), value) << text;
-    EXPECT_STREQ(no_cbt_opts_to_str(value), text);
-  }
-  for (const char* other : {"Skip", "skip "})
-    EXPECT_EQ(no_cbt_opts_from_str(other), No_CBT_Opts::None) << other;
-}
-
-TEST(Cas_Conversions, SizesPathsAndFileNames) {
   EXPECT_EQ(size_to_str(1536ul << 20), "1.5 GiB");
   EXPECT_EQ(unify_path("pool/img", true, ""), "rbd:pool/img");
   EXPECT_EQ(unify_path("pool/img", true, nullptr), "rbd:pool/img");
   EXPECT_EQ(unify_path("pool/img", true, "s1"), "rbd:pool/img@s1");
   EXPECT_EQ(unify_path("pool/img", false, "s1"), "pool/img");
   EXPECT_EQ(filenamify(std::string("a/b\0c\001d:e", 9)), "a_b_c_d_e");
-  EXPECT_EQ(filenamify("vm-01 (copy).xml"), "vm-01 (copy).xml");
-}
 
-TEST(Cas_Conversions, IsSupported) {
   for (const auto& [version, ok] : {std::pair<const char*, bool>{"E0750", true},
                                     {"e0730H01", true},
                                     {"V7.0 E0750", false},
                                     {"E0810", false}}) {
     Log_Capture log;
     EXPECT_EQ(is_supported(version), ok) << version;
-    EXPECT_EQ(log.contains(std::string("Unsupported CVM version '") + version + "'.\n"), !ok);
+    EXPECT_EQ(messages(log), ok ? "" : std::string("Unsupported CVM version '") + version + "'.\n");
   }
 }
 
@@ -113,33 +93,20 @@ TEST(Cas_CVM_Info, DecryptsDumpsAndReloads) {
   CVM_Info cvm;
   ASSERT_TRUE(cvm.load(entry(encrypt_for_agent("Pa ss:word")), true));
   EXPECT_EQ(cvm.extended_attrs(), JSON_Value({{"site", "north"}}));
-  EXPECT_EQ(cvm.dump(), JSON_Value({{"host", "cvm.example"},
-                                    {"port", 8080},
-                                    {"ssl", true},
-                                    {"username", "admin"},
-                                    {"password", "Pa ss:word"}}));
+  EXPECT_EQ(cvm.dump(), json(R"({"host":"cvm.example","port":8080,"ssl":true,"username":"admin",
+                                 "password":"Pa ss:word"})"));
 
   CVM_Info again;  // without "extended_attrs", which is optional
   ASSERT_TRUE(again.load(cvm.dump(), false));
   EXPECT_EQ(again.dump(), cvm.dump());
-  EXPECT_TRUE(again.extended_attrs().is_object());
-  EXPECT_TRUE(again.extended_attrs().empty());
+  EXPECT_EQ(again.extended_attrs(), JSON_Value::object());
 }
 
 TEST(Cas_CVM_Info, RejectsMalformedEntries) {
-  auto with = [](const char* key, JSON_Value v) {
-    JSON_Value e = entry("x");
-    e[key] = std::move(v);
-    return e;
-  };
-  std::vector<JSON_Value> cases = {JSON_Value::array({1, 2}), with("port", "8080"),
-                                   with("port", 70000),
-                                   with("extended_attrs", JSON_Value::array())};
-  for (const char* key : {"host", "port", "ssl", "username", "password"}) {
-    cases.push_back(entry("x"));
-    cases.back().erase(key);
-  }
-  for (const auto& value : cases) {
+  for (const char* patch : {R"([1,2])", R"({"port":"8080"})", R"({"port":70000})",
+                            R"({"extended_attrs":[]})", R"({"ssl":null})"}) {
+    JSON_Value value = entry("x");
+    value.merge_patch(json(patch));
     Log_Capture log;
     CVM_Info cvm;
     EXPECT_FALSE(cvm.load(value, false)) << value;
@@ -148,7 +115,7 @@ TEST(Cas_CVM_Info, RejectsMalformedEntries) {
   Log_Capture log;
   CVM_Info cvm;
   EXPECT_FALSE(cvm.load(entry("not encrypted"), true));
-  EXPECT_TRUE(log.contains("Failed to decrypt H3C CVM password.\n"));
+  EXPECT_EQ(messages(log), "Failed to decrypt H3C CVM password.\n");
 }
 
 // The backup server's route for stored CVM entries.
@@ -196,15 +163,15 @@ TEST_F(Cas_Backup_Server, LoadsTheFirstRowOrSaysWhyNot) {
     EXPECT_EQ(key ? *key : "", "agent-key");
   }
 
-  const std::tuple<int, JSON_Value, const char*> failures[] = {
-      {200, {{"rows", JSON_Value::array()}}, "H3C CVM not found, uuid = u-1.\n"},
-      {200, JSON_Value::object(), "H3C CVM not found, uuid = u-1.\n"},
-      {200, nullptr, "Failed to get CVM info from server.\n"},
-      {500, {{"error", "boom"}}, "Failed to get CVM info from server.\n"},
-      {200, {{"rows", JSON_Value::array({JSON_Value{{"host", "h"}}})}}, "Invalid H3C CVM entry: "},
+  const std::tuple<int, const char*, const char*> failures[] = {
+      {200, R"({"rows":[]})", "H3C CVM not found, uuid = u-1.\n"},
+      {200, "{}", "H3C CVM not found, uuid = u-1.\n"},
+      {200, "null", "Failed to get CVM info from server.\n"},
+      {500, R"({"error":"boom"})", "Failed to get CVM info from server.\n"},
+      {200, R"({"rows":[{"host":"h"}]})", "Invalid H3C CVM entry: "},
   };
   for (const auto& [status, body, message] : failures) {
-    answer(status, body);
+    answer(status, json(body));
     Log_Capture log;
     EXPECT_FALSE(cvm.load_from_server("u-1")) << body;
     EXPECT_TRUE(log.contains(message)) << log.text();

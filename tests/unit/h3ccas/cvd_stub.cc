@@ -22,9 +22,7 @@ namespace {
 
 void journal(const std::string& line) {
   const char* path = std::getenv("CVD_STUB_JOURNAL");
-  if (!path)
-    return;
-  if (FILE* f = std::fopen(path, "a")) {
+  if (FILE* f = path ? std::fopen(path, "a") : nullptr) {
     std::fprintf(f, "%s\n", line.c_str());
     std::fclose(f);
   }

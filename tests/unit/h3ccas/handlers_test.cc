@@ -1,27 +1,15 @@
 #include "h3ccas/websvcs_agent/instance_handler.h"
 #include "h3ccas/websvcs_agent/test_login_handler.h"
 
-#include "tests/support/process.h"
 #include "tests/unit/h3ccas/support.h"
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <set>
-#include <sstream>
 
 namespace h3ccas {
 namespace {
-
-class Capture_Channel : public JSON_RPC_Channel {
- public:
-  int send(const JSON_RPC_Object& obj) override {
-    sent.push_back(obj.to_json());
-    return 0;
-  }
-  std::vector<JSON_Value> sent;
-};
 
 class Exposed_Test_Login_Handler : public Test_Login_Handler {
  public:
@@ -40,47 +28,37 @@ class Cas_Login_Handler : public Cas_Peer {
   Exposed_Test_Login_Handler handler_;
 };
 
-JSON_Value error_reply(const JSON_Value& id, int code, const char* message) {
-  return {{"jsonrpc", "2.0"},
-          {"id", id},
-          {"error", {{"code", code}, {"message", message}, {"data", nullptr}}}};
-}
-
-JSON_Value result_reply(bool result, const char* version, const char* message) {
-  return {{"jsonrpc", "2.0"},
-          {"id", 7},
-          {"result", {{"result", result}, {"version", version}, {"message", message}}}};
-}
-
 // A failed login is a result; only malformed requests get errors (a bad entry with id -1).
 TEST_F(Cas_Login_Handler, Replies) {
   JSON_Value without_ssl = entry(cvm_password);
   without_ssl.erase("ssl");
-  const std::pair<JSON_Value, JSON_Value> cases[] = {
+  const std::pair<JSON_Value, const char*> cases[] = {
       {JSON_Value::array({1, 2}),
-       error_reply(7, -32602, "Invalid params: params type must be object.")},
-      {without_ssl, error_reply(-1, -32600, "Invalid H3C CVM entry.")},
-      {entry(cvm_password), result_reply(true, "E0750", "")},
-      {entry("not it"), result_reply(false, "", "Invalid CVM username or password")},
+       R"({"id":7,"error":{"code":-32602,"message":"Invalid params: params type must be object.",
+           "data":null}})"},
+      {without_ssl,
+       R"({"id":-1,"error":{"code":-32600,"message":"Invalid H3C CVM entry.","data":null}})"},
+      {entry(cvm_password), R"({"id":7,"result":{"result":true,"version":"E0750","message":""}})"},
+      {entry("not it"), R"({"id":7,"result":{"result":false,"version":"",
+                            "message":"Invalid CVM username or password"}})"},
   };
   for (const auto& [params, expected] : cases) {
     auto chn = std::make_shared<Capture_Channel>();
     auto req = std::make_shared<JSON_RPC_Request>("h3ccas.test_login", params, 7);
     EXPECT_EQ(handler_.handle_object_i(chn, req), 0);
-    EXPECT_EQ(chn->sent, std::vector<JSON_Value>{expected}) << params;
+    JSON_Value reply = json(expected);
+    reply["jsonrpc"] = "2.0";
+    EXPECT_EQ(chn->sent, std::vector<JSON_Value>{reply}) << params;
   }
-}
 
-TEST_F(Cas_Login_Handler, NothingIsSentForResponsesOrAbsentRequesters) {
-  Log_Capture log;
+  // Nothing is sent for a response or to a requester that has gone.
   auto chn = std::make_shared<Capture_Channel>();
   EXPECT_EQ(handler_.handle_object_i(chn, std::make_shared<JSON_RPC_Response>(JSON_Value(3))), -1);
-  EXPECT_TRUE(log.contains("obj is not JSON-RPC request!\n"));
   auto req = std::make_shared<JSON_RPC_Request>("h3ccas.test_login", entry(cvm_password), 4);
+  const int challenges = peer_.seen().challenges;
   EXPECT_EQ(handler_.handle_object_i(nullptr, req), -1);
-  EXPECT_TRUE(log.contains("Abort handling JSON-RPC request, requester has gone.\n"));
   EXPECT_TRUE(chn->sent.empty());
-  EXPECT_EQ(peer_.seen().challenges, 0);
+  EXPECT_EQ(peer_.seen().challenges, challenges);
 }
 
 TEST(Cas_Instance_Handler, AnnouncesTheProxyAndNeedsNoLogon) {
@@ -106,23 +84,6 @@ TEST(Cas_Instance_Handler, AnnouncesTheProxyAndNeedsNoLogon) {
 // The built module as the host sees it.
 const std::string kLibDir = BRIMLET_LIB_DIR;
 
-TEST(Cas_Module_Surface, ExportsExactlyTheFactories) {
-  Run_Result nm = run_program({"/usr/bin/nm", "-D", "--defined-only", kLibDir + "/libh3ccas.so"});
-  ASSERT_EQ(nm.exit_code, 0) << nm.err;
-  std::set<std::string> symbols;
-  std::istringstream lines(nm.out);
-  std::string address, type, name;
-  while (lines >> address >> type >> name)
-    symbols.insert(name);
-  EXPECT_EQ(symbols,
-            (std::set<std::string>{
-                "_make_H3C_CAS_Instance_Handler", "_gobble_H3C_CAS_Instance_Handler",
-                "_make_JSON_RPC_H3C_CAS_Test_Login_Handler",
-                "_gobble_JSON_RPC_H3C_CAS_Test_Login_Handler",
-                "_make_JSON_RPC_H3C_CAS_List_Handler", "_gobble_JSON_RPC_H3C_CAS_List_Handler",
-                "_make_JSON_RPC_H3C_CAS_Exec_Handler", "_gobble_JSON_RPC_H3C_CAS_Exec_Handler"}));
-}
-
 // The host fills the _gobble_ slot and destroys through it; null slots and objects are harmless.
 TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
   auto module = Module::load(kLibDir + "/h3ccas.module.json");
@@ -131,17 +92,14 @@ TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
   EXPECT_EQ(module->json_rpc_methods(),
             (std::vector<std::string>{"h3ccas.list", "h3ccas.test_login"}));
   EXPECT_EQ(module->servant_json_rpc_methods(), std::vector<std::string>{"h3ccas.exec"});
-  EXPECT_NE(std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(
-                module->make_servant_json_rpc_handler("h3ccas.exec")),
-            nullptr);
+  EXPECT_TRUE(std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(
+      module->make_servant_json_rpc_handler("h3ccas.exec")));
+  for (const char* method : {"h3ccas.test_login", "h3ccas.list"})
+    EXPECT_TRUE(
+        std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(module->make_json_rpc_handler(method)));
   auto instances = module->make_instance_handler();
   ASSERT_NE(instances, nullptr);
   EXPECT_EQ(instances->type(), "h3c-cas");
-  for (const char* method : {"h3ccas.test_login", "h3ccas.list"})
-    EXPECT_NE(
-        std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(module->make_json_rpc_handler(method)),
-        nullptr)
-        << method;
 
   std::unique_ptr<void, int (*)(void*)> lib(dlopen((kLibDir + "/libh3ccas.so").c_str(), RTLD_NOW),
                                             dlclose);

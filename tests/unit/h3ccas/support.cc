@@ -4,25 +4,11 @@
 #include "host/core/log.h"
 #include "host/core/text.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <regex>
-
-Log_Capture::Log_Capture() {
-  id_ = add_log_sink([this](ACE_Log_Priority, const std::string& line) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    text_ += line;
-  });
-}
-
-Log_Capture::~Log_Capture() {
-  remove_log_sink(id_);
-}
-
-std::string Log_Capture::text() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return text_;
-}
+#include <sstream>
 
 std::map<std::string, std::string> parse_auth_params(const std::string& text) {
   static const std::regex param(R"re(([\w-]+)=(?:"([^"]*)"|([^,\s]*)))re");
@@ -42,6 +28,19 @@ std::string encrypt_for_agent(const std::string& plain) {
   std::string cipher;
   EXPECT_TRUE(encrypt_string(plain.data(), plain.size(), cipher, key, std::strlen(key)));
   return cipher;
+}
+
+JSON_Value json(const char* text) {
+  return JSON_Value::parse(text);
+}
+
+std::string messages(const Log_Capture& log) {
+  static const std::regex prefix(R"(^\d{4}-\d\d-\d\d \S+ \[\d+:\d+\] [A-Z]+ \S+ )");
+  std::string out, line;
+  std::istringstream in(log.text());
+  while (std::getline(in, line))
+    out += std::regex_replace(line, prefix, "", std::regex_constants::format_first_only) + "\n";
+  return out;
 }
 
 std::uint16_t free_port() {
@@ -106,6 +105,14 @@ void Digest_Peer::expire_nonce() {
 Digest_Peer::Record Digest_Peer::seen() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return seen_;
+}
+
+std::vector<std::string> Digest_Peer::targets(std::size_t from) const {
+  std::vector<std::string> out;
+  for (const auto& request : seen().accepted)
+    out.push_back(request.target);
+  out.erase(out.begin(), out.begin() + static_cast<long>(std::min(from, out.size())));
+  return out;
 }
 
 // Called with the lock held.

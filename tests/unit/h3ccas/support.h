@@ -1,10 +1,12 @@
-// Test support for the module: log capture, a client with an adjustable clock, and a small
-// in-process CVM (HTTP digest authentication in front of canned answers).
+// Test support for the module: a client with an adjustable clock, and a small in-process CVM
+// (HTTP digest authentication in front of canned answers).
 #pragma once
 
 #include "h3ccas/restful_client.h"
 #include "host/core/json.h"
 #include "host/http/server.h"
+#include "host/jsonrpc/jsonrpc.h"
+#include "tests/support/log_capture.h"
 
 #include <gtest/gtest.h>
 
@@ -19,22 +21,6 @@
 const char cvm_user[] = "admin";
 const char cvm_password[] = "Adm1n:p@ss";
 
-// Log lines written while an object lives.
-class Log_Capture {
- public:
-  Log_Capture();
-  ~Log_Capture();
-  Log_Capture(const Log_Capture&) = delete;
-  Log_Capture& operator=(const Log_Capture&) = delete;
-  std::string text() const;
-  bool contains(const std::string& piece) const { return text().find(piece) != std::string::npos; }
-
- private:
-  mutable std::mutex mutex_;
-  std::string text_;
-  int id_;
-};
-
 // k=v and k="v" parameters of an Authorization value (after the scheme).
 std::map<std::string, std::string> parse_auth_params(const std::string& text);
 std::string md5_hex(const std::string& text);
@@ -42,6 +28,9 @@ std::string md5_hex(const std::string& text);
 std::string encrypt_for_agent(const std::string& plain);
 // A loopback port that nothing listens on (bound, read back and released).
 std::uint16_t free_port();
+JSON_Value json(const char* text);
+// The captured lines without their time, process, priority and source.
+std::string messages(const Log_Capture& log);
 
 namespace h3ccas {
 
@@ -56,15 +45,15 @@ class Test_Client : public RESTful_Client {
   using RESTful_Client::build_auth_header;
   std::time_t clock = 1700000000;
   int sleeps = 0;
-  // Runs at each pause between polls, with the number of pauses so far.
-  std::function<void(int)> on_sleep;
+  std::function<void(int)> on_sleep;  // at each pause between polls, with the count so far
 
  protected:
   std::time_t now() const override { return clock; }
   void sleep_between_polls() override {
-    ++sleeps;
     if (on_sleep)
-      on_sleep(sleeps);
+      on_sleep(++sleeps);
+    else
+      ++sleeps;
   }
 };
 
@@ -81,10 +70,13 @@ class Digest_Peer {
     std::vector<std::pair<std::string, std::string>> headers;
   };
   struct Signed_Request {
-    std::string method;
-    std::string target;
-    std::string body;
+    std::string method, target, body;
     std::map<std::string, std::string> auth;
+  };
+  struct Record {
+    int challenges = 0;  // requests without credentials
+    int refusals = 0;    // signed requests answered 401
+    std::vector<Signed_Request> accepted;
   };
   static const char* const realm;
   static Answer json(std::string body, int status = 200);
@@ -93,7 +85,6 @@ class Digest_Peer {
   ~Digest_Peer() { server_.stop(); }
   bool start();
   std::uint16_t port() const { return server_.port(); }
-
   // The answer to signed requests on `path`; one set for a path with its query wins over the
   // bare path. Unknown paths get 404.
   void set(const std::string& path, Answer answer);
@@ -101,13 +92,9 @@ class Digest_Peer {
   void answer_unsigned(Answer answer);
   // The next signed request is refused as if its nonce had expired.
   void expire_nonce();
-
-  struct Record {
-    int challenges = 0;  // requests without credentials
-    int refusals = 0;    // signed requests answered 401
-    std::vector<Signed_Request> accepted;
-  };
   Record seen() const;
+  // Targets of the accepted requests from the `from`th on.
+  std::vector<std::string> targets(std::size_t from = 0) const;
 
  private:
   void handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
@@ -120,6 +107,16 @@ class Digest_Peer {
   std::string nonce_;
   long last_nc_ = 0;
   Record seen_;
+};
+
+// The messages a JSON-RPC handler sends, as JSON.
+class Capture_Channel : public JSON_RPC_Channel {
+ public:
+  int send(const JSON_RPC_Object& obj) override {
+    sent.push_back(obj.to_json());
+    return 0;
+  }
+  std::vector<JSON_Value> sent;
 };
 
 // A running Digest_Peer per test.
