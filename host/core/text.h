@@ -70,7 +70,8 @@ T natoi(const char* begin, const char* end, const char** stop) {
       if (stop)
         *stop = p;
       errno = ERANGE;
-      return negative ? std::numeric_limits<T>::min() : std::numeric_limits<T>::max();
+      // The framework's parser gives the maximum for an overflow of either sign.
+      return std::numeric_limits<T>::max();
     }
     value = static_cast<U>(value * 10 + digit);
   }

