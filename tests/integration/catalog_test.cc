@@ -11,6 +11,7 @@
 #include <iomanip>
 #include <map>
 #include <sstream>
+#include <tuple>
 
 namespace {
 
@@ -141,12 +142,7 @@ TEST_F(Catalog, RefusalsPoolsAndSetsReadBackThroughTheCli) {
   S fast = pool_url("pool-fast"), plain = pool_url("pool-plain"), x = "pool add --name x --url ";
   EXPECT_EQ(commit(backup_set("inc-x", "no-such-set", cvm_, "1", "web01", 9000, 1)), 400);
   const S answered = "backup server answered ";
-  struct Case {
-    S args;
-    int exit_code;
-    S message;
-  } cases[] = {
-      {x + "pool-dir", 1, answered + "400: "},
+  const std::tuple<S, int, S> cases[] = {
       {x + "file:///srv/../etc", 1,
        answered + "400: Invalid storage pool URL 'file:///srv/../etc': '.' and '..' are not "
                   "allowed in the folder"},
