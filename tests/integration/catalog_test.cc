@@ -71,8 +71,7 @@ class Catalog : public ::testing::Test {
     cvm_ = stack_.add_cvm("lab", 1, "admin", "pass");  // no simulator: not reached
     Run_Result r = stack_.cli({"pool", "add", "--name", "lab", "--url", pool_url("pool-lab")});
     ASSERT_EQ(r.out.rfind("Registered storage pool lab as ", 0), 0u) << r.out << r.err;
-    pool_ = r.out.substr(r.out.rfind(' ') + 1);
-    pool_.pop_back();  // the newline
+    pool_ = r.out.substr(r.out.rfind(' ') + 1, 36);
     ASSERT_EQ(commit(backup_set("full-1", "", cvm_, "1", "web01", 0, 8589934592)), 201);
     ASSERT_EQ(commit(inc_1_ = backup_set("inc-1", "full-1", cvm_, "1", "web01", 3600, 1572864)),
               201);
@@ -139,17 +138,17 @@ class Catalog : public ::testing::Test {
 // What the server or the CLI refuses: one clear line, nothing on stdout, nothing stored. Then the
 // pools with their compression; the sets newest first, filtered by ids or names, and one in full.
 TEST_F(Catalog, RefusalsPoolsAndSetsReadBackThroughTheCli) {
-  S fast = pool_url("pool-fast"), plain = pool_url("pool-plain"), x = "pool add --name x --url ";
+  S fast = pool_url("pool-fast"), plain = pool_url("pool-plain"), x = "pool add --url ";
   EXPECT_EQ(commit(backup_set("inc-x", "no-such-set", cvm_, "1", "web01", 9000, 1)), 400);
   const S answered = "backup server answered ";
   const std::tuple<S, int, S> cases[] = {
-      {x + "file:///srv/../etc", 1,
+      {x + "file:///srv/../etc --name x", 1,
        answered + "400: Invalid storage pool URL 'file:///srv/../etc': '.' and '..' are not "
                   "allowed in the folder"},
-      {"pool add --name lab --url " + fast, 1,
+      {x + fast + " --name lab", 1,
        "a storage pool named 'lab' is registered already, as " + pool_},
-      {x + fast + " --compression xz", 2, "--compression: xz not in {zstd,lz4,zlib,none}"},
-      {x + fast + " --level 23", 2, "level 23 is out of range for zstd compression"},
+      {x + fast + " --name x --compression xz", 2, "--compression: xz not in {zstd,lz4,zlib,none}"},
+      {x + fast + " --name x --level 23", 2, "level 23 is out of range for zstd compression"},
       {"sets show inc-x", 1, answered + "404: no backup set 'inc-x'"},
       {"sets list --cvm nosuch", 1, "no registered CVM 'nosuch'"},
   };
