@@ -237,9 +237,9 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
        "'incarnation' differs from that of base set 'f1'"},
       {commits, with(f1, "set_size", 1), 409, "backup set 'f1' was committed with other content"},
       {v + "base_catalog?vm_id=v", {}, 400, "'resource_uuid', 'host_id' and 'vm_id' are required"},
-      {views + "restore?set_uuid=f1", {}, 400, "'resource_uuid' and 'set_uuid' are required"},
+      {v + "restore?set_uuid=f1", {}, 400, "'resource_uuid' and 'set_uuid' are required"},
       {v + "restore?resource_uuid=&set_uuid=f1", {}, 404, "no complete chain for backup set 'f1'"},
-      {views + "nothing?a=b", {}, 404, "no view 'nothing'"},
+      {v + "nothing?a=b", {}, 404, "no view 'nothing'"},
       {sets + "?uuid=zz", {}, 404, "no backup set 'zz'"},
   };
   for (const auto& [target, body, status, error] : cases) {
