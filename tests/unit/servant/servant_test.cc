@@ -1,6 +1,7 @@
 #include "host/servant/servant.h"
 #include "host/module/module.h"
 #include "host/servant/frame.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/unit/servant/fixture.h"
 
@@ -135,12 +136,17 @@ TEST_F(Servant_Process_Test, AnswersRequestsForwardsItsLogAndNeedsItsProgramAndC
 }
 
 TEST_F(Servant_Process_Test, ACrashHangGarbageOrCancelIsAFailedCallAndAnEndedProcess) {
-  const std::tuple<const char*, JSON_Value, int, bool> cases[] = {
-      {"crash", JSON_Value::object(), 30, false},   {"hang", JSON_Value::object(), 1, false},
-      {"hang", JSON_Value::object(), 0, true},      {"garbage", {{"kind", "text"}}, 30, false},
-      {"garbage", {{"kind", "length"}}, 30, false}, {"garbage", {{"kind", "stranger"}}, 30, false},
+  const std::tuple<const char*, const char*, int, bool, const char*> cases[] = {
+      {"crash", nullptr, 30, false, "ended without answering 'crash': "},
+      {"hang", nullptr, 1, false, "did not answer 'hang' within 1 seconds"},
+      {"hang", nullptr, 0, true, "stopped while running 'hang'"},
+      {"garbage", "text", 30, false, "answered 'garbage' with no response to it: this is not JSON"},
+      {"garbage", "length", 30, false, "sent a malformed frame for 'garbage'"},
+      {"garbage", "stranger", 30, false, "answered 'garbage' with no response to it: {"},
   };
-  for (const auto& [method, params, timeout, cancel] : cases) {
+  for (const auto& [method, kind, timeout, cancel, message] : cases) {
+    const JSON_Value params = kind ? JSON_Value{{"kind", kind}} : JSON_Value::object();
+    Log_Capture log;
     Servant s;
     start(s, conf_);
     pid_t pid = s.pid();
@@ -153,6 +159,7 @@ TEST_F(Servant_Process_Test, ACrashHangGarbageOrCancelIsAFailedCallAndAnEndedPro
     EXPECT_EQ(s.pid(), -1) << method;
     EXPECT_NE(s.exit_status(), -1) << method;
     EXPECT_TRUE(process_gone(pid)) << method;
+    EXPECT_TRUE(log.contains(message)) << log.text();
   }
 }
 

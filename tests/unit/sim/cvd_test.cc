@@ -53,7 +53,6 @@ class Libcvd_Test : public ::testing::Test {
     cvd_connect_param param = {"127.0.0.1", port_, user, password, "vm v", 0};
     return cvd_connect(&param, conn);
   }
-  // A disk handle that must open.
   cvd_disk_t open(cvd_conn_t conn, const char* path, int flags) {
     cvd_disk_t disk = nullptr;
     EXPECT_EQ(cvd_disk_open(conn, path, nullptr, flags, &disk), 0) << path;

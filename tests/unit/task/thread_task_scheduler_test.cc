@@ -54,13 +54,8 @@ struct Gate {
 
 class Thread_Task_Scheduler_Test : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    Log_Options options;
-    options.program = "task_test";
-    options.to_stderr = false;
-    options.debug = true;  // the scheduler reports each run at debug priority
-    ASSERT_TRUE(open_log(options));
-  }
+  // With debug lines: the scheduler reports each run at debug priority.
+  static void SetUpTestSuite() { ASSERT_TRUE(open_log({"task_test", "", false, true})); }
 };
 
 // Two owners' tasks, interleaved, on 3 workers with one per owner at a time, each waiting for a
