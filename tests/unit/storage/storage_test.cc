@@ -158,7 +158,7 @@ TEST(Image, DamageIsFoundAndNamed) {
       ASSERT_TRUE(ok || log.contains(name)) << log.text();
     }
   }
-  // A flip in the data of the second record names the offset where that record starts.
+  // A flip in the second record names the offset where that record starts.
   std::string image = write_image(ranges, Compression::None, 0);
   const std::size_t second = image_format::superblock_size + 12 + image_format::record_size + 200;
   image[second + image_format::record_size + 10] ^= 1;
@@ -167,6 +167,9 @@ TEST(Image, DamageIsFoundAndNamed) {
   EXPECT_FALSE(reader.read() || reader.stopped());
   EXPECT_TRUE(log.contains("Corrupt " + name + std::to_string(second) + ": data checksum mismatch"))
       << log.text();
+  image[second + 2] ^= 1;  // its header is checked first
+  EXPECT_FALSE(Memory_Reader(image, 1 << 20).read());
+  EXPECT_TRUE(log.contains(name + std::to_string(second) + ": record header checksum mismatch"));
   image = write_image({{0, 1000}, {60000, 5000}}, Compression::Zstd, 1);
   for (std::size_t cut = 0; cut < image.size(); ++cut) {
     Log_Capture log;
