@@ -19,8 +19,7 @@ const std::string app01 = R"({"id": "201", "name": "app01", "title": "Applicatio
   "status": "suspended", "host_id": "2", "host_name": "cvk02", "os": "", "cpu": 1,
   "memory_mbytes": 1024, "uuid": "4d7f6c3a-0000-4000-8000-000000000201"})";
 
-// Records (or one record) as the agent answers them: tagged with their subtype, and hosts of a
-// listing expandable.
+// Records (or one) as the agent answers: tagged with their subtype, a listing's hosts expandable.
 JSON_Value tagged(const std::string& subtype, const std::string& records, bool expandable) {
   JSON_Value out = JSON_Value::parse(records);
   for (auto& r : out.is_array() ? out : (out = JSON_Value::array({out})))
@@ -39,7 +38,7 @@ JSON_Value invalid(const char* key, const char* type = "string") {
 
 using Inventory = Lab_Test;
 
-TEST_F(Inventory, CliListsEverythingNamesWhatIsWrongAndTheAgentAnswersMeanwhile) {
+TEST_F(Inventory, CliAndAgentListSearchVerifyAndNameWhatIsWrongOrFailed) {
   const std::string cases[][4] = {
       // arguments, subtype and records as JSON, table
       {"ls lab", "HostSystem",
@@ -160,27 +159,6 @@ app01  Application  suspended      1     1.0 GiB  cvk02
     std::string hint = "Run 'brimlet" + c.command + "--help' for usage.\n";
     EXPECT_EQ(r.err, "brimlet: " + c.err + "\n" + (c.command.empty() ? "" : hint)) << c.args;
   }
-  // The agent answers while a slow listing is in flight.
-  stack_.sim_control("sim", "PUT", "/sim/knobs", {{"latency_ms", 1500}});
-  stack_.sim_control("sim", "DELETE", "/sim/requests");
-  std::atomic<bool> listed{false};
-  JSON_Value hosts;
-  std::thread slow([&] {
-    hosts = stack_.agent_call("h3ccas.list", {{"uuid", uuid_}, {"subtype", "HostSystem"}});
-    listed = true;
-  });
-  // Once the CVM has answered the listing's first request, the listing still needs a signed one.
-  for (int i = 0; i < 100000; ++i)
-    if (!stack_.sim_control("sim", "GET", "/sim/requests")["requests"].empty())
-      break;
-  JSON_Value info = stack_.agent_call("agent.info", JSON_Value::object());
-  EXPECT_FALSE(listed);
-  slow.join();
-  EXPECT_EQ(info["result"]["host_id"], Stack::agent_host_id()) << info;
-  EXPECT_EQ(hosts["result"].size(), 4u) << hosts;
-}
-
-TEST_F(Inventory, AgentAnswersSearchesVerificationsAndFaults) {
   // Every CVM request failing once signed in.
   const JSON_Value e500 = {{"status", 500}, {"error_code", "500"}, {"error_message", "内部错误"}};
   auto failed = [](const char* what) { return error(-32603, std::string("Failed to ") + what); };
@@ -191,13 +169,13 @@ TEST_F(Inventory, AgentAnswersSearchesVerificationsAndFaults) {
     return std::string(R"({"subtype": "search", "type": ")") + type + R"(", "search": ")" + text +
            "\"" + more + "}";
   };
-  const char* hosts = R"({"subtype": "HostSystem"})";
+  const char* hs = R"({"subtype": "HostSystem"})";
   const JSON_Value none = JSON_Value::array();
   // The sorted names of the records or the error, with the CVM answering `fault` if given.
   struct {
     std::string params;
     JSON_Value expected, fault = nullptr;
-  } cases[] = {
+  } exchanges[] = {
       {search("HostSystem", "CVK0"), {"cvk01", "cvk02"}},
       {search("HostSystem", "10.1.0."), {"edge", "edge"}},              // by address too
       {search("HostSystem", "cvk", R"(, "search_type": "ip")"), none},  // by address only
@@ -223,7 +201,7 @@ TEST_F(Inventory, AgentAnswersSearchesVerificationsAndFaults) {
       // An entry the backup server does not hold.
       {R"({"uuid": "00000000-0000-0000-0000-000000000000", "subtype": "HostSystem"})",
        error(-32603, "Failed to get CVM info from server.")},
-      {hosts, failed("list CAS hosts."), e500},
+      {hs, failed("list CAS hosts."), e500},
       {on1("HostSystemDetail"), failed("get CAS CVK details."), e500},
       {on1("VirtualMachine"), failed("list CAS virtual machines."), e500},
       {on1("StoragePool"), failed("list CAS storage pools."), e500},
@@ -235,9 +213,9 @@ TEST_F(Inventory, AgentAnswersSearchesVerificationsAndFaults) {
       {search("VirtualMachine", "web"), failed("list CAS VMs."), e500},
       {R"({"subtype": "verify", "vms": ["web01"]})", failed("list CAS VMs."), e500},
       // A CVM answer of the wrong shape (the records' own checks are tested with them).
-      {hosts, failed("list CAS hosts."), {{"kind", "not_json"}}},
+      {hs, failed("list CAS hosts."), {{"kind", "not_json"}}},
   };
-  for (const auto& c : cases) {
+  for (const auto& c : exchanges) {
     JSON_Value params = JSON_Value::parse(c.params), fault = c.fault;
     if (params.is_object() && !params.contains("uuid"))
       params["uuid"] = uuid_;
@@ -263,6 +241,25 @@ TEST_F(Inventory, AgentAnswersSearchesVerificationsAndFaults) {
   Run_Result r = stack_.cli({"ls", "lab", "vms", "1"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(r.err, "brimlet: agent error -32603: Failed to list CAS hosts.\n");
+  stack_.sim_control("sim", "DELETE", "/sim/faults");
+  // The agent answers while a slow listing is in flight.
+  stack_.sim_control("sim", "PUT", "/sim/knobs", {{"latency_ms", 1500}});
+  stack_.sim_control("sim", "DELETE", "/sim/requests");
+  std::atomic<bool> listed{false};
+  JSON_Value hosts;
+  std::thread slow([&] {
+    hosts = stack_.agent_call("h3ccas.list", {{"uuid", uuid_}, {"subtype", "HostSystem"}});
+    listed = true;
+  });
+  // Once the CVM has answered the listing's first request, the listing still needs a signed one.
+  for (int i = 0; i < 100000; ++i)
+    if (!stack_.sim_control("sim", "GET", "/sim/requests")["requests"].empty())
+      break;
+  JSON_Value info = stack_.agent_call("agent.info", JSON_Value::object());
+  EXPECT_FALSE(listed);
+  slow.join();
+  EXPECT_EQ(info["result"]["host_id"], Stack::agent_host_id()) << info;
+  EXPECT_EQ(hosts["result"].size(), 4u) << hosts;
 }
 
 }  // namespace

@@ -58,11 +58,9 @@ bool Stack::start_server_and_agent() {
   write_text_file(etc + "/cli.json", JSON_Value{{"backup_server", admin}}.dump(2));
   std::filesystem::permissions(
       etc + "/cli.json", std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-  JSON_Value conf = {{"listen", "127.0.0.1:0"},
-                     {"backup_server", server},
-                     {"host_id_file", etc + "/host_id"},
-                     {"log_file", dir_.file("agent.log")},
-                     {"modules", {std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json"}}};
+  JSON_Value conf = {{"listen", "127.0.0.1:0"}, {"backup_server", server}};
+  conf.update({{"host_id_file", etc + "/host_id"}, {"log_file", dir_.file("agent.log")}});
+  conf["modules"] = JSON_Value::array({std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json"});
   write_text_file(etc + "/agent.json", conf.dump(2));
   ready = dir_.file("agent.ready");
   if (!agent_.start({"brimlet-agent", "--ready-file", ready}, env(), dir_.file("agent.out")) ||

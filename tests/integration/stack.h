@@ -23,8 +23,7 @@ class Stack {
   // A simulator named `name` on `world_file` (TLS given cert and key); its HTTP port, 0 on failure.
   std::uint16_t start_sim(const std::string& name, const std::string& world_file,
                           const std::string& tls_cert = "", const std::string& tls_key = "");
-  // brimlet-server, the agent's key in its configuration, an administrator's in cli.json (0600),
-  // and the agent.
+  // brimlet-server and the agent, with its key, and an administrator's key in cli.json (0600).
   bool start_server_and_agent();
   // The CLI with BRIMLET_ROOT set; `input` on its stdin.
   Run_Result cli(const std::vector<std::string>& args, const std::string& input = "") const;
