@@ -1,9 +1,5 @@
-// Browsing a CVM's inventory through the agent's "h3ccas.list" and the brimlet CLI, against
-// cas-sim: every listing as JSON and as the table a user reads, search and name verification,
-// parameter faults, CAS failures, the agent staying responsive, and the CLI's failure lines.
+// Browsing a CVM's inventory through the agent's "h3ccas.list" and the brimlet CLI, on cas-sim.
 #include "tests/integration/test_stack.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
@@ -23,25 +19,12 @@ const std::string app01 = R"({"id": "201", "name": "app01", "title": "Applicatio
   "status": "suspended", "host_id": "2", "host_name": "cvk02", "os": "", "cpu": 1,
   "memory_mbytes": 1024, "uuid": "4d7f6c3a-0000-4000-8000-000000000201"})";
 
-// Records (or one record) as the agent answers them: tagged with their subtype, and hosts of a
-// listing expandable.
+// Records (or one) as the agent answers: tagged with their subtype, a listing's hosts expandable.
 JSON_Value tagged(const std::string& subtype, const std::string& records, bool expandable) {
   JSON_Value out = JSON_Value::parse(records);
-  JSON_Value list = out.is_array() ? out : JSON_Value::array({out});
-  for (auto& r : list) {
-    r["has_children"] = expandable;
-    r["type"] = subtype;
-  }
-  return out.is_array() ? list : list[0];
-}
-
-// The names in a list answer, sorted.
-std::vector<std::string> names(const JSON_Value& answer) {
-  std::vector<std::string> out;
-  for (const auto& record : answer.value("result", JSON_Value::array()))
-    out.push_back(record.value("name", "?"));
-  std::sort(out.begin(), out.end());
-  return out;
+  for (auto& r : out.is_array() ? out : (out = JSON_Value::array({out})))
+    r.update({{"has_children", expandable}, {"type", subtype}});
+  return records[0] == '[' ? out : out[0];
 }
 
 JSON_Value error(int code, const std::string& message) {
@@ -53,42 +36,11 @@ JSON_Value invalid(const char* key, const char* type = "string") {
                std::string("Invalid params: '") + key + "' is expected as " + type + " in params.");
 }
 
-class Inventory : public Lab_Test {
- protected:
-  // "h3ccas.list" with each exchange's params (on the registered CVM unless they name a uuid),
-  // while the CVM answers with `fault` if one is given: the sorted names of the records (or
-  // JSON text of them), or the error's code and message. Without the fault, it answers again.
-  struct Exchange {
-    std::string params;
-    JSON_Value expected, fault = nullptr;
-  };
-  void expect_answers(const std::vector<Exchange>& exchanges) {
-    for (const auto& e : exchanges) {
-      JSON_Value params = JSON_Value::parse(e.params), fault = e.fault, expected = e.expected;
-      if (params.is_object() && !params.contains("uuid"))
-        params["uuid"] = uuid_;
-      if (expected.is_string())
-        expected = JSON_Value::parse(e.expected.get<std::string>());
-      if (!fault.is_null()) {
-        fault["path"] = "/cas/casrs/";
-        stack_.sim_control("sim", "POST", "/sim/faults", fault);
-      }
-      JSON_Value answer = stack_.agent_call("h3ccas.list", params), got = names(answer);
-      if (answer.contains("error"))
-        got = error(answer["error"].value("code", 0), answer["error"].value("message", ""));
-      EXPECT_EQ(got, expected) << fault << e.params << "\n" << answer;
-      if (!fault.is_null()) {
-        stack_.sim_control("sim", "DELETE", "/sim/faults");
-        EXPECT_TRUE(stack_.agent_call("h3ccas.list", params).contains("result")) << e.params;
-      }
-    }
-  }
-};
+using Inventory = Lab_Test;
 
-TEST_F(Inventory, EveryListingAsJsonAndAsATable) {
-  struct Case {
-    std::string args, subtype, records, table;
-  } cases[] = {
+TEST_F(Inventory, CliAndAgentListSearchVerifyAndNameWhatIsWrongOrFailed) {
+  const std::string cases[][4] = {
+      // arguments, subtype and records as JSON, table
       {"ls lab", "HostSystem",
        R"([{"id": "1", "name": "cvk01", "ip": "192.168.10.11", "status": "connected"},
            {"id": "2", "name": "cvk02", "ip": "192.168.10.12", "status": "disconnected"},
@@ -122,8 +74,7 @@ db01   数据库服务器  poweroff                4     8.0 GiB
        R"(NAME   TITLE        STATUS     OS  CPUS  MEMORY
 app01  Application  suspended      1     1.0 GiB
 )"},
-      {"ls lab vms 3", "VirtualMachine", "[]", R"(NAME  TITLE  STATUS  OS  CPUS  MEMORY
-)"},
+      {"ls lab vms 3", "VirtualMachine", "[]", "NAME  TITLE  STATUS  OS  CPUS  MEMORY\n"},
       {"ls lab pools cvk01", "", "",
        R"(NAME         TYPE   TOTAL      FREE       ACTIVE  PATH
 defaultpool  dir    500.0 GiB  250.0 GiB  yes     /vms/images
@@ -157,104 +108,23 @@ app01  Application  suspended      1     1.0 GiB  cvk02
 web01  Web server  poweron  Ubuntu 22.04  2     2.0 GiB  cvk01
 )"},
   };
-  for (const auto& c : cases) {
-    std::vector<std::string> args = words(c.args);
+  for (const auto& [line, subtype, records, table] : cases) {
+    std::vector<std::string> args = words(line);
     std::replace(args.begin(), args.end(), std::string("UUID"), uuid_);
     Run_Result r = stack_.cli(args);
-    EXPECT_EQ(r.exit_code, 0) << c.args << ": " << r.err;
-    EXPECT_EQ(r.out, c.table) << c.args;
-    if (c.records.empty())  // these records' JSON form is checked where they are made
+    EXPECT_EQ(r.exit_code, 0) << line << ": " << r.err;
+    EXPECT_EQ(r.out, table) << line;
+    if (records.empty())  // these records' JSON form is checked where they are made
       continue;
     args.insert(args.begin(), "--json");
     JSON_Value listed = JSON_Value::parse(stack_.cli(args).out, nullptr, false);
-    EXPECT_EQ(listed, tagged(c.subtype, c.records, c.args == "ls lab")) << c.args;
+    EXPECT_EQ(listed, tagged(subtype, records, line == "ls lab")) << line;
   }
-}
-
-TEST_F(Inventory, AgentAnswersSearchesVerificationsAndFaults) {
-  // Every CVM request failing once signed in.
-  const JSON_Value e500 = {{"status", 500}, {"error_code", "500"}, {"error_message", "内部错误"}};
-  auto failed = [](const char* what) { return error(-32603, std::string("Failed to ") + what); };
-  auto search = [](const char* type, const char* text, const char* more = "") {
-    return std::string(R"({"subtype": "search", "type": ")") + type + R"(", "search": ")" + text +
-           "\"" + more + "}";
-  };
-  const char *hosts = R"({"subtype": "HostSystem"})", *none = "[]";
-  expect_answers({
-      {search("HostSystem", "CVK0"), {"cvk01", "cvk02"}},
-      {search("HostSystem", "10.1.0."), {"edge", "edge"}},              // by address too
-      {search("HostSystem", "cvk", R"(, "search_type": "ip")"), none},  // by address only
-      {search("VirtualMachine", "applic"), {"app01"}},                  // by title
-      {search("VirtualMachine", "数据库"), {"db01"}},
-      {search("VirtualMachine", ""), R"(["app01", "db01", "web01"])"},
-      // Each existing VM once, whatever the case; names that are not strings are skipped.
-      {R"({"subtype": "verify", "vms": ["WEB01", "ghost", 7, null, "app01", "web01", "App01"]})",
-       {"app01", "web01"}},
-      {R"({"subtype": "verify", "vms": []})", none},
-      {"[1, 2]", error(-32602, "Invalid params: params type must be object.")},
-      {R"({"uuid": 5, "subtype": "HostSystem"})", invalid("uuid")},
-      {R"({"subtype": true})", invalid("subtype")},
-      {R"({"subtype": "hostsystem"})", error(-32602, "Invalid value of params 'subtype'")},
-      {R"({"subtype": "VirtualMachine"})", invalid("host_id")},
-      {R"({"subtype": "HostSystemDetail", "host_id": 1})", invalid("host_id")},
-      {R"({"subtype": "StorageVolume", "host_id": "1"})", invalid("pool_name")},
-      {R"({"subtype": "search", "search": "x"})", invalid("type")},
-      {search("StoragePool", "x"), error(-32602, "Invalid value of params 'type'.")},
-      {R"({"subtype": "search", "type": "HostSystem"})", invalid("search")},
-      {R"({"subtype": "verify"})", invalid("vms", "array")},
-      {R"({"subtype": "verify", "vms": "web01"})", invalid("vms", "array")},
-      // An entry the backup server does not hold.
-      {R"({"uuid": "00000000-0000-0000-0000-000000000000", "subtype": "HostSystem"})",
-       error(-32603, "Failed to get CVM info from server.")},
-      {hosts, failed("list CAS hosts."), e500},
-      {R"({"subtype": "HostSystemDetail", "host_id": "1"})", failed("get CAS CVK details."), e500},
-      {R"({"subtype": "VirtualMachine", "host_id": "1"})", failed("list CAS virtual machines."),
-       e500},
-      {R"({"subtype": "StoragePool", "host_id": "1"})", failed("list CAS storage pools."), e500},
-      {R"({"subtype": "StorageVolume", "host_id": "1", "pool_name": "defaultpool"})",
-       failed("list CAS storage volumes."), e500},
-      {R"({"subtype": "PortProfile"})", failed("list CAS port profiles."), e500},
-      {R"({"subtype": "VirtualSwitch", "host_id": "1"})", failed("list CAS virtual switches."),
-       e500},
-      {search("HostSystem", "cvk"), failed("list CAS hosts."), e500},
-      {search("VirtualMachine", "web"), failed("list CAS VMs."), e500},
-      {R"({"subtype": "verify", "vms": ["web01"]})", failed("list CAS VMs."), e500},
-      // A CVM answer of the wrong shape (the records' own checks are tested with them).
-      {hosts, failed("list CAS hosts."), {{"kind", "not_json"}}},
-  });
-  // The CLI says the same in one line (naming a host, it asks for the hosts first).
-  stack_.sim_control("sim", "POST", "/sim/faults", {{"path", "/cas/casrs/"}, {"status", 500}});
-  Run_Result r = stack_.cli({"ls", "lab", "vms", "1"});
-  EXPECT_EQ(r.exit_code, 1);
-  EXPECT_EQ(r.err, "brimlet: agent error -32603: Failed to list CAS hosts.\n");
-}
-
-TEST_F(Inventory, AgentAnswersWhileASlowListingIsInFlight) {
-  stack_.sim_control("sim", "PUT", "/sim/knobs", {{"latency_ms", 1500}});
-  stack_.sim_control("sim", "DELETE", "/sim/requests");
-  std::atomic<bool> listed{false};
-  JSON_Value hosts;
-  std::thread slow([&] {
-    hosts = stack_.agent_call("h3ccas.list", {{"uuid", uuid_}, {"subtype", "HostSystem"}});
-    listed = true;
-  });
-  // Once the CVM has answered the listing's first request, the listing still needs a signed one.
-  for (int i = 0; i < 100000; ++i)
-    if (!stack_.sim_control("sim", "GET", "/sim/requests")["requests"].empty())
-      break;
-  JSON_Value info = stack_.agent_call("agent.info", JSON_Value::object());
-  EXPECT_FALSE(listed);
-  slow.join();
-  EXPECT_EQ(info["result"]["host_id"], Stack::agent_host_id()) << info;
-  EXPECT_EQ(hosts["result"].size(), 4u) << hosts;
-}
-
-TEST_F(Inventory, CliNamesWhatIsMissingOrWrong) {
-  struct Case {
+  struct {
     std::string args;
     int exit_code;
     std::string err, command = "", out = "";  // usage errors point at the command's --help
-  } cases[] = {
+  } failures[] = {
       // The found VMs are listed, the missing ones named, and the status says so.
       {"verify lab ghost App01 phantom", 1, "VMs not found: 'ghost', 'phantom'", "",
        R"(NAME   TITLE        STATUS     OS  CPUS  MEMORY   HOST
@@ -282,13 +152,114 @@ app01  Application  suspended      1     1.0 GiB  cvk02
       {"verify lab", 2, "NAME is required", " verify "},
   };
   stack_.add_cvm("wrong-password", sim_port_, "intruder", "not it");
-  for (const auto& c : cases) {
+  for (const auto& c : failures) {
     Run_Result r = stack_.cli(words(c.args));
     EXPECT_EQ(r.exit_code, c.exit_code) << c.args;
     EXPECT_EQ(r.out, c.out) << c.args;
     std::string hint = "Run 'brimlet" + c.command + "--help' for usage.\n";
     EXPECT_EQ(r.err, "brimlet: " + c.err + "\n" + (c.command.empty() ? "" : hint)) << c.args;
   }
+  // Every CVM request failing once signed in.
+  const JSON_Value e500 = {{"status", 500}, {"error_code", "500"}, {"error_message", "内部错误"}};
+  auto failed = [](const char* what) { return error(-32603, std::string("Failed to ") + what); };
+  auto on1 = [](const char* subtype) {
+    return std::string(R"({"host_id": "1", "subtype": ")") + subtype + "\"}";
+  };
+  auto search = [](const char* type, const char* text, const char* more = "") {
+    return std::string(R"({"subtype": "search", "type": ")") + type + R"(", "search": ")" + text +
+           "\"" + more + "}";
+  };
+  const char* hs = R"({"subtype": "HostSystem"})";
+  const JSON_Value none = JSON_Value::array();
+  // The sorted names of the records or the error, with the CVM answering `fault` if given.
+  struct {
+    std::string params;
+    JSON_Value expected, fault = nullptr;
+  } exchanges[] = {
+      {search("HostSystem", "CVK0"), {"cvk01", "cvk02"}},
+      {search("HostSystem", "10.1.0."), {"edge", "edge"}},              // by address too
+      {search("HostSystem", "cvk", R"(, "search_type": "ip")"), none},  // by address only
+      {search("VirtualMachine", "applic"), {"app01"}},                  // by title
+      {search("VirtualMachine", "数据库"), {"db01"}},
+      {search("VirtualMachine", ""), {"app01", "db01", "web01"}},
+      // Each existing VM once, whatever the case; names that are not strings are skipped.
+      {R"({"subtype": "verify", "vms": ["WEB01", "ghost", 7, null, "app01", "web01", "App01"]})",
+       {"app01", "web01"}},
+      {R"({"subtype": "verify", "vms": []})", none},
+      {"[1, 2]", error(-32602, "Invalid params: params type must be object.")},
+      {R"({"uuid": 5, "subtype": "HostSystem"})", invalid("uuid")},
+      {R"({"subtype": true})", invalid("subtype")},
+      {R"({"subtype": "hostsystem"})", error(-32602, "Invalid value of params 'subtype'")},
+      {R"({"subtype": "VirtualMachine"})", invalid("host_id")},
+      {R"({"subtype": "HostSystemDetail", "host_id": 1})", invalid("host_id")},
+      {R"({"subtype": "StorageVolume", "host_id": "1"})", invalid("pool_name")},
+      {R"({"subtype": "search", "search": "x"})", invalid("type")},
+      {search("StoragePool", "x"), error(-32602, "Invalid value of params 'type'.")},
+      {R"({"subtype": "search", "type": "HostSystem"})", invalid("search")},
+      {R"({"subtype": "verify"})", invalid("vms", "array")},
+      {R"({"subtype": "verify", "vms": "web01"})", invalid("vms", "array")},
+      // An entry the backup server does not hold.
+      {R"({"uuid": "00000000-0000-0000-0000-000000000000", "subtype": "HostSystem"})",
+       error(-32603, "Failed to get CVM info from server.")},
+      {hs, failed("list CAS hosts."), e500},
+      {on1("HostSystemDetail"), failed("get CAS CVK details."), e500},
+      {on1("VirtualMachine"), failed("list CAS virtual machines."), e500},
+      {on1("StoragePool"), failed("list CAS storage pools."), e500},
+      {R"({"subtype": "StorageVolume", "host_id": "1", "pool_name": "defaultpool"})",
+       failed("list CAS storage volumes."), e500},
+      {R"({"subtype": "PortProfile"})", failed("list CAS port profiles."), e500},
+      {on1("VirtualSwitch"), failed("list CAS virtual switches."), e500},
+      {search("HostSystem", "cvk"), failed("list CAS hosts."), e500},
+      {search("VirtualMachine", "web"), failed("list CAS VMs."), e500},
+      {R"({"subtype": "verify", "vms": ["web01"]})", failed("list CAS VMs."), e500},
+      // A CVM answer of the wrong shape (the records' own checks are tested with them).
+      {hs, failed("list CAS hosts."), {{"kind", "not_json"}}},
+  };
+  for (const auto& c : exchanges) {
+    JSON_Value params = JSON_Value::parse(c.params), fault = c.fault;
+    if (params.is_object() && !params.contains("uuid"))
+      params["uuid"] = uuid_;
+    if (!fault.is_null()) {
+      fault["path"] = "/cas/casrs/";
+      stack_.sim_control("sim", "POST", "/sim/faults", fault);
+    }
+    JSON_Value answer = stack_.agent_call("h3ccas.list", params), got = JSON_Value::array();
+    for (const auto& record : answer.value("result", JSON_Value::array()))
+      got.push_back(record.value("name", "?"));
+    std::sort(got.begin(), got.end());
+    if (answer.contains("error"))
+      got = error(answer["error"].value("code", 0), answer["error"].value("message", ""));
+    EXPECT_EQ(got, c.expected) << fault << c.params << "\n" << answer;
+    // Without the fault, it answers again.
+    if (!fault.is_null()) {
+      stack_.sim_control("sim", "DELETE", "/sim/faults");
+      EXPECT_TRUE(stack_.agent_call("h3ccas.list", params).contains("result")) << c.params;
+    }
+  }
+  // The CLI says the same in one line (naming a host, it asks for the hosts first).
+  stack_.sim_control("sim", "POST", "/sim/faults", {{"path", "/cas/casrs/"}, {"status", 500}});
+  Run_Result r = stack_.cli({"ls", "lab", "vms", "1"});
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_EQ(r.err, "brimlet: agent error -32603: Failed to list CAS hosts.\n");
+  stack_.sim_control("sim", "DELETE", "/sim/faults");
+  // The agent answers while a slow listing is in flight.
+  stack_.sim_control("sim", "PUT", "/sim/knobs", {{"latency_ms", 1500}});
+  stack_.sim_control("sim", "DELETE", "/sim/requests");
+  std::atomic<bool> listed{false};
+  JSON_Value hosts;
+  std::thread slow([&] {
+    hosts = stack_.agent_call("h3ccas.list", {{"uuid", uuid_}, {"subtype", "HostSystem"}});
+    listed = true;
+  });
+  // Once the CVM has answered the listing's first request, the listing still needs a signed one.
+  for (int i = 0; i < 100000; ++i)
+    if (!stack_.sim_control("sim", "GET", "/sim/requests")["requests"].empty())
+      break;
+  JSON_Value info = stack_.agent_call("agent.info", JSON_Value::object());
+  EXPECT_FALSE(listed);
+  slow.join();
+  EXPECT_EQ(info["result"]["host_id"], Stack::agent_host_id()) << info;
+  EXPECT_EQ(hosts["result"].size(), 4u) << hosts;
 }
 
 }  // namespace

@@ -1,11 +1,9 @@
-// Testing a registered CVM's login through the CLI, the agent, the module and cas-sim; the CLI's
-// help and its own configuration.
+// A registered CVM's login through the CLI, the agent, the module and cas-sim; the CLI's help and
+// its own configuration.
 #include "h3ccas/common.h"
 #include "h3ccas/restful_client.h"
 #include "host/core/paths.h"
 #include "tests/integration/test_stack.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 
@@ -13,33 +11,12 @@ namespace {
 
 using Login = Lab_Test;
 
-TEST_F(Login, SucceedsAndThePasswordIsWrittenNowhere) {
-  JSON_Value result = JSON_Value::parse(stack_.cli({"--json", "cvm", "test", "lab"}).out);
-  EXPECT_EQ(result, (JSON_Value{{"result", true}, {"version", "E0750"}, {"message", ""}}));
-  // By uuid too, and the human form says so.
-  Run_Result r = stack_.cli({"cvm", "test", uuid_});
-  EXPECT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_EQ(r.out, "Login to 127.0.0.1 succeeded, CVM version E0750\n");
-
-  // Nothing the programs wrote (logs, database, configuration, outputs) holds the password.
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(stack_.dir().path())) {
-    if (!entry.is_regular_file() || entry.path().filename() == "world.json")
-      continue;
-    std::string text;
-    ASSERT_TRUE(read_file(entry.path().string(), text));
-    EXPECT_EQ(text.find("Adm1n pass"), std::string::npos) << entry.path();
-  }
-}
-
-TEST_F(Login, ExpiredNonceIsRenegotiatedTransparently) {
-  // A login is one signed exchange; the renegotiation shows between two requests of one client.
+TEST_F(Login, SucceedsRenegotiatesUsesTlsAndThePasswordIsWrittenNowhereWhateverTheCliDoes) {
+  // An expired nonce is renegotiated between two requests of one client.
   h3ccas::CVM_Info cvm;
-  ASSERT_TRUE(cvm.load({{"host", "127.0.0.1"},
-                        {"port", sim_port_},
-                        {"ssl", false},
-                        {"username", "admin"},
-                        {"password", "Adm1n pass"}},
-                       false));
+  JSON_Value info = {{"host", "127.0.0.1"}, {"port", sim_port_}, {"ssl", false}};
+  info.update({{"username", "admin"}, {"password", "Adm1n pass"}});
+  ASSERT_TRUE(cvm.load(info, false));
   h3ccas::RESTful_Client client(cvm);
   const char* path = "/cas/casrs/datacenter/casVersion";
   JSON_Value out;
@@ -48,48 +25,43 @@ TEST_F(Login, ExpiredNonceIsRenegotiatedTransparently) {
   EXPECT_EQ(stack_.sim_control("sim", "POST", "/sim/nonces/expire")["expired"], 1);
   ASSERT_TRUE(client.get(path, out));
   EXPECT_EQ(out["data"], "H3C CAS E0750");
-
   JSON_Value log = stack_.sim_control("sim", "GET", "/sim/requests");
   std::vector<int> statuses;
   for (const auto& r : log.value("requests", JSON_Value::array()))
     statuses.push_back(r.value("status", 0));
   // Challenge and signed request; then the stale nonce refused, a new challenge, and success.
   EXPECT_EQ(statuses, (std::vector<int>{401, 200, 401, 401, 200})) << log.dump();
-}
-
-TEST_F(Login, TlsToTheSimulator) {
+  JSON_Value result = JSON_Value::parse(stack_.cli({"--json", "cvm", "test", "lab"}).out);
+  EXPECT_EQ(result, (JSON_Value{{"result", true}, {"version", "E0750"}, {"message", ""}}));
+  // By uuid too, and the human form says so.
+  Run_Result r = stack_.cli({"cvm", "test", uuid_});
+  EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(r.out, "Login to 127.0.0.1 succeeded, CVM version E0750\n");
   std::string cert = stack_.dir().file("cert.pem"), key = stack_.dir().file("key.pem");
   ASSERT_TRUE(make_test_certificate(cert, key));
   std::uint16_t tls_port = stack_.start_sim("tls-sim", stack_.dir().file("world.json"), cert, key);
   stack_.add_cvm("secure", tls_port, "admin", "Adm1n pass", true);
   stack_.add_cvm("plain-to-tls", tls_port, "someone", "x", false);
-  JSON_Value result = JSON_Value::parse(stack_.cli({"--json", "cvm", "test", "secure"}).out);
+  result = JSON_Value::parse(stack_.cli({"--json", "cvm", "test", "secure"}).out);
   EXPECT_EQ(result["version"], "E0750") << result;
-  Run_Result r = stack_.cli({"--json", "cvm", "test", "plain-to-tls"});
+  r = stack_.cli({"--json", "cvm", "test", "plain-to-tls"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(JSON_Value::parse(r.out, nullptr, false)["result"], false) << r.out;
-}
-
-TEST_F(Login, AgentOffLoopbackNeedsTls) {
-  Run_Result r = run_program({"brimlet-agent", "--listen", "0.0.0.0:0"}, "", stack_.env(), 30);
+  // The agent off loopback needs TLS.
+  r = run_program({"brimlet-agent", "--listen", "0.0.0.0:0"}, "", stack_.env(), 30);
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_NE(r.err.find("needs 'tls_cert' and 'tls_key'"), std::string::npos) << r.err;
-}
-
-TEST_F(Login, CliHelpListingAndConfiguration) {
-  // Each command answers --help with its own usage.
-  Run_Result r = stack_.cli({"pool", "add", "--help"});
+  // The CLI's help, listing and own configuration.
+  r = stack_.cli({"pool", "add", "--help"});
   EXPECT_EQ(r.exit_code, 0);
   EXPECT_EQ(r.out.rfind("register a storage pool\nUsage: brimlet pool add [OPTIONS]\n", 0), 0u);
   EXPECT_NE(r.out.find("--url TEXT REQUIRED"), std::string::npos) << r.out;
-
   // Global flags may follow the command.
   r = stack_.cli({"cvm", "list", "--json"});
   EXPECT_EQ(JSON_Value::parse(r.out, nullptr, false)[0]["uuid"], uuid_) << r.out;
   EXPECT_EQ(r.out.find("Adm1n pass"), std::string::npos) << r.out;
   EXPECT_EQ(stack_.cli({"cvm", "remove", "lab"}).out, "Removed CVM " + uuid_ + "\n");
   EXPECT_EQ(stack_.cli({"cvm", "test", "lab"}).exit_code, 1);
-
   // The administrator's key is refused unless only its owner may read it; an unknown key gets
   // the server's refusal.
   namespace fs = std::filesystem;
@@ -108,6 +80,14 @@ TEST_F(Login, CliHelpListingAndConfiguration) {
   r = stack_.cli({"pool", "list"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(r.err.rfind("brimlet: backup server answered 401", 0), 0u) << r.err;
+  // Nothing the programs wrote (logs, database, configuration, outputs) holds the password.
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(stack_.dir().path())) {
+    if (!entry.is_regular_file() || entry.path().filename() == "world.json")
+      continue;
+    std::string text;
+    ASSERT_TRUE(read_file(entry.path().string(), text));
+    EXPECT_EQ(text.find("Adm1n pass"), std::string::npos) << entry.path();
+  }
 }
 
 }  // namespace

@@ -26,9 +26,7 @@ std::uint16_t Stack::start_sim(const std::string& name, const std::string& world
     failed("cas-sim '" + name + "' did not start (see " + out + ")");
     return 0;
   }
-  auto port = info.value("http_port", std::uint16_t{0});
-  sims_[name] = {port, std::move(process)};
-  return port;
+  return (sims_[name] = {info.value("http_port", std::uint16_t{0}), std::move(process)}).first;
 }
 
 bool Stack::start_server_and_agent() {
@@ -52,23 +50,18 @@ bool Stack::start_server_and_agent() {
       return failed("brimlet-server enroll failed: " + key.err);
     (*conf)["access_key"] = key.out.substr(0, key.out.find_first_of("\r\n"));
   }
-
   std::string etc = dir_.path() + "/etc/opt/quorvex/brimlet5";
   std::error_code ec;
-  std::filesystem::create_directories(etc, ec);
-  if (ec)
+  if (std::filesystem::create_directories(etc, ec), ec)
     return failed("cannot create " + etc + ": " + ec.message());
   write_text_file(etc + "/host_id", std::string(agent_host_id()) + "\n");
   write_text_file(etc + "/cli.json", JSON_Value{{"backup_server", admin}}.dump(2));
   std::filesystem::permissions(
       etc + "/cli.json", std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
-  JSON_Value conf = {{"listen", "127.0.0.1:0"},
-                     {"backup_server", server},
-                     {"host_id_file", etc + "/host_id"},
-                     {"log_file", dir_.file("agent.log")},
-                     {"modules", {std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json"}}};
+  JSON_Value conf = {{"listen", "127.0.0.1:0"}, {"backup_server", server}};
+  conf.update({{"host_id_file", etc + "/host_id"}, {"log_file", dir_.file("agent.log")}});
+  conf["modules"] = JSON_Value::array({std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json"});
   write_text_file(etc + "/agent.json", conf.dump(2));
-
   ready = dir_.file("agent.ready");
   if (!agent_.start({"brimlet-agent", "--ready-file", ready}, env(), dir_.file("agent.out")) ||
       !agent_.wait_ready(ready, info))
@@ -78,17 +71,15 @@ bool Stack::start_server_and_agent() {
 }
 
 Run_Result Stack::cli(const std::vector<std::string>& args, const std::string& input) const {
-  std::vector<std::string> argv = {"brimlet"};
-  argv.insert(argv.end(), args.begin(), args.end());
+  std::vector<std::string> argv = args;
+  argv.insert(argv.begin(), "brimlet");
   return run_program(argv, input, env());
 }
 
 std::string Stack::add_cvm(const std::string& name, std::uint16_t port, const std::string& user,
                            const std::string& password, bool ssl) const {
-  std::vector<std::string> args = {"--json",     "cvm",    "add",
-                                   "--name",     name,     "--host",
-                                   "127.0.0.1",  "--port", std::to_string(port),
-                                   "--username", user,     "--password-stdin"};
+  std::vector<std::string> args = {"--json", "cvm", "add", "--name", name, "--host", "127.0.0.1"};
+  args.insert(args.end(), {"--port", std::to_string(port), "--username", user, "--password-stdin"});
   if (ssl)
     args.push_back("--ssl");
   Run_Result r = cli(args, password + "\n");
@@ -129,8 +120,7 @@ JSON_Value Stack::agent_call(const std::string& method, const JSON_Value& params
 }
 
 bool make_test_certificate(const std::string& cert, const std::string& key) {
-  Run_Result r =
-      run_program({"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj",
-                   "/CN=localhost", "-days", "2", "-keyout", key, "-out", cert});
-  return r.exit_code == 0;
+  return run_program({"/usr/bin/openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj",
+                      "/CN=localhost", "-days", "2", "-keyout", key, "-out", cert})
+             .exit_code == 0;
 }

@@ -10,12 +10,11 @@ namespace {
 using Options = Client_IO_Base::Options;
 
 JSON_Value dumped(const Options& opts, JSON_Value target = JSON_Value::object()) {
-  opts >> target;
-  return target;
+  return opts >> target, target;
 }
 
 // The agent writes the options into a servant's parameters and the servant reads them back.
-TEST(Storage_Options, RoundTripsEveryMemberAndKeepsAbsentOnes) {
+TEST(Storage_Options, RoundTripsEveryMemberAndRefusesWrongTypesAndValues) {
   JSON_Value all = JSON_Value::parse(R"({
       "connect_timeout": 5, "io_timeout": 86400, "retry_count": 0, "retry_interval": 3600,
       "compression": "lz4", "compression_level": 12, "encryption": true,
@@ -26,17 +25,13 @@ TEST(Storage_Options, RoundTripsEveryMemberAndKeepsAbsentOnes) {
   EXPECT_EQ(dumped(opts, {{"other", 1}}), all);
   EXPECT_TRUE(opts.compression_ == Client_IO_Base::Compression::Lz4 &&
               opts.access_mode_ == Client_IO_Base::Access_Mode::Proxy);
-
   // Absent keys keep their values, unknown keys are ignored, and "none" takes any level.
   ASSERT_TRUE((opts << JSON_Value{{"compression", "zlib"}, {"compression_level", 9}, {"x", 1}}));
   EXPECT_TRUE(opts.compression_ == Client_IO_Base::Compression::Zlib &&
               opts.compression_level_ == 9 && opts.retry_count_ == 0);
   ASSERT_TRUE((opts << JSON_Value{{"compression", "none"}, {"compression_level", 5}}));
   EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::None);
-}
-
-// Each refusal is one log line and leaves the options as they were.
-TEST(Storage_Options, RefusesWrongTypesAndValuesOutOfRange) {
+  // Each refusal is one log line and leaves the options as they were.
   const std::pair<const char*, const char*> cases[] = {
       {"[]", "expected an object, got array"},
       {R"({"connect_timeout": "30"})", "'connect_timeout' is expected as integer"},
@@ -51,7 +46,7 @@ TEST(Storage_Options, RefusesWrongTypesAndValuesOutOfRange) {
       {R"({"extra": []})", "'extra' is expected as object"},
   };
   for (const auto& [json, message] : cases) {
-    Options opts;
+    opts = Options();
     opts.retry_count_ = 4;
     const JSON_Value before = dumped(opts);
     Log_Capture log;

@@ -14,8 +14,8 @@
 #include <optional>
 #include <string>
 
-// Writes the test module's manifest into `dir` ("agent.only" is its one agent method) and a
-// service configuration at `conf_path` that loads it.
+// The test module's manifest in `dir` ("agent.only" its one agent method) and a service
+// configuration at `conf_path` that loads it.
 inline void write_servant_conf(const Temp_Dir& dir, const std::string& conf_path) {
   JSON_Value methods = JSON_Value::object();
   for (const char* m : {"echo", "log", "hang", "crash", "flaky", "garbage"})
@@ -36,10 +36,7 @@ inline bool process_gone(pid_t pid) {
 
 class Servant_Fixture : public ::testing::Test {
  protected:
-  void SetUp() override {
-    write_servant_conf(dir_, conf_);
-    set_env("BRIMLET_ROOT", dir_.path());
-  }
+  void SetUp() override { write_servant_conf(dir_, conf_), set_env("BRIMLET_ROOT", dir_.path()); }
   void TearDown() override {
     for (const auto& [name, value] : saved_env_)
       value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
@@ -53,7 +50,5 @@ class Servant_Fixture : public ::testing::Test {
 
   Temp_Dir dir_;
   const std::string conf_ = dir_.file("svc.json");
-
- private:
   std::map<std::string, std::optional<std::string>> saved_env_;
 };

@@ -15,10 +15,6 @@ namespace {
 
 class Scheduler_Test : public Servant_Fixture {
  protected:
-  void SetUp() override {
-    Servant_Fixture::SetUp();
-    mkdir(markers_.c_str(), 0700);
-  }
   // Pid and tag of each "hang" servant that reached its request.
   std::map<pid_t, std::string> hung() {
     std::map<pid_t, std::string> out;
@@ -48,21 +44,33 @@ class Scheduler_Test : public Servant_Fixture {
       return decide(answered);
     };
   }
-
   const std::string markers_ = dir_.file("markers");
   std::mutex mutex_;
   std::string runs_, answered_;
 };
 
-// The handler answers 0 for an answer, else `on_failure` (2: may run again).
-TEST_F(Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
-  const struct {
-    const char* method;
-    JSON_Value params;
-    int on_failure;
-    const char *runs, *answered;
-    int succeeded, failed;
-  } cases[] = {
+TEST_F(Scheduler_Test, SettingsAreCheckedAndTheHandlerDecidesRetriesWithinTheCount) {
+  auto ok = handler([](bool) { return 0; });
+  Servant_Task_Scheduler sched("echo");
+  EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));  // not active yet
+  EXPECT_FALSE(sched.enable_owner_limit(0) || sched.enable_retry(-1, 0) ||
+               sched.enable_retry(1, -1) || sched.set_time_limit(-1));
+  EXPECT_FALSE(sched.activate(0, setup(), ok) || sched.activate(1, nullptr, ok));
+  ASSERT_TRUE(sched.activate(1, setup(), ok));
+  EXPECT_FALSE(sched.activate(1, setup(), ok) || sched.enable_owner_limit(2) ||
+               sched.enable_retry(1, 1) || sched.register_stop_callback([] { return false; }));
+  EXPECT_FALSE(Servant_Task_Scheduler(nullptr).activate(1, setup(), ok));
+  // A set-up that fails is a failed run, reported like any other; without retries enabled, final.
+  Servant_Task_Scheduler refused("echo");
+  ASSERT_TRUE(refused.activate(
+      1, [](Servant&, const Servant_Task&) { return false; }, handler([](bool) { return 2; })));
+  ASSERT_TRUE(refused.enqueue_task(JSON_Value::object(), "cvk1"));
+  refused.wait();
+  EXPECT_EQ(answered_, "-");
+  EXPECT_EQ(refused.failed(), 1);
+  sched.wait();
+  // The handler answers 0 for an answer, else `on_failure` (2: may run again).
+  const std::tuple<const char*, JSON_Value, int, const char*, const char*, int, int> cases[] = {
       // Killed mid-request every time: the first run and two retries, then a final failure.
       {"crash", JSON_Value::object(), 2, "vm:0 vm:1 vm:2 ", "---", 0, 1},
       // Killed once, answers on the retry.
@@ -71,19 +79,18 @@ TEST_F(Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
       {"garbage", {{"kind", "text"}}, 1, "vm:0 ", "-", 0, 1},
       {"hang", JSON_Value::object(), 1, "vm:0 ", "-", 0, 1},
   };
-  for (const auto& c : cases) {
+  for (const auto& [method, params, on_failure, runs, answered, succeeded, failed] : cases) {
     runs_.clear();
     answered_.clear();
-    Servant_Task_Scheduler sched(c.method);
-    ASSERT_TRUE(sched.enable_retry(2, 0));
-    ASSERT_TRUE(sched.set_time_limit(1));
-    ASSERT_TRUE(sched.activate(1, setup(), handler([&](bool a) { return a ? 0 : c.on_failure; })));
-    ASSERT_TRUE(sched.enqueue_task(c.params, "cvk1", "vm"));
+    Servant_Task_Scheduler sched(method);
+    ASSERT_TRUE(sched.enable_retry(2, 0) && sched.set_time_limit(1));
+    const int retry = on_failure;
+    ASSERT_TRUE(sched.activate(1, setup(), handler([retry](bool a) { return a ? 0 : retry; })));
+    ASSERT_TRUE(sched.enqueue_task(params, "cvk1", "vm"));
     sched.wait();
-    EXPECT_EQ(runs_, c.runs) << c.method;
-    EXPECT_EQ(answered_, c.answered) << c.method;
-    EXPECT_EQ(sched.succeeded(), c.succeeded) << c.method;
-    EXPECT_EQ(sched.failed(), c.failed) << c.method;
+    EXPECT_EQ(runs_ + " " + answered_, std::string(runs) + " " + answered) << method;
+    EXPECT_EQ(std::make_pair(sched.succeeded(), sched.failed()), std::make_pair(succeeded, failed))
+        << method;
   }
 }
 
@@ -91,6 +98,7 @@ TEST_F(Scheduler_Test, RetriesWhenTheHandlerSaysSoWithinTheCount) {
 // would start three of one owner. The stop callback turns true once three hang in their request;
 // it ends them, drops the waiting work and the retries it asked for.
 TEST_F(Scheduler_Test, KeepsToTheLimitsAndTheStopCallbackEndsEverything) {
+  ASSERT_EQ(mkdir(markers_.c_str(), 0700), 0);
   Servant_Task_Scheduler sched("hang");
   ASSERT_TRUE(sched.enable_owner_limit(2));
   ASSERT_TRUE(sched.enable_retry(3, 0));
@@ -113,33 +121,6 @@ TEST_F(Scheduler_Test, KeepsToTheLimitsAndTheStopCallbackEndsEverything) {
   EXPECT_EQ(tags.size(), 12u) << tags;
   EXPECT_NE(tags.find("cvk2"), std::string::npos) << tags;
   EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));
-}
-
-TEST_F(Scheduler_Test, SettingsAreCheckedAndFixedOnceRunning) {
-  auto ok = handler([](bool) { return 0; });
-  Servant_Task_Scheduler sched("echo");
-  EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));  // not active yet
-  EXPECT_FALSE(sched.enable_owner_limit(0));
-  EXPECT_FALSE(sched.enable_retry(-1, 0));
-  EXPECT_FALSE(sched.enable_retry(1, -1));
-  EXPECT_FALSE(sched.set_time_limit(-1));
-  EXPECT_FALSE(sched.activate(0, setup(), ok));
-  EXPECT_FALSE(sched.activate(1, nullptr, ok));
-  ASSERT_TRUE(sched.activate(1, setup(), ok));
-  EXPECT_FALSE(sched.activate(1, setup(), ok));
-  EXPECT_FALSE(sched.enable_owner_limit(2));
-  EXPECT_FALSE(sched.enable_retry(1, 1));
-  EXPECT_FALSE(sched.register_stop_callback([] { return false; }));
-  EXPECT_FALSE(Servant_Task_Scheduler(nullptr).activate(1, setup(), ok));
-  // A set-up that fails is a failed run, reported like any other; without retries enabled, final.
-  Servant_Task_Scheduler refused("echo");
-  ASSERT_TRUE(refused.activate(
-      1, [](Servant&, const Servant_Task&) { return false; }, handler([](bool) { return 2; })));
-  ASSERT_TRUE(refused.enqueue_task(JSON_Value::object(), "cvk1"));
-  refused.wait();
-  EXPECT_EQ(answered_, "-");
-  EXPECT_EQ(refused.failed(), 1);
-  sched.wait();
 }
 
 }  // namespace

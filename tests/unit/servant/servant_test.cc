@@ -1,6 +1,7 @@
 #include "host/servant/servant.h"
 #include "host/module/module.h"
 #include "host/servant/frame.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/unit/servant/fixture.h"
 
@@ -10,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -32,10 +34,7 @@ TEST(Frame_Decoder, SplitsFramesHoweverTheBytesArriveAndRefusesImpossibleLengths
   }
   Frame_Decoder cut;
   std::string t, half = encode_frame("{\"a\":1}").substr(0, 6);
-  ASSERT_TRUE(cut.feed(half.data(), half.size()));
-  EXPECT_FALSE(cut.next(t));
-  EXPECT_TRUE(cut.partial());
-
+  EXPECT_TRUE(cut.feed(half.data(), half.size()) && !cut.next(t) && cut.partial());
   const std::pair<std::string, bool> lengths[] = {
       {std::string("\0\0\0\0", 4), false},                       // empty frame
       {std::string("\0\0\0\x11", 4), true},                      // 17 bytes: within a max of 17
@@ -60,7 +59,7 @@ TEST(Frame_Decoder, SplitsFramesHoweverTheBytesArriveAndRefusesImpossibleLengths
 
 using Servant_Test = Servant_Fixture;
 
-TEST_F(Servant_Test, EnvironmentIsPrependedToWhatTheChildWouldSee) {
+TEST_F(Servant_Test, EnvironmentIsPrependedAndBadServantSectionsAreRefused) {
   set_env("SERVANT_TEST_PATH", "/inherited");
   unsetenv("SERVANT_TEST_NONE");
   ACE_Process_Options o;
@@ -76,10 +75,7 @@ TEST_F(Servant_Test, EnvironmentIsPrependedToWhatTheChildWouldSee) {
                                            "SERVANT_TEST_NONE=/c"}));
   EXPECT_EQ(prepend_process_options_env(o, "BAD=NAME", "/x"), -1);
   EXPECT_EQ(errno, EINVAL);
-}
-
-// A servant section that does not map names to the module's handlers is refused.
-TEST_F(Servant_Test, ModulesWithABadServantSectionAreRefused) {
+  // A servant section that does not map names to the module's handlers is refused.
   for (const char* methods : {R"({"x":1})", R"(["x"])", R"({"x":"Nope"})"}) {
     write_text_file(dir_.file("bad.module.json"), std::string(R"({"name":"t","library":")") +
                                                       SERVANT_TEST_MODULE_PATH +
@@ -96,11 +92,10 @@ class Servant_Process_Test : public Servant_Fixture {
     ASSERT_TRUE(s.start());
   }
   bool logged(const std::string& text) const { return log_.find(text) != std::string::npos; }
-
   std::string log_;
 };
 
-TEST_F(Servant_Process_Test, AnswersRequestsAndForwardsItsLog) {
+TEST_F(Servant_Process_Test, AnswersRequestsForwardsItsLogAndNeedsItsProgramAndConfiguration) {
   Servant s;
   start(s, conf_);
   pid_t pid = s.pid();
@@ -126,49 +121,46 @@ TEST_F(Servant_Process_Test, AnswersRequestsAndForwardsItsLog) {
   EXPECT_FALSE(logged("Stopping on signal")) << log_;
   EXPECT_TRUE(process_gone(pid));
   EXPECT_EQ(s.call("echo", JSON_Value::object(), 30), nullptr);
+  // It needs its program and a configuration it can load; else it leaves at once, and says why.
+  Servant bad;
+  bad.reset("tester", nullptr, nullptr, nullptr, "x");
+  EXPECT_FALSE(bad.start());
+  bad.reset("tester", conf_.c_str(), nullptr, dir_.file("no-such-servant").c_str(), "x");
+  EXPECT_FALSE(bad.start());
+  bad.reset("tester", "/path with blanks/svc.json", nullptr, nullptr, "x");
+  EXPECT_FALSE(bad.start());
+  write_text_file(dir_.file("broken.json"), R"({"modules": 5})");
+  start(bad, dir_.file("broken.json"));
+  EXPECT_EQ(bad.call("echo", JSON_Value::object(), 30), nullptr);
+  EXPECT_TRUE(logged("invalid configuration"));
 }
 
 TEST_F(Servant_Process_Test, ACrashHangGarbageOrCancelIsAFailedCallAndAnEndedProcess) {
-  struct Case {
-    const char* method;
-    JSON_Value params;
-    int timeout;
-    bool cancel;
-  } cases[] = {
-      {"crash", JSON_Value::object(), 30, false},   {"hang", JSON_Value::object(), 1, false},
-      {"hang", JSON_Value::object(), 0, true},      {"garbage", {{"kind", "text"}}, 30, false},
-      {"garbage", {{"kind", "length"}}, 30, false}, {"garbage", {{"kind", "stranger"}}, 30, false},
+  const std::tuple<const char*, const char*, int, bool, const char*> cases[] = {
+      {"crash", nullptr, 30, false, "ended without answering 'crash': "},
+      {"hang", nullptr, 1, false, "did not answer 'hang' within 1 seconds"},
+      {"hang", nullptr, 0, true, "stopped while running 'hang'"},
+      {"garbage", "text", 30, false, "answered 'garbage' with no response to it: this is not JSON"},
+      {"garbage", "length", 30, false, "sent a malformed frame for 'garbage'"},
+      {"garbage", "stranger", 30, false, "answered 'garbage' with no response to it: {"},
   };
-  for (const auto& c : cases) {
+  for (const auto& [method, kind, timeout, cancel, message] : cases) {
+    const JSON_Value params = kind ? JSON_Value{{"kind", kind}} : JSON_Value::object();
+    Log_Capture log;
     Servant s;
     start(s, conf_);
     pid_t pid = s.pid();
     int polls = 0;
     auto cancelled = [&polls] { return ++polls >= 3; };
-    EXPECT_EQ(c.cancel ? s.call(c.method, c.params, c.timeout, cancelled)
-                       : s.call(c.method, c.params, c.timeout),
+    EXPECT_EQ(cancel ? s.call(method, params, timeout, cancelled) : s.call(method, params, timeout),
               nullptr)
-        << c.method << c.params;
-    EXPECT_EQ(polls >= 3, c.cancel);
-    EXPECT_EQ(s.pid(), -1) << c.method;
-    EXPECT_NE(s.exit_status(), -1) << c.method;
-    EXPECT_TRUE(process_gone(pid)) << c.method;
+        << method << params;
+    EXPECT_EQ(polls >= 3, cancel);
+    EXPECT_EQ(s.pid(), -1) << method;
+    EXPECT_NE(s.exit_status(), -1) << method;
+    EXPECT_TRUE(process_gone(pid)) << method;
+    EXPECT_TRUE(log.contains(message)) << log.text();
   }
-}
-
-TEST_F(Servant_Process_Test, RefusesToStartWithoutItsProgramOrConfiguration) {
-  Servant s;
-  s.reset("tester", nullptr, nullptr, nullptr, "x");
-  EXPECT_FALSE(s.start());
-  s.reset("tester", conf_.c_str(), nullptr, dir_.file("no-such-servant").c_str(), "x");
-  EXPECT_FALSE(s.start());
-  s.reset("tester", "/path with blanks/svc.json", nullptr, nullptr, "x");
-  EXPECT_FALSE(s.start());
-  // A configuration that cannot be loaded: the servant leaves at once, and says why.
-  write_text_file(dir_.file("broken.json"), R"({"modules": 5})");
-  start(s, dir_.file("broken.json"));
-  EXPECT_EQ(s.call("echo", JSON_Value::object(), 30), nullptr);
-  EXPECT_TRUE(logged("invalid configuration"));
 }
 
 // brimlet-servant on a socket of the test's own, to feed it what Servant never sends.
@@ -196,7 +188,6 @@ struct Raw_Servant {
         return nullptr;
     return JSON_Value::parse(text, nullptr, false);
   }
-
   Unique_Fd sock;
   Test_Process process;
 };
@@ -217,7 +208,6 @@ TEST_F(Servant_Process_Test, BadFramesAreAnsweredOrEndTheServantCleanly) {
   EXPECT_EQ(s.exchange(std::string("\x7f\x00\x00\x00{}", 6), true), nullptr);
   int status = s.process.stop();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
-
   // SIGTERM ends a servant cleanly.
   Raw_Servant other(conf_);
   ASSERT_EQ(other.exchange(R"({"jsonrpc":"2.0","method":"echo","id":1})")["id"], 1);

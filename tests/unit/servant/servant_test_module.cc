@@ -1,11 +1,8 @@
-// A module for the servant tests. Its "servant_jsonrpc" methods behave well or badly on request:
-//   echo     answers its params, pid and label
-//   log      logs "text" through the log and raw on stderr, then answers
-//   hang     creates "<dir>/<pid>.<tag>" (when "dir" is given), then never answers
-//   crash    aborts
-//   flaky    aborts unless file "marker" exists (and creates it), so a second run succeeds
-//   garbage  writes "kind" of rubbish on the channel: "text" (a frame that is not JSON),
-//            "length" (an impossible frame length), "stranger" (a response to another request)
+// A module for the servant tests whose "servant_jsonrpc" methods behave well or badly on request:
+// echo answers its params, pid and label; log logs "text" through the log and raw on stderr;
+// hang creates "<dir>/<pid>.<tag>" (given "dir") and never answers; crash aborts; flaky aborts
+// unless file "marker" exists (and creates it); garbage writes "kind" of rubbish on the channel:
+// "text" (not JSON), "length" (an impossible frame length), "stranger" (another request's answer).
 #include "host/core/log.h"
 #include "host/jsonrpc/jsonrpc.h"
 #include "host/module/module.h"
@@ -29,8 +26,7 @@ namespace {
 }
 
 int channel_fd() {
-  const char* fd = getenv(SERVANT_ENV_FD);
-  return fd ? atoi(fd) : -1;
+  return getenv(SERVANT_ENV_FD) ? atoi(getenv(SERVANT_ENV_FD)) : -1;
 }
 
 class Test_Handler : public JSON_RPC_Thread_Handler {

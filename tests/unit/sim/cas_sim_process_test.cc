@@ -11,7 +11,7 @@
 namespace {
 
 // The demo's world and the listing benchmark's, as shipped.
-TEST(Cas_Sim_Worlds, ShippedWorldsLoad) {
+TEST(Cas_Sim_Worlds, ShippedWorldsLoadAndABadWorldFailsWithOneClearLine) {
   for (const char* name : {"default.json", "large.json"}) {
     cas_sim::World world;
     std::string error;
@@ -19,9 +19,6 @@ TEST(Cas_Sim_Worlds, ShippedWorldsLoad) {
         std::string(BRIMLET_SOURCE_DIR) + "/sim/cas/worlds/" + name, world, error))
         << name << ": " << error;
   }
-}
-
-TEST(Cas_Sim_Options, ABadWorldFailsWithOneClearLine) {
   Temp_Dir dir;
   write_text_file(dir.file("bad.json"),
                   R"({"operators": [{"id": 1, "login_name": "admin", "group_id": 1}]})");

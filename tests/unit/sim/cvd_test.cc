@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,15 +20,10 @@ const char kWorld[] = R"({
   "operators": [{"id": 1, "login_name": "admin", "password": "Adm1n pass", "group_id": 1}],
   "pools": [{"name": "p1", "type": "rbd", "path": "/p1", "capacity_mib": 1000}],
   "hosts": [{"id": 1, "name": "cvk", "ip": "127.0.0.1", "vms": [{"id": 1, "uuid": "u", "name": "v",
-    "disks": [
-      {"device_name": "vda", "size_mib": 24, "pool": "p1", "path": "/p1/data",
+    "disks": [{"device_name": "vda", "size_mib": 24, "pool": "p1", "path": "/p1/data",
        "content": {"pattern": "random", "allocated_percent": 40, "seed": 3}},
       {"device_name": "vdb", "size_mib": 16, "pool": "p1", "path": "/p1/scratch"}]}]}]})";
-constexpr std::uint64_t kDataSize = 24 << 20;
-constexpr std::uint64_t kScratchSize = 16 << 20;
-const char* const kFunctions[] = {"cvd_init",       "cvd_deinit",    "cvd_connect",
-                                  "cvd_disconnect", "cvd_disk_open", "cvd_disk_close",
-                                  "cvd_disk_read",  "cvd_disk_write"};
+constexpr std::uint64_t kDataSize = 24 << 20, kScratchSize = 16 << 20;
 
 std::string slurp(const std::string& path) {
   std::string text;
@@ -39,12 +33,7 @@ std::string slurp(const std::string& path) {
 
 class Libcvd_Test : public ::testing::Test {
  protected:
-  void TearDown() override {
-    if (inited_) {
-      EXPECT_EQ(cvd_deinit(), 0);
-    }
-  }
-
+  void TearDown() override { EXPECT_EQ(inited_ ? cvd_deinit() : 0, 0); }
   // cas-sim with kWorld and libcvd ready to reach it.
   void start(const std::string& conf = "network_timeout = 20;\nlog_level = \"debug\";\n") {
     write_text_file(dir_.file("world.json"), kWorld);
@@ -60,51 +49,27 @@ class Libcvd_Test : public ::testing::Test {
     ASSERT_EQ(cvd_init("cvd-test", log_file().c_str(), dir_.file("cvd.conf").c_str()), 0);
     inited_ = true;
   }
-
   int connect(cvd_conn_t* conn, const char* password = "Adm1n pass", const char* user = "admin") {
     cvd_connect_param param = {"127.0.0.1", port_, user, password, "vm v", 0};
     return cvd_connect(&param, conn);
   }
-
-  // A disk handle that must open.
   cvd_disk_t open(cvd_conn_t conn, const char* path, int flags) {
     cvd_disk_t disk = nullptr;
     EXPECT_EQ(cvd_disk_open(conn, path, nullptr, flags, &disk), 0) << path;
     return disk;
   }
-
   std::string image(const std::string& path) { return slurp(dir_.file("data") + "/disks" + path); }
   std::string log_file() const { return dir_.file("cvd.log"); }
-
   Temp_Dir dir_;
   Test_Process sim_;
   int port_ = 0;
   bool inited_ = false;
 };
 
-TEST_F(Libcvd_Test, ExportsExactlyTheInterfaceAndNeedsNoHostLibrary) {
-  Run_Result symbols = run_program(
-      {"/usr/bin/env", "nm", "-D", "--defined-only", "--format=just-symbols", kLibrary});
-  ASSERT_EQ(symbols.exit_code, 0) << symbols.err;
-  std::vector<std::string> exported;
-  std::istringstream lines(symbols.out);
-  for (std::string line; std::getline(lines, line);)
-    exported.push_back(line);
-  std::sort(exported.begin(), exported.end());
-  std::vector<std::string> expected(std::begin(kFunctions), std::end(kFunctions));
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(exported, expected);
-  Run_Result needed = run_program({"/usr/bin/env", "readelf", "-d", kLibrary});
-  EXPECT_NE(needed.out.find("(NEEDED)"), std::string::npos) << needed.out;
-  EXPECT_EQ(needed.out.find("brimlet"), std::string::npos) << needed.out;
-  EXPECT_EQ(needed.out.find("ACE"), std::string::npos) << needed.out;
-}
-
-TEST_F(Libcvd_Test, ReadsSeededContentAndRoundTripsWritesAcrossHandles) {
+TEST_F(Libcvd_Test, ReadsSeededContentRoundTripsWritesAndServesManyHandles) {
   start();
   cvd_conn_t conn = nullptr;
   ASSERT_EQ(connect(&conn), 0);
-
   // The seeded disk, read in pieces that do not line up with anything, is its image's bytes.
   cvd_disk_t data = open(conn, "/p1/data", CVD_OPEN_READ);
   ASSERT_NE(data, nullptr);
@@ -123,7 +88,6 @@ TEST_F(Libcvd_Test, ReadsSeededContentAndRoundTripsWritesAcrossHandles) {
   EXPECT_EQ(cvd_disk_read(data, kDataSize + 4096, sizeof tail, tail), 0);
   EXPECT_EQ(cvd_disk_write(data, 0, 10, tail), -EINVAL);
   EXPECT_EQ(cvd_disk_close(data), 0);
-
   // Writes through one handle (by pool and image) are read back through another.
   cvd_disk_t writer = open(conn, "rbd:p1/scratch", CVD_OPEN_READ_WRITE);
   cvd_disk_t reader = open(conn, "/p1/scratch", CVD_OPEN_READ);
@@ -154,67 +118,6 @@ TEST_F(Libcvd_Test, ReadsSeededContentAndRoundTripsWritesAcrossHandles) {
   EXPECT_TRUE(image("/p1/scratch") == shadow);
   EXPECT_EQ(cvd_disk_close(writer), 0);
   EXPECT_EQ(cvd_disk_close(reader), 0);
-  EXPECT_EQ(cvd_disconnect(conn), 0);
-}
-
-TEST_F(Libcvd_Test, RefusesWrongCredentialsAndUnknownDisks) {
-  start();
-  const char* const logins[][3] = {{"admin", "adm1n pass"}, {"nobody", "Adm1n pass"}};
-  for (const auto& login : logins) {
-    cvd_conn_t conn = nullptr;
-    EXPECT_EQ(connect(&conn, login[1], login[0]), -EACCES) << login[0];
-    EXPECT_EQ(conn, nullptr);
-  }
-  cvd_conn_t conn = nullptr;
-  ASSERT_EQ(connect(&conn), 0);
-  struct Open_Case {
-    const char* path;
-    const char* snapshot;
-    int flags;
-    int error;
-  };
-  const Open_Case opens[] = {
-      {"/p1/absent", nullptr, CVD_OPEN_READ, -ENOENT},
-      {"rbd:p2/data", nullptr, CVD_OPEN_READ, -ENOENT},
-      {"/p1/data", "never-taken", CVD_OPEN_READ, -ENOENT},
-      {"/p1/data", "never-taken", CVD_OPEN_READ_WRITE, -EINVAL},
-      {"/p1/data", nullptr, 3, -EINVAL},
-      {"", nullptr, CVD_OPEN_READ, -EINVAL},
-  };
-  for (const Open_Case& c : opens) {
-    cvd_disk_t disk = nullptr;
-    EXPECT_EQ(cvd_disk_open(conn, c.path, c.snapshot, c.flags, &disk), c.error) << c.path;
-    EXPECT_EQ(disk, nullptr) << c.path;
-  }
-  EXPECT_EQ(cvd_disconnect(conn), 0);
-}
-
-// With a time-out of weeks (more milliseconds than an int holds), as a job may set it.
-TEST_F(Libcvd_Test, ReportsAServiceThatWentAway) {
-  start("network_timeout = 3000000;\n");
-  EXPECT_NE(slurp(log_file()).find("network_timeout = 3000000 s"), std::string::npos);
-  cvd_conn_t conn = nullptr;
-  ASSERT_EQ(connect(&conn), 0);
-  cvd_disk_t disk = open(conn, "/p1/data", CVD_OPEN_READ);
-  ASSERT_NE(disk, nullptr);
-  char buffer[4096];
-  ASSERT_EQ(cvd_disk_read(disk, 0, sizeof buffer, buffer), 4096);
-  sim_.stop();
-  EXPECT_EQ(cvd_disk_read(disk, 0, sizeof buffer, buffer), -ECONNRESET);
-  EXPECT_EQ(cvd_disk_read(disk, 0, sizeof buffer, buffer), -ECONNRESET);
-  cvd_disk_t again = nullptr;
-  EXPECT_EQ(cvd_disk_open(conn, "/p1/data", nullptr, CVD_OPEN_READ, &again), -ECONNREFUSED);
-  cvd_conn_t other = nullptr;
-  EXPECT_EQ(connect(&other), -ECONNREFUSED);
-  EXPECT_EQ(other, nullptr);
-  EXPECT_EQ(cvd_disk_close(disk), 0);
-  EXPECT_EQ(cvd_disconnect(conn), 0);
-}
-
-TEST_F(Libcvd_Test, ServesManyHandlesAtOnce) {
-  start();
-  cvd_conn_t conn = nullptr;
-  ASSERT_EQ(connect(&conn), 0);
   std::vector<std::string> parts(8);
   std::vector<std::thread> threads;
   // One connection, a handle per thread, each thread reading its eighth of the disk.
@@ -239,15 +142,55 @@ TEST_F(Libcvd_Test, ServesManyHandlesAtOnce) {
   EXPECT_EQ(cvd_disconnect(conn), 0);
 }
 
-TEST_F(Libcvd_Test, InitReadsTheConfigurationOnce) {
+TEST_F(Libcvd_Test, RefusesWrongCredentialsAndUnknownDisksAndReportsAServiceThatWentAway) {
+  start("network_timeout = 3000000;\n");  // weeks, more milliseconds than an int holds
+  EXPECT_NE(slurp(log_file()).find("network_timeout = 3000000 s"), std::string::npos);
+  const char* const logins[][3] = {{"admin", "adm1n pass"}, {"nobody", "Adm1n pass"}};
+  for (const auto& login : logins) {
+    cvd_conn_t conn = nullptr;
+    EXPECT_EQ(connect(&conn, login[1], login[0]), -EACCES) << login[0];
+    EXPECT_EQ(conn, nullptr);
+  }
+  cvd_conn_t conn = nullptr;
+  ASSERT_EQ(connect(&conn), 0);
+  const struct {
+    const char *path, *snapshot;
+    int flags, error;
+  } opens[] = {
+      {"/p1/absent", nullptr, CVD_OPEN_READ, -ENOENT},
+      {"rbd:p2/data", nullptr, CVD_OPEN_READ, -ENOENT},
+      {"/p1/data", "never-taken", CVD_OPEN_READ, -ENOENT},
+      {"/p1/data", "never-taken", CVD_OPEN_READ_WRITE, -EINVAL},
+      {"/p1/data", nullptr, 3, -EINVAL},
+      {"", nullptr, CVD_OPEN_READ, -EINVAL},
+  };
+  for (const auto& c : opens) {
+    cvd_disk_t disk = nullptr;
+    EXPECT_EQ(cvd_disk_open(conn, c.path, c.snapshot, c.flags, &disk), c.error) << c.path;
+    EXPECT_EQ(disk, nullptr) << c.path;
+  }
+  cvd_disk_t disk = open(conn, "/p1/data", CVD_OPEN_READ);
+  ASSERT_NE(disk, nullptr);
+  char buffer[4096];
+  ASSERT_EQ(cvd_disk_read(disk, 0, sizeof buffer, buffer), 4096);
+  sim_.stop();
+  EXPECT_EQ(cvd_disk_read(disk, 0, sizeof buffer, buffer), -ECONNRESET);
+  EXPECT_EQ(cvd_disk_read(disk, 0, sizeof buffer, buffer), -ECONNRESET);
+  cvd_disk_t again = nullptr;
+  EXPECT_EQ(cvd_disk_open(conn, "/p1/data", nullptr, CVD_OPEN_READ, &again), -ECONNREFUSED);
+  cvd_conn_t other = nullptr;
+  EXPECT_EQ(connect(&other), -ECONNREFUSED);
+  EXPECT_EQ(other, nullptr);
+  EXPECT_EQ(cvd_disk_close(disk), 0);
+  EXPECT_EQ(cvd_disconnect(conn), 0);
+}
+
+TEST_F(Libcvd_Test, InitReadsTheConfigurationOnceAndTheLibraryExportsOnlyItsInterface) {
   cvd_conn_t conn = nullptr;
   cvd_connect_param param = {"127.0.0.1", 1, "admin", "x", nullptr, 0};
   EXPECT_EQ(cvd_connect(&param, &conn), -EINVAL);  // before cvd_init
-  struct Case {
-    const char* conf;  // nullptr: no file
-    int result;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, int> cases[] = {
+      // no configuration file for nullptr
       {"network_timeout = 86401;\n", 0},  // a job's time-out may exceed a day
       {"# comment\nother_key = 1;\nlog_level = \"loud\";\n", 0},
       {"network_timeout = 0;\n", -EINVAL},
@@ -255,13 +198,13 @@ TEST_F(Libcvd_Test, InitReadsTheConfigurationOnce) {
       {"network_timeout = 5 minutes;\n", -EINVAL},
       {nullptr, -EINVAL},
   };
-  for (const Case& c : cases) {
+  for (const auto& [text, result] : cases) {
     std::string conf = dir_.file("c.conf");
     unlink(conf.c_str());
-    if (c.conf)
-      write_text_file(conf, c.conf);
-    EXPECT_EQ(cvd_init("t", log_file().c_str(), conf.c_str()), c.result) << conf;
-    if (c.result == 0) {
+    if (text)
+      write_text_file(conf, text);
+    EXPECT_EQ(cvd_init("t", log_file().c_str(), conf.c_str()), result) << conf;
+    if (result == 0) {
       EXPECT_EQ(cvd_init("t", log_file().c_str(), conf.c_str()), -EINVAL);  // once
       EXPECT_EQ(cvd_deinit(), 0);
     }
@@ -273,6 +216,16 @@ TEST_F(Libcvd_Test, InitReadsTheConfigurationOnce) {
   // A log that cannot be written does not stop the library.
   EXPECT_EQ(cvd_init("t", dir_.file("absent/cvd.log").c_str(), nullptr), 0);
   EXPECT_EQ(cvd_deinit(), 0);
+  Run_Result symbols = run_program(
+      {"/usr/bin/env", "nm", "-D", "--defined-only", "--format=just-symbols", kLibrary});
+  ASSERT_EQ(symbols.exit_code, 0) << symbols.err;
+  EXPECT_EQ(symbols.out,
+            "cvd_connect\ncvd_deinit\ncvd_disconnect\ncvd_disk_close\ncvd_disk_open\n"
+            "cvd_disk_read\ncvd_disk_write\ncvd_init\n");
+  Run_Result needed = run_program({"/usr/bin/env", "readelf", "-d", kLibrary});
+  EXPECT_NE(needed.out.find("(NEEDED)"), std::string::npos) << needed.out;
+  EXPECT_EQ(needed.out.find("brimlet"), std::string::npos) << needed.out;
+  EXPECT_EQ(needed.out.find("ACE"), std::string::npos) << needed.out;
 }
 
 }  // namespace

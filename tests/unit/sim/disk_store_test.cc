@@ -74,18 +74,15 @@ struct Store {
   Simulator sim;
 };
 
-TEST(Disk_Store, SeedsEachPatternTheSameForTheSameSeed) {
+TEST(Disk_Store, SeedsEachPatternAlikeOpensByPathOrPoolAndKeepsSnapshotsApart) {
   Store one(7), again(7), other(8);
   const std::uint64_t size = 64 << 20, small = 16 << 20;
   for (const char* path : {"/p1/random", "/p1/text", "/p1/mixed", "/p1/empty"}) {
     std::string bytes = one.image(path);
     ASSERT_EQ(bytes.size(), path == std::string("/p1/random") ? size : small) << path;
     EXPECT_EQ(again.image(path), bytes) << path;
-    if (std::string(path) != "/p1/empty") {
-      EXPECT_NE(other.image(path), bytes) << path;
-    }
+    EXPECT_EQ(other.image(path) == bytes, std::string(path) == "/p1/empty") << path;
   }
-
   // About the share of the disk the world asks for holds data; the rest are holes.
   std::uint64_t random = allocated_bytes(one.sim.disks().file_of("/p1/random"));
   EXPECT_GT(random, size * 25 / 100);
@@ -95,7 +92,6 @@ TEST(Disk_Store, SeedsEachPatternTheSameForTheSameSeed) {
   std::string bare = one.image("/p1/bare");
   EXPECT_EQ(bare.size(), 3u << 20);
   EXPECT_TRUE(all_zero(bare, 0, bare.size()));
-
   // Random data: data units use every byte value; holes read as zeros.
   std::string bytes = one.image("/p1/random");
   std::size_t data_units = 0;
@@ -110,31 +106,23 @@ TEST(Disk_Store, SeedsEachPatternTheSameForTheSameSeed) {
   }
   // The file system may count a block or two of its own extent tree.
   EXPECT_NEAR(static_cast<double>(data_units * unit), static_cast<double>(random), unit);
-}
-
-TEST(Disk_Store, OpensByPathOrPoolAndImageAndKeepsSnapshotsApart) {
   Store store(1);
   Disk_Store& disks = store.sim.disks();
-  struct Case {
-    const char* name;
-    const char* snapshot;
+  const struct {
+    const char *name, *snapshot;
     bool writable;
     int error;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"/p1/random", "", true, 0},       {"rbd:p1/random", "", false, 0},
       {"p1/random", "", false, -ENOENT}, {"rbd:p1/", "", false, -ENOENT},
       {"rbd:p1", "", false, -ENOENT},    {"/p1/random", "../text", false, -ENOENT},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     Disk_Store::Opened opened = disks.open(c.name, c.snapshot, c.writable);
     EXPECT_EQ(opened.error, c.error) << c.name << "@" << c.snapshot;
     EXPECT_EQ(static_cast<bool>(opened.fd), c.error == 0) << c.name;
-    if (c.error == 0) {
-      EXPECT_EQ(opened.size, 64u << 20) << c.name;
-    }
+    EXPECT_EQ(opened.size, c.error ? 0u : 64u << 20) << c.name;
   }
-
   // A snapshot keeps the content of its time; the disk goes on changing.
   const std::string file = disks.file_of("/p1/random");
   std::string before = slurp(file);
@@ -153,10 +141,9 @@ TEST(Disk_Store, OpensByPathOrPoolAndImageAndKeepsSnapshotsApart) {
   EXPECT_EQ(disks.open("/p1/random", "s1", true).error, -EINVAL);
   EXPECT_FALSE(disks.take_snapshot("/p1/absent", "s1"));
   EXPECT_FALSE(disks.take_snapshot("/p1/random", "a/b"));
-
   // Without a data folder there is nowhere to keep images.
-  Simulator bare(make_world(1), "");
-  EXPECT_EQ(bare.disks().open("/p1/random", "", false).error, -EIO);
+  Simulator no_data(make_world(1), "");
+  EXPECT_EQ(no_data.disks().open("/p1/random", "", false).error, -EIO);
 }
 
 }  // namespace

@@ -20,15 +20,11 @@ using namespace std::chrono_literals;
 // Long enough never to be reached on a loaded machine unless something is broken.
 constexpr auto generous = 10s;
 
-using Item = int;
-using Scheduler = Thread_Task_Scheduler<Item>;
-std::shared_ptr<Item> item(int n) {
-  return std::make_shared<Item>(n);
-}
+using Scheduler = Thread_Task_Scheduler<int>;
+auto item = [](int n) { return std::make_shared<int>(n); };
 
 // Threads meet in pairs; false when no partner came within the time-out.
-class Meeting {
- public:
+struct Meeting {
   bool arrive(std::chrono::milliseconds timeout) {
     std::unique_lock<std::mutex> lock(mutex_);
     const unsigned round = round_;
@@ -39,8 +35,6 @@ class Meeting {
     }
     return cv_.wait_for(lock, timeout, [&] { return round_ != round; }) || (--arrived_, false);
   }
-
- private:
   std::mutex mutex_;
   std::condition_variable cv_;
   int arrived_ = 0;
@@ -60,38 +54,30 @@ struct Gate {
 
 class Thread_Task_Scheduler_Test : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    Log_Options options;
-    options.program = "task_test";
-    options.to_stderr = false;
-    options.debug = true;  // the scheduler reports each run at debug priority
-    ASSERT_TRUE(open_log(options));
-  }
+  // With debug lines: the scheduler reports each run at debug priority.
+  static void SetUpTestSuite() { ASSERT_TRUE(open_log({"task_test", "", false, true})); }
 };
 
-// Two owners' tasks, interleaved, on 3 workers with one task per owner at a time. Every task
-// waits for a partner task: tasks of different owners must find each other, tasks of one owner
-// must never run together (null and empty owners are the same owner).
+// Two owners' tasks, interleaved, on 3 workers with one per owner at a time, each waiting for a
+// partner: different owners' tasks meet, one owner's never do (null and empty are one owner).
 TEST_F(Thread_Task_Scheduler_Test, OwnerLimitSerialisesAnOwnerAndOverlapsOwners) {
-  struct Case {
+  const struct {
     const char *first, *second;
     bool together;
   } cases[] = {{"a", "b", true}, {"a", "a", false}, {nullptr, "", false}};
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.first ? c.first : "null") + "/" + c.second);
     Scheduler scheduler;
     ASSERT_TRUE(scheduler.enable_owner_limit(1));
     Meeting meeting;
     std::atomic<int> met{0};
     // Apart, the partner never comes: a short wait keeps the case quick.
-    ASSERT_TRUE(scheduler.activate(3, [&](const std::shared_ptr<Item>&) {
+    ASSERT_TRUE(scheduler.activate(3, [&](const std::shared_ptr<int>&) {
       met += meeting.arrive(c.together ? generous : 150ms);
       return Task_Base::Succeeded;
     }));
-    for (int n = 0; n < 4; ++n) {
-      const char* owner = n % 2 ? c.second : c.first;
-      ASSERT_TRUE(scheduler.enqueue_task(item(n), owner, 1, "pair"));
-    }
+    for (int n = 0; n < 4; ++n)
+      ASSERT_TRUE(scheduler.enqueue_task(item(n), n % 2 ? c.second : c.first, 1, "pair"));
     scheduler.wait();
     EXPECT_EQ(met, c.together ? 4 : 0);
   }
@@ -101,10 +87,8 @@ TEST_F(Thread_Task_Scheduler_Test, RetryRunsAgainAsANewEnqueueUntilDoneFailedOrD
   Log_Capture log;
   Scheduler scheduler;
   std::atomic<int> runs{0};
-  ASSERT_TRUE(scheduler.activate(2, [&](const std::shared_ptr<Item>& it) {
-    if (*it == 2)
-      return Task_Base::Failed;
-    return ++runs < 3 ? Task_Base::Retry : Task_Base::Succeeded;
+  ASSERT_TRUE(scheduler.activate(2, [&](const std::shared_ptr<int>& it) {
+    return *it == 2 ? Task_Base::Failed : ++runs < 3 ? Task_Base::Retry : Task_Base::Succeeded;
   }));
   ASSERT_TRUE(scheduler.enqueue_task(item(1), "disk", 1, "retried"));
   ASSERT_TRUE(scheduler.enqueue_task(item(2), "disk", 1, "final"));
@@ -121,13 +105,12 @@ TEST_F(Thread_Task_Scheduler_Test, RetryRunsAgainAsANewEnqueueUntilDoneFailedOrD
   EXPECT_FALSE(log.contains("id: 1, name retried, count: 4"));
   EXPECT_FALSE(log.contains("id: 2, name: final, count: 1, enqueuing again"));
   EXPECT_FALSE(log.contains("Task scheduler stopped."));
-
   // Endless retries keep a scheduler busy until it is destroyed, which must stop it rather than
   // wait for a drain that never comes.
   Gate retried;
   {
     Scheduler endless;
-    ASSERT_TRUE(endless.activate(2, [&](const std::shared_ptr<Item>&) {
+    ASSERT_TRUE(endless.activate(2, [&](const std::shared_ptr<int>&) {
       if (++runs == 6)
         retried.open();
       return Task_Base::Retry;
@@ -153,7 +136,7 @@ TEST_F(Thread_Task_Scheduler_Test, OneOwnersTasksRunByWeightThenArrivalUntilStop
     return stop.load();
   }));
   std::vector<int> order;  // one owner: one task at a time
-  ASSERT_TRUE(scheduler.activate(2, [&](const std::shared_ptr<Item>& it) {
+  ASSERT_TRUE(scheduler.activate(2, [&](const std::shared_ptr<int>& it) {
     order.push_back(*it);
     if (*it % 10 == 0)  // items 0 and 10 hold the owner's only place until released
       started[*it / 10].open(), release[*it / 10].wait();
@@ -182,18 +165,15 @@ TEST_F(Thread_Task_Scheduler_Test, OneOwnersTasksRunByWeightThenArrivalUntilStop
 // usable with the first run function that was accepted; once waited for, it takes no items.
 TEST_F(Thread_Task_Scheduler_Test, MisuseFailsWithItsCheckMessage) {
   std::atomic<int> first{0}, second{0};
-  auto count_first = [&](const std::shared_ptr<Item>&) { return ++first, Task_Base::Succeeded; };
-  auto count_second = [&](const std::shared_ptr<Item>&) { return ++second, Task_Base::Succeeded; };
+  auto count_first = [&](const std::shared_ptr<int>&) { return ++first, Task_Base::Succeeded; };
+  auto count_second = [&](const std::shared_ptr<int>&) { return ++second, Task_Base::Succeeded; };
   Log_Capture log;
   Scheduler scheduler;
-  EXPECT_FALSE(scheduler.enable_owner_limit(0));
-  EXPECT_FALSE(scheduler.activate(0, count_first));
-  EXPECT_FALSE(scheduler.activate(1, nullptr));
-  EXPECT_FALSE(scheduler.register_stop_callback(nullptr));
+  EXPECT_FALSE(scheduler.enable_owner_limit(0) || scheduler.activate(0, count_first) ||
+               scheduler.activate(1, nullptr) || scheduler.register_stop_callback(nullptr));
   ASSERT_TRUE(scheduler.activate(1, count_first));
-  EXPECT_FALSE(scheduler.activate(1, count_second));
-  EXPECT_FALSE(scheduler.register_stop_callback([] { return true; }));
-  EXPECT_FALSE(scheduler.enqueue_task(nullptr, "disk"));
+  EXPECT_FALSE(scheduler.activate(1, count_second) || scheduler.enqueue_task(nullptr, "disk") ||
+               scheduler.register_stop_callback([] { return true; }));
   EXPECT_EQ(log.count(LM_EMERGENCY), 7u) << log.text();
   EXPECT_TRUE(log.contains("Unexpected error in models/task/thread_task_scheduler.h:"));
   for (const char* condition : {", limit_per_owner(0) < 1:\n", ", n_worker_threads(0) < 1:\n",
