@@ -20,21 +20,18 @@ namespace h3ccas {
 namespace {
 
 // Sets (or, with nullopt, removes) an environment variable for the life of the object.
-class Scoped_Env {
- public:
-  Scoped_Env(const char* name, const std::optional<std::string>& value) : name_(name) {
-    if (const char* old = std::getenv(name))
-      old_ = old;
+struct Scoped_Env {
+  Scoped_Env(const char* name, const std::optional<std::string>& value) : name(name) {
+    if (const char* old_value = std::getenv(name))
+      old = old_value;
     apply(value);
   }
-  ~Scoped_Env() { apply(old_); }
-
- private:
-  void apply(const std::optional<std::string>& value) {
-    value ? setenv(name_, value->c_str(), 1) : unsetenv(name_);
+  ~Scoped_Env() { apply(old); }
+  void apply(const std::optional<std::string>& v) {
+    v ? setenv(name, v->c_str(), 1) : unsetenv(name);
   }
-  const char* name_;
-  std::optional<std::string> old_;
+  const char* name;
+  std::optional<std::string> old;
 };
 
 // Each test gets its own install root and a journal of the stub library's calls.
@@ -58,9 +55,9 @@ class Servant_Test : public ::testing::Test {
   Scoped_Env init_result_{"CVD_STUB_INIT_RESULT", std::nullopt};
 };
 
-bool any_function_loaded() {
-  return cvd_init || cvd_deinit || cvd_connect || cvd_disconnect || cvd_disk_open ||
-         cvd_disk_close || cvd_disk_read || cvd_disk_write;
+int functions_loaded() {
+  return !!cvd_init + !!cvd_deinit + !!cvd_connect + !!cvd_disconnect + !!cvd_disk_open +
+         !!cvd_disk_close + !!cvd_disk_read + !!cvd_disk_write;
 }
 
 // Each failure is one message naming what is missing, and nothing stays loaded.
@@ -82,7 +79,7 @@ TEST_F(Servant_Test, LoaderFailuresNameWhatIsMissing) {
     {
       CVD_Loader loader;
       EXPECT_FALSE(loader.init());
-      EXPECT_FALSE(loader.inited() || any_function_loaded()) << message;
+      EXPECT_FALSE(loader.inited() || functions_loaded()) << message;
     }
     EXPECT_EQ(messages(log), message);
     EXPECT_EQ(log.count(LM_ERROR), 1u);
@@ -102,8 +99,7 @@ TEST_F(Servant_Test, LoaderInitialisesOnceAndFinishesOnDestruction) {
     Scoped_Env sdk("CAS_CVD_SDK_PATH", std::string(CVD_STUB_PATH));
     ASSERT_TRUE(loader.init());
     EXPECT_TRUE(loader.inited() && loader.init());
-    EXPECT_TRUE(cvd_init && cvd_deinit && cvd_connect && cvd_disconnect && cvd_disk_open &&
-                cvd_disk_close && cvd_disk_read && cvd_disk_write);
+    EXPECT_EQ(functions_loaded(), 8);
     // Other loaders, never initialised or refused, leave the functions to the one that holds them.
     { CVD_Loader idle; }
     {
@@ -112,12 +108,11 @@ TEST_F(Servant_Test, LoaderInitialisesOnceAndFinishesOnDestruction) {
       EXPECT_FALSE(second.init());
       EXPECT_EQ(messages(log), "Failed to load CAS libcvd: another loader holds it.\n");
     }
-    EXPECT_TRUE(cvd_init && cvd_deinit && cvd_connect && cvd_disconnect && cvd_disk_open &&
-                cvd_disk_close && cvd_disk_read && cvd_disk_write);
+    EXPECT_EQ(functions_loaded(), 8);
     EXPECT_EQ(journal(), std::vector<std::string>{init_line()});
   }
   EXPECT_EQ(journal(), (std::vector<std::string>{init_line(), "deinit"}));
-  EXPECT_FALSE(any_function_loaded());
+  EXPECT_EQ(functions_loaded(), 0);
   // Then another loader may take the library.
   Scoped_Env sdk("CAS_CVD_SDK_PATH", std::string(CVD_STUB_PATH));
   CVD_Loader next;
@@ -228,38 +223,32 @@ JSON_Value exec_params(const char* action, const char* patch = "{}") {
 
 // Replies to h3ccas.exec with or without libcvd; only well-formed requests need it, once.
 TEST_F(Servant_Test, ExecReplies) {
-  const char* const no_action = "Invalid params: 'action' is expected as string in params.";
-  // params, code and message of the reply without libcvd, and with it
-  const std::tuple<JSON_Value, int, const char*, int, const char*> cases[] = {
-      {JSON_Value::array({1}), -32602, "Invalid params: params type must be object.", -32602,
-       "Invalid params: params type must be object."},
-      {JSON_Value::object(), -32602, no_action, -32602, no_action},
-      {{{"action", 5}}, -32602, no_action, -32602, no_action},
-      {{{"action", "Backup"}},
-       -32603,
-       "Failed to load CAS libcvd.",
-       -32602,
-       "Invalid value on params.action."},
-      {exec_params("backup", R"({"cvd_target_addr":null})"), -32603, "Failed to load CAS libcvd.",
-       -32602, ""},
-      {exec_params("restore", R"({"disks":[{"source_path":"/a"}]})"), -32603,
-       "Failed to load CAS libcvd.", -32602, ""},
-      {exec_params("backup"), -32603, "Failed to load CAS libcvd.", -32603,
-       "VM backup is not available yet."},
-      {exec_params("restore"), -32603, "Failed to load CAS libcvd.", -32603,
-       "VM restore is not available yet."},
+  const char *no_action = "Invalid params: 'action' is expected as string in params.",
+             *no_object = "Invalid params: params type must be object.";
+  // params, code and message of the reply with libcvd; only those marked need it (without it:
+  // -32603 "Failed to load CAS libcvd.")
+  const std::tuple<JSON_Value, int, const char*, bool> cases[] = {
+      {JSON_Value::array({1}), -32602, no_object, false},
+      {JSON_Value::object(), -32602, no_action, false},
+      {{{"action", 5}}, -32602, no_action, false},
+      {{{"action", "Backup"}}, -32602, "Invalid value on params.action.", true},
+      {exec_params("backup", R"({"cvd_target_addr":null})"), -32602, "", true},
+      {exec_params("restore", R"({"disks":[{"source_path":"/a"}]})"), -32602, "", true},
+      {exec_params("backup"), -32603, "VM backup is not available yet.", true},
+      {exec_params("restore"), -32603, "VM restore is not available yet.", true},
   };
   CVD_Loader loader;
   Exposed_Exec_Handler handler(loader);
   for (bool with_libcvd : {false, true}) {
     Scoped_Env sdk("CAS_CVD_SDK_PATH",
                    with_libcvd ? std::string(CVD_STUB_PATH) : dir_.file("libcvd.so"));
-    for (const auto& [params, code, message, libcvd_code, libcvd_message] : cases) {
+    for (const auto& [params, code, message, needs_libcvd] : cases) {
       auto chn = std::make_shared<Capture_Channel>();
       auto req = std::make_shared<JSON_RPC_Request>("h3ccas.exec", params, 7);
       EXPECT_EQ(handler.handle_object_i(chn, req), 0) << params;
-      const JSON_Value error = {{"code", with_libcvd ? libcvd_code : code},
-                                {"message", with_libcvd ? libcvd_message : message},
+      const bool loaded = with_libcvd || !needs_libcvd;
+      const JSON_Value error = {{"code", loaded ? code : -32603},
+                                {"message", loaded ? message : "Failed to load CAS libcvd."},
                                 {"data", nullptr}};
       EXPECT_EQ(chn->sent,
                 (std::vector<JSON_Value>{{{"jsonrpc", "2.0"}, {"id", 7}, {"error", error}}}))

@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -28,7 +27,7 @@ std::string md5_hex(const std::string& text);
 std::string encrypt_for_agent(const std::string& plain);
 // A loopback port that nothing listens on (bound, read back and released).
 std::uint16_t free_port();
-JSON_Value json(const char* text);
+JSON_Value json(const std::string& text);
 // The captured lines without their time, process, priority and source.
 std::string messages(const Log_Capture& log);
 
@@ -45,16 +44,11 @@ class Test_Client : public RESTful_Client {
   using RESTful_Client::build_auth_header;
   std::time_t clock = 1700000000;
   int sleeps = 0;
-  std::function<void(int)> on_sleep;  // at each pause between polls, with the count so far
+  std::function<void(int)> on_sleep = [](int) {};  // at each pause, with the count so far
 
  protected:
   std::time_t now() const override { return clock; }
-  void sleep_between_polls() override {
-    if (on_sleep)
-      on_sleep(++sleeps);
-    else
-      ++sleeps;
-  }
+  void sleep_between_polls() override { on_sleep(++sleeps); }
 };
 
 }  // namespace h3ccas
@@ -74,8 +68,7 @@ class Digest_Peer {
     std::map<std::string, std::string> auth;
   };
   struct Record {
-    int challenges = 0;  // requests without credentials
-    int refusals = 0;    // signed requests answered 401
+    int challenges = 0, refusals = 0;  // requests without credentials; signed ones answered 401
     std::vector<Signed_Request> accepted;
   };
   static const char* const realm;
