@@ -1,6 +1,5 @@
 // The digest client against a server nobody here wrote: Apache httpd with mod_auth_digest,
 // serving CVM's login-check answers as static files.
-#include "h3ccas/restful_client.h"
 
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
@@ -9,8 +8,6 @@
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>

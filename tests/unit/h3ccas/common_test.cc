@@ -1,15 +1,9 @@
-#include "h3ccas/common.h"
-
 #include "host/core/identity.h"
 #include "host/http/client.h"
 #include "host/http/server.h"
 #include "tests/unit/h3ccas/support.h"
 
-#include <gtest/gtest.h>
-
 #include <climits>
-#include <mutex>
-#include <tuple>
 
 namespace h3ccas {
 namespace {

@@ -4,9 +4,6 @@
 #include "tests/unit/h3ccas/support.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-
-#include <memory>
 
 namespace h3ccas {
 namespace {

@@ -1,11 +1,6 @@
-#include "h3ccas/common.h"
-
 #include "tests/unit/h3ccas/support.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <string>
 
 namespace h3ccas {
 namespace {

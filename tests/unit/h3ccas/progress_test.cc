@@ -3,14 +3,11 @@
 #include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <ctime>
-#include <string>
-#include <vector>
 
 namespace h3ccas {
 namespace {

@@ -1,15 +1,7 @@
 // The CAS inventory records: loading CVM's camel-case JSON (with its quirks: numbers as strings,
 // sizes in MiB, one-member lists as bare objects) and dumping the module's snake-case JSON.
-#include "h3ccas/common.h"
 
 #include "tests/unit/h3ccas/support.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <functional>
-#include <string>
-#include <vector>
 
 namespace h3ccas {
 namespace {

@@ -1,13 +1,7 @@
-#include "h3ccas/restful_client.h"
-
 #include "host/core/text.h"
 #include "tests/unit/h3ccas/support.h"
 
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <string>
-#include <tuple>
 
 namespace h3ccas {
 namespace {

@@ -1,4 +1,3 @@
-#include "h3ccas/common.h"
 #include "h3ccas/servant/cvd_connection.h"
 #include "h3ccas/servant/cvd_loader.h"
 #include "h3ccas/servant/exec_handler.h"
@@ -8,13 +7,8 @@
 #include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <fstream>
-#include <optional>
-#include <string>
-#include <vector>
 
 namespace h3ccas {
 namespace {
