@@ -59,14 +59,12 @@ TEST(Cas_Conversions, EnumerationsSizesPathsAndVersions) {
     EXPECT_STREQ(no_cbt_opts_to_str(no_cbt_opts_from_str(text)), text);
   EXPECT_EQ(no_cbt_opts_from_str("skip_with_alert"), No_CBT_Opts::Skip_With_Alert);
   EXPECT_EQ(no_cbt_opts_from_str("Skip"), No_CBT_Opts::None);  // case matters
-
   EXPECT_EQ(size_to_str(1536ul << 20), "1.5 GiB");
   EXPECT_EQ(unify_path("pool/img", true, ""), "rbd:pool/img");
   EXPECT_EQ(unify_path("pool/img", true, nullptr), "rbd:pool/img");
   EXPECT_EQ(unify_path("pool/img", true, "s1"), "rbd:pool/img@s1");
   EXPECT_EQ(unify_path("pool/img", false, "s1"), "pool/img");
   EXPECT_EQ(filenamify(std::string("a/b\0c\001d:e", 9)), "a_b_c_d_e");
-
   for (const auto& [version, ok] : {std::pair<const char*, bool>{"E0750", true},
                                     {"e0730H01", true},
                                     {"V7.0 E0750", false},
@@ -89,7 +87,6 @@ TEST(Cas_CVM_Info, DecryptsDumpsAndReloads) {
   EXPECT_EQ(cvm.extended_attrs(), JSON_Value({{"site", "north"}}));
   EXPECT_EQ(cvm.dump(), json(R"({"host":"cvm.example","port":8080,"ssl":true,"username":"admin",
                                  "password":"Pa ss:word"})"));
-
   CVM_Info again;  // without "extended_attrs", which is optional
   ASSERT_TRUE(again.load(cvm.dump(), false));
   EXPECT_EQ(again.dump(), cvm.dump());
@@ -133,7 +130,6 @@ class Cas_Backup_Server : public ::testing::Test {
     status_ = status;
     body_ = std::move(body);
   }
-
   std::mutex mutex_;
   int status_ = 200;
   JSON_Value body_;
@@ -156,7 +152,6 @@ TEST_F(Cas_Backup_Server, LoadsTheFirstRowOrSaysWhyNot) {
     const std::string* key = request_.headers.get("X-Access-Key");  // sent as this agent
     EXPECT_EQ(key ? *key : "", "agent-key");
   }
-
   const std::tuple<int, const char*, const char*> failures[] = {
       {200, R"({"rows":[]})", "H3C CVM not found, uuid = u-1.\n"},
       {200, "{}", "H3C CVM not found, uuid = u-1.\n"},

@@ -47,7 +47,6 @@ TEST_F(Cas_Login_Handler, Replies) {
     reply["jsonrpc"] = "2.0";
     EXPECT_EQ(chn->sent, std::vector<JSON_Value>{reply}) << params;
   }
-
   // Nothing is sent for a response or to a requester that has gone.
   auto chn = std::make_shared<Capture_Channel>();
   EXPECT_EQ(handler_.handle_object_i(chn, std::make_shared<JSON_RPC_Response>(JSON_Value(3))), -1);
@@ -71,7 +70,6 @@ TEST(Cas_Instance_Handler, AnnouncesTheProxyAndNeedsNoLogon) {
   EXPECT_EQ(proxy->type, "h3c-cas");
   EXPECT_EQ(proxy->name, "H3C_CAS_Proxy");
   EXPECT_EQ(proxy->options, JSON_Value({{"is_proxy", true}}));
-
   std::string state;
   EXPECT_EQ(&handler.get_state("never-announced", state), &state);
   EXPECT_EQ(state, "enabled");
@@ -97,7 +95,6 @@ TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
   auto instances = module->make_instance_handler();
   ASSERT_NE(instances, nullptr);
   EXPECT_EQ(instances->type(), "h3c-cas");
-
   std::unique_ptr<void, int (*)(void*)> lib(dlopen((kLibDir + "/libh3ccas.so").c_str(), RTLD_NOW),
                                             dlclose);
   ASSERT_NE(lib, nullptr) << dlerror();

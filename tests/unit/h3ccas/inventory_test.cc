@@ -98,7 +98,6 @@ TEST_F(Cas_Peer, WaitsForTasks) {
     EXPECT_EQ(target, c.target);
     EXPECT_TRUE(c.log.empty() ? log.text().empty() : log.contains(c.log)) << log.text();
   }
-
   // A poll that fails ends the wait; the CAS error then describes the poll.
   peer_.set(kMessage, {500, "{}", {{"Error-Code", "7"}}});
   Log_Capture log;
@@ -318,19 +317,16 @@ TEST_F(Cas_All_VMs, FailsWithoutFallbackOrHosts) {
   peer_.set(host_vms("1"), answer({{"domain", {vm_json("1a", "a", "1")}}}));
   Test_Client client(cvm());
   std::vector<VM_Info> vms;
-
   peer_.set(unfiltered_, {500, "{}", {}});
   EXPECT_FALSE(client.list_all_vm(vms));
   EXPECT_EQ(client.last_status(), 500);
   EXPECT_EQ(peer_.targets(), std::vector<std::string>{unfiltered_});
-
   // The hosts cannot be listed either.
   peer_.set(unfiltered_, {409, "{}", {}});
   peer_.set(kHosts, {503, "{}", {}});
   EXPECT_FALSE(client.list_all_vm(vms));
   EXPECT_EQ(peer_.targets(1), (std::vector<std::string>{unfiltered_, kHosts}));
   EXPECT_TRUE(vms.empty());
-
   // A request that gets no answer leaves no status behind from the one before.
   EXPECT_EQ(client.last_status(), 503);
   client.clock += 60;  // a new session: its challenge now fails

@@ -64,7 +64,6 @@ TEST(Backup_Params, LoadsDumpsAndRefuses) {
   EXPECT_EQ(p.opts_.no_cbt_, No_CBT_Opts::Skip_With_Alert);
   EXPECT_EQ(p.host_id(), "3");
   EXPECT_EQ(p.dump(), json(backup_params));
-
   // The agent validated the numbers; the servant takes them as they come.
   JSON_Value odd = json(backup_params);
   odd.merge_patch(json(R"({"backupd_port":70000,"no_cbt":7,"backup_type":"Full"})"));
@@ -73,7 +72,6 @@ TEST(Backup_Params, LoadsDumpsAndRefuses) {
   EXPECT_STREQ(no_cbt_opts_to_str(p.opts_.no_cbt_), "none");
   EXPECT_EQ(p.dump()["no_cbt"], 7);
   EXPECT_EQ(p.backup_type_, Job_Definition_Subtype::Unknown);
-
   const std::string m = "Invalid CAS backup params: ";
   const std::pair<const char*, std::string> cases[] = {
       {R"({"vm_uuid":null})", m + "missing key 'vm_uuid'."},
@@ -98,7 +96,6 @@ TEST(Restore_Params, LoadsDumpsAndRefuses) {
   EXPECT_EQ(p.disks_[0].provisioning_mode_, THIN);
   EXPECT_EQ(p.disks_[1].provisioning_mode_, UNKNOWN);
   EXPECT_EQ(p.dump(), json(restore_params));
-
   const std::string m = "Invalid CAS restore params: ";
   const std::pair<const char*, std::string> cases[] = {
       // The target host's name is the one key spelled with a trailing underscore.
@@ -180,7 +177,6 @@ TEST(Restore_Params, DiskFaultsStopBeforeTheNetworks) {
   EXPECT_EQ(p.disks_.size(), 1u);
   EXPECT_TRUE(p.nics_.empty());
   EXPECT_EQ(log.count(), 1u);
-
   params["disks"] = JSON_Value::array();
   VM_Restore_Params empty;
   ASSERT_TRUE(empty.load(params));

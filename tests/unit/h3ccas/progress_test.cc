@@ -45,7 +45,6 @@ class Progress_Test : public ::testing::Test {
     activity_.state = Job_Activity::running;
   }
   void TearDown() override { unsetenv("BRIMLET_ROOT"); }
-
   std::string progress_path(const std::string& job, const std::string& uuid) const {
     return root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/" + job + "/" + uuid;
   }
@@ -55,7 +54,6 @@ class Progress_Test : public ::testing::Test {
     EXPECT_TRUE(h.open(job.c_str(), uuid.c_str(), false, true, 0750)) << uuid;
     return h;
   }
-
   Temp_Dir root_;
   Job_Activity activity_{};
   Recording_Handler handler_;
@@ -66,7 +64,6 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
   VM_Progress_Info_Handle stale;
   ASSERT_TRUE(stale.open("job-1", "vm-a", true, true, 0750));
   stale->state = VM_Progress_Info::completed;
-
   Progress_Reporter reporter(handler_, activity_);
   ASSERT_TRUE(reporter.add_vm("vm-a", "alpha"));
   ASSERT_TRUE(reporter.add_vm("vm-b", "beta"));
@@ -77,7 +74,6 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
   ASSERT_EQ(stat(progress_path("job-1", "vm-b").c_str(), &st), 0);
   EXPECT_EQ(st.st_size, 4096);
   ASSERT_TRUE(reporter.push_update());
-
   VM_Progress_Info_Handle a = servant("job-1", "vm-a"), b = servant("job-1", "vm-b");
   a->state = VM_Progress_Info::running;
   a->total_size = 3ull << 30;
@@ -92,7 +88,6 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
   b->state = VM_Progress_Info::failed;
   b->start_time = 2000;
   ASSERT_TRUE(reporter.push_update());
-
   // A completed VM is not read again: its mapping is gone and later stores are ignored.
   stale.close();
   a.close();
@@ -115,7 +110,6 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
                 r + done + "vm-b beta failed(3) 0/0 0/0 2000-+" + refused,
                 std::to_string(Job_Activity::completed) + " final; " + done +
                     "vm-b beta failed(3) 0/0 0/0 2000-+" + refused}));
-
   handler_.result = false;
   EXPECT_FALSE(reporter.push_update());
   EXPECT_FALSE(reporter.flush());
@@ -160,7 +154,6 @@ TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
       access((root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/job-4").c_str(), F_OK), 0);
   ASSERT_TRUE(reporter.push_update());
   EXPECT_EQ(handler_.calls.back().find("late"), std::string::npos);
-
   // A directory where the record should be cannot be mapped.
   ASSERT_TRUE(make_dirs(progress_path("job-5", "vm-dir"), 0750));
   const std::pair<const char*, std::string> cases[] = {

@@ -49,7 +49,6 @@ TEST(Cas_Records, Hosts) {
        {R"({"ip":null})", nullptr, "Invalid CVK host entry: missing key 'ip'"},
        {R"({"status":[]})", nullptr, "Invalid CVK host entry: 'status' is expected as string"},
        {"[]", nullptr, "Invalid CVK host entry: expected an object, got array"}});
-
   const char detail[] = R"({"id":"3","ip":"10.0.0.3","name":"cvk-3","status":"1",
       "memorySize":"16384","cpuCount":"2","cpuCores":"16"})";
   const std::string d = "Invalid CAS CVK ";
@@ -91,7 +90,6 @@ TEST(Cas_Records, VMs) {
        {R"({"cpu":"-1"})", R"({"cpu":1})", "Invalid processors count '-1' of VM 'web-1'."},
        {R"({"uuid":null})", nullptr, "Invalid CAS VM info entry: missing key 'uuid'"},
        {R"({"osDesc":5})", nullptr, "Invalid CAS VM info entry: 'osDesc' is expected as string"}});
-
   // The configuration is kept as CAS sends it, its one-member lists made arrays.
   const char detail[] = R"({"status":"running","basic":{"name":"web-1"},
       "cpu":{"cpuSockets":"2","cpuCores":"4"},"memory":{"size":"8192"}})";
@@ -112,7 +110,6 @@ TEST(Cas_Records, VMs) {
                          {R"({"cpu":[]})", nullptr, d + "'cpu' is expected as object."},
                          {R"({"status":1})", nullptr, d + "'status' is expected as string."}},
                         with_status);
-
   // part, its replacement, the priority and text of the line logged
   const std::tuple<const char*, const char*, ACE_Log_Priority, const char*> bad[] = {
       {"cpu", R"({"cpuSockets":"two","cpuCores":"4"})", LM_ERROR,
@@ -158,7 +155,6 @@ TEST(Cas_Records, SnapshotTree) {
   Snapshot_Info root;
   EXPECT_EQ(&(good >> root), &good);
   EXPECT_EQ(tree(root), "root(a(a1),b*,c)");
-
   for (const char* bad : {R"({"snapshotMode":"0"})", R"({"name":"r","snapshotMode":1})",
                           R"({"name":"r","snapshotMode":"0","snapshots":{}})",
                           R"({"name":"r","snapshotMode":"0","snapshots":"x"})",
@@ -268,7 +264,6 @@ TEST(Cas_Records, StoragePoolsAndVolumes) {
   ASSERT_TRUE(reused.load(json(R"({"name":"other","type":"dir","path":"/p","totalSize":"1",
                                    "status":"1","freeSize":"1"})")));
   EXPECT_EQ(reused.title_, "other");
-
   const std::string v = "Invalid CAS size '";
   std::vector<Row> volumes = {
       {"{}", "{}"},
@@ -303,7 +298,6 @@ TEST(Cas_Records, Networks) {
        {R"({"networkType":"x"})", nullptr, n + "x' of CAS vSwitch."},
        {R"({"networkType":"4294967296"})", nullptr, n + "4294967296' of CAS vSwitch."},
        {R"({"gateway":null})", nullptr, "Unrecognized CAS vSwitch info: missing key 'gateway'."}});
-
   const std::string p = "Unrecognized CAS port profile info: ";
   check_rows<Port_Profile>(
       R"({"id":"5","name":"pp-web","description":"web","vlanId":"100","aclName":"acl-1",
@@ -327,12 +321,10 @@ TEST(Cas_Records, BlocksPoolKindsAndLists) {
                      {R"({"offset":"0","length":"1.0"})", nullptr, b + "(offset=0, length=1.0)."},
                      {R"({"length":null})", nullptr, b + ": missing key 'length'."}},
                     extent);
-
   for (const char* type : {"iscsi", "fc", "rbd", "logical"})
     EXPECT_TRUE(is_cas_block_storage(type)) << type;
   for (const char* type : {"dir", "nfs", "ISCSI", "iscsi "})
     EXPECT_FALSE(is_cas_block_storage(type)) << type;
-
   // value, what it appends to ["kept"]
   const std::pair<const char*, const char*> lists[] = {
       {"null", "[]"},

@@ -41,7 +41,6 @@ class Servant_Test : public ::testing::Test {
   std::string init_line() const {
     return "init starter " + dir_.path() + "/var/log/brimlet5/cvd-sdk.log " + dir_.file("cvd.conf");
   }
-
   Temp_Dir dir_;
   Scoped_Env root_{"BRIMLET_ROOT", dir_.path()};
   Scoped_Env journal_{"CVD_STUB_JOURNAL", dir_.file("journal")};
@@ -171,7 +170,6 @@ TEST_F(Servant_Test, ReadsADiskOfTheSimulator) {
   JSON_Value ready;
   ASSERT_TRUE(sim.wait_ready(dir_.file("ready.json"), ready));
   write_text_file(dir_.file("cvd.conf"), "network_timeout = 60;\nlog_level = \"info\";\n");
-
   Scoped_Env sdk("CAS_CVD_SDK_PATH", std::string(BRIMLET_LIB_DIR "/libcvd.so"));
   CVD_Loader loader;
   ASSERT_TRUE(loader.init());
@@ -183,7 +181,6 @@ TEST_F(Servant_Test, ReadsADiskOfTheSimulator) {
     EXPECT_FALSE(wrong_password.connect(make_cvm(8443, "admin", "nope"), "127.0.0.1", "v"));
     EXPECT_TRUE(
         log.contains("Failed to connect to cvd-ds service of CVK '127.0.0.1', error=-13.\n"));
-
     CVD_Connection conn(ready["cvd_port"].get<int>());
     ASSERT_TRUE(conn.connect(make_cvm(8443, "admin", "Adm1n pass"), "127.0.0.1", "v"));
     CVD_Disk_Handle disk = conn.open("/p1/data", nullptr, CVD_OPEN_READ);
@@ -251,7 +248,6 @@ TEST_F(Servant_Test, ExecReplies) {
     EXPECT_EQ(loader.inited(), with_libcvd);
   }
   EXPECT_EQ(journal(), std::vector<std::string>{init_line()});
-
   // Nothing is sent for a response or to a requester that has gone.
   Log_Capture log;
   auto chn = std::make_shared<Capture_Channel>();

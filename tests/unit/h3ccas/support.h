@@ -73,7 +73,6 @@ class Digest_Peer {
   };
   static const char* const realm;
   static Answer json(std::string body, int status = 200);
-
   Digest_Peer();
   ~Digest_Peer() { server_.stop(); }
   bool start();
@@ -92,7 +91,6 @@ class Digest_Peer {
  private:
   void handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
   bool verify(const HTTP_Server_Request& req, const std::map<std::string, std::string>& auth);
-
   HTTP_Server server_;
   mutable std::mutex mutex_;
   std::map<std::string, Answer> answers_;
