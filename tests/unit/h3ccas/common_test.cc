@@ -8,29 +8,23 @@
 namespace h3ccas {
 namespace {
 
-// Each case: text, and the value read or, with `def`, the default handed back on failure.
+// Each text, and the value read or, with `def`, the default handed back on failure.
 template <class T>
-void check_natoi(std::initializer_list<std::pair<std::string, T>> cases, T def) {
-  for (const auto& [text, value] : cases) {
+void check_natoi(std::vector<std::string> texts, std::vector<T> values, T def) {
+  for (std::size_t i = 0; i < texts.size(); ++i) {
     T out = 1;
-    EXPECT_EQ(try_natoi<T>(out, text, def), value != def) << "'" << text << "'";
-    EXPECT_EQ(out, value) << "'" << text << "'";
+    EXPECT_EQ(try_natoi<T>(out, texts[i], def), values[i] != def) << "'" << texts[i] << "'";
+    EXPECT_EQ(out, values[i]) << "'" << texts[i] << "'";
   }
 }
 
 TEST(Cas_Conversions, TryNatoi) {
-  check_natoi<unsigned>({{"4294967295", 4294967295u},
-                         {"4294967296", 77},
-                         {"+7", 7},
-                         {"-0", 77},
-                         {"", 77},
-                         {"12 ", 77},
-                         {"1x2", 77}},
-                        77u);
-  check_natoi<int>({{"-2147483648", INT_MIN}, {"-2147483649", -1}}, -1);
+  check_natoi<unsigned>({"4294967295", "4294967296", "+7", "-0", "", "12 ", "1x2"},
+                        {4294967295u, 77, 7, 77, 77, 77, 77}, 77u);
+  check_natoi<int>({"-2147483648", "-2147483649"}, {INT_MIN, -1}, -1);
   // The whole string counts, even past an embedded NUL.
-  check_natoi<unsigned long>(
-      {{"18446744073709551615", ULONG_MAX}, {"18446744073709551616", 9}, {{"12\0003", 4}, 9}}, 9ul);
+  check_natoi<unsigned long>({"18446744073709551615", "18446744073709551616", {"12\0003", 4}},
+                             {ULONG_MAX, 9, 9}, 9ul);
 }
 
 TEST(Cas_Conversions, TryAtod) {

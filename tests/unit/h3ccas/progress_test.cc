@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <ctime>
 
 namespace h3ccas {
@@ -19,13 +18,13 @@ class Recording_Handler : public Job_Event_Handler {
   bool handle_vm_progress(const std::vector<VM_Job_Progress>& progress, int activity_state,
                           bool final) override {
     const std::int64_t now = std::time(nullptr);
-    std::string out = std::to_string(activity_state) + (final ? " final" : "");
+    const auto n = [](auto v) { return std::to_string(v); };
+    std::string out = n(activity_state) + (final ? " final" : "");
     for (const auto& e : progress)
-      out += "; " + e.uuid + " " + e.name + " " + e.status + "(" + std::to_string(e.state) + ") " +
-             std::to_string(e.processed_bytes) + "/" + std::to_string(e.total_bytes) + " " +
-             std::to_string(e.processed_virtual_disk_count) + "/" +
-             std::to_string(e.virtual_disk_count) + " " + std::to_string(e.start_time) + "-" +
-             (e.end_time && now - e.end_time < 5 ? "+" : std::to_string(e.end_time));
+      out += "; " + e.uuid + " " + e.name + " " + e.status + "(" + n(e.state) + ") " +
+             n(e.processed_bytes) + "/" + n(e.total_bytes) + " " +
+             n(e.processed_virtual_disk_count) + "/" + n(e.virtual_disk_count) + " " +
+             n(e.start_time) + "-" + (e.end_time && now - e.end_time < 5 ? "+" : n(e.end_time));
     calls.push_back(out);
     return result;
   }
@@ -40,11 +39,6 @@ bool is_mapped(const std::string& path) {
 
 class Progress_Test : public ::testing::Test {
  protected:
-  void SetUp() override {
-    setenv("BRIMLET_ROOT", root_.path().c_str(), 1);
-    activity_.state = Job_Activity::running;
-  }
-  void TearDown() override { unsetenv("BRIMLET_ROOT"); }
   std::string progress_path(const std::string& job, const std::string& uuid) const {
     return root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/" + job + "/" + uuid;
   }
@@ -55,7 +49,8 @@ class Progress_Test : public ::testing::Test {
     return h;
   }
   Temp_Dir root_;
-  Job_Activity activity_{};
+  Scoped_Env root_env_{"BRIMLET_ROOT", root_.path()};
+  Job_Activity activity_{Job_Activity::running};
   Recording_Handler handler_;
 };
 

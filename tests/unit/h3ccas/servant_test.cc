@@ -13,21 +13,6 @@
 namespace h3ccas {
 namespace {
 
-// Sets (or, with nullopt, removes) an environment variable for the life of the object.
-struct Scoped_Env {
-  Scoped_Env(const char* name, const std::optional<std::string>& value) : name(name) {
-    if (const char* old_value = std::getenv(name))
-      old = old_value;
-    apply(value);
-  }
-  ~Scoped_Env() { apply(old); }
-  void apply(const std::optional<std::string>& v) {
-    v ? setenv(name, v->c_str(), 1) : unsetenv(name);
-  }
-  const char* name;
-  std::optional<std::string> old;
-};
-
 // Each test gets its own install root and a journal of the stub library's calls.
 class Servant_Test : public ::testing::Test {
  protected:
