@@ -39,6 +39,7 @@ bool is_mapped(const std::string& path) {
 
 class Progress_Test : public ::testing::Test {
  protected:
+  Progress_Test() { activity_.state = Job_Activity::running; }
   std::string progress_path(const std::string& job, const std::string& uuid) const {
     return root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/" + job + "/" + uuid;
   }
@@ -50,7 +51,7 @@ class Progress_Test : public ::testing::Test {
   }
   Temp_Dir root_;
   Scoped_Env root_env_{"BRIMLET_ROOT", root_.path()};
-  Job_Activity activity_{Job_Activity::running};
+  Job_Activity activity_{};
   Recording_Handler handler_;
 };
 
