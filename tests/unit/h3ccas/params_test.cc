@@ -114,6 +114,20 @@ TEST(Restore_Params, LoadsDumpsAndRefuses) {
   };
   for (const auto& [patch, message] : cases)
     expect_refused<VM_Restore_Params>(restore_params, patch, message);
+  // Disk faults stop before the networks.
+  JSON_Value params = json(restore_params);
+  params["disks"][1].erase("target_volume_name");
+  VM_Restore_Params failed;
+  Log_Capture log;
+  EXPECT_FALSE(failed.load(params));
+  EXPECT_EQ(failed.disks_.size(), 1u);
+  EXPECT_TRUE(failed.nics_.empty());
+  EXPECT_EQ(log.count(), 1u);
+  params["disks"] = JSON_Value::array();
+  VM_Restore_Params empty;
+  ASSERT_TRUE(empty.load(params));
+  EXPECT_TRUE(empty.disks_.empty());
+  EXPECT_EQ(empty.nics_.size(), 1u);
 }
 
 TEST(Restore_Params, DisksOnFileAndBlockStorage) {
@@ -166,22 +180,6 @@ TEST(Restore_Params, DisksOnFileAndBlockStorage) {
   EXPECT_TRUE(p.load_nics(json(restore_params)["nics"]));
   EXPECT_TRUE(p.load_nics(json(restore_params)["nics"]));
   EXPECT_EQ(p.nics_.size(), 2u);  // appended
-}
-
-TEST(Restore_Params, DiskFaultsStopBeforeTheNetworks) {
-  JSON_Value params = json(restore_params);
-  params["disks"][1].erase("target_volume_name");
-  VM_Restore_Params p;
-  Log_Capture log;
-  EXPECT_FALSE(p.load(params));
-  EXPECT_EQ(p.disks_.size(), 1u);
-  EXPECT_TRUE(p.nics_.empty());
-  EXPECT_EQ(log.count(), 1u);
-  params["disks"] = JSON_Value::array();
-  VM_Restore_Params empty;
-  ASSERT_TRUE(empty.load(params));
-  EXPECT_TRUE(empty.disks_.empty());
-  EXPECT_EQ(empty.nics_.size(), 1u);
 }
 
 TEST(VM_Histories, EjectEmptiesTheTable) {

@@ -3,7 +3,6 @@
 #include "h3ccas/servant/exec_handler.h"
 
 #include "host/core/paths.h"
-#include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
 
@@ -104,7 +103,7 @@ TEST_F(Servant_Test, ConnectsOpensReadsAndReleasesEverything) {
   CVM_Info cvm = make_cvm(8443, "operator", "s3cret");
   Log_Capture log;
   {
-    CVD_Connection conn, refused;
+    CVD_Connection conn, refused(9000);
     EXPECT_FALSE(refused.connect(cvm, "unreachable", ""));
     EXPECT_FALSE(refused.connected() || refused.open("/vms/images/web01", nullptr, 1));
     ASSERT_TRUE(conn.connect(cvm, "10.1.1.3", "web01"));
@@ -133,53 +132,10 @@ TEST_F(Servant_Test, ConnectsOpensReadsAndReleasesEverything) {
   }
   EXPECT_EQ(journal(),
             (std::vector<std::string>{
-                init_line(), "connect unreachable 8192 operator s3cret  0",
+                init_line(), "connect unreachable 9000 operator s3cret  0",
                 "connect 10.1.1.3 8192 operator s3cret web01 0", "open /vms/images/web01 snap1 1",
                 "open /vms/images/web01-data - 2", "close /vms/images/web01-data",
                 "open /missing - 1", "close /vms/images/web01", "disconnect 10.1.1.3"}));
-}
-
-// The real stand-in against the disk service of a running cas-sim.
-TEST_F(Servant_Test, ReadsADiskOfTheSimulator) {
-  write_text_file(dir_.file("world.json"), R"({
-      "operators": [{"id": 1, "login_name": "admin", "password": "Adm1n pass", "group_id": 1}],
-      "pools": [{"name": "p1", "type": "dir", "path": "/p1", "capacity_mib": 100}],
-      "hosts": [{"id": 1, "name": "cvk", "ip": "127.0.0.1", "vms": [{"id": 1, "uuid": "u",
-        "name": "v", "disks": [{"device_name": "vda", "size_mib": 4, "pool": "p1",
-        "path": "/p1/data", "content": {"pattern": "random", "seed": 5}}]}]}]})");
-  Test_Process sim;
-  ASSERT_TRUE(sim.start(
-      {"cas-sim", "--world", dir_.file("world.json"), "--ready-file", dir_.file("ready.json"),
-       "--cvd-listen", "127.0.0.1:0", "--data", dir_.file("data")},
-      {}, dir_.file("sim.out")));
-  JSON_Value ready;
-  ASSERT_TRUE(sim.wait_ready(dir_.file("ready.json"), ready));
-  write_text_file(dir_.file("cvd.conf"), "network_timeout = 60;\nlog_level = \"info\";\n");
-  Scoped_Env sdk("CAS_CVD_SDK_PATH", std::string(BRIMLET_LIB_DIR "/libcvd.so"));
-  CVD_Loader loader;
-  ASSERT_TRUE(loader.init());
-  const std::uint64_t size = 4 << 20, step = 1 << 20;
-  std::string read(size, '\0');
-  {
-    CVD_Connection wrong_password(ready["cvd_port"].get<int>());
-    Log_Capture log;
-    EXPECT_FALSE(wrong_password.connect(make_cvm(8443, "admin", "nope"), "127.0.0.1", "v"));
-    EXPECT_TRUE(
-        log.contains("Failed to connect to cvd-ds service of CVK '127.0.0.1', error=-13.\n"));
-    CVD_Connection conn(ready["cvd_port"].get<int>());
-    ASSERT_TRUE(conn.connect(make_cvm(8443, "admin", "Adm1n pass"), "127.0.0.1", "v"));
-    CVD_Disk_Handle disk = conn.open("/p1/data", nullptr, CVD_OPEN_READ);
-    ASSERT_TRUE(disk);
-    for (std::uint64_t at = 0; at < size; at += step)
-      ASSERT_EQ(cvd_disk_read(disk.get(), at, step, &read[at]), static_cast<std::int64_t>(step));
-  }
-  // The simulator keeps the disk as an image file.
-  std::string image, sdk_log;
-  ASSERT_TRUE(read_file(dir_.file("data") + "/disks/p1/data", image));
-  EXPECT_TRUE(read == image);
-  EXPECT_NE(read.find_first_not_of('\0'), std::string::npos);
-  EXPECT_TRUE(read_file(dir_.path() + "/var/log/brimlet5/cvd-sdk.log", sdk_log));
-  EXPECT_NE(sdk_log.find("starter"), std::string::npos) << sdk_log;
 }
 
 class Exposed_Exec_Handler : public Exec_Handler {
