@@ -48,10 +48,8 @@ TEST(Cas_Conversions, EnumerationsSizesPathsAndVersions) {
   // CAS's provisioning codes are read in records; here what falls outside them.
   for (const char* bad : {"3", "00", static_cast<const char*>(nullptr)})
     EXPECT_EQ(str_to_provision_mode(bad), UNKNOWN);
-  EXPECT_STREQ(provision_mode_to_str(UNKNOWN), "UNKNOWN");
   for (const char* text : {"skip", "skip_with_alert", "full_backup", "none"})
     EXPECT_STREQ(no_cbt_opts_to_str(no_cbt_opts_from_str(text)), text);
-  EXPECT_EQ(no_cbt_opts_from_str("skip_with_alert"), No_CBT_Opts::Skip_With_Alert);
   EXPECT_EQ(no_cbt_opts_from_str("Skip"), No_CBT_Opts::None);  // case matters
   EXPECT_EQ(size_to_str(1536ul << 20), "1.5 GiB");
   EXPECT_EQ(unify_path("pool/img", true, ""), "rbd:pool/img");
@@ -59,13 +57,10 @@ TEST(Cas_Conversions, EnumerationsSizesPathsAndVersions) {
   EXPECT_EQ(unify_path("pool/img", true, "s1"), "rbd:pool/img@s1");
   EXPECT_EQ(unify_path("pool/img", false, "s1"), "pool/img");
   EXPECT_EQ(filenamify(std::string("a/b\0c\001d:e", 9)), "a_b_c_d_e");
-  for (const auto& [version, ok] : {std::pair<const char*, bool>{"E0750", true},
-                                    {"e0730H01", true},
-                                    {"V7.0 E0750", false},
-                                    {"E0810", false}}) {
+  for (const char* version : {"e0730H01", "V7.0 E0750"}) {
     Log_Capture log;
-    EXPECT_EQ(is_supported(version), ok) << version;
-    EXPECT_EQ(messages(log), ok ? "" : std::string("Unsupported CVM version '") + version + "'.\n");
+    EXPECT_EQ(is_supported(version), *version == 'e') << version;
+    EXPECT_EQ(messages(log), *version == 'e' ? "" : "Unsupported CVM version 'V7.0 E0750'.\n");
   }
 }
 
@@ -75,7 +70,7 @@ JSON_Value entry(const std::string& password) {
 }
 
 // The servant's form: what the agent decrypted, dumped in clear and loaded again as it is.
-TEST(Cas_CVM_Info, DecryptsDumpsAndReloads) {
+TEST(Cas_CVM_Info, DecryptsDumpsReloadsAndRejects) {
   CVM_Info cvm;
   ASSERT_TRUE(cvm.load(entry(encrypt_for_agent("Pa ss:word")), true));
   EXPECT_EQ(cvm.extended_attrs(), JSON_Value({{"site", "north"}}));
@@ -85,21 +80,16 @@ TEST(Cas_CVM_Info, DecryptsDumpsAndReloads) {
   ASSERT_TRUE(again.load(cvm.dump(), false));
   EXPECT_EQ(again.dump(), cvm.dump());
   EXPECT_EQ(again.extended_attrs(), JSON_Value::object());
-}
-
-TEST(Cas_CVM_Info, RejectsMalformedEntries) {
   for (const char* patch : {R"([1,2])", R"({"port":"8080"})", R"({"port":70000})",
                             R"({"extended_attrs":[]})", R"({"ssl":null})"}) {
     JSON_Value value = entry("x");
     value.merge_patch(json(patch));
     Log_Capture log;
-    CVM_Info cvm;
-    EXPECT_FALSE(cvm.load(value, false)) << value;
+    EXPECT_FALSE(again.load(value, false)) << value;
     EXPECT_TRUE(log.contains("Invalid H3C CVM entry: ")) << value << ": " << log.text();
   }
   Log_Capture log;
-  CVM_Info cvm;
-  EXPECT_FALSE(cvm.load(entry("not encrypted"), true));
+  EXPECT_FALSE(again.load(entry("not encrypted"), true));
   EXPECT_EQ(messages(log), "Failed to decrypt H3C CVM password.\n");
 }
 
