@@ -77,7 +77,6 @@ TEST(Backup_Params, LoadsDumpsAndRefuses) {
       {R"({"vm_uuid":null})", m + "missing key 'vm_uuid'."},
       {R"({"restart_vm":1})", m + "'restart_vm' is expected as boolean."},
       {R"({"io_opts":"zstd"})", m + "'io_opts' is expected as object."},
-      {R"({"catalog":[]})", m + "'catalog' is expected as object."},
       {R"({"storage_reserved_bytes":-1})",
        m + "'storage_reserved_bytes' is expected as integer in range."},
       {R"({"cvm":{"host":null}})", m + "invalid CVM."},
@@ -104,7 +103,6 @@ TEST(Restore_Params, LoadsDumpsAndRefuses) {
       // Unlike the backup's, the restore's port is not cut to 16 bits.
       {R"({"backupd_port":70000})", m + "'backupd_port' is expected as integer in range."},
       {R"({"disks":{}})", m + "'disks' is expected as array."},
-      {R"({"nics":7})", m + "'nics' is expected as array."},
       {R"({"cvm":"10.0.0.5"})", m + "invalid CVM."},
       {R"({"io_opts":{"access_mode":"tape"}})", m + "invalid I/O options."},
       {R"({"disks":["web01"]})",

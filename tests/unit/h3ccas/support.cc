@@ -95,11 +95,6 @@ void Digest_Peer::answer_unsigned(Answer answer) {
   unsigned_answer_ = std::move(answer);
 }
 
-void Digest_Peer::expire_nonce() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  nonce_.clear();
-}
-
 Digest_Peer::Record Digest_Peer::seen() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return seen_;

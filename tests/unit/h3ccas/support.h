@@ -98,8 +98,6 @@ class Digest_Peer {
   void set(const std::string& path, Answer answer);
   // What requests without credentials get instead of a challenge.
   void answer_unsigned(Answer answer);
-  // The next signed request is refused as if its nonce had expired.
-  void expire_nonce();
   Record seen() const;
   // Targets of the accepted requests from the `from`th on.
   std::vector<std::string> targets(std::size_t from = 0) const;
