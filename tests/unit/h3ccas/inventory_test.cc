@@ -204,30 +204,29 @@ TEST_F(Cas_Peer, InventoryRoutes) {
             "'supportSnapshot'.\n");
 }
 
-class Cas_All_VMs : public Cas_Peer {
- protected:
-  static std::string host_vms(const std::string& host_id) {
-    return std::string(kVmList) + "?hostId=" + host_id + "&sortField=title";
-  }
-  const std::string unfiltered_ = std::string(kVmList) + "?sortField=title";
-};
+// The VM list of a host, or of all without one.
+std::string host_vms(const std::string& id = "") {
+  return kVmList + std::string(id.empty() ? "?" : "?hostId=" + id + "&") + "sortField=title";
+}
 
-TEST_F(Cas_All_VMs, FallsBackHostByHostOnConflict) {
-  peer_.set(unfiltered_, {409, "{}", {{"Error-Code", "1409"}}});
+Digest_Peer::Answer domain(std::vector<JSON_Value> vms) {
+  return answer({{"domain", vms}});
+}
+
+TEST_F(Cas_Peer, AllVMsFallBackHostByHostOnConflict) {
+  const std::string unfiltered = host_vms();
+  peer_.set(unfiltered, {409, "{}", {{"Error-Code", "1409"}}});
   peer_.set(kHosts, answer({{"host",
                              {host_json("1", "cvk1"), host_json("2", "cvk2"),
                               host_json("3", "cvk3"), host_json("4", "cvk4")}}}));
-  peer_.set(host_vms("1"),
-            answer({{"domain", {vm_json("1b", "b", "1"), vm_json("1c", "c", "1")}}}));
+  peer_.set(host_vms("1"), domain({vm_json("1b", "b", "1"), vm_json("1c", "c", "1")}));
   peer_.set(host_vms("2"), {500, "{}", {}});
   // One bad record drops the whole host, not only that record.
   JSON_Value bad = vm_json("4z", "z", "4");
   bad.erase("uuid");
-  peer_.set(host_vms("4"), answer({{"domain", {vm_json("4y", "y", "4"), bad}}}));
-  peer_.set(
-      host_vms("3"),
-      answer({{"domain",
-               {vm_json("3a", "a", "3"), vm_json("3c", "c", "3"), vm_json("3e", "e", "3")}}}));
+  peer_.set(host_vms("4"), domain({vm_json("4y", "y", "4"), bad}));
+  peer_.set(host_vms("3"),
+            domain({vm_json("3a", "a", "3"), vm_json("3c", "c", "3"), vm_json("3e", "e", "3")}));
   RESTful_Client client(cvm());
   Log_Capture log;
   std::vector<VM_Info> vms;
@@ -235,7 +234,7 @@ TEST_F(Cas_All_VMs, FallsBackHostByHostOnConflict) {
   // Titles from "e" to "a"; the two "c" keep the order of their hosts.
   EXPECT_EQ(ids(vms), "3e 1c 3c 1b 3a ");
   EXPECT_EQ(peer_.targets(),
-            (std::vector<std::string>{unfiltered_, kHosts, host_vms("1"), host_vms("2"),
+            (std::vector<std::string>{unfiltered, kHosts, host_vms("1"), host_vms("2"),
                                       host_vms("3"), host_vms("4")}));
   EXPECT_TRUE(
       log.contains("Failed to list CAS VM. Retrying to list VM again, which may be slow.\n"));
@@ -244,20 +243,21 @@ TEST_F(Cas_All_VMs, FallsBackHostByHostOnConflict) {
   EXPECT_FALSE(log.contains("'cvk1'")) << log.text();
 }
 
-TEST_F(Cas_All_VMs, FailsWithoutFallbackOrHosts) {
+TEST_F(Cas_Peer, AllVMsFailWithoutFallbackOrHosts) {
+  const std::string unfiltered = host_vms();
   peer_.set(kHosts, answer({{"host", {host_json("1", "cvk1")}}}));
-  peer_.set(host_vms("1"), answer({{"domain", {vm_json("1a", "a", "1")}}}));
+  peer_.set(host_vms("1"), domain({vm_json("1a", "a", "1")}));
   Test_Client client(cvm());
   std::vector<VM_Info> vms;
-  peer_.set(unfiltered_, {500, "{}", {}});
+  peer_.set(unfiltered, {500, "{}", {}});
   EXPECT_FALSE(client.list_all_vm(vms));
   EXPECT_EQ(client.last_status(), 500);
-  EXPECT_EQ(peer_.targets(), std::vector<std::string>{unfiltered_});
+  EXPECT_EQ(peer_.targets(), std::vector<std::string>{unfiltered});
   // The hosts cannot be listed either.
-  peer_.set(unfiltered_, {409, "{}", {}});
+  peer_.set(unfiltered, {409, "{}", {}});
   peer_.set(kHosts, {503, "{}", {}});
   EXPECT_FALSE(client.list_all_vm(vms));
-  EXPECT_EQ(peer_.targets(1), (std::vector<std::string>{unfiltered_, kHosts}));
+  EXPECT_EQ(peer_.targets(1), (std::vector<std::string>{unfiltered, kHosts}));
   EXPECT_TRUE(vms.empty());
   // A request that gets no answer leaves no status behind from the one before.
   EXPECT_EQ(client.last_status(), 503);
