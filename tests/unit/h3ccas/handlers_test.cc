@@ -56,16 +56,14 @@ TEST_F(Cas_Login_Handler, Replies) {
 
 TEST(Cas_Instance_Handler, AnnouncesTheProxyAndNeedsNoLogon) {
   Instance_Handler handler;
-  std::map<std::string, std::shared_ptr<Instance>> instances;
   auto old = std::make_shared<Instance>();
-  instances["H3C_CAS_Proxy"] = old;
-  instances["Other"] = std::make_shared<Instance>();
+  std::map<std::string, std::shared_ptr<Instance>> instances = {
+      {"H3C_CAS_Proxy", old}, {"Other", std::make_shared<Instance>()}};
   EXPECT_EQ(handler.probe_instances(instances), 0);
   ASSERT_EQ(instances.size(), 2u);
   const auto& proxy = instances["H3C_CAS_Proxy"];
   ASSERT_NE(proxy, old);
-  EXPECT_EQ(proxy->type, "h3c-cas");
-  EXPECT_EQ(proxy->name, "H3C_CAS_Proxy");
+  EXPECT_EQ(proxy->type + " " + proxy->name, "h3c-cas H3C_CAS_Proxy");
   EXPECT_EQ(proxy->options, JSON_Value({{"is_proxy", true}}));
   std::string state;
   EXPECT_EQ(&handler.get_state("never-announced", state), &state);
