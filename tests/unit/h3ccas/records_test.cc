@@ -193,7 +193,9 @@ TEST(Cas_Records, Disks) {
        {R"({"clusterSize":"x","allocation":"y"})", nullptr, d + "allocated size 'y'."},
        {R"({"mode":"7","clusterSize":"z"})", nullptr, d + "cluster size 'z'."},
        {R"({"format":"vmdk","mode":"7"})", nullptr, u + "provision mode '7'."},
-       {R"({"mode":2})", nullptr, "Invalid CAS VM storage info: 'mode' is expected as string."}});
+       {R"({"mode":2})", nullptr, "Invalid CAS VM storage info: 'mode' is expected as string."},
+       {R"({"cacheType":null})", nullptr,
+        "Invalid CAS VM storage info: missing key 'cacheType'."}});
 }
 
 TEST(Cas_Records, DisksInTheCatalog) {
