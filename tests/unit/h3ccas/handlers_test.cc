@@ -8,11 +8,6 @@
 namespace h3ccas {
 namespace {
 
-class Exposed_Test_Login_Handler : public Test_Login_Handler {
- public:
-  using Test_Login_Handler::handle_object_i;
-};
-
 class Cas_Login_Handler : public Cas_Peer {
  protected:
   JSON_Value entry(const std::string& password) {
@@ -20,7 +15,7 @@ class Cas_Login_Handler : public Cas_Peer {
     entry["password"] = encrypt_for_agent(password);
     return entry;
   }
-  Exposed_Test_Login_Handler handler_;
+  Exposed<Test_Login_Handler> handler_;
 };
 
 // A failed login is a result; only malformed requests get errors (a bad entry with id -1).

@@ -138,12 +138,6 @@ TEST_F(Servant_Test, ConnectsOpensReadsAndReleasesEverything) {
                 "open /missing - 1", "close /vms/images/web01", "disconnect 10.1.1.3"}));
 }
 
-class Exposed_Exec_Handler : public Exec_Handler {
- public:
-  using Exec_Handler::Exec_Handler;
-  using Exec_Handler::handle_object_i;
-};
-
 // A default record of each action is a valid one.
 JSON_Value exec_params(const char* action, const char* patch = "{}") {
   JSON_Value params =
@@ -170,7 +164,7 @@ TEST_F(Servant_Test, ExecReplies) {
       {exec_params("restore"), -32603, "VM restore is not available yet.", true},
   };
   CVD_Loader loader;
-  Exposed_Exec_Handler handler(loader);
+  Exposed<Exec_Handler> handler(loader);
   for (bool with_libcvd : {false, true}) {
     Scoped_Env sdk("CAS_CVD_SDK_PATH",
                    with_libcvd ? std::string(CVD_STUB_PATH) : dir_.file("libcvd.so"));

@@ -114,6 +114,13 @@ class Digest_Peer {
   Record seen_;
 };
 
+// A JSON-RPC handler whose object handling a test calls directly.
+template <class Handler>
+struct Exposed : Handler {
+  using Handler::handle_object_i;
+  using Handler::Handler;
+};
+
 // The messages a JSON-RPC handler sends, as JSON.
 class Capture_Channel : public JSON_RPC_Channel {
  public:
