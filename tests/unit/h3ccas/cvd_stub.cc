@@ -13,7 +13,6 @@
 struct cvd_connection {
   std::string host;
 };
-
 struct cvd_disk {
   std::string path;
 };
@@ -22,10 +21,8 @@ namespace {
 
 void journal(const std::string& line) {
   const char* path = std::getenv("CVD_STUB_JOURNAL");
-  if (FILE* f = path ? std::fopen(path, "a") : nullptr) {
-    std::fprintf(f, "%s\n", line.c_str());
-    std::fclose(f);
-  }
+  if (FILE* f = path ? std::fopen(path, "a") : nullptr)
+    std::fprintf(f, "%s\n", line.c_str()), std::fclose(f);
 }
 
 std::string text(const char* s) {

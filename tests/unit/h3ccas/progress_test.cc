@@ -3,14 +3,10 @@
 #include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <ctime>
-#include <string>
-#include <vector>
 
 namespace h3ccas {
 namespace {
@@ -22,13 +18,13 @@ class Recording_Handler : public Job_Event_Handler {
   bool handle_vm_progress(const std::vector<VM_Job_Progress>& progress, int activity_state,
                           bool final) override {
     const std::int64_t now = std::time(nullptr);
-    std::string out = std::to_string(activity_state) + (final ? " final" : "");
+    const auto n = [](auto v) { return std::to_string(v); };
+    std::string out = n(activity_state) + (final ? " final" : "");
     for (const auto& e : progress)
-      out += "; " + e.uuid + " " + e.name + " " + e.status + "(" + std::to_string(e.state) + ") " +
-             std::to_string(e.processed_bytes) + "/" + std::to_string(e.total_bytes) + " " +
-             std::to_string(e.processed_virtual_disk_count) + "/" +
-             std::to_string(e.virtual_disk_count) + " " + std::to_string(e.start_time) + "-" +
-             (e.end_time && now - e.end_time < 5 ? "+" : std::to_string(e.end_time));
+      out += "; " + e.uuid + " " + e.name + " " + e.status + "(" + n(e.state) + ") " +
+             n(e.processed_bytes) + "/" + n(e.total_bytes) + " " +
+             n(e.processed_virtual_disk_count) + "/" + n(e.virtual_disk_count) + " " +
+             n(e.start_time) + "-" + (e.end_time && now - e.end_time < 5 ? "+" : n(e.end_time));
     calls.push_back(out);
     return result;
   }
@@ -43,12 +39,7 @@ bool is_mapped(const std::string& path) {
 
 class Progress_Test : public ::testing::Test {
  protected:
-  void SetUp() override {
-    setenv("BRIMLET_ROOT", root_.path().c_str(), 1);
-    activity_.state = Job_Activity::running;
-  }
-  void TearDown() override { unsetenv("BRIMLET_ROOT"); }
-
+  Progress_Test() { activity_.state = Job_Activity::running; }
   std::string progress_path(const std::string& job, const std::string& uuid) const {
     return root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/" + job + "/" + uuid;
   }
@@ -58,8 +49,8 @@ class Progress_Test : public ::testing::Test {
     EXPECT_TRUE(h.open(job.c_str(), uuid.c_str(), false, true, 0750)) << uuid;
     return h;
   }
-
   Temp_Dir root_;
+  Scoped_Env root_env_{"BRIMLET_ROOT", root_.path()};
   Job_Activity activity_{};
   Recording_Handler handler_;
 };
@@ -69,7 +60,6 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
   VM_Progress_Info_Handle stale;
   ASSERT_TRUE(stale.open("job-1", "vm-a", true, true, 0750));
   stale->state = VM_Progress_Info::completed;
-
   Progress_Reporter reporter(handler_, activity_);
   ASSERT_TRUE(reporter.add_vm("vm-a", "alpha"));
   ASSERT_TRUE(reporter.add_vm("vm-b", "beta"));
@@ -80,7 +70,6 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
   ASSERT_EQ(stat(progress_path("job-1", "vm-b").c_str(), &st), 0);
   EXPECT_EQ(st.st_size, 4096);
   ASSERT_TRUE(reporter.push_update());
-
   VM_Progress_Info_Handle a = servant("job-1", "vm-a"), b = servant("job-1", "vm-b");
   a->state = VM_Progress_Info::running;
   a->total_size = 3ull << 30;
@@ -95,7 +84,6 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
   b->state = VM_Progress_Info::failed;
   b->start_time = 2000;
   ASSERT_TRUE(reporter.push_update());
-
   // A completed VM is not read again: its mapping is gone and later stores are ignored.
   stale.close();
   a.close();
@@ -118,7 +106,6 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
                 r + done + "vm-b beta failed(3) 0/0 0/0 2000-+" + refused,
                 std::to_string(Job_Activity::completed) + " final; " + done +
                     "vm-b beta failed(3) 0/0 0/0 2000-+" + refused}));
-
   handler_.result = false;
   EXPECT_FALSE(reporter.push_update());
   EXPECT_FALSE(reporter.flush());
@@ -163,7 +150,6 @@ TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
       access((root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/job-4").c_str(), F_OK), 0);
   ASSERT_TRUE(reporter.push_update());
   EXPECT_EQ(handler_.calls.back().find("late"), std::string::npos);
-
   // A directory where the record should be cannot be mapped.
   ASSERT_TRUE(make_dirs(progress_path("job-5", "vm-dir"), 0750));
   const std::pair<const char*, std::string> cases[] = {

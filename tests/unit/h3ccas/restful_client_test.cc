@@ -1,16 +1,12 @@
-#include "h3ccas/restful_client.h"
-
 #include "host/core/text.h"
 #include "tests/unit/h3ccas/support.h"
 
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <string>
-#include <tuple>
 
 namespace h3ccas {
 namespace {
+
+using S = std::string;
 
 const char kOperators[] = "/cas/casrs/operator/operatorInfoList";
 const char kVersion[] = "/cas/casrs/datacenter/casVersion";
@@ -27,12 +23,8 @@ TEST(Cas_Digest, Rfc2617ExampleAndDecimalNonceCount) {
   for (int i = 2; i <= 10; ++i)
     header = client.build_auth_header("GET", "/dir/index.html");
   // The tenth request hashes and sends 00000010, not the hexadecimal 0000000a.
-  const std::string ha1 = md5_hex("Mufasa:testrealm@host.com:Circle Of Life");
-  const std::string ha2 = md5_hex("GET:/dir/index.html");
   auto params = parse_auth_params(header.substr(7));
-  EXPECT_EQ(params["nc"], "00000010");
-  EXPECT_EQ(params["response"],
-            md5_hex(ha1 + ":dcd98b7102dd2f0e8b11d0f600bfb0c093:00000010:0a4f113b:auth:" + ha2));
+  EXPECT_EQ(params["nc"] + " " + params["response"], "00000010 fa475250162f10cbbb7487da3bd9896e");
 }
 
 TEST(Cas_Digest, ParsesChallenges) {
@@ -93,27 +85,18 @@ TEST_F(Cas_Peer, SessionRenewalAndRetry) {
   EXPECT_EQ(seen.accepted[1].auth["nc"], "00000002");
   EXPECT_EQ(seen.accepted[2].auth["cnonce"], first["cnonce"]);
   EXPECT_EQ(first.count("opaque") + first.count("algorithm"), 0u);
-
   client.clock += 60;
   ASSERT_TRUE(client.get(kVersion, out));
   seen = peer_.seen();
   EXPECT_EQ(seen.challenges, 2);
   EXPECT_EQ(seen.accepted.back().auth["nc"], "00000001");
   EXPECT_NE(seen.accepted.back().auth["cnonce"], first["cnonce"]);
-
-  peer_.expire_nonce();
-  out = nullptr;
-  ASSERT_TRUE(client.get(kVersion, out));
-  EXPECT_EQ(out["data"], "H3C CAS E0750");
-  EXPECT_EQ(peer_.seen().refusals, 1);
-  EXPECT_EQ(peer_.seen().challenges, 3);
-
   // Bad credentials: refused again after the one retry; the refusal's Error-Code is no CAS error.
   Log_Capture log;
   Test_Client wrong(cvm("wrong-secret"));
   EXPECT_FALSE(wrong.get(kVersion, out));
-  EXPECT_EQ(peer_.seen().challenges, 5);
-  EXPECT_EQ(peer_.seen().refusals, 3);
+  EXPECT_EQ(peer_.seen().challenges, 4);
+  EXPECT_EQ(peer_.seen().refusals, 2);
   EXPECT_EQ(wrong.last_error_code(), "");
   EXPECT_EQ(wrong.last_status(), 401);
   EXPECT_EQ(log.text(), "");
@@ -149,14 +132,13 @@ TEST_F(Cas_Peer, RecordsCasErrorHeaders) {
                                             status, code, message));
   }
   std::setlocale(LC_CTYPE, saved.c_str());
-
   // The next request starts clean.
   JSON_Value out;
   ASSERT_TRUE(client.get(kVersion, out));
   EXPECT_EQ(client.last_error_code() + client.last_error(), "");
 }
 
-TEST_F(Cas_Peer, VerbsCarryTheirBodiesAndQueries) {
+TEST_F(Cas_Peer, VerbsCarryTheirBodiesAndQueriesOthersSendNothing) {
   peer_.set("/cas/casrs/vm/add", Digest_Peer::json(R"({"msgId":"7"})"));
   peer_.set("/cas/casrs/vm/3", Digest_Peer::json(R"({"domain":{"id":"3"}})"));
   RESTful_Client client(cvm());
@@ -168,75 +150,68 @@ TEST_F(Cas_Peer, VerbsCarryTheirBodiesAndQueries) {
   std::vector<JSON_Value> vms;
   ASSERT_TRUE(client.list("/cas/casrs/vm/3", "domain", vms, {{"name", "a b&c"}, {"hostId", "1"}}));
   EXPECT_EQ(JSON_Value(vms), json(R"([{"id":"3"}])"));
-
   std::vector<std::string> sent;
   for (const auto& r : peer_.seen().accepted)
     sent.push_back(r.method + " " + r.target + " " + r.body);
   EXPECT_EQ(sent, (std::vector<std::string>{R"(POST /cas/casrs/vm/add {"name":"vm 1"})",
                                             "PUT /cas/casrs/vm/3 ", "DELETE /cas/casrs/vm/3 ",
                                             "GET /cas/casrs/vm/3?hostId=1&name=a%20b%26c "}));
-  EXPECT_EQ(peer_.seen().challenges, 1);  // for the POST, body and all
-}
-
-// Refused by the challenge exchange before a session exists, and by the signed send after.
-TEST_F(Cas_Peer, MisusedMethodsSendNothing) {
-  RESTful_Client client(cvm());
-  JSON_Value body = {{"x", 1}}, out;
-  for (bool session : {false, true}) {
-    if (session) {
-      ASSERT_TRUE(client.get(kVersion, out));
-    }
+  // Misused, they send nothing: refused by the challenge exchange before a session exists, and
+  // by the signed send after.
+  RESTful_Client fresh(cvm());
+  for (RESTful_Client* c : {&fresh, &client}) {
     Log_Capture log;
     HTTP_Request get(HTTP_Method::GET, kVersion), patch(HTTP_Method::PATCH, kVersion);
-    EXPECT_FALSE(client.send_request(get, &body, &out));
+    JSON_Value body = {{"x", 1}};
+    EXPECT_FALSE(c->send_request(get, &body, &out));
     EXPECT_TRUE(log.contains("req_body != nullptr"));
-    EXPECT_FALSE(client.send_request(patch, &out));
-    EXPECT_TRUE(log.contains(session ? "Unsupported HTTP method 'PATCH' for CAS RESTful client.\n"
-                                     : "Unexpected CAS HTTP request method.\n"));
+    EXPECT_FALSE(c->send_request(patch, &out));
+    EXPECT_TRUE(log.contains(c == &client
+                                 ? "Unsupported HTTP method 'PATCH' for CAS RESTful client.\n"
+                                 : "Unexpected CAS HTTP request method.\n"));
   }
-  EXPECT_EQ(peer_.seen().challenges, 1);
-  EXPECT_EQ(peer_.seen().accepted.size(), 1u);
+  EXPECT_EQ(peer_.seen().challenges, 1);  // for the POST, body and all
+  EXPECT_EQ(peer_.seen().accepted.size(), 4u);
 }
 
 TEST_F(Cas_Peer, TestLoginOutcomes) {
-  const auto answer = [](const char* body, int status = 200) {
-    return Digest_Peer::json(body, status);
-  };
-  const auto admin = answer(
-      R"({"operator":[{"loginName":"bob","groupId":"3"},{"loginName":"admin","groupId":"1"}]})");
-  const auto e0750 = answer(R"({"data":"H3C CAS E0750"})");
-  const Digest_Peer::Answer busy{500, "{}", {{"Error-Code", "2001"}, {"Error-Message", "busy"}}};
+  using P = Digest_Peer;
+  using A = P::Answer;
+  const auto ops = [](const char* list) { return P::json(R"({"operator":[)" + S(list) + "]}"); };
+  const auto ver = [](const char* v) { return P::json(R"({"data":")" + S(v) + "\"}"); };
+  const auto admin =
+      ops(R"({"loginName":"bob","groupId":"3"},{"loginName":"admin","groupId":"1"})");
+  const auto e0750 = ver("H3C CAS E0750");
+  const A busy{500, "{}", {{"Error-Code", "2001"}, {"Error-Message", "busy"}}};
+  const char* const no_list = "CVM user do NOT have permissions to list operators";
   struct Case {
-    Digest_Peer::Answer operators, version;
+    A operators, version;
     const char* error;  // empty: success
     const char* found_version;
     const char* log = "";
     const char* password = cvm_password;
   } const cases[] = {
       {admin, e0750, "", "E0750"},
-      {answer(R"({"operator":[{"loginName":"bob","groupId":"2"}]})"),
-       answer(R"({"data":"H3C\nCAS   E0730H05 extra"})"), "", "E0730H05"},
-      {admin, answer(R"({"data":"E0750"})"), "", "E0750", "Unknown CVM version: 'E0750'.\n"},
-      {admin, answer(R"({"data":"CAS E0750"})"),
-       "Unsupported CVM verson 'CAS E0750', only supports E07+.", "CAS E0750",
-       "Unknown CVM version: 'CAS E0750'.\n"},
-      {answer(R"({"operator":[{"loginName":"admin","groupId":"0"}]})"), e0750,
+      {ops(R"({"loginName":"bob","groupId":"2"})"), ver("H3C\\nCAS   E0730H05 extra"), "",
+       "E0730H05"},
+      {admin, ver("E0750"), "", "E0750", "Unknown CVM version: 'E0750'.\n"},
+      {admin, ver("CAS E0750"), "Unsupported CVM verson 'CAS E0750', only supports E07+.",
+       "CAS E0750", "Unknown CVM version: 'CAS E0750'.\n"},
+      {ops(R"({"loginName":"admin","groupId":"0"})"), e0750,
        "CVM user is NOT a member of 'System Default Administrator Group'", ""},
-      {admin, answer(R"({"data":"H3C CAS E0810"})"),
-       "Unsupported CVM verson 'E0810', only supports E07+.", "E0810",
+      {admin, ver("H3C CAS E0810"), "Unsupported CVM verson 'E0810', only supports E07+.", "E0810",
        "Unsupported CVM version 'E0810'.\n"},
       {admin, e0750, "Invalid CVM username or password", "", "", "Adm1n:p@sS"},
-      {answer("{}", 500), e0750, "CVM internal error", ""},
-      {answer("{}", 403), e0750, "Failed to send request to CVM, network error", ""},
-      {answer(""), e0750, "CVM user do NOT have permissions to list operators", ""},
-      {answer("<html>denied</html>", 201), e0750,
-       "CVM user do NOT have permissions to list operators", ""},
-      {answer(R"({"operators":[]})"), e0750,
+      {P::json("{}", 500), e0750, "CVM internal error", ""},
+      {P::json("{}", 403), e0750, "Failed to send request to CVM, network error", ""},
+      {P::json(""), e0750, no_list, ""},
+      {P::json("<html>denied</html>", 201), e0750, no_list, ""},
+      {P::json(R"({"operators":[]})"), e0750,
        "Unknown response from CVM '/cas/casrs/operator/operatorInfoList'", "", "type 0 from"},
-      {answer(R"({"operator":[{"loginName":"admin"}]})"), e0750,
-       "Unknown response of CVM: missing key 'groupId'", ""},
+      {ops(R"({"loginName":"admin"})"), e0750, "Unknown response of CVM: missing key 'groupId'",
+       ""},
       {admin, busy, "Failed to get CVM version, error: 2001, busy", "", "http status = 500"},
-      {admin, answer(R"({"data":750})"), "Failed to get CVM version, error: , ", "",
+      {admin, P::json(R"({"data":750})"), "Failed to get CVM version, error: , ", "",
        "Unrecognized CAS CVK version response: 'data' is expected as string\n"},
   };
   for (const auto& c : cases) {
@@ -260,54 +235,49 @@ TEST_F(Cas_Peer, TestLoginOutcomes) {
   }
 }
 
-// The real session to the peer with some of its sends broken: those numbered `first` to `last`
-// (counted from 1 over every session of the client) get no answer, as when a connection drops,
-// or, with a `status`, that status, CAS error code "9" and the `challenge` given, without reaching
-// the peer.
-struct Breaks {
-  int first, last, status;
-  const char* challenge = nullptr;
-  int sends = 0;
-};
-
-class Breaking_Session : public HTTP_Session_Wrapper {
- public:
-  Breaking_Session(std::shared_ptr<HTTP_Session> target, Breaks& breaks)
-      : HTTP_Session_Wrapper(std::move(target)), breaks_(breaks) {}
-  bool send(const HTTP_Request& req, const std::string* body, HTTP_Response& resp) override {
-    ++breaks_.sends;
-    if (breaks_.sends < breaks_.first || breaks_.sends > breaks_.last)
-      return HTTP_Session_Wrapper::send(req, body, resp);
-    resp.clear();
-    if (breaks_.status == 0)
-      return false;
-    resp.set_status(breaks_.status);
-    resp.headers().put("Error-Code", "9");
-    if (breaks_.challenge)
-      resp.headers().put("WWW-Authenticate", breaks_.challenge);
-    return true;
-  }
-
- private:
-  Breaks& breaks_;
-};
-
-class Breaking_Client : public Test_Client {
- public:
-  Breaking_Client(CVM_Info cvm, Breaks& breaks) : Test_Client(std::move(cvm)), breaks_(breaks) {}
-
- protected:
+// The real session to the peer with the sends numbered `first` to `last` (counted from 1 over
+// every session of the client) broken: without a `status` they get no answer, as when a connection
+// drops; with one, that status, CAS error code "9" and the `challenge` given, not reaching the
+// peer.
+struct Breaking_Client : Test_Client {
+  Breaking_Client(CVM_Info cvm, int first, int last, int status, const char* challenge)
+      : Test_Client(std::move(cvm)),
+        first(first),
+        last(last),
+        status(status),
+        challenge(challenge) {}
+  struct Session : HTTP_Session_Wrapper {
+    Session(std::shared_ptr<HTTP_Session> target, Breaking_Client& c)
+        : HTTP_Session_Wrapper(std::move(target)), c(c) {}
+    bool send(const HTTP_Request& req, const std::string* body, HTTP_Response& resp) override {
+      if (++c.sends < c.first || c.sends > c.last)
+        return HTTP_Session_Wrapper::send(req, body, resp);
+      resp.clear();
+      if (c.status == 0)
+        return false;
+      resp.set_status(c.status);
+      resp.headers().put("Error-Code", "9");
+      if (c.challenge)
+        resp.headers().put("WWW-Authenticate", c.challenge);
+      return true;
+    }
+    Breaking_Client& c;
+  };
   std::shared_ptr<HTTP_Session> create_session() override {
-    return std::make_shared<Breaking_Session>(RESTful_Client::create_session(), breaks_);
+    return std::make_shared<Session>(RESTful_Client::create_session(), *this);
   }
-
- private:
-  Breaks& breaks_;
+  int first, last, status;
+  const char* challenge;
+  int sends = 0;
 };
 
 // A broken send shows as exactly one line where the client notices it, and the right error.
 TEST_F(Cas_Peer, BrokenSendsOfTheSession) {
-  const std::string lost = "returns error, http status = 0, error code = '', message = ''.\n";
+  const auto err = [](S request, int status, S code) {
+    return "CAS request '" + request + "' returns error, http status = " + std::to_string(status) +
+           ", error code = '" + code + "', message = ''.\n";
+  };
+  const S get = "GET " + S(kVersion);
   // request ("GET", "POST" or "login"), the sends broken, the status they get (0: no answer), the
   // one line logged (none: success), the login's error when it is not that line's text
   struct Case {
@@ -321,10 +291,8 @@ TEST_F(Cas_Peer, BrokenSendsOfTheSession) {
       {"GET", 1, 5, 0, "Failed to send request to CVM, network error..\n"},
       {"GET", 1, 4, 0, ""},
       {"GET", 2, 2, 0, ""},
-      {"POST", 2, 2, 0, "CAS request 'POST /cas/casrs/vm/add' " + lost},
-      {"GET", 2, 2, 503,
-       "CAS request 'GET " + std::string(kVersion) +
-           "' returns error, http status = 503, error code = '9', message = ''.\n"},
+      {"POST", 2, 2, 0, err("POST /cas/casrs/vm/add", 0, "")},
+      {"GET", 2, 2, 503, err(get, 503, "9")},
       {"login", 2, 6, 0, "Failed to send request to CVM, network error.\n"},
       {"login", 2, 2, 502, "CVM internal error.\n"},
       {"login", 1, 1, 200, "The first response for digest auth is not unauthorized.\n"},
@@ -332,14 +300,12 @@ TEST_F(Cas_Peer, BrokenSendsOfTheSession) {
       {"login", 1, 1, 401, "Unknown CVM auth 'Digest realm=\"r\", qop=\"auth\"'.\n",
        R"(Digest realm="r", qop="auth")"},
       // The version query opens a session of its own (sends 3 and 4).
-      {"login", 4, 8, 0, "CAS request 'GET " + std::string(kVersion) + "' " + lost, nullptr,
-       "Failed to get CVM version, error: , "},
+      {"login", 4, 8, 0, err(get, 0, ""), nullptr, "Failed to get CVM version, error: , "},
   };
   peer_.set("/cas/casrs/vm/add", Digest_Peer::json(R"({"msgId":"7"})"));
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.request) + " " + std::to_string(c.first));
-    Breaks breaks{c.first, c.last, c.status, c.challenge};
-    Breaking_Client client(cvm(), breaks);
+    Breaking_Client client(cvm(), c.first, c.last, c.status, c.challenge);
     Log_Capture log;
     JSON_Value out;
     std::string error, version;

@@ -30,7 +30,7 @@ std::string encrypt_for_agent(const std::string& plain) {
   return cipher;
 }
 
-JSON_Value json(const char* text) {
+JSON_Value json(const std::string& text) {
   return JSON_Value::parse(text);
 }
 
@@ -54,12 +54,10 @@ namespace h3ccas {
 
 CVM_Info make_cvm(std::uint16_t port, const std::string& user, const std::string& password) {
   CVM_Info cvm;
-  if (!cvm.load({{"host", "127.0.0.1"},
-                 {"port", port},
-                 {"ssl", false},
-                 {"username", user},
-                 {"password", password}},
-                false))
+  JSON_Value entry = {{"host", "127.0.0.1"}, {"port", port}, {"ssl", false}};
+  entry["username"] = user;
+  entry["password"] = password;
+  if (!cvm.load(entry, false))
     std::abort();
   return cvm;
 }
@@ -95,11 +93,6 @@ void Digest_Peer::set(const std::string& path, Answer answer) {
 void Digest_Peer::answer_unsigned(Answer answer) {
   std::lock_guard<std::mutex> lock(mutex_);
   unsigned_answer_ = std::move(answer);
-}
-
-void Digest_Peer::expire_nonce() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  nonce_.clear();
 }
 
 Digest_Peer::Record Digest_Peer::seen() const {

@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -28,9 +28,24 @@ std::string md5_hex(const std::string& text);
 std::string encrypt_for_agent(const std::string& plain);
 // A loopback port that nothing listens on (bound, read back and released).
 std::uint16_t free_port();
-JSON_Value json(const char* text);
+JSON_Value json(const std::string& text);
 // The captured lines without their time, process, priority and source.
 std::string messages(const Log_Capture& log);
+
+// Sets (or, with nullopt, removes) an environment variable for the life of the object.
+struct Scoped_Env {
+  Scoped_Env(const char* name, const std::optional<std::string>& value) : name(name) {
+    if (const char* old_value = std::getenv(name))
+      old = old_value;
+    apply(value);
+  }
+  ~Scoped_Env() { apply(old); }
+  void apply(const std::optional<std::string>& v) {
+    v ? setenv(name, v->c_str(), 1) : unsetenv(name);
+  }
+  const char* name;
+  std::optional<std::string> old;
+};
 
 namespace h3ccas {
 
@@ -45,16 +60,11 @@ class Test_Client : public RESTful_Client {
   using RESTful_Client::build_auth_header;
   std::time_t clock = 1700000000;
   int sleeps = 0;
-  std::function<void(int)> on_sleep;  // at each pause between polls, with the count so far
+  std::function<void(int)> on_sleep = [](int) {};  // at each pause, with the count so far
 
  protected:
   std::time_t now() const override { return clock; }
-  void sleep_between_polls() override {
-    if (on_sleep)
-      on_sleep(++sleeps);
-    else
-      ++sleeps;
-  }
+  void sleep_between_polls() override { on_sleep(++sleeps); }
 };
 
 }  // namespace h3ccas
@@ -74,13 +84,11 @@ class Digest_Peer {
     std::map<std::string, std::string> auth;
   };
   struct Record {
-    int challenges = 0;  // requests without credentials
-    int refusals = 0;    // signed requests answered 401
+    int challenges = 0, refusals = 0;  // requests without credentials; signed ones answered 401
     std::vector<Signed_Request> accepted;
   };
   static const char* const realm;
   static Answer json(std::string body, int status = 200);
-
   Digest_Peer();
   ~Digest_Peer() { server_.stop(); }
   bool start();
@@ -90,8 +98,6 @@ class Digest_Peer {
   void set(const std::string& path, Answer answer);
   // What requests without credentials get instead of a challenge.
   void answer_unsigned(Answer answer);
-  // The next signed request is refused as if its nonce had expired.
-  void expire_nonce();
   Record seen() const;
   // Targets of the accepted requests from the `from`th on.
   std::vector<std::string> targets(std::size_t from = 0) const;
@@ -99,7 +105,6 @@ class Digest_Peer {
  private:
   void handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp);
   bool verify(const HTTP_Server_Request& req, const std::map<std::string, std::string>& auth);
-
   HTTP_Server server_;
   mutable std::mutex mutex_;
   std::map<std::string, Answer> answers_;
@@ -107,6 +112,13 @@ class Digest_Peer {
   std::string nonce_;
   long last_nc_ = 0;
   Record seen_;
+};
+
+// A JSON-RPC handler whose object handling a test calls directly.
+template <class Handler>
+struct Exposed : Handler {
+  using Handler::handle_object_i;
+  using Handler::Handler;
 };
 
 // The messages a JSON-RPC handler sends, as JSON.
