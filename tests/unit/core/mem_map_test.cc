@@ -145,17 +145,15 @@ TEST_F(Mem_Map_Test, RefusedOpensLogOnceAndLeaveTheHandleClosed) {
     const char* basename;
     bool create;
     std::string message;
-  } cases[] = {
-      {nullptr, "rec", true, "id is NULL or \"\":\n"},
-      {"", "rec", true, "id is NULL or \"\":\n"},
-      {"run", nullptr, true, "basename is NULL or \"\":\n"},
-      {"run", "", true, "basename is NULL or \"\":\n"},
-      {"..", "rec", true, "Invalid name '../rec' of a memory-mapped file.\n"},
-      {"run", "a/b", true, "Invalid name 'run/a/b' of a memory-mapped file.\n"},
-      {"run", "missing", false,
-       "Failed to memory map " + sample_dir("run") +
-           "/missing, errno=2, No such file or directory\n"},
-  };
+  } cases[] = {{nullptr, "rec", true, "id is NULL or \"\":\n"},
+               {"", "rec", true, "id is NULL or \"\":\n"},
+               {"run", nullptr, true, "basename is NULL or \"\":\n"},
+               {"run", "", true, "basename is NULL or \"\":\n"},
+               {"..", "rec", true, "Invalid name '../rec' of a memory-mapped file.\n"},
+               {"run", "a/b", true, "Invalid name 'run/a/b' of a memory-mapped file.\n"},
+               {"run", "missing", false,
+                "Failed to memory map " + sample_dir("run") +
+                    "/missing, errno=2, No such file or directory\n"}};
   for (const auto& c : cases) {
     Sample_Handle h;
     ASSERT_TRUE(h.open("prev", "rec", true, true, 0750));

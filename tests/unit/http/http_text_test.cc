@@ -30,8 +30,7 @@ TEST(Http_Text, ParseQueryStringReplacesTheMapOnlyOnSuccess) {
       {"&&flag&", {{"flag", ""}}},
       {"k%20y=v+w%26z&eq=a=b", {{"k y", "v w&z"}, {"eq", "a=b"}}},
       {"a=1&b=%zz", {{"stale", "entry"}}},
-      {"%=1", {{"stale", "entry"}}},
-  };
+      {"%=1", {{"stale", "entry"}}}};
   for (const auto& [in, expected] : good) {
     Map out = {{"stale", "entry"}};
     EXPECT_EQ(parse_query_string(in, out), !expected.count("stale")) << in;
@@ -69,8 +68,7 @@ TEST(Http_Text, MethodNamesAreCaseSensitiveAndHeadersAreNot) {
   // Fields that would split the message are refused.
   const std::pair<std::string, std::string> bad[] = {
       {"X", "v\r\nX-Injected: 1"}, {"X", "v\nX"}, {"X", std::string("v\0", 2)},
-      {"Bad:Name", "v"},           {"", "v"},     {std::string("X\0Key", 5), "v"},
-  };
+      {"Bad:Name", "v"},           {"", "v"},     {std::string("X\0Key", 5), "v"}};
   for (const auto& [name, value] : bad) {
     EXPECT_FALSE(h.put(name, value)) << name;
     h.add(name, value);

@@ -25,16 +25,14 @@ namespace {
 
 using Req = const HTTP_Server_Request&;
 using Res = HTTP_Server_Response&;
+using M = HTTP_Method;
 
 // Writes `request` on a plain TCP connection; returns what arrives until the server closes.
 std::string raw_exchange(std::uint16_t port, const std::string& request) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   timeval tv{20, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in addr{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
   std::string received;
   if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
       send(fd, request.data(), request.size(), MSG_NOSIGNAL) == ssize_t(request.size())) {
@@ -62,17 +60,17 @@ void echo(Req req, Res res) {
 }
 
 void add_routes(HTTP_Server& server) {
-  server.route_prefix(HTTP_Method::UNKNOWN, "/echo", echo);
-  server.route(HTTP_Method::GET, "/close", [](Req req, Res res) {
+  server.route_prefix(M::UNKNOWN, "/echo", echo);
+  server.route(M::GET, "/close", [](Req req, Res res) {
     echo(req, res);
     res.headers.put("Connection", "close");
   });
-  server.route(HTTP_Method::GET, "/text", [](Req, Res res) {
+  server.route(M::GET, "/text", [](Req, Res res) {
     res.body = "plain words";
     res.headers.put("Content-Type", "text/plain");
   });
-  server.route(HTTP_Method::DELETE, "/empty", [](Req, Res res) { res.status = 204; });
-  server.route(HTTP_Method::UNKNOWN, "/keyed", [](Req req, Res res) {
+  server.route(M::DELETE, "/empty", [](Req, Res res) { res.status = 204; });
+  server.route(M::UNKNOWN, "/keyed", [](Req req, Res res) {
     const std::string* key = req.headers.get("X-Access-Key");
     if (!key || *key != "k-123")
       return res.error(401, "unknown access key");
@@ -118,24 +116,25 @@ class Http_Transport : public ::testing::Test {
   }
   // The echoed JSON of a GET (null when no answer).
   JSON_Value get(HTTP_Session& s, const std::string& path) {
-    HTTP_Response resp;
-    if (!s.send(HTTP_Request(HTTP_Method::GET, path), nullptr, resp))
-      return nullptr;
-    return JSON_Value::parse(resp.body(), nullptr, false);
+    return send(s, M::GET, path) > 0 ? JSON_Value::parse(resp_.body(), nullptr, false) : nullptr;
   }
+  // The status of the answer, left in resp_; -1 when the send fails.
+  int send(HTTP_Session& s, M method, const std::string& path, const std::string* body = nullptr) {
+    return s.send(HTTP_Request(method, path), body, resp_) ? resp_.status() : -1;
+  }
+  HTTP_Response resp_;
 
   HTTP_Server server_;
 };
 
-TEST_F(Http_Transport, RoundTripsEveryMethodOnOneKeptConnection) {
+TEST_F(Http_Transport, RoundTripsEveryMethodOnAKeptConnectionAndCurlWaitsForTheGoAhead) {
   start();
   JSON_HTTP_Session json(session(), 1, 30);
   const JSON_Value payload = {{"n", 1}, {"s", "caf\xc3\xa9"}};
   std::set<JSON_Value> remotes;
-  for (HTTP_Method method :
-       {HTTP_Method::GET, HTTP_Method::POST, HTTP_Method::PUT, HTTP_Method::DELETE}) {
+  for (HTTP_Method method : {M::GET, M::POST, M::PUT, M::DELETE}) {
     SCOPED_TRACE(http_method_string(method));
-    const bool with_body = method == HTTP_Method::POST || method == HTTP_Method::PUT;
+    const bool with_body = method == M::POST || method == M::PUT;
     HTTP_Request req(method, "/echo/caf%C3%A9+x%2Fy");
     HTTP_Query_String_Builder(req.query()).append("name", "a b&c=d").append("flag", true);
     HTTP_Response resp;
@@ -154,13 +153,26 @@ TEST_F(Http_Transport, RoundTripsEveryMethodOnOneKeptConnection) {
     remotes.insert(out["remote"]);
   }
   // HEAD tells the length without a body, and the connection stays in step.
-  HTTP_Response resp;
-  ASSERT_TRUE(json.session().send(HTTP_Request(HTTP_Method::HEAD, "/echo"), nullptr, resp));
-  EXPECT_EQ(resp.status(), 200);
-  EXPECT_TRUE(resp.body().empty());
-  EXPECT_GT(std::atoi(field(resp, "Content-Length").c_str()), 0);
+  EXPECT_EQ(send(json.session(), M::HEAD, "/echo"), 200);
+  EXPECT_TRUE(resp_.body().empty());
+  EXPECT_GT(std::atoi(field(resp_, "Content-Length").c_str()), 0);
   remotes.insert(get(json.session(), "/echo/after")["remote"]);
   EXPECT_EQ(remotes.size(), 1u);
+
+  const std::string base = "http://127.0.0.1:" + std::to_string(server_.port());
+  // curl sends no body before the 100 Continue.
+  Run_Result r = curl({"-v", "--expect100-timeout", "30", "-w", "\n", "-X", "PUT", "-H",
+                       "Expect: 100-continue", "-H", "Content-Type: application/json",
+                       "--data-binary", "{\"x\":1}", base + "/echo/one", base + "/echo/two"});
+  ASSERT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_NE(r.err.find("< HTTP/1.1 100 Continue"), std::string::npos) << r.err;
+  const std::size_t end = r.out.find('\n');
+  JSON_Value one = JSON_Value::parse(r.out.substr(0, end), nullptr, false);
+  JSON_Value two = JSON_Value::parse(r.out.substr(end + 1), nullptr, false);
+  ASSERT_TRUE(one.is_object() && two.is_object()) << r.out;
+  EXPECT_EQ(one["body"], "{\"x\":1}");
+  EXPECT_EQ(two["path"], "/echo/two");
+  EXPECT_EQ(one["remote"], two["remote"]);
 }
 
 TEST_F(Http_Transport, SessionReconnectsSilentlyWhenTheServerEndedTheConnection) {
@@ -193,8 +205,7 @@ TEST_F(Http_Transport, BadRequestsGetTheirErrorAndTheServerGoesOn) {
       {"GET /echo/a%zz HTTP/1.1\r\n\r\n", "400 Bad Request"},
       {"GET /echo?q=%4 HTTP/1.1\r\n\r\n", "400 Bad Request"},
       {"GET echo HTTP/1.1\r\n\r\n", "400 Bad Request"},
-      {"POST /echo HTTP/1.1\r\nContent-Length: 1025\r\n\r\n", "413 Payload Too Large"},
-  };
+      {"POST /echo HTTP/1.1\r\nContent-Length: 1025\r\n\r\n", "413 Payload Too Large"}};
   for (const auto& [request, status] : cases) {
     // The server answers and closes.
     const std::string answer = raw_exchange(server_.port(), request);
@@ -206,52 +217,40 @@ TEST_F(Http_Transport, BadRequestsGetTheirErrorAndTheServerGoesOn) {
   // A body far larger than what the server reads before it answers: the answer must not be lost
   // to a reset. Then one that just fits.
   auto s = session();
-  const HTTP_Request req(HTTP_Method::POST, "/echo/upload");
   const std::string huge(1 << 20, 'b'), fits(1024, 'f');
-  HTTP_Response resp;
-  ASSERT_TRUE(s->send(req, &huge, resp));
-  EXPECT_EQ(resp.status(), 413);
-  ASSERT_TRUE(s->send(req, &fits, resp));
-  EXPECT_EQ(resp.status(), 200);
+  EXPECT_EQ(send(*s, M::POST, "/echo/upload", &huge), 413);
+  EXPECT_EQ(send(*s, M::POST, "/echo/upload", &fits), 200);
 }
 
 TEST_F(Http_Transport, RoutesPreferExactThenLongestPrefixThenMethod) {
   auto named = [](const char* name) {
     return [name](Req, Res res) { res.json({{"route", name}}); };
   };
-  server_.route_prefix(HTTP_Method::UNKNOWN, "/files", named("files*"));
-  server_.route_prefix(HTTP_Method::GET, "/files/deep", named("deep* GET"));
-  server_.route_prefix(HTTP_Method::UNKNOWN, "/files/deep", named("deep*"));
-  server_.route(HTTP_Method::UNKNOWN, "/files/deep/exact", named("exact"));
-  server_.route(HTTP_Method::POST, "/only-post", named("only-post"));
-  server_.route(HTTP_Method::GET, "/throw",
+  server_.route_prefix(M::UNKNOWN, "/files", named("files*"));
+  server_.route_prefix(M::GET, "/files/deep", named("deep* GET"));
+  server_.route_prefix(M::UNKNOWN, "/files/deep", named("deep*"));
+  server_.route(M::UNKNOWN, "/files/deep/exact", named("exact"));
+  server_.route(M::POST, "/only-post", named("only-post"));
+  server_.route(M::GET, "/throw",
                 [](Req, Res) -> void { throw std::runtime_error("disk on fire"); });
   start();
   Log_Capture log;
-  const struct {
-    HTTP_Method method;
-    const char* path;
-    int status;
-    const char* text;  // the route, or the error
-  } cases[] = {
-      {HTTP_Method::GET, "/throw", 500, "internal error"},
-      {HTTP_Method::GET, "/files/deep/exact", 200, "exact"},
-      {HTTP_Method::GET, "/files/deep/exact/more", 200, "deep* GET"},
-      {HTTP_Method::PUT, "/files/deep/x", 200, "deep*"},
-      {HTTP_Method::GET, "/files/other", 200, "files*"},
-      {HTTP_Method::POST, "/only-post", 200, "only-post"},
-      {HTTP_Method::GET, "/only-post", 404, "not found"},
-      {HTTP_Method::GET, "/nowhere", 404, "not found"},
-  };
+  // Method, path, status and the route or the error.
+  const std::tuple<M, const char*, int, const char*> cases[] = {
+      {M::GET, "/throw", 500, "internal error"},
+      {M::GET, "/files/deep/exact", 200, "exact"},
+      {M::GET, "/files/deep/exact/more", 200, "deep* GET"},
+      {M::PUT, "/files/deep/x", 200, "deep*"},
+      {M::GET, "/files/other", 200, "files*"},
+      {M::POST, "/only-post", 200, "only-post"},
+      {M::GET, "/only-post", 404, "not found"},
+      {M::GET, "/nowhere", 404, "not found"}};
   auto s = session();
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.path);
-    HTTP_Response resp;
-    ASSERT_TRUE(s->send(HTTP_Request(c.method, c.path), nullptr, resp));
-    EXPECT_EQ(resp.status(), c.status);
-    EXPECT_EQ(JSON_Value::parse(resp.body(), nullptr, false),
-              JSON_Value({{c.status == 200 ? "route" : "error", c.text}}));
-    EXPECT_EQ(field(resp, "Content-Type"), "application/json");
+  for (const auto& [method, path, status, text] : cases) {
+    EXPECT_EQ(send(*s, method, path), status) << path;
+    EXPECT_EQ(JSON_Value::parse(resp_.body(), nullptr, false),
+              JSON_Value({{status == 200 ? "route" : "error", text}}));
+    EXPECT_EQ(field(resp_, "Content-Type"), "application/json");
   }
   EXPECT_EQ(log.count(), 1u) << log.text();
   EXPECT_TRUE(log.contains("'GET /throw' failed: disk on fire")) << log.text();
@@ -278,14 +277,14 @@ TEST_F(Http_Transport, TlsServesCurlAndTheClientButNoPlainTextOrUnverifiedPeer) 
   const JSON_Value payload = {{"x", 1}};
   HTTP_Response resp;
   JSON_Value out;
-  ASSERT_TRUE(json.post(HTTP_Request(HTTP_Method::POST, "/echo/tls"), &payload, resp, &out));
+  ASSERT_TRUE(json.post(HTTP_Request(M::POST, "/echo/tls"), &payload, resp, &out));
   EXPECT_EQ(out["tls"], true);
   EXPECT_EQ(out["body"], payload.dump());
 
   Log_Capture log;
   auto strict = session(true, true);
   ASSERT_TRUE(strict);
-  EXPECT_FALSE(strict->send(HTTP_Request(HTTP_Method::GET, "/echo"), nullptr, resp));
+  EXPECT_FALSE(strict->send(HTTP_Request(M::GET, "/echo"), nullptr, resp));
   EXPECT_EQ(resp.status(), 0);
   // Half the files, or files that are not there, refuse to start.
   HTTP_Server other;
@@ -299,35 +298,15 @@ TEST_F(Http_Transport, TlsServesCurlAndTheClientButNoPlainTextOrUnverifiedPeer) 
   EXPECT_TRUE(log.contains("TLS handshake with '127.0.0.1:")) << log.text();
 }
 
-TEST_F(Http_Transport, CurlKeepsItsConnectionAndGetsTheGoAheadForItsBody) {
-  start();
-  const std::string base = "http://127.0.0.1:" + std::to_string(server_.port());
-  // curl sends no body before the 100 Continue.
-  Run_Result r = curl({"-v", "--expect100-timeout", "30", "-w", "\n", "-X", "PUT", "-H",
-                       "Expect: 100-continue", "-H", "Content-Type: application/json",
-                       "--data-binary", "{\"x\":1}", base + "/echo/one", base + "/echo/two"});
-  ASSERT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_NE(r.err.find("< HTTP/1.1 100 Continue"), std::string::npos) << r.err;
-  const std::size_t end = r.out.find('\n');
-  JSON_Value one = JSON_Value::parse(r.out.substr(0, end), nullptr, false);
-  JSON_Value two = JSON_Value::parse(r.out.substr(end + 1), nullptr, false);
-  ASSERT_TRUE(one.is_object() && two.is_object()) << r.out;
-  EXPECT_EQ(one["body"], "{\"x\":1}");
-  EXPECT_EQ(two["path"], "/echo/two");
-  EXPECT_EQ(one["remote"], two["remote"]);
-}
-
 TEST_F(Http_Transport, ClientFailuresGiveStatusZeroAndLogNoSecret) {
   start();
   auto s = session(false, false, 100);
-  HTTP_Response resp;
   for (const char* path : {"/echo x", "/echo\r\nX-Injected: 1", "echo", ""})
-    EXPECT_FALSE(s->send(HTTP_Request(HTTP_Method::GET, path), nullptr, resp)) << path;
+    EXPECT_EQ(send(*s, M::GET, path), -1) << path;
   // An answer above the limit, then a fresh connection.
-  EXPECT_FALSE(s->send(HTTP_Request(HTTP_Method::GET, "/echo/too-large"), nullptr, resp));
-  EXPECT_EQ(resp.status(), 0);
-  ASSERT_TRUE(s->send(HTTP_Request(HTTP_Method::DELETE, "/empty"), nullptr, resp));
-  EXPECT_EQ(resp.status(), 204);
+  EXPECT_EQ(send(*s, M::GET, "/echo/too-large"), -1);
+  EXPECT_EQ(resp_.status(), 0);
+  EXPECT_EQ(send(*s, M::DELETE, "/empty"), 204);
 
   // No server any more: only requests that may be repeated are sent again (one line per send).
   const std::string port = std::to_string(server_.port());
@@ -335,14 +314,13 @@ TEST_F(Http_Transport, ClientFailuresGiveStatusZeroAndLogNoSecret) {
   server_.stop();  // idempotent
   s->headers().put("Authorization", "Basic c2VjcmV0");
   const JSON_Value secret = {{"password", "hunter2"}};
-  for (HTTP_Method method :
-       {HTTP_Method::GET, HTTP_Method::PUT, HTTP_Method::DELETE, HTTP_Method::POST}) {
+  for (HTTP_Method method : {M::GET, M::PUT, M::DELETE, M::POST}) {
     SCOPED_TRACE(http_method_string(method));
     Log_Capture log;
     JSON_HTTP_Session json(s, 3, 30);
-    EXPECT_FALSE(json.send(HTTP_Request(method, "/echo"), &secret, resp, nullptr));
-    EXPECT_EQ(resp.status(), 0);
-    EXPECT_EQ(log.count(), method == HTTP_Method::POST ? 1u : 3u) << log.text();
+    EXPECT_FALSE(json.send(HTTP_Request(method, "/echo"), &secret, resp_, nullptr));
+    EXPECT_EQ(resp_.status(), 0);
+    EXPECT_EQ(log.count(), method == M::POST ? 1u : 3u) << log.text();
     EXPECT_TRUE(log.contains("Failed to connect to '127.0.0.1:" + port + "'"));
     EXPECT_FALSE(log.contains("c2VjcmV0") || log.contains("hunter2")) << log.text();
   }
@@ -351,20 +329,18 @@ TEST_F(Http_Transport, ClientFailuresGiveStatusZeroAndLogNoSecret) {
 TEST_F(Http_Transport, SilentServerTimesOutBothBounds) {
   std::promise<void> release;
   std::shared_future<void> released = release.get_future().share();
-  server_.route(HTTP_Method::GET, "/wait",
+  server_.route(M::GET, "/wait",
                 [released](Req, Res) { released.wait_for(std::chrono::seconds(30)); });
   start();
   Log_Capture log;
   // The session's own I/O time-out.
-  HTTP_Response resp;
-  EXPECT_FALSE(
-      session(false, false, 0, 1)->send(HTTP_Request(HTTP_Method::GET, "/wait"), nullptr, resp));
-  EXPECT_EQ(resp.status(), 0);
+  EXPECT_EQ(send(*session(false, false, 0, 1), M::GET, "/wait"), -1);
+  EXPECT_EQ(resp_.status(), 0);
   // The JSON layer's limit for the whole request, through a wrapper over a session that would
   // wait longer; a timed out GET is not sent again once that limit has passed.
   JSON_HTTP_Session json(std::make_shared<HTTP_Session_Wrapper>(session(false, false, 0, 60)), 3,
                          1);
-  EXPECT_FALSE(json.get(HTTP_Request(HTTP_Method::GET, "/wait"), resp, nullptr));
+  EXPECT_FALSE(json.get(HTTP_Request(M::GET, "/wait"), resp_, nullptr));
   release.set_value();
   EXPECT_EQ(log.count(), 2u) << log.text();
   EXPECT_TRUE(log.contains("timeout")) << log.text();
@@ -383,31 +359,31 @@ TEST_F(Http_Transport, RestfulClientOverABrokenSessionRetriesOnlyWhatMayBeRepeat
   JSON_Value out;
   const JSON_Value body = {{"k", "v"}};
   // Send 1 breaks; the PUT goes again on send 2.
-  ASSERT_TRUE(rest.put(HTTP_Request(HTTP_Method::PUT, "/keyed"), &body, resp, &out));
+  ASSERT_TRUE(rest.put(HTTP_Request(M::PUT, "/keyed"), &body, resp, &out));
   EXPECT_EQ(out["body"], body.dump());
   EXPECT_EQ(broken->sends, 2);
   // Send 3 breaks; a POST is not sent again.
-  EXPECT_FALSE(rest.post(HTTP_Request(HTTP_Method::POST, "/keyed"), &body, resp, &out));
+  EXPECT_FALSE(rest.post(HTTP_Request(M::POST, "/keyed"), &body, resp, &out));
   EXPECT_EQ(resp.status(), 0);
   EXPECT_TRUE(out.is_null());
   EXPECT_EQ(broken->sends, 3);
   EXPECT_EQ(log.count(), 2u) << log.text();
   // The request's own field wins over the session's.
-  HTTP_Request own(HTTP_Method::GET, "/keyed");
+  HTTP_Request own(M::GET, "/keyed");
   own.headers().put("X-Access-Key", "other");
   EXPECT_FALSE(rest.get(own, resp, &out));
   EXPECT_EQ(resp.status(), 401);
   // Not 2xx: false, status and headers kept, nothing logged (the caller reports it).
-  EXPECT_FALSE(rest.post(HTTP_Request(HTTP_Method::POST, "/missing"), &body, resp, &out));
+  EXPECT_FALSE(rest.post(HTTP_Request(M::POST, "/missing"), &body, resp, &out));
   EXPECT_EQ(resp.status(), 404);
   EXPECT_EQ(field(resp, "Content-Type"), "application/json");
-  EXPECT_TRUE(rest.del(HTTP_Request(HTTP_Method::DELETE, "/empty"), resp, nullptr));
+  EXPECT_TRUE(rest.del(HTTP_Request(M::DELETE, "/empty"), resp, nullptr));
   EXPECT_EQ(log.count(), 2u) << log.text();
   // 2xx but not JSON: the JSON session gives null, the REST client false after one line.
   out = "stale";
-  ASSERT_TRUE(json->get(HTTP_Request(HTTP_Method::GET, "/text"), resp, &out));
+  ASSERT_TRUE(json->get(HTTP_Request(M::GET, "/text"), resp, &out));
   EXPECT_TRUE(out.is_null());
-  EXPECT_FALSE(rest.get(HTTP_Request(HTTP_Method::GET, "/text"), resp, nullptr));
+  EXPECT_FALSE(rest.get(HTTP_Request(M::GET, "/text"), resp, nullptr));
   EXPECT_EQ(resp.status(), 200);
   EXPECT_EQ(log.count(), 3u) << log.text();
   EXPECT_TRUE(log.contains("The answer to 'GET /text' from '127.0.0.1:")) << log.text();
@@ -426,7 +402,7 @@ TEST_F(Http_Transport, UpstreamClientServesConcurrentCallersAndLogsFailuresWitho
     threads.emplace_back([&, t] {
       for (int i = 0; i < 20; ++i) {
         const std::string id = std::to_string(t) + "-" + std::to_string(i);
-        HTTP_Request req(HTTP_Method::POST, "/keyed");
+        HTTP_Request req(M::POST, "/keyed");
         HTTP_Query_String_Builder(req.query()).append("id", id);
         const JSON_Value body = {{"id", id}};
         JSON_Value out;
@@ -441,7 +417,7 @@ TEST_F(Http_Transport, UpstreamClientServesConcurrentCallersAndLogsFailuresWitho
 
   up.configure("127.0.0.1", server_.port(), false, "wrong-key-456");
   Log_Capture log;
-  HTTP_Request req(HTTP_Method::DELETE, "/keyed");
+  HTTP_Request req(M::DELETE, "/keyed");
   HTTP_Query_String_Builder(req.query()).append("uuid", "u-1");
   JSON_Value out;
   EXPECT_FALSE(up.del(req, out));
@@ -460,8 +436,8 @@ TEST(Http_Ready_File, WritesAnObjectOnly) {
   Temp_Dir dir;
   const JSON_Value ready = {{"host", "127.0.0.1"}, {"port", 8443}, {"jsonrpc_port", 9000}};
   std::string text;
-  ASSERT_TRUE(write_ready_file(dir.file("ready.json"), ready));
-  ASSERT_TRUE(read_file(dir.file("ready.json"), text));
+  ASSERT_TRUE(write_ready_file(dir.file("ready.json"), ready) &&
+              read_file(dir.file("ready.json"), text));
   EXPECT_EQ(JSON_Value::parse(text), ready);
   EXPECT_FALSE(write_ready_file(dir.file("list.json"), JSON_Value::array({1, 2})));
 }

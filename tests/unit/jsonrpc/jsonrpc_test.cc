@@ -27,8 +27,7 @@ TEST(JSON_RPC, ParsesRequestsAndResponsesAndRefusesTheRest) {
       {R"({"jsonrpc":"2.0","result":1,"error":{"code":1},"id":1})", false, false},
       {R"({"jsonrpc":"2.0","error":{"message":"no code"},"id":1})", false, false},
       {R"([{"jsonrpc":"2.0","method":"m","id":1}])", false, false},
-      {R"("just a string")", false, false},
-  };
+      {R"("just a string")", false, false}};
   for (const auto& c : cases) {
     int code = 0;
     std::string message;

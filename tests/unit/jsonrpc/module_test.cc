@@ -32,8 +32,7 @@ TEST(Module, RefusesBadManifestsAndMissingFactoriesWithOneLine) {
       {head + R"(,"jsonrpc":{"m.say":"Nope"}})", "Module 'm' does not export '_make_Nope'."},
       {head + R"(,"instance_handler":"Gone"})", "Module 'm' does not export '_make_Gone'."},
       {R"({"name":"m","library":"libnothere.so"})",
-       "Failed to load module library '" + dir.path() + "/libnothere.so'"},
-  };
+       "Failed to load module library '" + dir.path() + "/libnothere.so'"}};
   for (const auto& [text, message] : bad) {
     write_text_file(dir.file("m.json"), text);
     Log_Capture log;

@@ -130,8 +130,7 @@ TEST_F(Digest_Test, RefusesWhatDoesNotMatchTheRequestOrTheServer) {
       {", qop=", ", algorithm=MD5, qop=", Digest_Verdict::OK},
       {"nc=00000001", "nc=00000000", Digest_Verdict::BAD_NC},
       {"nc=00000001", "nc=000000001", Digest_Verdict::BAD_NC},
-      {"nc=00000001", "nc=+0000001", Digest_Verdict::BAD_NC},
-  };
+      {"nc=00000001", "nc=+0000001", Digest_Verdict::BAD_NC}};
   for (const Case& c : cases) {
     Client client;
     client.nonce = nonce_of(verifier_.challenge(false));
