@@ -5,15 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <tuple>
 
 namespace {
 
 TEST(JSON_RPC, ParsesRequestsAndResponsesAndRefusesTheRest) {
-  const struct {
-    const char* text;
-    bool ok;
-    bool request;
-  } cases[] = {
+  // The text, whether it parses, whether as a request.
+  const std::tuple<const char*, bool, bool> cases[] = {
       {R"({"jsonrpc":"2.0","method":"m","params":{"a":1},"id":1})", true, true},
       {R"({"jsonrpc":"2.0","method":"m","params":[1],"id":"x"})", true, true},
       {R"({"jsonrpc":"2.0","method":"m"})", true, true},
@@ -28,18 +26,17 @@ TEST(JSON_RPC, ParsesRequestsAndResponsesAndRefusesTheRest) {
       {R"({"jsonrpc":"2.0","error":{"message":"no code"},"id":1})", false, false},
       {R"([{"jsonrpc":"2.0","method":"m","id":1}])", false, false},
       {R"("just a string")", false, false}};
-  for (const auto& c : cases) {
-    int code = 0;
-    std::string message;
-    auto obj = parse_json_rpc(JSON_Value::parse(c.text), code, message);
-    ASSERT_EQ(obj != nullptr, c.ok) << c.text;
-    // What we parse we write back the same way; what we refuse is an invalid request.
-    EXPECT_TRUE(obj ? obj->is_request() == c.request && obj->to_json() == JSON_Value::parse(c.text)
-                    : code == JSON_RPC_INVALID_REQUEST && !message.empty())
-        << c.text;
-  }
   int code = 0;
   std::string message;
+  for (const auto& [text, ok, request] : cases) {
+    auto obj = parse_json_rpc(JSON_Value::parse(text), code, message);
+    ASSERT_EQ(obj != nullptr, ok) << text;
+    // What we parse we write back the same way; what we refuse is an invalid request.
+    EXPECT_TRUE(obj ? obj->is_request() == request && obj->to_json() == JSON_Value::parse(text)
+                    : code == JSON_RPC_INVALID_REQUEST && !message.empty())
+        << text;
+    code = 0, message.clear();
+  }
   auto notification =
       parse_json_rpc(JSON_Value::parse(R"({"jsonrpc":"2.0","method":"m"})"), code, message);
   EXPECT_TRUE(static_cast<JSON_RPC_Request&>(*notification).is_notification());
@@ -88,11 +85,8 @@ TEST(JSON_RPC_Over_HTTP, AnswersRequestsAndErrorsWithTheirCodes) {
   };
   const JSON_Value sum = {{"jsonrpc", "2.0"}, {"result", {{"sum", 3}}}, {"id", 9}};
   const std::string good = R"({"jsonrpc":"2.0","method":"sum","params":{"a":1,"b":2},"id":9})";
-  const struct {
-    std::string path, key, body;
-    int status;
-    JSON_Value answer;
-  } cases[] = {
+  // Path, access key, body, status and answer.
+  const std::tuple<std::string, std::string, std::string, int, JSON_Value> cases[] = {
       {"/jsonrpc", "", good, 200, sum},
       {"/jsonrpc", "", R"({"jsonrpc":"2.0","method":"sum","params":{"a":2},"id":"q"})", 200,
        error(JSON_RPC_INVALID_PARAMS, "Need 'a' and 'b'.", "q")},
@@ -111,17 +105,17 @@ TEST(JSON_RPC_Over_HTTP, AnswersRequestsAndErrorsWithTheirCodes) {
       {"/guarded", "k1", good, 200, sum},
       {"/jsonrpc", "", good, 200, sum},  // still serving after all that
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.body);
+  for (const auto& [path, key, body, status, answer] : cases) {
+    SCOPED_TRACE(body);
     auto session = HTTP_Session_Factory::create("127.0.0.1", server.port(), false);
-    HTTP_Request req(HTTP_Method::POST, c.path);
-    if (!c.key.empty())
-      req.headers().put("X-Access-Key", c.key);
+    HTTP_Request req(HTTP_Method::POST, path);
+    if (!key.empty())
+      req.headers().put("X-Access-Key", key);
     HTTP_Response resp;
-    ASSERT_TRUE(session->send(req, &c.body, resp));
-    EXPECT_EQ(resp.status(), c.status);
+    ASSERT_TRUE(session->send(req, &body, resp));
+    EXPECT_EQ(resp.status(), status);
     EXPECT_EQ(resp.body().empty() ? JSON_Value() : JSON_Value::parse(resp.body(), nullptr, false),
-              c.answer);
+              answer);
   }
   release.set_value();
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -48,8 +49,7 @@ class Digest_Test : public ::testing::Test {
 
   std::int64_t now_ = 1000;
   cas_sim::Digest_Verifier::Password_Lookup lookup_ = [](const std::string& u, std::string& p) {
-    p = u == "admin" ? "secret" : "other";
-    return u == "admin" || u == "auditor";
+    return (p = u == "admin" ? "secret" : "other", u == "admin" || u == "auditor");
   };
   cas_sim::Digest_Verifier verifier_{kRealm, 300, [this] { return now_; }};
   Client client_;
@@ -61,7 +61,7 @@ TEST(Digest, Rfc2617ExampleAndAuthorizationHeaders) {
                                      "/dir/index.html", "dcd98b7102dd2f0e8b11d0f600bfb0c093",
                                      "00000001", "0a4f113b"),
             "6629fae49393a05397450978507c4ef1");
-  std::map<std::string, std::string> params;
+  std::map<std::string, std::string> params;  // names folded to lower case, quotes undone
   ASSERT_TRUE(cas_sim::parse_digest_authorization(
       "  digest  Realm=\"a, b\",cnonce=\"x\\\"y\", nc=00000001", params));
   EXPECT_EQ(params, (std::map<std::string, std::string>{
@@ -81,9 +81,7 @@ TEST_F(Digest_Test, CountsRequestsInDecimalAndRefusesReplays) {
   for (const char* old : {"00000012", "00000003"})
     EXPECT_TRUE(verify(client_.header(old)) == Digest_Verdict::REPLAYED_NC && user_.empty()) << old;
   // A refused request, here with a wrong password, does not advance the counter.
-  Client intruder = client_;
-  intruder.password = "guess";
-  intruder.nc = 40;
+  Client intruder{"guess", client_.nonce, 40};
   EXPECT_EQ(verify(intruder.header()), Digest_Verdict::WRONG_RESPONSE);
   EXPECT_EQ(next(), Digest_Verdict::OK);
 }
@@ -94,7 +92,7 @@ TEST_F(Digest_Test, NoncesGoStaleAfterTheirLifetimeAndAreForgottenLater) {
   now_ += 1;
   EXPECT_EQ(next(), Digest_Verdict::STALE_NONCE);
   EXPECT_EQ(verifier_.challenge(false).find("stale"), std::string::npos);
-  std::string fresh = verifier_.challenge(true);  // a fresh nonce starts a new lifetime
+  const std::string fresh = verifier_.challenge(true);  // a fresh nonce starts a new lifetime
   EXPECT_NE(fresh.find(", stale=true"), std::string::npos) << fresh;
   client_.nonce = nonce_of(fresh);
   EXPECT_EQ(next(), Digest_Verdict::OK);
@@ -112,13 +110,8 @@ TEST_F(Digest_Test, NoncesGoStaleAfterTheirLifetimeAndAreForgottenLater) {
 }
 
 TEST_F(Digest_Test, RefusesWhatDoesNotMatchTheRequestOrTheServer) {
-  // Edits of a correctly signed header.
-  struct Case {
-    const char* from;
-    const char* to;
-    Digest_Verdict verdict;
-  };
-  const Case cases[] = {
+  // Edits of a correctly signed header: from, to, verdict.
+  const std::tuple<const char*, const char*, Digest_Verdict> cases[] = {
       {"?hostId=1\", response", "\", response", Digest_Verdict::WRONG_URI},  // the path alone
       {"username=\"admin\"", "username=\"auditor\"", Digest_Verdict::WRONG_RESPONSE},
       {"username=\"admin\"", "username=\"root\"", Digest_Verdict::UNKNOWN_USER},
@@ -131,12 +124,10 @@ TEST_F(Digest_Test, RefusesWhatDoesNotMatchTheRequestOrTheServer) {
       {"nc=00000001", "nc=00000000", Digest_Verdict::BAD_NC},
       {"nc=00000001", "nc=000000001", Digest_Verdict::BAD_NC},
       {"nc=00000001", "nc=+0000001", Digest_Verdict::BAD_NC}};
-  for (const Case& c : cases) {
-    Client client;
-    client.nonce = nonce_of(verifier_.challenge(false));
+  for (const auto& [from, to, verdict] : cases) {
+    Client client{"secret", nonce_of(verifier_.challenge(false))};
     std::string header = client.header();
-    header.replace(header.find(c.from), strlen(c.from), c.to);
-    EXPECT_EQ(verify(header), c.verdict) << c.to;
+    EXPECT_EQ(verify(header.replace(header.find(from), strlen(from), to)), verdict) << to;
   }
   EXPECT_EQ(verify(client_.header(), "POST"), Digest_Verdict::WRONG_RESPONSE);
   EXPECT_EQ(verifier_.verify("GET", kTarget, nullptr, lookup_, user_), Digest_Verdict::MISSING);
