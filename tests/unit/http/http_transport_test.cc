@@ -20,6 +20,7 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 namespace {
 
@@ -50,13 +51,10 @@ void echo(Req req, Res res) {
   for (const auto& [k, v] : req.query)
     query[k] = v;
   const std::string* type = req.headers.get("content-type");
-  res.json({{"method", req.method_text},
-            {"path", req.path},
-            {"query", query},
-            {"body", req.body},
-            {"remote", req.remote},
-            {"tls", req.tls},
-            {"content_type", type ? *type : ""}});
+  JSON_Value out = {{"method", req.method_text}, {"path", req.path}, {"query", query}};
+  out.update({{"body", req.body}, {"remote", req.remote}, {"tls", req.tls}});
+  out["content_type"] = type ? *type : "";
+  res.json(out);
 }
 
 void add_routes(HTTP_Server& server) {
@@ -123,7 +121,6 @@ class Http_Transport : public ::testing::Test {
     return s.send(HTTP_Request(method, path), body, resp_) ? resp_.status() : -1;
   }
   HTTP_Response resp_;
-
   HTTP_Server server_;
 };
 
@@ -137,20 +134,18 @@ TEST_F(Http_Transport, RoundTripsEveryMethodOnAKeptConnectionAndCurlWaitsForTheG
     const bool with_body = method == M::POST || method == M::PUT;
     HTTP_Request req(method, "/echo/caf%C3%A9+x%2Fy");
     HTTP_Query_String_Builder(req.query()).append("name", "a b&c=d").append("flag", true);
-    HTTP_Response resp;
     JSON_Value out;
-    ASSERT_TRUE(json.send(req, with_body ? &payload : nullptr, resp, &out));
-    EXPECT_EQ(resp.status(), 200);
-    EXPECT_EQ(field(resp, "server"), "brimlet");
-    EXPECT_EQ(field(resp, "content-length"), std::to_string(resp.body().size()));
-    EXPECT_EQ(out, JSON_Value({{"method", http_method_string(method)},
-                               {"path", "/echo/caf\xc3\xa9+x/y"},
-                               {"query", {{"name", "a b&c=d"}, {"flag", "true"}}},
-                               {"body", with_body ? payload.dump() : ""},
-                               {"remote", out["remote"]},
-                               {"tls", false},
-                               {"content_type", with_body ? "application/json" : ""}}));
+    ASSERT_TRUE(json.send(req, with_body ? &payload : nullptr, resp_, &out));
+    EXPECT_EQ(resp_.status(), 200);
+    EXPECT_EQ(field(resp_, "server"), "brimlet");
+    EXPECT_EQ(field(resp_, "content-length"), std::to_string(resp_.body().size()));
     remotes.insert(out["remote"]);
+    out.erase("remote");
+    JSON_Value expected = {{"method", http_method_string(method)}, {"tls", false}};
+    expected.update({{"path", "/echo/caf\xc3\xa9+x/y"}, {"body", with_body ? payload.dump() : ""}});
+    expected["query"] = {{"name", "a b&c=d"}, {"flag", "true"}};
+    expected["content_type"] = with_body ? "application/json" : "";
+    EXPECT_EQ(out, expected);
   }
   // HEAD tells the length without a body, and the connection stays in step.
   EXPECT_EQ(send(json.session(), M::HEAD, "/echo"), 200);
@@ -160,7 +155,7 @@ TEST_F(Http_Transport, RoundTripsEveryMethodOnAKeptConnectionAndCurlWaitsForTheG
   EXPECT_EQ(remotes.size(), 1u);
 
   const std::string base = "http://127.0.0.1:" + std::to_string(server_.port());
-  // curl sends no body before the 100 Continue.
+  // curl sends no body before the 100 Continue, and keeps its connection.
   Run_Result r = curl({"-v", "--expect100-timeout", "30", "-w", "\n", "-X", "PUT", "-H",
                        "Expect: 100-continue", "-H", "Content-Type: application/json",
                        "--data-binary", "{\"x\":1}", base + "/echo/one", base + "/echo/two"});
@@ -170,9 +165,8 @@ TEST_F(Http_Transport, RoundTripsEveryMethodOnAKeptConnectionAndCurlWaitsForTheG
   JSON_Value one = JSON_Value::parse(r.out.substr(0, end), nullptr, false);
   JSON_Value two = JSON_Value::parse(r.out.substr(end + 1), nullptr, false);
   ASSERT_TRUE(one.is_object() && two.is_object()) << r.out;
-  EXPECT_EQ(one["body"], "{\"x\":1}");
-  EXPECT_EQ(two["path"], "/echo/two");
-  EXPECT_EQ(one["remote"], two["remote"]);
+  EXPECT_EQ(std::tuple(one["body"], two["path"], one["remote"]),
+            std::tuple("{\"x\":1}", "/echo/two", two["remote"]));
 }
 
 TEST_F(Http_Transport, SessionReconnectsSilentlyWhenTheServerEndedTheConnection) {
@@ -196,33 +190,7 @@ TEST_F(Http_Transport, SessionReconnectsSilentlyWhenTheServerEndedTheConnection)
   EXPECT_EQ(log.text(), "");
 }
 
-TEST_F(Http_Transport, BadRequestsGetTheirErrorAndTheServerGoesOn) {
-  HTTP_Server::Options options;
-  options.max_body_bytes = 1024;
-  start(options);
-  const std::pair<const char*, const char*> cases[] = {
-      {"GARBAGE\r\n\r\n", "400 Bad Request"},
-      {"GET /echo/a%zz HTTP/1.1\r\n\r\n", "400 Bad Request"},
-      {"GET /echo?q=%4 HTTP/1.1\r\n\r\n", "400 Bad Request"},
-      {"GET echo HTTP/1.1\r\n\r\n", "400 Bad Request"},
-      {"POST /echo HTTP/1.1\r\nContent-Length: 1025\r\n\r\n", "413 Payload Too Large"}};
-  for (const auto& [request, status] : cases) {
-    // The server answers and closes.
-    const std::string answer = raw_exchange(server_.port(), request);
-    EXPECT_EQ(answer.rfind(std::string("HTTP/1.1 ") + status + "\r\n", 0), 0u) << answer;
-    const char* error = status[1] == '0' ? "bad request" : "request too large";
-    EXPECT_NE(answer.find("{\"error\":\"" + std::string(error) + "\"}"), std::string::npos)
-        << answer;
-  }
-  // A body far larger than what the server reads before it answers: the answer must not be lost
-  // to a reset. Then one that just fits.
-  auto s = session();
-  const std::string huge(1 << 20, 'b'), fits(1024, 'f');
-  EXPECT_EQ(send(*s, M::POST, "/echo/upload", &huge), 413);
-  EXPECT_EQ(send(*s, M::POST, "/echo/upload", &fits), 200);
-}
-
-TEST_F(Http_Transport, RoutesPreferExactThenLongestPrefixThenMethod) {
+TEST_F(Http_Transport, RoutesBadRequestsAndSilentHandlers) {
   auto named = [](const char* name) {
     return [name](Req, Res res) { res.json({{"route", name}}); };
   };
@@ -233,9 +201,15 @@ TEST_F(Http_Transport, RoutesPreferExactThenLongestPrefixThenMethod) {
   server_.route(M::POST, "/only-post", named("only-post"));
   server_.route(M::GET, "/throw",
                 [](Req, Res) -> void { throw std::runtime_error("disk on fire"); });
-  start();
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  server_.route(M::GET, "/wait",
+                [released](Req, Res) { released.wait_for(std::chrono::seconds(30)); });
+  HTTP_Server::Options options;
+  options.max_body_bytes = 1024;
+  start(options);
   Log_Capture log;
-  // Method, path, status and the route or the error.
+  // Exact, then the longest prefix, then the method.
   const std::tuple<M, const char*, int, const char*> cases[] = {
       {M::GET, "/throw", 500, "internal error"},
       {M::GET, "/files/deep/exact", 200, "exact"},
@@ -254,6 +228,36 @@ TEST_F(Http_Transport, RoutesPreferExactThenLongestPrefixThenMethod) {
   }
   EXPECT_EQ(log.count(), 1u) << log.text();
   EXPECT_TRUE(log.contains("'GET /throw' failed: disk on fire")) << log.text();
+
+  const std::pair<const char*, const char*> bad[] = {
+      {"GARBAGE\r\n\r\n", "400 Bad Request"},
+      {"GET /echo/a%zz HTTP/1.1\r\n\r\n", "400 Bad Request"},
+      {"GET /echo?q=%4 HTTP/1.1\r\n\r\n", "400 Bad Request"},
+      {"GET echo HTTP/1.1\r\n\r\n", "400 Bad Request"},
+      {"POST /echo HTTP/1.1\r\nContent-Length: 1025\r\n\r\n", "413 Payload Too Large"}};
+  for (const auto& [request, status] : bad) {
+    // The server answers and closes.
+    const std::string answer = raw_exchange(server_.port(), request);
+    EXPECT_EQ(answer.rfind(std::string("HTTP/1.1 ") + status + "\r\n", 0), 0u) << answer;
+    const std::string error = status[1] == '0' ? "bad request" : "request too large";
+    EXPECT_NE(answer.find("{\"error\":\"" + error + "\"}"), std::string::npos) << answer;
+  }
+  // A body far larger than what the server reads before it answers: the answer must not be lost
+  // to a reset. Then one that just fits.
+  const std::string huge(1 << 20, 'b'), fits(1024, 'f');
+  EXPECT_EQ(send(*s, M::POST, "/echo/upload", &huge), 413);
+  EXPECT_EQ(send(*s, M::POST, "/echo/upload", &fits), 200);
+
+  // The session's own I/O time-out, then the JSON layer's limit for the whole request, through a
+  // wrapper over a session that would wait longer: a timed out GET is not sent again.
+  EXPECT_EQ(send(*session(false, false, 0, 1), M::GET, "/wait"), -1);
+  EXPECT_EQ(resp_.status(), 0);
+  JSON_HTTP_Session json(std::make_shared<HTTP_Session_Wrapper>(session(false, false, 0, 60)), 3,
+                         1);
+  EXPECT_FALSE(json.get(HTTP_Request(M::GET, "/wait"), resp_, nullptr));
+  release.set_value();
+  EXPECT_EQ(log.count(), 3u) << log.text();
+  EXPECT_NE(log.text().find("timeout"), log.text().rfind("timeout")) << log.text();
 }
 
 TEST_F(Http_Transport, TlsServesCurlAndTheClientButNoPlainTextOrUnverifiedPeer) {
@@ -275,17 +279,15 @@ TEST_F(Http_Transport, TlsServesCurlAndTheClientButNoPlainTextOrUnverifiedPeer) 
 
   JSON_HTTP_Session json(session(true), 1, 30);
   const JSON_Value payload = {{"x", 1}};
-  HTTP_Response resp;
   JSON_Value out;
-  ASSERT_TRUE(json.post(HTTP_Request(M::POST, "/echo/tls"), &payload, resp, &out));
-  EXPECT_EQ(out["tls"], true);
-  EXPECT_EQ(out["body"], payload.dump());
+  ASSERT_TRUE(json.post(HTTP_Request(M::POST, "/echo/tls"), &payload, resp_, &out));
+  EXPECT_EQ(std::tuple(out["tls"], out["body"]), std::tuple(true, payload.dump()));
 
   Log_Capture log;
   auto strict = session(true, true);
   ASSERT_TRUE(strict);
-  EXPECT_FALSE(strict->send(HTTP_Request(M::GET, "/echo"), nullptr, resp));
-  EXPECT_EQ(resp.status(), 0);
+  EXPECT_EQ(send(*strict, M::GET, "/echo"), -1);
+  EXPECT_EQ(resp_.status(), 0);
   // Half the files, or files that are not there, refuse to start.
   HTTP_Server other;
   options.tls_cert = "/nonexistent/cert.pem";
@@ -298,8 +300,44 @@ TEST_F(Http_Transport, TlsServesCurlAndTheClientButNoPlainTextOrUnverifiedPeer) 
   EXPECT_TRUE(log.contains("TLS handshake with '127.0.0.1:")) << log.text();
 }
 
-TEST_F(Http_Transport, ClientFailuresGiveStatusZeroAndLogNoSecret) {
+TEST_F(Http_Transport, ClientsRetryOnlyWhatMayBeRepeatedGiveStatusZeroAndLogNoSecret) {
   start();
+  auto broken = std::make_shared<Failing_Session>(session());
+  broken->failing = {1, 3};
+  broken->headers().put("X-Access-Key", "k-123");  // "/keyed" answers 401 without it
+  auto json = std::make_shared<JSON_HTTP_Session>(broken, 3, 30);
+  JSON_RESTful_Client rest;
+  rest.reset(json);
+  Log_Capture log;
+  HTTP_Response& resp = resp_;
+  JSON_Value out;
+  const JSON_Value body = {{"k", "v"}};
+  // Send 1 breaks; the PUT goes again on send 2.
+  ASSERT_TRUE(rest.put(HTTP_Request(M::PUT, "/keyed"), &body, resp, &out));
+  EXPECT_EQ(std::tuple(out["body"], broken->sends), std::tuple(body.dump(), 2));
+  // Send 3 breaks; a POST is not sent again.
+  EXPECT_FALSE(rest.post(HTTP_Request(M::POST, "/keyed"), &body, resp, &out));
+  EXPECT_EQ(std::tuple(resp.status(), out, broken->sends, log.count()),
+            std::tuple(0, JSON_Value(), 3, 2u));
+  // The request's own field wins over the session's.
+  HTTP_Request own(M::GET, "/keyed");
+  own.headers().put("X-Access-Key", "other");
+  EXPECT_FALSE(rest.get(own, resp, &out));
+  EXPECT_EQ(resp.status(), 401);
+  // Not 2xx: false, status and headers kept, nothing logged (the caller reports it).
+  EXPECT_FALSE(rest.post(HTTP_Request(M::POST, "/missing"), &body, resp, &out));
+  EXPECT_EQ(std::tuple(resp.status(), field(resp, "Content-Type")),
+            std::tuple(404, "application/json"));
+  EXPECT_TRUE(rest.del(HTTP_Request(M::DELETE, "/empty"), resp, nullptr));
+  EXPECT_EQ(log.count(), 2u) << log.text();
+  // 2xx but not JSON: the JSON session gives null, the REST client false after one line.
+  out = "stale";
+  ASSERT_TRUE(json->get(HTTP_Request(M::GET, "/text"), resp, &out));
+  EXPECT_TRUE(out.is_null());
+  EXPECT_FALSE(rest.get(HTTP_Request(M::GET, "/text"), resp, nullptr));
+  EXPECT_EQ(std::tuple(resp.status(), log.count()), std::tuple(200, 3u)) << log.text();
+  EXPECT_TRUE(log.contains("The answer to 'GET /text' from '127.0.0.1:")) << log.text();
+
   auto s = session(false, false, 100);
   for (const char* path : {"/echo x", "/echo\r\nX-Injected: 1", "echo", ""})
     EXPECT_EQ(send(*s, M::GET, path), -1) << path;
@@ -326,69 +364,6 @@ TEST_F(Http_Transport, ClientFailuresGiveStatusZeroAndLogNoSecret) {
   }
 }
 
-TEST_F(Http_Transport, SilentServerTimesOutBothBounds) {
-  std::promise<void> release;
-  std::shared_future<void> released = release.get_future().share();
-  server_.route(M::GET, "/wait",
-                [released](Req, Res) { released.wait_for(std::chrono::seconds(30)); });
-  start();
-  Log_Capture log;
-  // The session's own I/O time-out.
-  EXPECT_EQ(send(*session(false, false, 0, 1), M::GET, "/wait"), -1);
-  EXPECT_EQ(resp_.status(), 0);
-  // The JSON layer's limit for the whole request, through a wrapper over a session that would
-  // wait longer; a timed out GET is not sent again once that limit has passed.
-  JSON_HTTP_Session json(std::make_shared<HTTP_Session_Wrapper>(session(false, false, 0, 60)), 3,
-                         1);
-  EXPECT_FALSE(json.get(HTTP_Request(M::GET, "/wait"), resp_, nullptr));
-  release.set_value();
-  EXPECT_EQ(log.count(), 2u) << log.text();
-  EXPECT_TRUE(log.contains("timeout")) << log.text();
-}
-
-TEST_F(Http_Transport, RestfulClientOverABrokenSessionRetriesOnlyWhatMayBeRepeated) {
-  start();
-  auto broken = std::make_shared<Failing_Session>(session());
-  broken->failing = {1, 3};
-  broken->headers().put("X-Access-Key", "k-123");  // "/keyed" answers 401 without it
-  auto json = std::make_shared<JSON_HTTP_Session>(broken, 3, 30);
-  JSON_RESTful_Client rest;
-  rest.reset(json);
-  Log_Capture log;
-  HTTP_Response resp;
-  JSON_Value out;
-  const JSON_Value body = {{"k", "v"}};
-  // Send 1 breaks; the PUT goes again on send 2.
-  ASSERT_TRUE(rest.put(HTTP_Request(M::PUT, "/keyed"), &body, resp, &out));
-  EXPECT_EQ(out["body"], body.dump());
-  EXPECT_EQ(broken->sends, 2);
-  // Send 3 breaks; a POST is not sent again.
-  EXPECT_FALSE(rest.post(HTTP_Request(M::POST, "/keyed"), &body, resp, &out));
-  EXPECT_EQ(resp.status(), 0);
-  EXPECT_TRUE(out.is_null());
-  EXPECT_EQ(broken->sends, 3);
-  EXPECT_EQ(log.count(), 2u) << log.text();
-  // The request's own field wins over the session's.
-  HTTP_Request own(M::GET, "/keyed");
-  own.headers().put("X-Access-Key", "other");
-  EXPECT_FALSE(rest.get(own, resp, &out));
-  EXPECT_EQ(resp.status(), 401);
-  // Not 2xx: false, status and headers kept, nothing logged (the caller reports it).
-  EXPECT_FALSE(rest.post(HTTP_Request(M::POST, "/missing"), &body, resp, &out));
-  EXPECT_EQ(resp.status(), 404);
-  EXPECT_EQ(field(resp, "Content-Type"), "application/json");
-  EXPECT_TRUE(rest.del(HTTP_Request(M::DELETE, "/empty"), resp, nullptr));
-  EXPECT_EQ(log.count(), 2u) << log.text();
-  // 2xx but not JSON: the JSON session gives null, the REST client false after one line.
-  out = "stale";
-  ASSERT_TRUE(json->get(HTTP_Request(M::GET, "/text"), resp, &out));
-  EXPECT_TRUE(out.is_null());
-  EXPECT_FALSE(rest.get(HTTP_Request(M::GET, "/text"), resp, nullptr));
-  EXPECT_EQ(resp.status(), 200);
-  EXPECT_EQ(log.count(), 3u) << log.text();
-  EXPECT_TRUE(log.contains("The answer to 'GET /text' from '127.0.0.1:")) << log.text();
-}
-
 TEST_F(Http_Transport, UpstreamClientServesConcurrentCallersAndLogsFailuresWithoutTheKey) {
   HTTP_Server::Options options;
   options.threads = 4;
@@ -398,7 +373,7 @@ TEST_F(Http_Transport, UpstreamClientServesConcurrentCallersAndLogsFailuresWitho
   // Only the right key gets past "/keyed"; every caller must get its own answer.
   std::atomic<int> good{0};
   std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
+  for (int t = 0; t < 4; ++t)
     threads.emplace_back([&, t] {
       for (int i = 0; i < 20; ++i) {
         const std::string id = std::to_string(t) + "-" + std::to_string(i);
@@ -410,7 +385,6 @@ TEST_F(Http_Transport, UpstreamClientServesConcurrentCallersAndLogsFailuresWitho
           ++good;
       }
     });
-  }
   for (auto& t : threads)
     t.join();
   EXPECT_EQ(good, 80);
@@ -421,15 +395,12 @@ TEST_F(Http_Transport, UpstreamClientServesConcurrentCallersAndLogsFailuresWitho
   HTTP_Query_String_Builder(req.query()).append("uuid", "u-1");
   JSON_Value out;
   EXPECT_FALSE(up.del(req, out));
-  EXPECT_TRUE(out.is_null());
-  EXPECT_EQ(log.count(), 1u) << log.text();
+  EXPECT_EQ(std::tuple(out, log.count()), std::tuple(JSON_Value(), 1u)) << log.text();
   EXPECT_TRUE(log.contains("'DELETE /keyed?uuid=u-1' to the backup server failed (status 401)"));
   EXPECT_FALSE(log.contains("wrong-key-456")) << log.text();
   // send() counts every answer.
-  HTTP_Response resp;
-  EXPECT_TRUE(up.send(req, nullptr, resp, out));
-  EXPECT_EQ(resp.status(), 401);
-  EXPECT_EQ(out["error"], "unknown access key");
+  EXPECT_TRUE(up.send(req, nullptr, resp_, out));
+  EXPECT_EQ(std::tuple(resp_.status(), out["error"]), std::tuple(401, "unknown access key"));
 }
 
 TEST(Http_Ready_File, WritesAnObjectOnly) {
