@@ -124,7 +124,7 @@ class Http_Transport : public ::testing::Test {
   HTTP_Server server_;
 };
 
-TEST_F(Http_Transport, RoundTripsEveryMethodOnAKeptConnectionAndCurlWaitsForTheGoAhead) {
+TEST_F(Http_Transport, RoundTripsOnKeptConnectionsAndReconnects) {
   start();
   JSON_HTTP_Session json(session(), 1, 30);
   const JSON_Value payload = {{"n", 1}, {"s", "caf\xc3\xa9"}};
@@ -167,10 +167,8 @@ TEST_F(Http_Transport, RoundTripsEveryMethodOnAKeptConnectionAndCurlWaitsForTheG
   ASSERT_TRUE(one.is_object() && two.is_object()) << r.out;
   EXPECT_EQ(std::tuple(one["body"], two["path"], one["remote"]),
             std::tuple("{\"x\":1}", "/echo/two", two["remote"]));
-}
 
-TEST_F(Http_Transport, SessionReconnectsSilentlyWhenTheServerEndedTheConnection) {
-  start();
+  // A session reconnects silently when the server ended the connection.
   HTTP_Server::Options options;
   options.port = server_.port();
   EXPECT_FALSE(HTTP_Server().start(options));  // busy
@@ -289,12 +287,9 @@ TEST_F(Http_Transport, TlsServesCurlAndTheClientButNoPlainTextOrUnverifiedPeer) 
   EXPECT_EQ(send(*strict, M::GET, "/echo"), -1);
   EXPECT_EQ(resp_.status(), 0);
   // Half the files, or files that are not there, refuse to start.
-  HTTP_Server other;
   options.tls_cert = "/nonexistent/cert.pem";
-  options.tls_key = "";
-  EXPECT_FALSE(other.start(options));
-  options.tls_key = "/nonexistent/key.pem";
-  EXPECT_FALSE(other.start(options));
+  for (const char* key_file : {"", "/nonexistent/key.pem"})
+    EXPECT_FALSE(HTTP_Server().start((options.tls_key = key_file, options)));
   EXPECT_EQ(log.count(), 3u) << log.text();
   EXPECT_TRUE(log.contains("HTTPS needs both a certificate and a key file."));
   EXPECT_TRUE(log.contains("TLS handshake with '127.0.0.1:")) << log.text();

@@ -78,42 +78,38 @@ TEST(JSON_RPC_Over_HTTP, AnswersRequestsAndErrorsWithTheirCodes) {
     return key && *key == "k1";
   });
   ASSERT_TRUE(server.start(HTTP_Server::Options()));
-  auto error = [](int code, const char* message, JSON_Value id) {
-    return JSON_Value{{"jsonrpc", "2.0"},
-                      {"error", {{"code", code}, {"message", message}, {"data", nullptr}}},
-                      {"id", id}};
+  auto err = [](int code, const char* message, JSON_Value id) -> JSON_Value {
+    const JSON_Value error = {{"code", code}, {"message", message}, {"data", nullptr}};
+    return {{"jsonrpc", "2.0"}, {"id", id}, {"error", error}};
   };
-  const JSON_Value sum = {{"jsonrpc", "2.0"}, {"result", {{"sum", 3}}}, {"id", 9}};
-  const std::string good = R"({"jsonrpc":"2.0","method":"sum","params":{"a":1,"b":2},"id":9})";
-  // Path, access key, body, status and answer.
-  const std::tuple<std::string, std::string, std::string, int, JSON_Value> cases[] = {
-      {"/jsonrpc", "", good, 200, sum},
-      {"/jsonrpc", "", R"({"jsonrpc":"2.0","method":"sum","params":{"a":2},"id":"q"})", 200,
-       error(JSON_RPC_INVALID_PARAMS, "Need 'a' and 'b'.", "q")},
-      {"/jsonrpc", "", R"({"jsonrpc":"2.0","method":"nope","id":1})", 200,
-       error(JSON_RPC_METHOD_NOT_FOUND, "Method 'nope' not found.", 1)},
-      {"/jsonrpc", "", R"({"jsonrpc":"2.0","method":"sum", "id":1)", 200,
-       error(JSON_RPC_PARSE_ERROR, "Parse error.", nullptr)},
-      {"/jsonrpc", "", R"({"jsonrpc":"2.0","result":{},"id":4})", 200,
-       error(JSON_RPC_INVALID_REQUEST, "Expected a request.", 4)},
-      {"/jsonrpc", "", R"({"jsonrpc":"2.0","method":"sum","params":{"silent":true}})", 204,
-       nullptr},
-      {"/jsonrpc", "", R"({"jsonrpc":"2.0","method":"sum","params":{"block":true},"id":3})", 200,
-       error(JSON_RPC_INTERNAL_ERROR, "Request timed out.", 3)},
-      {"/guarded", "", good, 401, {{"error", "unknown access key"}}},
-      {"/guarded", "k2", good, 401, {{"error", "unknown access key"}}},
-      {"/guarded", "k1", good, 200, sum},
-      {"/jsonrpc", "", good, 200, sum},  // still serving after all that
-  };
-  for (const auto& [path, key, body, status, answer] : cases) {
-    SCOPED_TRACE(body);
+  const JSON_Value sum = {{"jsonrpc", "2.0"}, {"result", {{"sum", 3}}}, {"id", 9}},
+                   refused = {{"error", "unknown access key"}};
+  const char* good = R"("method":"sum","params":{"a":1,"b":2},"id":9)";
+  // Access key ("" for "/jsonrpc", "-" for "/guarded" without one), the body after its
+  // "jsonrpc" member, and the answer.
+  const std::tuple<std::string, std::string, JSON_Value> cases[] = {
+      {"", good, sum},
+      {"", R"("method":"sum","params":{"a":2},"id":"q")", err(-32602, "Need 'a' and 'b'.", "q")},
+      {"", R"("method":"nope","id":1)", err(-32601, "Method 'nope' not found.", 1)},
+      {"", R"("method":"sum", "id":1,)", err(-32700, "Parse error.", nullptr)},
+      {"", R"("result":{},"id":4)", err(-32600, "Expected a request.", 4)},
+      {"", R"("method":"sum","params":{"silent":true})", nullptr},
+      {"", R"("method":"sum","params":{"block":true},"id":3)",
+       err(-32603, "Request timed out.", 3)},
+      {"-", good, refused},
+      {"k2", good, refused},
+      {"k1", good, sum},
+      {"", good, sum}};  // still serving after all that
+  for (const auto& [key, member, answer] : cases) {
+    SCOPED_TRACE(member);
     auto session = HTTP_Session_Factory::create("127.0.0.1", server.port(), false);
-    HTTP_Request req(HTTP_Method::POST, path);
-    if (!key.empty())
+    HTTP_Request req(HTTP_Method::POST, key.empty() ? "/jsonrpc" : "/guarded");
+    if (!key.empty() && key != "-")
       req.headers().put("X-Access-Key", key);
     HTTP_Response resp;
+    const std::string body = R"({"jsonrpc":"2.0",)" + member + "}";
     ASSERT_TRUE(session->send(req, &body, resp));
-    EXPECT_EQ(resp.status(), status);
+    EXPECT_EQ(resp.status(), answer.is_null() ? 204 : answer.contains("jsonrpc") ? 200 : 401);
     EXPECT_EQ(resp.body().empty() ? JSON_Value() : JSON_Value::parse(resp.body(), nullptr, false),
               answer);
   }
