@@ -54,7 +54,6 @@ TEST(Text, BoundedFormattingAndHelpers) {
   EXPECT_TRUE(fits.c_str() == std::string("00000010") && !fits.truncated());
   EXPECT_EQ(string_sprintf("%s=%u", "k", 5u), "k=5");
   EXPECT_EQ(string_sprintf("%s", std::string(5000, 'x').c_str()).size(), 5000u);
-
   std::string out;
   filenamify(std::string("a/b\\c:d*e?f\"g<h>i|j\x01k") + std::string(1, '\0') + "l", out, '_');
   EXPECT_EQ(out, "a_b_c_d_e_f_g_h_i_j_k_l");
@@ -64,7 +63,6 @@ TEST(Text, BoundedFormattingAndHelpers) {
     EXPECT_EQ(pf.size_formatter(size, out), text);
   const unsigned char bytes[] = {0x00, 0x7f, 0xab, 0xff};
   EXPECT_EQ(Hex_String_T(bytes, sizeof bytes).str(), "007fabff");
-
   std::string a, b;
   uuid_string(a, false);
   uuid_string(b, true);
@@ -93,7 +91,6 @@ TEST(Json, ExtractorNamesKeyAndType) {
   EXPECT_EQ(std::tuple(s, n, d), std::tuple("x", 70000, 1.5));
   std::string missing = "keep";
   EXPECT_FALSE(json_extract(obj, "absent", missing, false) || missing != "keep");
-
   std::uint16_t port = 0;
   unsigned int u = 0;
   bool flag = false;
@@ -193,7 +190,6 @@ TEST(Crypto, DigestsEncryptionAndBase64) {
   EXPECT_EQ(Hex_String_T(sha.get(), sha.length()).str(),
             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   EXPECT_EQ(unknown.get(), nullptr);
-
   const std::string plains[] = {
       "", "p", "ab", "abc", "Circle Of Life", std::string(1000, 'x'), std::string("\0\xff", 2)};
   for (const std::string& plain : plains) {
@@ -209,7 +205,6 @@ TEST(Crypto, DigestsEncryptionAndBase64) {
   ASSERT_TRUE(encrypt_string("secret", 6, cipher, key, strlen(key)) &&
               encrypt_string("secret", 6, again, key, strlen(key)));
   EXPECT_NE(cipher, again) << "a fresh nonce each time";
-
   Secure_String out = "untouched";
   EXPECT_FALSE(decrypt_string(cipher, out, "other key", 9));
   ASSERT_TRUE(base64_decode(cipher, raw));

@@ -56,7 +56,6 @@ class Mem_Map_Test : public ::testing::Test {
   std::string sample_dir(const std::string& id) const {
     return root_.path() + "/var/test/sample/" + id;
   }
-
   Temp_Dir root_;
 };
 
@@ -69,13 +68,11 @@ TEST_F(Mem_Map_Test, StoresAreSharedAcrossHandlesProcessesAndTheFile) {
   EXPECT_EQ(writer->counter, 0u);
   writer->counter = 7;
   std::strcpy(writer->text, "agent");
-
   Sample_Handle reader;
   ASSERT_TRUE(reader.open("run-1", "rec", false, true, 0750));
   EXPECT_TRUE(reader->counter == 7u && !strcmp(reader->text, "agent"));
   reader->flag = 3;
   EXPECT_EQ(writer->flag, 3);
-
   pid_t pid = fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
@@ -85,7 +82,6 @@ TEST_F(Mem_Map_Test, StoresAreSharedAcrossHandlesProcessesAndTheFile) {
   int status = 0;
   ASSERT_TRUE(waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_EQ(writer->counter, 107u);
-
   // A moved handle keeps the mapping; the emptied one has none.
   Sample_Handle moved = std::move(writer);
   EXPECT_EQ(writer.get(), nullptr);
@@ -93,7 +89,6 @@ TEST_F(Mem_Map_Test, StoresAreSharedAcrossHandlesProcessesAndTheFile) {
   moved.close();
   reader.close();
   EXPECT_TRUE(moved.get() == nullptr && reader.path().empty());
-
   std::string bytes;
   ASSERT_TRUE(read_file(path, bytes) && bytes.size() == 256u);
   Sample on_disk;
@@ -161,13 +156,11 @@ TEST_F(Mem_Map_Test, JobActivityIsSharedByJobUid) {
   agent->stored_size = 1ull << 40;
   ASSERT_TRUE(Job_Activity::set_text(agent->job_uid, "job-7"));
   ASSERT_TRUE(Job_Activity::set_text(agent->run_id, std::string(63, 'r')));
-
   Job_Activity_Handle servant;
   ASSERT_TRUE(open_job_activity(servant, "job-7", false));
   EXPECT_TRUE(servant->state == Job_Activity::running && servant->stored_size == 1ull << 40);
   EXPECT_EQ(Job_Activity::text(servant->job_uid), "job-7");
   EXPECT_EQ(Job_Activity::text(servant->run_id), std::string(63, 'r'));
-
   Log_Capture log;
   EXPECT_FALSE(Job_Activity::set_text(servant->run_id, std::string(64, 'x')));
   EXPECT_EQ(log.count(), 1u);
@@ -176,11 +169,9 @@ TEST_F(Mem_Map_Test, JobActivityIsSharedByJobUid) {
   std::memset(agent->previous_run_id, 'p', Job_Activity::id_capacity);
   EXPECT_EQ(Job_Activity::text(servant->previous_run_id),
             std::string(Job_Activity::id_capacity, 'p'));
-
   servant->reset();
   EXPECT_TRUE(agent->state == Job_Activity::pending && agent->stored_size == 0);
   EXPECT_EQ(Job_Activity::text(agent->job_uid) + Job_Activity::text(agent->previous_run_id), "");
-
   Job_Activity_Handle absent;
   EXPECT_FALSE(open_job_activity(absent, "job-8", false));
 }

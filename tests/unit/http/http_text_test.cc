@@ -54,7 +54,6 @@ TEST(Http_Text, MethodNamesAreCaseSensitiveAndHeadersAreNot) {
     EXPECT_EQ(http_method_from_string(http_method_string(m)), m) << http_method_string(m);
   for (const char* unknown : {"get", "PROPFIND", ""})
     EXPECT_EQ(http_method_from_string(unknown), HTTP_Method::UNKNOWN) << unknown;
-
   HTTP_Headers h;
   h.add("Set-Cookie", "a=1");
   h.add("set-cookie", "b=2");

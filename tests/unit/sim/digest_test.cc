@@ -25,7 +25,6 @@ struct Client {
   std::string password = "secret";
   std::string nonce;
   int nc = 0;
-
   std::string header(std::string nc_text = "") {
     char counted[16];
     std::snprintf(counted, sizeof counted, "%08d", ++nc);
@@ -41,12 +40,10 @@ struct Client {
 class Digest_Test : public ::testing::Test {
  protected:
   Digest_Test() { client_.nonce = nonce_of(verifier_.challenge(false)); }
-
   Digest_Verdict verify(const std::string& header, const std::string& method = "GET") {
     return verifier_.verify(method, kTarget, &header, lookup_, user_);
   }
   Digest_Verdict next() { return verify(client_.header()); }
-
   std::int64_t now_ = 1000;
   cas_sim::Digest_Verifier::Password_Lookup lookup_ = [](const std::string& u, std::string& p) {
     return (p = u == "admin" ? "secret" : "other", u == "admin" || u == "auditor");
@@ -77,7 +74,6 @@ TEST_F(Digest_Test, CountsRequestsInDecimalAndRefusesReplays) {
     ASSERT_TRUE(next() == Digest_Verdict::OK && user_ == "admin") << "request " << i;
   // Eleven in hexadecimal is not a decimal counter, even when correctly hashed.
   EXPECT_EQ(verify(client_.header("0000000b")), Digest_Verdict::BAD_NC);
-
   for (const char* old : {"00000012", "00000003"})
     EXPECT_TRUE(verify(client_.header(old)) == Digest_Verdict::REPLAYED_NC && user_.empty()) << old;
   // A refused request, here with a wrong password, does not advance the counter.
@@ -96,7 +92,6 @@ TEST_F(Digest_Test, NoncesGoStaleAfterTheirLifetimeAndAreForgottenLater) {
   EXPECT_NE(fresh.find(", stale=true"), std::string::npos) << fresh;
   client_.nonce = nonce_of(fresh);
   EXPECT_EQ(next(), Digest_Verdict::OK);
-
   now_ += 10;
   verifier_.set_lifetime(10);  // applies to nonces already issued
   EXPECT_EQ(next(), Digest_Verdict::STALE_NONCE);
