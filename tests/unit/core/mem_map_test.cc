@@ -1,5 +1,4 @@
 #include "host/core/mem_map.h"
-#include "host/core/log.h"
 #include "host/core/paths.h"
 #include "host/job/activity.h"
 #include "tests/support/log_capture.h"
@@ -11,12 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -63,9 +60,8 @@ TEST_F(Mem_Map_Test, StoresAreSharedAcrossHandlesProcessesAndTheFile) {
   Sample_Handle writer;
   ASSERT_TRUE(writer.open("run-1", "rec", true, true, 0750));
   const std::string path = sample_dir("run-1") + "/rec";
-  EXPECT_EQ(writer.path(), path);
-  EXPECT_EQ(std::filesystem::file_size(path), 256u);
-  EXPECT_EQ(writer->counter, 0u);
+  EXPECT_EQ(std::tuple(writer.path(), std::filesystem::file_size(path), writer->counter),
+            std::tuple(path, 256u, 0u));
   writer->counter = 7;
   std::strcpy(writer->text, "agent");
   Sample_Handle reader;
@@ -84,8 +80,7 @@ TEST_F(Mem_Map_Test, StoresAreSharedAcrossHandlesProcessesAndTheFile) {
   EXPECT_EQ(writer->counter, 107u);
   // A moved handle keeps the mapping; the emptied one has none.
   Sample_Handle moved = std::move(writer);
-  EXPECT_EQ(writer.get(), nullptr);
-  EXPECT_EQ(moved->counter, 107u);
+  EXPECT_TRUE(writer.get() == nullptr && moved->counter == 107u);
   moved.close();
   reader.close();
   EXPECT_TRUE(moved.get() == nullptr && reader.path().empty());
@@ -105,11 +100,9 @@ TEST_F(Mem_Map_Test, ModesDescriptorsAndRelease) {
       Sample_Handle h;
       ASSERT_TRUE(h.open(id, "rec", true, close_on_exec, dir_mode)) << id;
       path = h.path();
-      struct stat dir {
-      }, file{};
+      struct stat dir = {}, file = {};
       ASSERT_TRUE(stat(sample_dir(id).c_str(), &dir) == 0 && stat(path.c_str(), &file) == 0);
-      EXPECT_EQ(dir.st_mode & 07777, dir_mode) << id;
-      EXPECT_EQ(file.st_mode & 07777, 0640u) << id;
+      EXPECT_EQ(std::tuple(dir.st_mode & 07777, file.st_mode & 07777), std::tuple(dir_mode, 0640u));
       std::vector<int> fds = fds_on(path);
       ASSERT_EQ(fds.size(), 1u) << id;
       EXPECT_EQ((fcntl(fds[0], F_GETFD) & FD_CLOEXEC) != 0, close_on_exec) << id;
@@ -150,21 +143,19 @@ TEST_F(Mem_Map_Test, JobActivityIsSharedByJobUid) {
   Job_Activity_Handle agent;
   ASSERT_TRUE(open_job_activity(agent, "job-7", true));
   EXPECT_EQ(agent.path(), root_.path() + "/var/opt/quorvex/brimlet5/jobs/job-7/activity");
-  EXPECT_EQ(agent->state, Job_Activity::pending);
-  EXPECT_EQ(Job_Activity::text(agent->job_uid), "");
+  EXPECT_TRUE(agent->state == Job_Activity::pending && Job_Activity::text(agent->job_uid).empty());
   agent->state = Job_Activity::running;
   agent->stored_size = 1ull << 40;
-  ASSERT_TRUE(Job_Activity::set_text(agent->job_uid, "job-7"));
-  ASSERT_TRUE(Job_Activity::set_text(agent->run_id, std::string(63, 'r')));
+  ASSERT_TRUE(Job_Activity::set_text(agent->job_uid, "job-7") &&
+              Job_Activity::set_text(agent->run_id, std::string(63, 'r')));
   Job_Activity_Handle servant;
   ASSERT_TRUE(open_job_activity(servant, "job-7", false));
   EXPECT_TRUE(servant->state == Job_Activity::running && servant->stored_size == 1ull << 40);
   EXPECT_EQ(Job_Activity::text(servant->job_uid), "job-7");
-  EXPECT_EQ(Job_Activity::text(servant->run_id), std::string(63, 'r'));
   Log_Capture log;
   EXPECT_FALSE(Job_Activity::set_text(servant->run_id, std::string(64, 'x')));
-  EXPECT_EQ(log.count(), 1u);
-  EXPECT_EQ(Job_Activity::text(agent->run_id), std::string(63, 'r'));
+  EXPECT_EQ(std::tuple(log.count(), Job_Activity::text(agent->run_id)),
+            std::tuple(1u, std::string(63, 'r')));
   // A field another process left unterminated is cut at its end.
   std::memset(agent->previous_run_id, 'p', Job_Activity::id_capacity);
   EXPECT_EQ(Job_Activity::text(servant->previous_run_id),
