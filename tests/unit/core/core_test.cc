@@ -47,7 +47,7 @@ TEST(Natoi, UnsignedAndSignedLimitsSignsAndStops) {
   EXPECT_EQ(natoi<unsigned long>("18446744073709551615", nullptr, &stop), ULONG_MAX);
 }
 
-TEST(Text, BoundedFormattingAndHelpers) {
+TEST(Text, BoundedFormattingHelpersAndCharsets) {
   snprintf_t<8> small("%s-%d", "abcdef", 42);
   EXPECT_TRUE(small.c_str() == std::string("abcdef-") && small.truncated() && small.length() == 7);
   snprintf_t<64> fits("%08d", 10);
@@ -68,11 +68,8 @@ TEST(Text, BoundedFormattingAndHelpers) {
   uuid_string(b, true);
   EXPECT_TRUE(a.size() == 36 && b.size() == 32 && b.find('-') == std::string::npos) << a << b;
   EXPECT_NE(new_uuid(), new_uuid());
-}
-
-TEST(Text, CharsetConversionRefusesInvalidInput) {
+  // Charset conversion refuses invalid input.
   Compound_Charset_Converter to_latin1("utf8", "ISO-8859-1"), to_utf8("utf8", "UTF-8");
-  std::string out;
   EXPECT_TRUE(to_latin1.convert("caf\xc3\xa9", out) && out == "caf\xe9");
   EXPECT_FALSE(to_latin1.convert("\xe4\xb8\xad", out)) << "CJK has no Latin-1 form";
   EXPECT_FALSE(to_utf8.convert("bad \xff\xfe", out));

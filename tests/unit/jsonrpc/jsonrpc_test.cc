@@ -43,17 +43,13 @@ TEST(JSON_RPC, ParsesRequestsAndResponsesAndRefusesTheRest) {
 }
 
 // Answers {"sum": a + b}; "block" holds the answer until the test ends; "silent" answers nothing.
-class Sum_Handler : public JSON_RPC_Thread_Handler {
- public:
-  explicit Sum_Handler(std::shared_future<void> released) : released_(std::move(released)) {}
-
- protected:
+struct Sum_Handler : JSON_RPC_Thread_Handler {
   int handle_object_i(std::shared_ptr<JSON_RPC_Channel> chn,
                       std::shared_ptr<JSON_RPC_Object> obj) override {
     auto& req = static_cast<JSON_RPC_Request&>(*obj);
     const JSON_Value& p = req.params();
     if (p.value("block", false))
-      released_.wait();
+      released.wait();
     if (p.value("silent", false))
       return 0;
     if (!p.is_object() || !p.contains("a") || !p.contains("b"))
@@ -62,16 +58,16 @@ class Sum_Handler : public JSON_RPC_Thread_Handler {
     resp->set_result({{"sum", p["a"].get<int>() + p["b"].get<int>()}});
     return chn->send(*resp);
   }
-
- private:
-  std::shared_future<void> released_;
+  std::shared_future<void> released;
 };
 
 TEST(JSON_RPC_Over_HTTP, AnswersRequestsAndErrorsWithTheirCodes) {
   std::promise<void> release;
   HTTP_Server server;
   auto router = std::make_shared<JSON_RPC_Router>();
-  router->add("sum", std::make_shared<Sum_Handler>(release.get_future().share()));
+  auto handler = std::make_shared<Sum_Handler>();
+  handler->released = release.get_future().share();
+  router->add("sum", handler);
   serve_json_rpc(server, "/jsonrpc", router, 1);
   serve_json_rpc(server, "/guarded", router, 1, [](const HTTP_Server_Request& req) {
     const std::string* key = req.headers.get("X-Access-Key");
