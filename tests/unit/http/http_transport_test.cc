@@ -1,16 +1,10 @@
-// Client and server against each other, against raw sockets, curl and openssl.
+// Client and server against each other, against raw TCP (bash), curl and openssl.
 #include "host/core/paths.h"
 #include "host/http/client.h"
 #include "host/http/server.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -30,19 +24,8 @@ using M = HTTP_Method;
 
 // Writes `request` on a plain TCP connection; returns what arrives until the server closes.
 std::string raw_exchange(std::uint16_t port, const std::string& request) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  timeval tv{20, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-  sockaddr_in addr{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-  std::string received;
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-      send(fd, request.data(), request.size(), MSG_NOSIGNAL) == ssize_t(request.size())) {
-    char buf[4096];
-    for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;)
-      received.append(buf, static_cast<std::size_t>(n));
-  }
-  close(fd);
-  return received;
+  const std::string tcp = "exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port);
+  return run_program({"/bin/bash", "-c", tcp + " && cat >&3 && cat <&3"}, request, {}, 30).out;
 }
 
 // Answers what it was asked, as JSON.
