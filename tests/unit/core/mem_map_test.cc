@@ -56,7 +56,7 @@ class Mem_Map_Test : public ::testing::Test {
   Temp_Dir root_;
 };
 
-TEST_F(Mem_Map_Test, StoresAreSharedAcrossHandlesProcessesAndTheFile) {
+TEST_F(Mem_Map_Test, StoresAreSharedAndFilesHaveTheirModesAndDescriptors) {
   Sample_Handle writer;
   ASSERT_TRUE(writer.open("run-1", "rec", true, true, 0750));
   const std::string path = sample_dir("run-1") + "/rec";
@@ -89,9 +89,7 @@ TEST_F(Mem_Map_Test, StoresAreSharedAcrossHandlesProcessesAndTheFile) {
   Sample on_disk;
   std::memcpy(&on_disk, bytes.data(), sizeof on_disk);
   EXPECT_TRUE(on_disk.counter == 107u && on_disk.flag == 3 && !strcmp(on_disk.text, "agent"));
-}
-
-TEST_F(Mem_Map_Test, ModesDescriptorsAndRelease) {
+  // Modes and descriptors, released with the handle.
   const mode_t saved_mask = umask(022);
   for (const auto& [id, dir_mode, close_on_exec] :
        {std::tuple("a", 0750u, true), {"b", 0700u, false}}) {

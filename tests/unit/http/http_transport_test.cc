@@ -261,6 +261,13 @@ TEST_F(Http_Transport, TlsServesCurlAndTheClientButNoPlainTextOrUnverifiedPeer) 
   EXPECT_TRUE(log.count() == 3 && log.contains("HTTPS needs both a certificate and a key file.") &&
               log.contains("TLS handshake with '127.0.0.1:"))
       << log.text();
+  // The ready file holds an object only.
+  const JSON_Value ready = {{"host", "127.0.0.1"}, {"port", 8443}, {"jsonrpc_port", 9000}};
+  std::string text;
+  ASSERT_TRUE(write_ready_file(dir.file("ready.json"), ready) &&
+              read_file(dir.file("ready.json"), text));
+  EXPECT_EQ(JSON_Value::parse(text), ready);
+  EXPECT_FALSE(write_ready_file(dir.file("list.json"), JSON_Value::array({1, 2})));
 }
 
 TEST_F(Http_Transport, ClientsRetryOnlyWhatMayBeRepeatedGiveStatusZeroAndLogNoSecret) {
@@ -358,16 +365,6 @@ TEST_F(Http_Transport, UpstreamClientServesConcurrentCallersAndLogsFailuresWitho
   // send() counts every answer.
   EXPECT_TRUE(up.send(req, nullptr, resp_, out));
   EXPECT_EQ(std::tuple(resp_.status(), out["error"]), std::tuple(401, "unknown access key"));
-}
-
-TEST(Http_Ready_File, WritesAnObjectOnly) {
-  Temp_Dir dir;
-  const JSON_Value ready = {{"host", "127.0.0.1"}, {"port", 8443}, {"jsonrpc_port", 9000}};
-  std::string text;
-  ASSERT_TRUE(write_ready_file(dir.file("ready.json"), ready) &&
-              read_file(dir.file("ready.json"), text));
-  EXPECT_EQ(JSON_Value::parse(text), ready);
-  EXPECT_FALSE(write_ready_file(dir.file("list.json"), JSON_Value::array({1, 2})));
 }
 
 }  // namespace

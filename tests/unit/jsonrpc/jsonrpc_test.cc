@@ -9,39 +9,6 @@
 
 namespace {
 
-TEST(JSON_RPC, ParsesRequestsAndResponsesAndRefusesTheRest) {
-  // The text, whether it parses, whether as a request.
-  const std::tuple<const char*, bool, bool> cases[] = {
-      {R"({"jsonrpc":"2.0","method":"m","params":{"a":1},"id":1})", true, true},
-      {R"({"jsonrpc":"2.0","method":"m","params":[1],"id":"x"})", true, true},
-      {R"({"jsonrpc":"2.0","method":"m"})", true, true},
-      {R"({"jsonrpc":"2.0","result":{},"id":1})", true, false},
-      {R"({"jsonrpc":"2.0","error":{"code":-32600,"message":"m"},"id":null})", true, false},
-      {R"({"jsonrpc":"1.0","method":"m","id":1})", false, false},
-      {R"({"method":"m","id":1})", false, false},
-      {R"({"jsonrpc":"2.0","method":5,"id":1})", false, false},
-      {R"({"jsonrpc":"2.0","method":"m","params":"x","id":1})", false, false},
-      {R"({"jsonrpc":"2.0","method":"m","id":{}})", false, false},
-      {R"({"jsonrpc":"2.0","result":1,"error":{"code":1},"id":1})", false, false},
-      {R"({"jsonrpc":"2.0","error":{"message":"no code"},"id":1})", false, false},
-      {R"([{"jsonrpc":"2.0","method":"m","id":1}])", false, false},
-      {R"("just a string")", false, false}};
-  int code = 0;
-  std::string message;
-  for (const auto& [text, ok, request] : cases) {
-    auto obj = parse_json_rpc(JSON_Value::parse(text), code, message);
-    ASSERT_EQ(obj != nullptr, ok) << text;
-    // What we parse we write back the same way; what we refuse is an invalid request.
-    EXPECT_TRUE(obj ? obj->is_request() == request && obj->to_json() == JSON_Value::parse(text)
-                    : code == JSON_RPC_INVALID_REQUEST && !message.empty())
-        << text;
-    code = 0, message.clear();
-  }
-  auto notification =
-      parse_json_rpc(JSON_Value::parse(R"({"jsonrpc":"2.0","method":"m"})"), code, message);
-  EXPECT_TRUE(static_cast<JSON_RPC_Request&>(*notification).is_notification());
-}
-
 // Answers {"sum": a + b}; "block" holds the answer until the test ends; "silent" answers nothing.
 struct Sum_Handler : JSON_RPC_Thread_Handler {
   int handle_object_i(std::shared_ptr<JSON_RPC_Channel> chn,
@@ -61,7 +28,38 @@ struct Sum_Handler : JSON_RPC_Thread_Handler {
   std::shared_future<void> released;
 };
 
-TEST(JSON_RPC_Over_HTTP, AnswersRequestsAndErrorsWithTheirCodes) {
+TEST(JSON_RPC, ParsesAndAnswersOverHttpWithTheirCodes) {
+  // The text, whether it parses, whether as a request.
+  const std::tuple<const char*, bool, bool> parsed[] = {
+      {R"({"jsonrpc":"2.0","method":"m","params":{"a":1},"id":1})", true, true},
+      {R"({"jsonrpc":"2.0","method":"m","params":[1],"id":"x"})", true, true},
+      {R"({"jsonrpc":"2.0","method":"m"})", true, true},
+      {R"({"jsonrpc":"2.0","result":{},"id":1})", true, false},
+      {R"({"jsonrpc":"2.0","error":{"code":-32600,"message":"m"},"id":null})", true, false},
+      {R"({"jsonrpc":"1.0","method":"m","id":1})", false, false},
+      {R"({"method":"m","id":1})", false, false},
+      {R"({"jsonrpc":"2.0","method":5,"id":1})", false, false},
+      {R"({"jsonrpc":"2.0","method":"m","params":"x","id":1})", false, false},
+      {R"({"jsonrpc":"2.0","method":"m","id":{}})", false, false},
+      {R"({"jsonrpc":"2.0","result":1,"error":{"code":1},"id":1})", false, false},
+      {R"({"jsonrpc":"2.0","error":{"message":"no code"},"id":1})", false, false},
+      {R"([{"jsonrpc":"2.0","method":"m","id":1}])", false, false},
+      {R"("just a string")", false, false}};
+  int code = 0;
+  std::string message;
+  for (const auto& [text, ok, request] : parsed) {
+    auto obj = parse_json_rpc(JSON_Value::parse(text), code, message);
+    ASSERT_EQ(obj != nullptr, ok) << text;
+    // What we parse we write back the same way; what we refuse is an invalid request.
+    EXPECT_TRUE(obj ? obj->is_request() == request && obj->to_json() == JSON_Value::parse(text)
+                    : code == JSON_RPC_INVALID_REQUEST && !message.empty())
+        << text;
+    code = 0, message.clear();
+  }
+  auto notification =
+      parse_json_rpc(JSON_Value::parse(R"({"jsonrpc":"2.0","method":"m"})"), code, message);
+  EXPECT_TRUE(static_cast<JSON_RPC_Request&>(*notification).is_notification());
+  // Over HTTP.
   std::promise<void> release;
   HTTP_Server server;
   auto router = std::make_shared<JSON_RPC_Router>();

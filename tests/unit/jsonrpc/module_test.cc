@@ -9,7 +9,7 @@ namespace {
 
 const std::string lib_dir = BRIMLET_LIB_DIR;
 
-TEST(Module, ObjectsKeepTheLibraryLoadedAfterTheModuleIsGone) {
+TEST(Module, ObjectsKeepTheLibraryLoadedAndBadManifestsAreRefusedWithOneLine) {
   auto m = Module::load(lib_dir + "/h3ccas.module.json");
   ASSERT_NE(m, nullptr);
   auto instances = m->make_instance_handler();
@@ -18,9 +18,7 @@ TEST(Module, ObjectsKeepTheLibraryLoadedAfterTheModuleIsGone) {
   m.reset();
   std::map<std::string, std::shared_ptr<Instance>> found;
   EXPECT_TRUE(instances->probe_instances(found) == 0 && found.size() == 1) << found.size();
-}
-
-TEST(Module, RefusesBadManifestsAndMissingFactoriesWithOneLine) {
+  // Bad manifests and missing factories: one line each.
   Temp_Dir dir;
   const std::string lib = lib_dir + "/libh3ccas.so";
   const std::string head = R"({"name":"m","library":")" + lib + "\"";
@@ -42,7 +40,7 @@ TEST(Module, RefusesBadManifestsAndMissingFactoriesWithOneLine) {
   EXPECT_EQ(Module::load(dir.file("absent.json")), nullptr);
   // A module without the object asked for says so.
   write_text_file(dir.file("m.json"), head + "}");
-  auto m = Module::load(dir.file("m.json"));
+  m = Module::load(dir.file("m.json"));
   ASSERT_NE(m, nullptr);
   EXPECT_TRUE(!m->make_json_rpc_handler("m.say") && !m->make_instance_handler());
   EXPECT_EQ(log.count(), 3u) << log.text();
