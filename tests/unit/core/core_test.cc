@@ -71,8 +71,7 @@ TEST(Text, BoundedFormattingHelpersAndCharsets) {
   // Charset conversion refuses invalid input.
   Compound_Charset_Converter to_latin1("utf8", "ISO-8859-1"), to_utf8("utf8", "UTF-8");
   EXPECT_TRUE(to_latin1.convert("caf\xc3\xa9", out) && out == "caf\xe9");
-  EXPECT_FALSE(to_latin1.convert("\xe4\xb8\xad", out)) << "CJK has no Latin-1 form";
-  EXPECT_FALSE(to_utf8.convert("bad \xff\xfe", out));
+  EXPECT_FALSE(to_latin1.convert("\xe4\xb8\xad", out) || to_utf8.convert("bad \xff\xfe", out));
   EXPECT_TRUE(to_utf8.convert("\xe4\xb8\xad\xe6\x96\x87", out) &&
               out == "\xe4\xb8\xad\xe6\x96\x87");
   EXPECT_FALSE(Compound_Charset_Converter("no-such-charset", nullptr).convert("x", out));
@@ -211,8 +210,7 @@ TEST(Crypto, DigestsEncryptionAndBase64) {
   }
   for (const std::string& bad : {cipher.substr(0, 8), std::string("not base64!"), std::string()})
     EXPECT_FALSE(decrypt_string(bad, out, key, strlen(key))) << bad;
-  EXPECT_EQ(std::string(out.data(), out.size()), "untouched");
-  EXPECT_FALSE(base64_decode("abc", raw));
+  EXPECT_TRUE(std::string(out.data(), out.size()) == "untouched" && !base64_decode("abc", raw));
 }
 
 }  // namespace
