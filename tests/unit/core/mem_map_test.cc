@@ -56,7 +56,7 @@ class Mem_Map_Test : public ::testing::Test {
   Temp_Dir root_;
 };
 
-TEST_F(Mem_Map_Test, StoresAreSharedAndFilesHaveTheirModesAndDescriptors) {
+TEST_F(Mem_Map_Test, StoresAreSharedFilesHaveTheirModesAndJobActivityItsUid) {
   Sample_Handle writer;
   ASSERT_TRUE(writer.open("run-1", "rec", true, true, 0750));
   const std::string path = sample_dir("run-1") + "/rec";
@@ -109,6 +109,32 @@ TEST_F(Mem_Map_Test, StoresAreSharedAndFilesHaveTheirModesAndDescriptors) {
     EXPECT_TRUE(fds_on(path).empty() && !is_mapped(path)) << id;
   }
   umask(saved_mask);
+  // Job activity is shared by job uid.
+  Job_Activity_Handle agent;
+  ASSERT_TRUE(open_job_activity(agent, "job-7", true));
+  EXPECT_EQ(agent.path(), root_.path() + "/var/opt/quorvex/brimlet5/jobs/job-7/activity");
+  EXPECT_TRUE(agent->state == Job_Activity::pending && Job_Activity::text(agent->job_uid).empty());
+  agent->state = Job_Activity::running;
+  agent->stored_size = 1ull << 40;
+  ASSERT_TRUE(Job_Activity::set_text(agent->job_uid, "job-7") &&
+              Job_Activity::set_text(agent->run_id, std::string(63, 'r')));
+  Job_Activity_Handle servant;
+  ASSERT_TRUE(open_job_activity(servant, "job-7", false));
+  EXPECT_TRUE(servant->state == Job_Activity::running && servant->stored_size == 1ull << 40);
+  EXPECT_EQ(Job_Activity::text(servant->job_uid), "job-7");
+  Log_Capture log;
+  EXPECT_FALSE(Job_Activity::set_text(servant->run_id, std::string(64, 'x')));
+  EXPECT_EQ(std::tuple(log.count(), Job_Activity::text(agent->run_id)),
+            std::tuple(1u, std::string(63, 'r')));
+  // A field another process left unterminated is cut at its end.
+  std::memset(agent->previous_run_id, 'p', Job_Activity::id_capacity);
+  EXPECT_EQ(Job_Activity::text(servant->previous_run_id),
+            std::string(Job_Activity::id_capacity, 'p'));
+  servant->reset();
+  EXPECT_TRUE(agent->state == Job_Activity::pending && agent->stored_size == 0);
+  EXPECT_EQ(Job_Activity::text(agent->job_uid) + Job_Activity::text(agent->previous_run_id), "");
+  Job_Activity_Handle absent;
+  EXPECT_FALSE(open_job_activity(absent, "job-8", false));
 }
 
 TEST_F(Mem_Map_Test, RefusedOpensLogOnceAndLeaveTheHandleClosed) {
@@ -135,34 +161,6 @@ TEST_F(Mem_Map_Test, RefusedOpensLogOnceAndLeaveTheHandleClosed) {
   }
   // Opening without create makes no directory either.
   EXPECT_NE(access(sample_dir("run").c_str(), F_OK), 0);
-}
-
-TEST_F(Mem_Map_Test, JobActivityIsSharedByJobUid) {
-  Job_Activity_Handle agent;
-  ASSERT_TRUE(open_job_activity(agent, "job-7", true));
-  EXPECT_EQ(agent.path(), root_.path() + "/var/opt/quorvex/brimlet5/jobs/job-7/activity");
-  EXPECT_TRUE(agent->state == Job_Activity::pending && Job_Activity::text(agent->job_uid).empty());
-  agent->state = Job_Activity::running;
-  agent->stored_size = 1ull << 40;
-  ASSERT_TRUE(Job_Activity::set_text(agent->job_uid, "job-7") &&
-              Job_Activity::set_text(agent->run_id, std::string(63, 'r')));
-  Job_Activity_Handle servant;
-  ASSERT_TRUE(open_job_activity(servant, "job-7", false));
-  EXPECT_TRUE(servant->state == Job_Activity::running && servant->stored_size == 1ull << 40);
-  EXPECT_EQ(Job_Activity::text(servant->job_uid), "job-7");
-  Log_Capture log;
-  EXPECT_FALSE(Job_Activity::set_text(servant->run_id, std::string(64, 'x')));
-  EXPECT_EQ(std::tuple(log.count(), Job_Activity::text(agent->run_id)),
-            std::tuple(1u, std::string(63, 'r')));
-  // A field another process left unterminated is cut at its end.
-  std::memset(agent->previous_run_id, 'p', Job_Activity::id_capacity);
-  EXPECT_EQ(Job_Activity::text(servant->previous_run_id),
-            std::string(Job_Activity::id_capacity, 'p'));
-  servant->reset();
-  EXPECT_TRUE(agent->state == Job_Activity::pending && agent->stored_size == 0);
-  EXPECT_EQ(Job_Activity::text(agent->job_uid) + Job_Activity::text(agent->previous_run_id), "");
-  Job_Activity_Handle absent;
-  EXPECT_FALSE(open_job_activity(absent, "job-8", false));
 }
 
 }  // namespace

@@ -6,7 +6,7 @@ namespace {
 
 using Map = std::map<std::string, std::string>;
 
-TEST(Http_Text, UrlEncodingAndQueryStrings) {
+TEST(Http_Text, UrlEncodingQueryStringsMethodsAndHeaders) {
   EXPECT_EQ(url_encode("AZaz09-_.~"), "AZaz09-_.~");
   EXPECT_EQ(url_encode(std::string("a b+k=v&/?#%\xc3\xa9\0", 15)),
             "a%20b%2Bk%3Dv%26%2F%3F%23%25%C3%A9%00");
@@ -42,9 +42,7 @@ TEST(Http_Text, UrlEncodingAndQueryStrings) {
   ASSERT_EQ(req.uri().rfind("/a/b?name=a%20b%26", 0), 0u) << req.uri();
   Map parsed, expected = {{"name", "a b&c=d/\xc3\xa9"}, {"with+plus", "true"}, {"off", "false"}};
   EXPECT_TRUE(parse_query_string(req.query(), parsed) && parsed == expected) << req.uri();
-}
-
-TEST(Http_Text, MethodNamesAreCaseSensitiveAndHeadersAreNot) {
+  // Method names are case-sensitive, header names are not.
   for (HTTP_Method m : {HTTP_Method::PUT, HTTP_Method::HEAD, HTTP_Method::PATCH})
     EXPECT_EQ(http_method_from_string(http_method_string(m)), m) << http_method_string(m);
   for (const char* unknown : {"get", "PROPFIND", ""})

@@ -51,7 +51,7 @@ class Digest_Test : public ::testing::Test {
   std::string user_;
 };
 
-TEST_F(Digest_Test, CountsRequestsInDecimalAndRefusesReplaysAndMismatches) {
+TEST_F(Digest_Test, CountsRefusesParsesHashesAndAges) {
   for (int i = 1; i <= 12; ++i)  // 00000010 follows 00000009
     ASSERT_TRUE(next() == Digest_Verdict::OK && user_ == "admin") << "request " << i;
   // Eleven in hexadecimal is not a decimal counter, even when correctly hashed.
@@ -83,9 +83,7 @@ TEST_F(Digest_Test, CountsRequestsInDecimalAndRefusesReplaysAndMismatches) {
     std::string header = client.header();
     EXPECT_EQ(verify(header.replace(header.find(from), strlen(from), to)), verdict) << to;
   }
-}
-
-TEST_F(Digest_Test, ParsesHashesAndAgesNonces) {
+  // Nonces go stale after their lifetime and are forgotten later.
   // The RFC 2617 example and the parsing of Authorization fields.
   EXPECT_EQ(cas_sim::digest_response("Mufasa", "testrealm@host.com", "Circle Of Life", "GET",
                                      "/dir/index.html", "dcd98b7102dd2f0e8b11d0f600bfb0c093",
