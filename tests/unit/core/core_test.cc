@@ -29,8 +29,8 @@ std::string parse(const char* text) {
   return string_sprintf("%s %lld %ld", e, v, long(stop - text));
 }
 
-// Rows "text|errno value consumed" as unsigned int, then as int.
-TEST(Natoi, UnsignedAndSignedLimitsSignsAndStops) {
+TEST(Text, NatoiBoundedFormattingHelpersAndCharsets) {
+  // natoi: rows "text|errno value consumed" as unsigned int, then as int.
   const std::vector<std::string> rows[] = {
       {"4294967295|ok 4294967295 10", "4294967296|ERANGE 4294967295 9", "+7|ok 7 2",
        "-0|EINVAL 0 0", "|EINVAL 0 0", "12 |ok 12 2", "x1|EINVAL 0 0", "+|EINVAL 0 0",
@@ -45,9 +45,7 @@ TEST(Natoi, UnsignedAndSignedLimitsSignsAndStops) {
     }
   const char* stop = nullptr;
   EXPECT_EQ(natoi<unsigned long>("18446744073709551615", nullptr, &stop), ULONG_MAX);
-}
-
-TEST(Text, BoundedFormattingHelpersAndCharsets) {
+  // Bounded formatting and helpers.
   snprintf_t<8> small("%s-%d", "abcdef", 42);
   EXPECT_TRUE(small.c_str() == std::string("abcdef-") && small.truncated() && small.length() == 7);
   snprintf_t<64> fits("%08d", 10);
@@ -154,11 +152,10 @@ TEST(Log, LinesCarryRelativeSourceAndReachSinks) {
 
 TEST(Worker_Pool, RunsEveryPostedJobBeforeJoining) {
   std::atomic<int> done{0};
-  {
-    Worker_Pool pool(3);
-    for (int i = 0; i < 100; ++i)
-      ASSERT_TRUE(pool.post([&] { ++done; }));
-  }
+  auto pool = std::make_unique<Worker_Pool>(3);
+  for (int i = 0; i < 100; ++i)
+    ASSERT_TRUE(pool->post([&] { ++done; }));
+  pool.reset();  // joins
   EXPECT_EQ(done.load(), 100);
 }
 

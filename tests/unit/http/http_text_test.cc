@@ -35,10 +35,8 @@ TEST(Http_Text, UrlEncodingQueryStringsMethodsAndHeaders) {
   // The builder's output parses back.
   HTTP_Request req(HTTP_Method::GET, "/a/b");
   EXPECT_EQ(req.uri(), "/a/b");
-  HTTP_Query_String_Builder(req.query())
-      .append("name", "a b&c=d/\xc3\xa9")
-      .append("with+plus", true)
-      .append("off", false);
+  HTTP_Query_String_Builder query(req.query());
+  query.append("name", "a b&c=d/\xc3\xa9").append("with+plus", true).append("off", false);
   ASSERT_EQ(req.uri().rfind("/a/b?name=a%20b%26", 0), 0u) << req.uri();
   Map parsed, expected = {{"name", "a b&c=d/\xc3\xa9"}, {"with+plus", "true"}, {"off", "false"}};
   EXPECT_TRUE(parse_query_string(req.query(), parsed) && parsed == expected) << req.uri();
