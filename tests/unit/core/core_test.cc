@@ -46,8 +46,8 @@ TEST(Text, NatoiBoundedFormattingHelpersAndCharsets) {
   const char* stop = nullptr;
   EXPECT_EQ(natoi<unsigned long>("18446744073709551615", nullptr, &stop), ULONG_MAX);
   // Bounded formatting and helpers.
-  snprintf_t<8> small("%s-%d", "abcdef", 42);
-  EXPECT_TRUE(small.c_str() == std::string("abcdef-") && small.truncated() && small.length() == 7);
+  snprintf_t<8> small("%s-%d", "abcde", 42);  // one byte short for the NUL
+  EXPECT_TRUE(small.c_str() == std::string("abcde-4") && small.truncated() && small.length() == 7);
   snprintf_t<64> fits("%08d", 10);
   EXPECT_TRUE(fits.c_str() == std::string("00000010") && !fits.truncated());
   EXPECT_EQ(string_sprintf("%s=%u", "k", 5u), "k=5");
