@@ -86,7 +86,7 @@ TEST(Json, ExtractorNamesKeyAndType) {
   std::string missing = "keep";
   EXPECT_FALSE(json_extract(obj, "absent", missing, false) || missing != "keep");
   std::uint16_t port = 0;
-  unsigned int u = 0;
+  std::uint64_t u = 0;  // a negative must not wrap round
   bool flag = false;
   JSON_Value o;
   const std::pair<std::function<void()>, const char*> cases[] = {
