@@ -15,83 +15,63 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <tuple>
 
 namespace {
 
 // errno, value and characters consumed of natoi<T> over the whole text.
 template <class T>
-std::tuple<int, long long, long> parse(const char* text) {
+std::string parse(const char* text) {
   const char* stop = nullptr;
-  const T v = natoi<T>(text, text + strlen(text), &stop);
-  return {errno, static_cast<long long>(v), stop - text};
+  const long long v = natoi<T>(text, text + strlen(text), &stop);
+  const char* e = errno == ERANGE ? "ERANGE" : errno == EINVAL ? "EINVAL" : errno ? "?" : "ok";
+  return string_sprintf("%s %lld %ld", e, v, long(stop - text));
 }
 
-TEST(Natoi, UnsignedAndSignedLimitsSignsAndStops) {
-  using R = std::tuple<int, long long, long>;
-  const std::pair<const char*, R> unsigned_cases[] = {
-      {"4294967295", {0, 4294967295LL, 10}},
-      {"4294967296", {ERANGE, 4294967295LL, 9}},
-      {"+7", {0, 7, 2}},
-      {"-0", {EINVAL, 0, 0}},
-      {"", {EINVAL, 0, 0}},
-      {"12 ", {0, 12, 2}},
-      {"x1", {EINVAL, 0, 0}},
-      {"+", {EINVAL, 0, 0}},
-      {"007", {0, 7, 3}},
-  };
-  for (const auto& [text, expected] : unsigned_cases)
-    EXPECT_EQ(parse<unsigned int>(text), expected) << text;
-  const std::pair<const char*, R> int_cases[] = {
-      {"-2147483648", {0, INT_MIN, 11}}, {"-2147483649", {ERANGE, INT_MAX, 10}},
-      {"2147483647", {0, INT_MAX, 10}},  {"2147483648", {ERANGE, INT_MAX, 9}},
-      {"-12abc", {0, -12, 3}},
-  };
-  for (const auto& [text, expected] : int_cases)
-    EXPECT_EQ(parse<int>(text), expected) << text;
+TEST(Text, NatoiBoundedFormattingHelpersAndCharsets) {
+  // natoi: rows "text|errno value consumed" as unsigned int, then as int.
+  const std::vector<std::string> rows[] = {
+      {"4294967295|ok 4294967295 10", "4294967296|ERANGE 4294967295 9", "+7|ok 7 2",
+       "-0|EINVAL 0 0", "|EINVAL 0 0", "12 |ok 12 2", "x1|EINVAL 0 0", "+|EINVAL 0 0",
+       "007|ok 7 3"},
+      {"-2147483648|ok -2147483648 11", "-2147483649|ERANGE 2147483647 10",
+       "2147483647|ok 2147483647 10", "2147483648|ERANGE 2147483647 9", "-12abc|ok -12 3"}};
+  for (int is_int : {0, 1})
+    for (const std::string& row : rows[is_int]) {
+      const std::string text = row.substr(0, row.find('|'));
+      EXPECT_EQ(is_int ? parse<int>(text.c_str()) : parse<unsigned>(text.c_str()),
+                row.substr(text.size() + 1));
+    }
   const char* stop = nullptr;
   EXPECT_EQ(natoi<unsigned long>("18446744073709551615", nullptr, &stop), ULONG_MAX);
-}
-
-TEST(Text, BoundedFormattingAndHelpers) {
-  snprintf_t<8> small("%s-%d", "abcdef", 42);
-  EXPECT_STREQ(small.c_str(), "abcdef-");
-  EXPECT_TRUE(small.truncated());
-  EXPECT_EQ(small.length(), 7u);
+  // Bounded formatting and helpers.
+  snprintf_t<8> small("%s-%d", "abcde", 42);  // one byte short for the NUL
+  EXPECT_TRUE(small.c_str() == std::string("abcde-4") && small.truncated() && small.length() == 7);
   snprintf_t<64> fits("%08d", 10);
-  EXPECT_STREQ(fits, "00000010");
-  EXPECT_FALSE(fits.truncated());
+  EXPECT_TRUE(fits.c_str() == std::string("00000010") && !fits.truncated());
   EXPECT_EQ(string_sprintf("%s=%u", "k", 5u), "k=5");
   EXPECT_EQ(string_sprintf("%s", std::string(5000, 'x').c_str()).size(), 5000u);
-
   std::string out;
   filenamify(std::string("a/b\\c:d*e?f\"g<h>i|j\x01k") + std::string(1, '\0') + "l", out, '_');
   EXPECT_EQ(out, "a_b_c_d_e_f_g_h_i_j_k_l");
   Pretty_Formatter pf(1);
-  EXPECT_EQ(pf.size_formatter(512, out), "512 B");
-  EXPECT_EQ(pf.size_formatter(1536, out), "1.5 KiB");
-  EXPECT_EQ(pf.size_formatter(10ul << 30, out), "10.0 GiB");
+  for (auto [size, text] :
+       {std::pair(512ul, "512 B"), {1536ul, "1.5 KiB"}, {10ul << 30, "10.0 GiB"}})
+    EXPECT_EQ(pf.size_formatter(size, out), text);
   const unsigned char bytes[] = {0x00, 0x7f, 0xab, 0xff};
   EXPECT_EQ(Hex_String_T(bytes, sizeof bytes).str(), "007fabff");
-
   std::string a, b;
   uuid_string(a, false);
   uuid_string(b, true);
-  EXPECT_EQ(a.size(), 36u);
-  EXPECT_EQ(b.size(), 32u);
-  EXPECT_EQ(b.find('-'), std::string::npos);
+  EXPECT_TRUE(a.size() == 36 && b.size() == 32 && b.find('-') == std::string::npos) << a << b;
   EXPECT_NE(new_uuid(), new_uuid());
-}
-
-TEST(Text, CharsetConversionRefusesInvalidInput) {
+  // Charset conversion refuses invalid input.
   Compound_Charset_Converter to_latin1("utf8", "ISO-8859-1"), to_utf8("utf8", "UTF-8");
-  std::string out;
-  ASSERT_TRUE(to_latin1.convert("caf\xc3\xa9", out));
-  EXPECT_EQ(out, "caf\xe9");
-  EXPECT_FALSE(to_latin1.convert("\xe4\xb8\xad", out)) << "CJK has no Latin-1 form";
-  EXPECT_FALSE(to_utf8.convert("bad \xff\xfe", out));
-  ASSERT_TRUE(to_utf8.convert("\xe4\xb8\xad\xe6\x96\x87", out));
-  EXPECT_EQ(out, "\xe4\xb8\xad\xe6\x96\x87");
+  EXPECT_TRUE(to_latin1.convert("caf\xc3\xa9", out) && out == "caf\xe9");
+  EXPECT_FALSE(to_latin1.convert("\xe4\xb8\xad", out) || to_utf8.convert("bad \xff\xfe", out));
+  EXPECT_TRUE(to_utf8.convert("\xe4\xb8\xad\xe6\x96\x87", out) &&
+              out == "\xe4\xb8\xad\xe6\x96\x87");
   EXPECT_FALSE(Compound_Charset_Converter("no-such-charset", nullptr).convert("x", out));
 }
 
@@ -102,15 +82,11 @@ TEST(Json, ExtractorNamesKeyAndType) {
   int n = 0;
   double d = 0;
   EXPECT_TRUE(json_extract(obj, "s", s) && json_extract(obj, "n", n) && json_extract(obj, "d", d));
-  EXPECT_EQ(s, "x");
-  EXPECT_EQ(n, 70000);
-  EXPECT_DOUBLE_EQ(d, 1.5);
+  EXPECT_EQ(std::tuple(s, n, d), std::tuple("x", 70000, 1.5));
   std::string missing = "keep";
-  EXPECT_FALSE(json_extract(obj, "absent", missing, false));
-  EXPECT_EQ(missing, "keep");
-
+  EXPECT_FALSE(json_extract(obj, "absent", missing, false) || missing != "keep");
   std::uint16_t port = 0;
-  unsigned int u = 0;
+  std::uint64_t u = 0;  // a negative must not wrap round
   bool flag = false;
   JSON_Value o;
   const std::pair<std::function<void()>, const char*> cases[] = {
@@ -124,8 +100,7 @@ TEST(Json, ExtractorNamesKeyAndType) {
       {[&] { json_extract(obj, "absent", s); }, "missing key 'absent'"},
       {[&] { json_extract_object(obj, "a", o); }, "'a' is expected as object"},
       {[&] { json_extract_array(obj, "o", o); }, "'o' is expected as array"},
-      {[&] { json_extract(JSON_Value::array(), "s", s); }, "expected an object, got array"},
-  };
+      {[&] { json_extract(JSON_Value::array(), "s", s); }, "expected an object, got array"}};
   for (const auto& [extract, message] : cases) {
     try {
       extract();
@@ -142,18 +117,15 @@ TEST(Paths, EverythingLivesUnderTheInstallRoot) {
   EXPECT_EQ(install_root(), dir.path());
   EXPECT_EQ(rooted_path("/etc/x"), dir.path() + "/etc/x");
   Path_Conf conf("/etc/opt/quorvex/brimlet5/$COMPONENT/servant", "h3c-cas", "svc.conf", 0750);
-  std::string path;
+  std::string path, text;
   ASSERT_TRUE(conf.get(path));
   EXPECT_EQ(path, dir.path() + "/etc/opt/quorvex/brimlet5/h3c-cas/servant/svc.conf");
   struct stat st {};
   ASSERT_EQ(stat((dir.path() + "/etc/opt/quorvex/brimlet5/h3c-cas/servant").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0750u);
-
-  ASSERT_TRUE(write_file_atomic(dir.file("f"), "one", 0600));
-  ASSERT_TRUE(write_file_atomic(dir.file("f"), "two", 0600));
-  std::string text;
-  ASSERT_TRUE(read_file(dir.file("f"), text));
-  EXPECT_EQ(text, "two");
+  for (const char* content : {"one", "two"})
+    ASSERT_TRUE(write_file_atomic(dir.file("f"), content, 0600));
+  EXPECT_TRUE(read_file(dir.file("f"), text) && text == "two");
   EXPECT_FALSE(write_file_atomic(dir.file("no/such/dir/f"), "x", 0600));
   unsetenv("BRIMLET_ROOT");
   EXPECT_EQ(install_root(), "");
@@ -163,7 +135,6 @@ TEST(Log, LinesCarryRelativeSourceAndReachSinks) {
   std::vector<std::string> lines;
   int id = add_log_sink([&](ACE_Log_Priority, const std::string& line) { lines.push_back(line); });
   Log_Options opts;
-  opts.program = "core_test";
   opts.to_stderr = false;
   ASSERT_TRUE(open_log(opts));
   LOG_MSG((LM_ERROR, "Failed to open '%s' at %N:%l.\n", "x"));
@@ -172,56 +143,46 @@ TEST(Log, LinesCarryRelativeSourceAndReachSinks) {
   remove_log_sink(id);
   LOG_MSG((LM_ERROR, "not seen by the removed sink\n"));
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_NE(lines[0].find("ERROR tests/unit/core/core_test.cc:"), std::string::npos) << lines[0];
-  EXPECT_NE(lines[0].find("Failed to open 'x' at tests/unit/core/core_test.cc:"),
-            std::string::npos);
-  EXPECT_NE(lines[1].find("EMERGENCY"), std::string::npos);
-  EXPECT_NE(lines[1].find("Unexpected error in tests/unit/core/core_test.cc:"), std::string::npos);
-  EXPECT_NE(lines[1].find("lines.size() > 100:\n"), std::string::npos);
+  const std::string src = "tests/unit/core/core_test.cc:";
+  const std::string parts[] = {"ERROR " + src, "Failed to open 'x' at " + src, "EMERGENCY",
+                               "Unexpected error in " + src, "lines.size() > 100:\n"};
+  for (int i = 0; i < 5; ++i)  // the first two in the first line
+    EXPECT_NE(lines[i < 2 ? 0 : 1].find(parts[i]), std::string::npos) << parts[i];
 }
 
 TEST(Worker_Pool, RunsEveryPostedJobBeforeJoining) {
   std::atomic<int> done{0};
-  {
-    Worker_Pool pool(3);
-    for (int i = 0; i < 100; ++i)
-      ASSERT_TRUE(pool.post([&] { ++done; }));
-  }
+  auto pool = std::make_unique<Worker_Pool>(3);
+  for (int i = 0; i < 100; ++i)
+    ASSERT_TRUE(pool->post([&] { ++done; }));
+  pool.reset();  // joins
   EXPECT_EQ(done.load(), 100);
 }
 
 TEST(Job_Subtype, OnlyTheExactTextWithinItsLengthCounts) {
   using S = Job_Definition_Subtype;
-  const std::pair<std::string, S> rows[] = {
-      {"full", S::Full},
-      {"incremental", S::Incremental},
-      {"differential", S::Differential},
-      {"Full", S::Unknown},
-      {"full ", S::Unknown},
-      {"", S::Unknown},
-      {"differentia", S::Unknown},
-  };
-  for (const auto& [text, subtype] : rows) {
-    EXPECT_EQ(job_def_subtype_from_string(text.c_str(), text.size()), subtype) << text;
-    EXPECT_TRUE(subtype == S::Unknown || job_def_subtype_to_string(subtype) == text) << text;
+  const std::string texts[] = {"full", "incremental", "differential", "Full", "full ",
+                               "",     "differentia"};
+  const S subtypes[] = {S::Full, S::Incremental, S::Differential};  // the rest: Unknown
+  for (std::size_t i = 0; i < std::size(texts); ++i) {
+    const S subtype = i < std::size(subtypes) ? subtypes[i] : S::Unknown;
+    EXPECT_EQ(job_def_subtype_from_string(texts[i].c_str(), texts[i].size()), subtype) << i;
+    EXPECT_TRUE(subtype == S::Unknown || job_def_subtype_to_string(subtype) == texts[i]) << i;
   }
   // The length bounds the text: a prefix of a longer buffer is read, no NUL needed.
-  EXPECT_EQ(job_def_subtype_from_string("fullness", 4), S::Full);
-  EXPECT_EQ(job_def_subtype_from_string(nullptr, 0), S::Unknown);
+  EXPECT_TRUE(job_def_subtype_from_string("fullness", 4) == S::Full &&
+              job_def_subtype_from_string(nullptr, 0) == S::Unknown);
   EXPECT_STREQ(job_def_subtype_to_string(static_cast<S>(42)), "unknown");
 }
 
 const char key[] = "P!L@O#V$A%R^N&3157";
 
-TEST(Crypto, DigestsMatchKnownVectors) {
+TEST(Crypto, DigestsEncryptionAndBase64) {
   MD_Generator md5("abc", 3, MD_MD5), sha("abc", 3, MD_SHA256), unknown("abc", 3, 99);
   EXPECT_EQ(Hex_String_T(md5.get(), md5.length()).str(), "900150983cd24fb0d6963f7d28e17f72");
   EXPECT_EQ(Hex_String_T(sha.get(), sha.length()).str(),
             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   EXPECT_EQ(unknown.get(), nullptr);
-}
-
-TEST(Crypto, EncryptDecryptAndBase64RoundTripAndTamperDetection) {
   const std::string plains[] = {
       "", "p", "ab", "abc", "Circle Of Life", std::string(1000, 'x'), std::string("\0\xff", 2)};
   for (const std::string& plain : plains) {
@@ -229,29 +190,24 @@ TEST(Crypto, EncryptDecryptAndBase64RoundTripAndTamperDetection) {
     ASSERT_TRUE(encrypt_string(plain.data(), plain.size(), cipher, key, strlen(key)));
     EXPECT_TRUE(plain.size() < 8 || cipher.find(plain) == std::string::npos);
     Secure_String out;
-    ASSERT_TRUE(decrypt_string(cipher, out, key, strlen(key)));
-    EXPECT_EQ(std::string(out.data(), out.size()), plain);
-    ASSERT_TRUE(base64_decode(base64_encode(plain.data(), plain.size()), raw));
-    EXPECT_EQ(raw, plain);
+    EXPECT_TRUE(decrypt_string(cipher, out, key, strlen(key)) &&
+                std::string(out.data(), out.size()) == plain);
+    EXPECT_TRUE(base64_decode(base64_encode(plain.data(), plain.size()), raw) && raw == plain);
   }
   std::string cipher, again, raw;
-  ASSERT_TRUE(encrypt_string("secret", 6, cipher, key, strlen(key)));
-  ASSERT_TRUE(encrypt_string("secret", 6, again, key, strlen(key)));
+  ASSERT_TRUE(encrypt_string("secret", 6, cipher, key, strlen(key)) &&
+              encrypt_string("secret", 6, again, key, strlen(key)));
   EXPECT_NE(cipher, again) << "a fresh nonce each time";
-
   Secure_String out = "untouched";
   EXPECT_FALSE(decrypt_string(cipher, out, "other key", 9));
   ASSERT_TRUE(base64_decode(cipher, raw));
   for (std::size_t i : {std::size_t(0), std::size_t(13), raw.size() - 1}) {
-    std::string bad = raw;
-    bad[i] ^= 1;
-    EXPECT_FALSE(decrypt_string(base64_encode(bad.data(), bad.size()), out, key, strlen(key)))
-        << "flipped byte " << i;
+    const std::string bad = raw.substr(0, i) + char(raw[i] ^ 1) + raw.substr(i + 1);
+    EXPECT_FALSE(decrypt_string(base64_encode(bad.data(), bad.size()), out, key, strlen(key))) << i;
   }
   for (const std::string& bad : {cipher.substr(0, 8), std::string("not base64!"), std::string()})
     EXPECT_FALSE(decrypt_string(bad, out, key, strlen(key))) << bad;
-  EXPECT_EQ(std::string(out.data(), out.size()), "untouched");
-  EXPECT_FALSE(base64_decode("abc", raw));
+  EXPECT_TRUE(std::string(out.data(), out.size()) == "untouched" && !base64_decode("abc", raw));
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 #include "host/core/mem_map.h"
-#include "host/core/log.h"
 #include "host/core/paths.h"
 #include "host/job/activity.h"
 #include "tests/support/log_capture.h"
@@ -11,12 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -56,96 +53,94 @@ class Mem_Map_Test : public ::testing::Test {
   std::string sample_dir(const std::string& id) const {
     return root_.path() + "/var/test/sample/" + id;
   }
-
   Temp_Dir root_;
 };
 
-TEST_F(Mem_Map_Test, StoresAreSharedAcrossHandlesProcessesAndTheFile) {
+TEST_F(Mem_Map_Test, StoresAreSharedFilesHaveTheirModesAndJobActivityItsUid) {
   Sample_Handle writer;
   ASSERT_TRUE(writer.open("run-1", "rec", true, true, 0750));
   const std::string path = sample_dir("run-1") + "/rec";
-  EXPECT_EQ(writer.path(), path);
-  struct stat st {};
-  ASSERT_EQ(stat(path.c_str(), &st), 0);
-  EXPECT_EQ(st.st_size, 256);
-  EXPECT_EQ(writer->counter, 0u);
+  EXPECT_EQ(std::tuple(writer.path(), std::filesystem::file_size(path), writer->counter),
+            std::tuple(path, 256u, 0u));
   writer->counter = 7;
   std::strcpy(writer->text, "agent");
-
   Sample_Handle reader;
   ASSERT_TRUE(reader.open("run-1", "rec", false, true, 0750));
-  EXPECT_EQ(reader->counter, 7u);
-  EXPECT_STREQ(reader->text, "agent");
+  EXPECT_TRUE(reader->counter == 7u && !strcmp(reader->text, "agent"));
   reader->flag = 3;
   EXPECT_EQ(writer->flag, 3);
-
   pid_t pid = fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
     Sample_Handle child;
-    bool ok = child.open("run-1", "rec", false, true, 0750);
-    if (ok)
-      child->counter += 100;
-    _exit(ok ? 0 : 1);
+    _exit(child.open("run-1", "rec", false, true, 0750) && (child->counter += 100) ? 0 : 1);
   }
   int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_TRUE(waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_EQ(writer->counter, 107u);
-
   // A moved handle keeps the mapping; the emptied one has none.
   Sample_Handle moved = std::move(writer);
-  EXPECT_EQ(writer.get(), nullptr);
-  EXPECT_EQ(moved->counter, 107u);
+  EXPECT_TRUE(writer.get() == nullptr && moved->counter == 107u);
   moved.close();
   reader.close();
   EXPECT_TRUE(moved.get() == nullptr && reader.path().empty());
-
   std::string bytes;
-  ASSERT_TRUE(read_file(path, bytes));
-  ASSERT_EQ(bytes.size(), 256u);
+  ASSERT_TRUE(read_file(path, bytes) && bytes.size() == 256u);
   Sample on_disk;
   std::memcpy(&on_disk, bytes.data(), sizeof on_disk);
   EXPECT_TRUE(on_disk.counter == 107u && on_disk.flag == 3 && !strcmp(on_disk.text, "agent"));
-}
-
-TEST_F(Mem_Map_Test, ModesDescriptorsAndRelease) {
+  // Modes and descriptors, released with the handle.
   const mode_t saved_mask = umask(022);
-  const struct {
-    const char* id;
-    mode_t dir_mode;
-    bool close_on_exec;
-  } cases[] = {{"a", 0750, true}, {"b", 0700, false}};
-  for (const auto& c : cases) {
+  for (const auto& [id, dir_mode, close_on_exec] :
+       {std::tuple("a", 0750u, true), {"b", 0700u, false}}) {
     std::string path;
     {
       Sample_Handle h;
-      ASSERT_TRUE(h.open(c.id, "rec", true, c.close_on_exec, c.dir_mode)) << c.id;
+      ASSERT_TRUE(h.open(id, "rec", true, close_on_exec, dir_mode)) << id;
       path = h.path();
-      struct stat st {};
-      ASSERT_EQ(stat(sample_dir(c.id).c_str(), &st), 0);
-      EXPECT_EQ(st.st_mode & 07777, c.dir_mode) << c.id;
-      ASSERT_EQ(stat(path.c_str(), &st), 0);
-      EXPECT_EQ(st.st_mode & 07777, 0640u) << c.id;
+      struct stat dir = {}, file = {};
+      ASSERT_TRUE(stat(sample_dir(id).c_str(), &dir) == 0 && stat(path.c_str(), &file) == 0);
+      EXPECT_EQ(std::tuple(dir.st_mode & 07777, file.st_mode & 07777), std::tuple(dir_mode, 0640u));
       std::vector<int> fds = fds_on(path);
-      ASSERT_EQ(fds.size(), 1u) << c.id;
-      EXPECT_EQ((fcntl(fds[0], F_GETFD) & FD_CLOEXEC) != 0, c.close_on_exec) << c.id;
-      EXPECT_TRUE(is_mapped(path)) << c.id;
+      ASSERT_EQ(fds.size(), 1u) << id;
+      EXPECT_EQ((fcntl(fds[0], F_GETFD) & FD_CLOEXEC) != 0, close_on_exec) << id;
+      EXPECT_TRUE(is_mapped(path)) << id;
     }
-    EXPECT_TRUE(fds_on(path).empty()) << c.id;
-    EXPECT_FALSE(is_mapped(path)) << c.id;
+    EXPECT_TRUE(fds_on(path).empty() && !is_mapped(path)) << id;
   }
   umask(saved_mask);
+  // Job activity is shared by job uid.
+  Job_Activity_Handle agent;
+  ASSERT_TRUE(open_job_activity(agent, "job-7", true));
+  EXPECT_EQ(agent.path(), root_.path() + "/var/opt/quorvex/brimlet5/jobs/job-7/activity");
+  EXPECT_TRUE(agent->state == Job_Activity::pending && Job_Activity::text(agent->job_uid).empty());
+  agent->state = Job_Activity::running;
+  agent->stored_size = 1ull << 40;
+  ASSERT_TRUE(Job_Activity::set_text(agent->job_uid, "job-7") &&
+              Job_Activity::set_text(agent->run_id, std::string(63, 'r')));
+  Job_Activity_Handle servant;
+  ASSERT_TRUE(open_job_activity(servant, "job-7", false));
+  EXPECT_TRUE(servant->state == Job_Activity::running && servant->stored_size == 1ull << 40);
+  EXPECT_EQ(Job_Activity::text(servant->job_uid), "job-7");
+  Log_Capture log;
+  EXPECT_FALSE(Job_Activity::set_text(servant->run_id, std::string(64, 'x')));
+  EXPECT_EQ(std::tuple(log.count(), Job_Activity::text(agent->run_id)),
+            std::tuple(1u, std::string(63, 'r')));
+  // A field another process left unterminated is cut at its end.
+  std::memset(agent->previous_run_id, 'p', Job_Activity::id_capacity);
+  EXPECT_EQ(Job_Activity::text(servant->previous_run_id),
+            std::string(Job_Activity::id_capacity, 'p'));
+  servant->reset();
+  EXPECT_TRUE(agent->state == Job_Activity::pending && agent->stored_size == 0);
+  EXPECT_EQ(Job_Activity::text(agent->job_uid) + Job_Activity::text(agent->previous_run_id), "");
+  Job_Activity_Handle absent;
+  EXPECT_FALSE(open_job_activity(absent, "job-8", false));
 }
 
 TEST_F(Mem_Map_Test, RefusedOpensLogOnceAndLeaveTheHandleClosed) {
   const std::string check = "Unexpected error in host/core/mem_map.cc:";
-  const struct {
-    const char* id;
-    const char* basename;
-    bool create;
-    std::string message;
-  } cases[] = {
+  // Id, basename, create, and the message.
+  const std::tuple<const char*, const char*, bool, std::string> cases[] = {
       {nullptr, "rec", true, "id is NULL or \"\":\n"},
       {"", "rec", true, "id is NULL or \"\":\n"},
       {"run", nullptr, true, "basename is NULL or \"\":\n"},
@@ -154,59 +149,18 @@ TEST_F(Mem_Map_Test, RefusedOpensLogOnceAndLeaveTheHandleClosed) {
       {"run", "a/b", true, "Invalid name 'run/a/b' of a memory-mapped file.\n"},
       {"run", "missing", false,
        "Failed to memory map " + sample_dir("run") +
-           "/missing, errno=2, No such file or directory\n"},
-  };
-  for (const auto& c : cases) {
+           "/missing, errno=2, No such file or directory\n"}};
+  for (const auto& [id, basename, create, message] : cases) {
     Sample_Handle h;
     ASSERT_TRUE(h.open("prev", "rec", true, true, 0750));
     Log_Capture log;
-    EXPECT_FALSE(h.open(c.id, c.basename, c.create, true, 0750)) << c.message;
-    EXPECT_TRUE(h.get() == nullptr && h.path().empty()) << c.message;
-    EXPECT_EQ(log.count(), 1u) << log.text();
-    EXPECT_TRUE(log.contains(c.message)) << log.text();
-    EXPECT_TRUE(c.message.find("NULL") == std::string::npos || log.contains(check)) << log.text();
+    EXPECT_FALSE(h.open(id, basename, create, true, 0750) || h.get() || !h.path().empty())
+        << message;
+    EXPECT_TRUE(log.count() == 1 && log.contains(message)) << log.text();
+    EXPECT_TRUE(message.find("NULL") == std::string::npos || log.contains(check)) << log.text();
   }
   // Opening without create makes no directory either.
   EXPECT_NE(access(sample_dir("run").c_str(), F_OK), 0);
-}
-
-TEST_F(Mem_Map_Test, JobActivityIsSharedByJobUid) {
-  Job_Activity_Handle agent;
-  ASSERT_TRUE(open_job_activity(agent, "job-7", true));
-  EXPECT_EQ(agent.path(), root_.path() + "/var/opt/quorvex/brimlet5/jobs/job-7/activity");
-  EXPECT_EQ(agent->state, Job_Activity::pending);
-  EXPECT_EQ(Job_Activity::text(agent->job_uid), "");
-  agent->state = Job_Activity::running;
-  agent->stored_size = 1ull << 40;
-  ASSERT_TRUE(Job_Activity::set_text(agent->job_uid, "job-7"));
-  ASSERT_TRUE(Job_Activity::set_text(agent->run_id, std::string(63, 'r')));
-
-  Job_Activity_Handle servant;
-  ASSERT_TRUE(open_job_activity(servant, "job-7", false));
-  EXPECT_EQ(servant->state, Job_Activity::running);
-  EXPECT_EQ(servant->stored_size, 1ull << 40);
-  EXPECT_EQ(Job_Activity::text(servant->job_uid), "job-7");
-  EXPECT_EQ(Job_Activity::text(servant->run_id), std::string(63, 'r'));
-
-  {
-    Log_Capture log;
-    EXPECT_FALSE(Job_Activity::set_text(servant->run_id, std::string(64, 'x')));
-    EXPECT_EQ(log.count(), 1u);
-  }
-  EXPECT_EQ(Job_Activity::text(agent->run_id), std::string(63, 'r'));
-  // A field another process left unterminated is cut at its end.
-  std::memset(agent->previous_run_id, 'p', Job_Activity::id_capacity);
-  EXPECT_EQ(Job_Activity::text(servant->previous_run_id),
-            std::string(Job_Activity::id_capacity, 'p'));
-
-  servant->reset();
-  EXPECT_EQ(agent->state, Job_Activity::pending);
-  EXPECT_EQ(agent->stored_size, 0u);
-  EXPECT_EQ(Job_Activity::text(agent->job_uid), "");
-  EXPECT_EQ(Job_Activity::text(agent->previous_run_id), "");
-
-  Job_Activity_Handle absent;
-  EXPECT_FALSE(open_job_activity(absent, "job-8", false));
 }
 
 }  // namespace
