@@ -7,7 +7,9 @@ Log_Capture::Log_Capture() {
   });
 }
 
-Log_Capture::~Log_Capture() { remove_log_sink(id_); }
+Log_Capture::~Log_Capture() {
+  remove_log_sink(id_);
+}
 
 std::string Log_Capture::text() const {
   std::lock_guard<std::mutex> lock(mutex_);
