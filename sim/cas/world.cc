@@ -247,8 +247,10 @@ Disk parse_disk(const JSON_Value& obj, const Inventory_Index& index) {
   disk.allocation_mib = disk.size_mib;
   extract_in_range<std::int64_t>(obj, "allocation_mib", disk.allocation_mib, 0, disk.size_mib);
   extract_choice(obj, "format", disk.format, {"raw", "qcow2"}, "raw or qcow2");
-  extract_choice(obj, "file_type", disk.file_type, {"file", "block"}, "file or block");
-  bool file = disk.file_type == "file";
+  extract_choice(obj, "file_type", disk.file_type, {"file", "block", "network"},
+                 "file, block or network");
+  // "network": an RBD image of a pool of type rbd.
+  bool file = disk.file_type != "block";
   if (json_extract(obj, "pool", disk.pool, file) && !index.pools.count(disk.pool))
     json_throw_type("pool", "the name of a pool");
   extract_path(obj, "path", disk.path);
