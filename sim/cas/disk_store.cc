@@ -172,8 +172,8 @@ bool ends_with(const std::string& text, const std::string& tail) {
 
 // A path that stays below the folder it is placed under.
 bool contained(const std::string& path) {
-  return path.find("/../") == std::string::npos && path.find("/./") == std::string::npos &&
-         !ends_with(path, "/..") && !ends_with(path, "/.");
+  return path.compare(0, 3, "../") != 0 && path.find("/../") == std::string::npos &&
+         path.find("/./") == std::string::npos && !ends_with(path, "/..") && !ends_with(path, "/.");
 }
 
 bool find_image(const World& world, const std::string& name, Image& out) {
@@ -311,7 +311,10 @@ Disk_Store::Disk_Store(const Simulator& sim) : sim_(sim) {}
 Disk_Store::~Disk_Store() = default;
 
 std::string Disk_Store::file_of(const std::string& path) const {
-  return sim_.data_dir().empty() ? "" : sim_.data_dir() + "/disks" + path;
+  if (sim_.data_dir().empty())
+    return "";
+  // RBD images ("<pool>/<image>") live apart from the files of the pools.
+  return sim_.data_dir() + (path[0] == '/' ? "/disks" : "/disks/rbd/") + path;
 }
 
 int Disk_Store::resolve(const std::string& name, const std::string& snapshot, Resolved& out) {
