@@ -315,7 +315,7 @@ void Control_Api::disk_digest(const HTTP_Server_Request& request, HTTP_Server_Re
   response.json({{"sha256", text}, {"offset", offset}, {"length", length}});
 }
 
-// A disk grows or shrinks, as when an administrator resizes it: its CBTers become invalid.
+// A disk grows, as when an administrator expands it: its CBTers become invalid.
 void Control_Api::resize_disk(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
   std::string disk;
   std::int64_t size_mib = 0;

@@ -637,10 +637,17 @@ bool Disk_Store::resize(const std::string& name, std::uint64_t size) {
   if (!d)
     return false;
   std::unique_lock<std::shared_mutex> lock(d->mutex);
-  // As on CAS, a disk with snapshots keeps its size.
-  if (!d->snapshots.empty() || ftruncate(d->fd.get(), static_cast<off_t>(size)) != 0) {
-    LOG_MSG((LM_ERROR, "cvd-ds: cannot resize disk '%s' (%zu snapshots): %m.\n", name.c_str(),
-             d->snapshots.size()));
+  // As on CAS, a disk only grows, and not while it has snapshots. (Open handles keep mappings
+  // of the old size, which stay valid.)
+  if (!d->snapshots.empty() || size < d->size) {
+    LOG_MSG((LM_ERROR,
+             "cvd-ds: cannot resize disk '%s' from %llu to %llu bytes with %zu snapshots.\n",
+             name.c_str(), static_cast<unsigned long long>(d->size),
+             static_cast<unsigned long long>(size), d->snapshots.size()));
+    return false;
+  }
+  if (ftruncate(d->fd.get(), static_cast<off_t>(size)) != 0) {
+    LOG_MSG((LM_ERROR, "cvd-ds: failed to resize disk '%s': %m.\n", name.c_str()));
     return false;
   }
   d->size = size;

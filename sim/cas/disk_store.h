@@ -85,7 +85,7 @@ class Disk_Store {
   // Blocks holding data in the disk or in its snapshot.
   bool allocated_blocks(const std::string& name, const std::string& snapshot,
                         std::vector<Extent>& out);
-  // Grows or shrinks the image; every tracker of the disk becomes invalid.
+  // Grows the image (never while it has snapshots); every tracker of the disk becomes invalid.
   bool resize(const std::string& name, std::uint64_t size);
   // Snapshots and trackers the store holds, by the disk's first path.
   struct Leftovers {

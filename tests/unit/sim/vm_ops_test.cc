@@ -106,6 +106,7 @@ TEST(Disk_Store, SnapshotsFreezeCopyOnWriteAndTrackersNoteWrites) {
   EXPECT_EQ(path, "/p1/small");
   EXPECT_FALSE(disks.drop_snapshot("/p1/small", "s1", path));
   ASSERT_TRUE(disks.tracker_valid("/p1/small", "t1", valid) && valid);
+  EXPECT_FALSE(disks.resize("/p1/small", 2 << 20));
   ASSERT_TRUE(disks.resize("/p1/small", 8 << 20));
   ASSERT_TRUE(disks.tracker_valid("/p1/small", "t1", valid));
   EXPECT_FALSE(valid);
