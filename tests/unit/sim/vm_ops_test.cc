@@ -142,7 +142,10 @@ TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes
         {"id": 1, "uuid": "u1", "name": "v", "disks": [
           {"device_name": "vda", "size_mib": 4, "pool": "p1", "path": "/p1/a"}]},
         {"id": 2, "uuid": "u2", "name": "r", "disks": [
-          {"device_name": "vda", "size_mib": 4, "format": "raw", "pool": "p1", "path": "/p1/r"}]}]}]})");
+          {"device_name": "vda", "size_mib": 4, "format": "raw", "pool": "p1", "path": "/p1/r"}]},
+        {"id": 3, "uuid": "u3", "name": "n", "disks": [{"device_name": "vda", "size_mib": 4,
+          "format": "raw", "file_type": "network", "pool": "p1", "path": "p1/n"}]}]}]})");
+  write_text_file(dir.file("fs.img"), "hello");
   Test_Process sim;
   ASSERT_TRUE(sim.start({"cas-sim", "--world", dir.file("world.json"), "--ready-file",
                          dir.file("ready.json"), "--cvd-listen", "127.0.0.1:0", "--data",
@@ -217,6 +220,16 @@ TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes
       {"GET", "/cas/casrs/vm/detail/1", "", 200, R"({"status": "running"})"},
       {"POST", "/sim/cvd/fail_reads", R"({"disk": "/p1/none"})", 404, ""},
       {"POST", "/sim/cvd/drop", R"({"after_bytes": 10, "count": -1})", 400, ""},
+      {"POST", "/sim/disks/import", R"({"disk": "p1/n", "file": ")" + dir.file("fs.img") + "\"}",
+       200, R"({"written": 1048576})"},
+      {"POST", "/cas/casrs/vm/snapshot", R"({"vmId": "3", "name": "n1", "snapshotMode": "1"})", 200,
+       R"({"msgId": "10"})"},
+      {"GET", "/cas/casrs/message/10", "", 200, R"({"result": "0"})"},
+      {"POST", "/sim/disks/write", R"({"disk": "rbd:p1/n", "offset": 0, "length": 5})", 200, "{}"},
+      {"GET", "/sim/disks/digest?disk=rbd:p1/n@n1&length=5", "", 200,
+       R"({"sha256": "2cf24dba5fb0a30e26e83b2ac5b9e29e1b161e5c1fa7425e73043362938b9824"})"},
+      {"GET", "/sim/disks/digest?disk=p1/n&snapshot=n1&offset=5&length=5", "", 200,
+       R"({"sha256": "8855508aade16ec573d21e6a485dfd0a7624085c1a14b5ecdd6485de0c6839a4"})"},
   };
   for (const auto& row : rows) {
     // The control API asks for no credentials; curl would send a first digest request bare.
