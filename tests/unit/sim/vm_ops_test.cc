@@ -208,7 +208,8 @@ TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes
       {"GET", "/sim/leftovers", "", 200, R"({"snapshots": [], "cbters": []})"},
       {"POST", "/cas/casrs/vm/snapshot", R"({"vmId": "2", "name": "x", "snapshotMode": "1"})", 200,
        R"({"msgId": "6"})"},
-      {"GET", "/cas/casrs/message/6", "", 200, R"({"result": "1"})"},
+      {"GET", "/cas/casrs/message/6", "", 200,
+       R"({"result": "1", "failMsg": "raw格式的本地磁盘不支持快照"})"},
       {"POST", "/cas/casrs/vm/snapshot", R"({"vmId": "9", "name": "x", "snapshotMode": "1"})", 404,
        ""},
       {"PUT", "/cas/casrs/vm/stop/1", "", 200, R"({"msgId": "7"})"},
@@ -230,6 +231,11 @@ TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes
        R"({"sha256": "2cf24dba5fb0a30e26e83b2ac5b9e29e1b161e5c1fa7425e73043362938b9824"})"},
       {"GET", "/sim/disks/digest?disk=p1/n&snapshot=n1&offset=5&length=5", "", 200,
        R"({"sha256": "8855508aade16ec573d21e6a485dfd0a7624085c1a14b5ecdd6485de0c6839a4"})"},
+      // A state change takes as long as its task.
+      {"PUT", "/sim/knobs", R"({"task_duration_ms": 3600000})", 200, "{}"},
+      {"PUT", "/cas/casrs/vm/stop/3", "", 200, R"({"msgId": "11"})"},
+      {"GET", "/cas/casrs/message/11", "", 200, R"({"completed": "false"})"},
+      {"GET", "/cas/casrs/vm/detail/3", "", 200, R"({"status": "running"})"},
   };
   for (const auto& row : rows) {
     // The control API asks for no credentials; curl would send a first digest request bare.
