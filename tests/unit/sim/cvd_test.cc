@@ -231,6 +231,7 @@ TEST_F(Libcvd_Test, ReachesTheServiceByTheAddressMapReadsFrozenSnapshotsAndMeets
   // Faults: reads of one disk fail; a connection is dropped after so many bytes, once.
   ASSERT_EQ(call("POST", http_ + "/sim/cvd/fail_reads", R"({"disk": "/p1/data"})"), "200");
   EXPECT_EQ(cvd_disk_read(frozen, 0, 4096, &read[0]), -EIO);
+  EXPECT_EQ(cvd_disk_read(writer, 0, 4096, &read[0]), -EIO);
   ASSERT_EQ(call("POST", http_ + "/sim/cvd/fail_reads", R"({"disk": "/p1/data", "fail": false})"),
             "200");
   ASSERT_EQ(call("POST", http_ + "/sim/cvd/drop", R"({"after_bytes": 1048576})"), "200");
