@@ -128,7 +128,7 @@ void CVM_Api::snapshot_create(const Call& call, HTTP_Server_Response& response) 
     return cas_error(response, 400, bad_request);
   const bool internal = mode == "1";
   // Checked under the world's lock; the disks are frozen outside it (the store reads the world).
-  std::vector<std::string> paths;
+  std::vector<std::string> paths, backings;
   const char* refusal = nullptr;
   bool known = sim_.change_world([&](World& world) {
     VM* vm = vm_by_id(world, vm_id);
@@ -144,6 +144,9 @@ void CVM_Api::snapshot_create(const Call& call, HTTP_Server_Response& response) 
     else if (local_raw)
       refusal = "raw格式的本地磁盘不支持快照";
     paths = disk_paths(*vm);
+    for (const Disk& disk : vm->disks)
+      if (disk.device == "disk")
+        backings.push_back(disk.backing_file);
     return true;
   });
   if (!known)
@@ -151,10 +154,11 @@ void CVM_Api::snapshot_create(const Call& call, HTTP_Server_Response& response) 
   if (refusal)
     return start_task(sim_, response, refusal);
   std::vector<std::pair<std::string, std::string>> moved;  // old path, overlay
-  for (const std::string& path : paths) {
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    const std::string& path = paths[i];
     std::string overlay = path + "." + name;
     if (!(internal ? sim_.disks().take_snapshot(path, name)
-                   : sim_.disks().take_external_snapshot(path, name, overlay)))
+                   : sim_.disks().take_external_snapshot(path, name, overlay, backings[i])))
       return start_task(sim_, response, "创建快照失败");
     if (!internal)
       moved.emplace_back(path, overlay);
@@ -189,19 +193,22 @@ void CVM_Api::snapshot_delete(const Call& call, HTTP_Server_Response& response) 
   });
   if (status)
     return cas_error(response, 404, status == 1 ? no_vm : "快照不存在");
-  std::vector<std::pair<std::string, std::string>> merged;  // overlay, the disk's path again
+  struct Merged {
+    std::string overlay, path, backing;  // the disk's path and backing file again
+  };
+  std::vector<Merged> merged;
   for (const std::string& path : paths) {
-    std::string now;
-    if (sim_.disks().drop_snapshot(path, name, now) && now != path)
-      merged.emplace_back(path, now);
+    std::string now, backing;
+    if (sim_.disks().drop_snapshot(path, name, now, backing) && now != path)
+      merged.push_back({path, now, backing});
   }
   sim_.change_world([&](World& world) {
     if (VM* vm = vm_by_id(world, call.params.at("id")))
       for (Disk& disk : vm->disks)
-        for (const auto& [overlay, path] : merged)
-          if (disk.path == overlay) {
-            disk.path = path;
-            disk.backing_file.clear();
+        for (const Merged& m : merged)
+          if (disk.path == m.overlay) {
+            disk.path = m.path;
+            disk.backing_file = m.backing;
           }
   });
   start_task(sim_, response, "");

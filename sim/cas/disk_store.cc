@@ -507,18 +507,18 @@ bool Disk_Store::take_snapshot(const std::string& name, const std::string& snaps
 }
 
 bool Disk_Store::take_external_snapshot(const std::string& name, const std::string& snapshot,
-                                        const std::string& overlay) {
+                                        const std::string& overlay, const std::string& backing) {
   if (!take_snapshot(name, snapshot))
     return false;
   std::shared_ptr<Disk_State> d = state_of(name, "move");
   std::lock_guard<std::mutex> lock(mutex_);
   moved_[overlay] = d->first;
-  frozen_[name] = {d->first, snapshot, overlay};
+  frozen_[name] = {d->first, snapshot, overlay, backing};
   return true;
 }
 
 bool Disk_Store::drop_snapshot(const std::string& name, const std::string& snapshot,
-                               std::string& path) {
+                               std::string& path, std::string& backing) {
   path = name;
   std::shared_ptr<Disk_State> d = state_of(name, "delete a snapshot of");
   if (!d)
@@ -538,6 +538,7 @@ bool Disk_Store::drop_snapshot(const std::string& name, const std::string& snaps
     if (it->second.first == d->first && it->second.snapshot == snapshot) {
       if (it->second.overlay == name) {
         path = it->first;
+        backing = it->second.backing;
         moved_.erase(name);
       }
       frozen_.erase(it);

@@ -68,11 +68,14 @@ class Disk_Store {
   // Snapshots of the disk at `name`. False after one log line.
   bool take_snapshot(const std::string& name, const std::string& snapshot);
   // As take_snapshot, and the disk moves to `overlay`: its old path reads as the snapshot.
+  // `backing` is the backing file the disk had, given back when the snapshot is dropped.
   bool take_external_snapshot(const std::string& name, const std::string& snapshot,
-                              const std::string& overlay);
+                              const std::string& overlay, const std::string& backing);
   // Drops the snapshot; an external one returns the disk to its old path when nothing was
-  // stacked on it since, and answers in `path` where the disk now is. False when unknown.
-  bool drop_snapshot(const std::string& name, const std::string& snapshot, std::string& path);
+  // stacked on it since, and answers in `path` where the disk now is and in `backing` its
+  // backing file there. False when unknown.
+  bool drop_snapshot(const std::string& name, const std::string& snapshot, std::string& path,
+                     std::string& backing);
 
   // Changed-block trackers of a disk, by name. False after one log line.
   bool add_tracker(const std::string& name, const std::string& tracker);
@@ -118,7 +121,7 @@ class Disk_Store {
   std::map<std::string, std::shared_ptr<Disk_State>> states_;  // by the disk's first path
   std::map<std::string, std::string> moved_;                   // overlay path -> first path
   struct Frozen_Path {
-    std::string first, snapshot, overlay;
+    std::string first, snapshot, overlay, backing;
   };
   std::map<std::string, Frozen_Path> frozen_;  // old path of an external snapshot
   std::uint64_t drop_bytes_ = 0;

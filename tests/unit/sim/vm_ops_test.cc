@@ -101,10 +101,10 @@ TEST(Disk_Store, SnapshotsFreezeCopyOnWriteAndTrackersNoteWrites) {
   // A disk with snapshots keeps its size; a resize invalidates its trackers.
   bool valid = false;
   EXPECT_FALSE(disks.resize("/p1/small", 8 << 20));
-  std::string path;
-  ASSERT_TRUE(disks.drop_snapshot("/p1/small", "s1", path));
+  std::string path, backing;
+  ASSERT_TRUE(disks.drop_snapshot("/p1/small", "s1", path, backing));
   EXPECT_EQ(path, "/p1/small");
-  EXPECT_FALSE(disks.drop_snapshot("/p1/small", "s1", path));
+  EXPECT_FALSE(disks.drop_snapshot("/p1/small", "s1", path, backing));
   ASSERT_TRUE(disks.tracker_valid("/p1/small", "t1", valid) && valid);
   EXPECT_FALSE(disks.resize("/p1/small", 2 << 20));
   ASSERT_TRUE(disks.resize("/p1/small", 8 << 20));
@@ -140,7 +140,8 @@ TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes
       "pools": [{"name": "p1", "path": "/p1", "capacity_mib": 1000}],
       "hosts": [{"id": 1, "name": "h", "ip": "127.0.0.1", "vms": [
         {"id": 1, "uuid": "u1", "name": "v", "disks": [
-          {"device_name": "vda", "size_mib": 4, "pool": "p1", "path": "/p1/a"}]},
+          {"device_name": "vda", "size_mib": 4, "pool": "p1", "path": "/p1/a",
+           "backing_file": "/p1/base"}]},
         {"id": 2, "uuid": "u2", "name": "r", "disks": [
           {"device_name": "vda", "size_mib": 4, "format": "raw", "pool": "p1", "path": "/p1/r"}]},
         {"id": 3, "uuid": "u3", "name": "n", "disks": [{"device_name": "vda", "size_mib": 4,
@@ -199,7 +200,8 @@ TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes
       {"PUT", "/sim/disks/size", R"({"disk": "/p1/a", "size_mib": 8})", 409, ""},
       {"DELETE", "/cas/casrs/vm/snapshot/1/s1?tidyVmImages=false", "", 200, R"({"msgId": "4"})"},
       {"DELETE", "/cas/casrs/vm/snapshot/1/s1?tidyVmImages=false", "", 404, ""},
-      {"GET", "/cas/casrs/vm/detail/1", "", 200, R"({"storage": {"path": "/p1/a"}})"},
+      {"GET", "/cas/casrs/vm/detail/1", "", 200,
+       R"({"storage": {"path": "/p1/a", "backingFile": "/p1/base"}})"},
       {"GET", "/sim/disks/digest?disk=/p1/a&length=5", "", 200,
        R"({"sha256": "3733cd977ff8eb18b987357e22ced99f46097f31ecb239e878ae63760e83e4d5"})"},
       {"PUT", "/sim/disks/size", R"({"disk": "/p1/a", "size_mib": 8})", 200, "{}"},
