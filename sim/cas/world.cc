@@ -247,11 +247,22 @@ Disk parse_disk(const JSON_Value& obj, const Inventory_Index& index) {
   disk.allocation_mib = disk.size_mib;
   extract_in_range<std::int64_t>(obj, "allocation_mib", disk.allocation_mib, 0, disk.size_mib);
   extract_choice(obj, "format", disk.format, {"raw", "qcow2"}, "raw or qcow2");
-  extract_choice(obj, "file_type", disk.file_type, {"file", "block"}, "file or block");
-  bool file = disk.file_type == "file";
+  extract_choice(obj, "file_type", disk.file_type, {"file", "block", "network"},
+                 "file, block or network");
+  // "network": an RBD image of a pool of type rbd.
+  bool file = disk.file_type != "block";
   if (json_extract(obj, "pool", disk.pool, file) && !index.pools.count(disk.pool))
     json_throw_type("pool", "the name of a pool");
-  extract_path(obj, "path", disk.path);
+  if (disk.file_type == "network") {
+    // An RBD image is named "<pool>/<image>", as CAS reports it.
+    json_extract(obj, "path", disk.path);
+    std::size_t slash = disk.path.find('/');
+    if (slash == 0 || slash == std::string::npos || slash + 1 == disk.path.size() ||
+        disk.path.find('/', slash + 1) != std::string::npos)
+      json_throw_type("path", "'<pool>/<image>' for a network disk");
+  } else {
+    extract_path(obj, "path", disk.path);
+  }
   json_extract(obj, "target_bus", disk.target_bus, false);
   json_extract(obj, "cache_type", disk.cache_type, false);
   // CAS reports a provisioning mode for image files only, unless told otherwise.

@@ -44,7 +44,7 @@ struct Disk {
   std::int64_t size_mib = 0;
   std::int64_t allocation_mib = 0;
   std::string format = "qcow2";
-  std::string file_type = "file";  // "file": an image in a pool; "block": a device
+  std::string file_type = "file";  // "file": an image in a pool; "block": a device; "network": RBD
   std::string pool;                // empty: none
   std::string path;
   std::string target_bus = "virtio";
