@@ -72,12 +72,16 @@ class Definition_Driver {
 
   // After the whole text: the parts kept for later go to their parsers now.
   bool finish_parse() {
-    for (auto& [part, value] : pending_) {
+    for (const char* part : {"source", "options"}) {
+      auto pending = pending_.find(part);
+      if (pending == pending_.end())
+        continue;
+      const JSON_Value& value = pending->second;
       key_ = part;
-      if (!open_part())
+      if (!open_part(true))
         return false;
       if (!replay_json(value, *current_) || !current_->complete()) {
-        error_ = "invalid value of '" + part + "'";
+        error_ = "invalid value of '" + key_ + "'";
         return false;
       }
       if (!finish())
@@ -88,14 +92,18 @@ class Definition_Driver {
 
  private:
   bool begin_member() {
-    if (is_part(key_) && def_.type != 0)
-      return open_part();
+    // A part goes straight to its module's parser when the keys read so far find one; otherwise
+    // it waits for the keys that follow ("module" may come last).
+    if (is_part(key_) && def_.type != 0 && open_part(false))
+      return true;
     json_.reset(new JSON_Parser);
     current_ = json_.get();
     return true;
   }
-  bool open_part() {
+  bool open_part(bool last_chance) {
     YAJL_Handler_Creator* creator = resolver_(def_, key_.c_str());
+    if (!creator && !last_chance)
+      return false;
     if (!creator) {
       const char* type = job_type_name(def_.type);
       error_ = "no module parses the '" + key_ + "' of " + (type ? type : "this type of") +

@@ -179,10 +179,10 @@ int Job::spawn(std::function<void()> body) {
 void Job::register_thread() {
   thread_ = std::this_thread::get_id();
   if (log_sink_ < 0 && log_callback_)
-    log_sink_ = add_log_sink([this](ACE_Log_Priority priority, const std::string& line) {
+    log_sink_ = add_log_sink([this](ACE_Log_Priority, const std::string& line) {
       // Sinks run on the logging thread: lines of this job's thread belong to its run.
       if (std::this_thread::get_id() == thread_)
-        log_callback_(priority, line);
+        log_callback_(line);
     });
 }
 
@@ -303,7 +303,7 @@ bool execute_script(const std::string& script, const Job& job, const Job_Log_Cal
   auto emit = [&](std::string line) {
     line += "\n";
     if (log)
-      log(LM_INFO, line);
+      log(line);
     else
       LOG_MSG((LM_INFO, "%s", line.c_str()));
   };

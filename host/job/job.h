@@ -40,8 +40,10 @@ enum Job_State : int {
 const char* job_state_name(int state);
 
 using Job_Args = std::map<std::string, std::string>;
-// Where a job's log lines go (the run's log file): one formatted line, ending in "\n".
-using Job_Log_Callback = std::function<void(ACE_Log_Priority priority, const std::string& line)>;
+// Where a job's log lines go (the run's log file): one line as it is to be written, with or
+// without its "\n" (a servant's log line, a script's output line, a formatted line of the job's
+// own thread). Servant::Log_Msg_Callback takes the same.
+using Job_Log_Callback = std::function<void(const std::string& line)>;
 
 class Job : public std::enable_shared_from_this<Job> {
  public:
@@ -179,8 +181,8 @@ class Job_Mutex {
   std::mutex mutex_;
 };
 
-// Runs `script` with /bin/sh -c, its output (stdout and stderr) going line by line to `log` at
-// information level (or to the process log when `log` is empty). The environment gets
+// Runs `script` with /bin/sh -c, its output (stdout and stderr) going line by line to `log` as
+// written (or to the process log at information level when `log` is empty). The environment gets
 // BRIMLET_JOB_UID, BRIMLET_JOB_NAME and BRIMLET_RUN_ID of `job`. True when it exits with 0;
 // otherwise false after one log line with the exit status. An empty script succeeds at once.
 bool execute_script(const std::string& script, const Job& job, const Job_Log_Callback& log);

@@ -24,7 +24,7 @@ bool valid_uid(const std::string& uid) {
          });
 }
 
-// The run's log file; lines are stamped with the time and priority.
+// The run's log file.
 class Run_Log {
  public:
   bool open(const std::string& path) {
@@ -33,13 +33,8 @@ class Run_Log {
       LOG_MSG((LM_ERROR, "Failed to open job log '%s': %m.\n", path.c_str()));
     return static_cast<bool>(fd_);
   }
-  void write(ACE_Log_Priority priority, const std::string& line) {
-    char stamp[32];
-    std::time_t now = std::time(nullptr);
-    std::tm tm{};
-    localtime_r(&now, &tm);
-    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tm);
-    std::string text = std::string(stamp) + " " + log_priority_name(priority) + ": " + line;
+  void write(const std::string& line) {
+    std::string text = line;
     if (text.empty() || text.back() != '\n')
       text += '\n';
     std::lock_guard<std::mutex> lock(mutex_);
@@ -224,8 +219,7 @@ bool Job_Runs::run(const std::string& definition, JSON_Value& out, std::string& 
     return false;
   }
   run->job->set_event_handler(run);
-  run->job->set_log_callback(
-      [log = run->log](ACE_Log_Priority p, const std::string& line) { log->write(p, line); });
+  run->job->set_log_callback([log = run->log](const std::string& line) { log->write(line); });
   run->job->set_run_id(run->run_id);
   runs_.push_back(run);
   if (run->job->start() != 0) {

@@ -87,7 +87,7 @@ TEST_F(Login, SucceedsRenegotiatesUsesTlsAndThePasswordIsWrittenNowhereWhateverT
   EXPECT_EQ(stack_.agent_status("h3ccas.test_login", JSON_Value::object(), "not-a-key"), 401);
   EXPECT_EQ(stack_.agent_call("job.list", JSON_Value::object())["result"].dump(), R"({"runs":[]})");
   EXPECT_EQ(stack_.agent_call("job.run", {{"definition", def}})["error"]["message"],
-            "invalid job definition: no module parses the 'options' of backup jobs");
+            "invalid job definition: no module parses the 'source' of backup jobs");
   write_text_file(conf, text);
   fs::permissions(conf, fs::perms::owner_read);
   conf = stack_.dir().path() + "/etc/opt/quorvex/brimlet5/agent.json";

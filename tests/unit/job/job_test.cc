@@ -1,70 +1,16 @@
-#include "host/job/job_t.h"
 #include "host/job/runs.h"
+#include "host/module/module.h"
 #include "tests/support/temp_dir.h"
+#include "tests/unit/job/test_job.h"
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <cstdlib>
 
 namespace {
 
+using namespace job_test;
 using S = std::string;
-
-struct Test_Record {
-  JSON_Value value_;
-  void set_value(JSON_Value v) { value_ = std::move(v); }
-};
-struct Test_Source : Job_Source, Test_Record {
-  void set_value(JSON_Value v) override { Test_Record::set_value(std::move(v)); }
-  void generate(yajl_gen gen) const override { yajl_gen_json(gen, value_); }
-};
-struct Test_Options : Job_Options, Test_Record {
-  void set_value(JSON_Value v) override { Test_Record::set_value(std::move(v)); }
-  int generate(yajl_gen gen) override { return yajl_gen_json(gen, value_); }
-};
-
-// Bodies that block signal here once they run.
-std::mutex g_mutex;
-std::condition_variable g_cv;
-int g_blocked = 0;
-
-// Options: "vms" (names reported running, then completed), "fail", "block" (until stopped),
-// "mutex" (taken first, as executors take their entry's).
-struct Test_Executor : Job_Executor_T<Test_Source, Test_Options> {
-  using Job_Executor_T::Job_Executor_T;
-  bool execute_i(const Job_Args*) override {
-    const JSON_Value& o = opts_->value_;
-    Job_Mutex::Guard guard;
-    if (o.contains("mutex") &&
-        !(guard = Job_Mutex::acquire(o["mutex"], job_, std::chrono::hours(1), [] {
-            LOG_MSG((LM_INFO, "Waiting.\n"));
-            std::lock_guard<std::mutex> lock(g_mutex);
-            ++g_blocked;
-            g_cv.notify_all();
-          })))
-      return false;
-    std::vector<VM_Job_Progress> vms;
-    for (const auto& name : o.value("vms", JSON_Value::array()))
-      vms.push_back({name, name, "running", 10, 5});
-    handler_.handle_vm_progress(vms, 1, false);
-    if (o.value("block", false)) {
-      {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        ++g_blocked;
-      }
-      g_cv.notify_all();
-      job_.wait_state(std::chrono::hours(1), [](int s) { return s == JOB_STOPPED; });
-      return false;
-    }
-    for (auto& vm : vms)
-      vm.status = "completed", vm.processed_bytes = 10;
-    handler_.handle_vm_progress(vms, 2, true);
-    job_.set_result("test", {{"vms", vms.size()}});
-    LOG_MSG((LM_INFO, "Body of %s.\n", src_->value_.dump().c_str()));
-    return !o.value("fail", false);
-  }
-};
 
 template <class P>
 std::shared_ptr<YAJL_Handler_Creator> creator() {
@@ -158,7 +104,7 @@ TEST_F(Job_Test, RunsWithScriptsAndFlags) {
        R"({"vms": ["a", "b"]})",
        "succeeded",
        true,
-       {"INFO: pre j1\n", "Body of {\"vm\":\"a\"}", "INFO: post\n", "succeeded.\n"}},
+       {"\npre j1\n", "Body of {\"vm\":\"a\"}", "\npost\n", "succeeded.\n"}},
       {"", R"({"fail": true})", "failed", false, {"Body", "failed.\n"}},
       {R"("pre_action": "exit 4", "post_action": "echo post")",
        "{}",
@@ -258,6 +204,37 @@ TEST_F(Job_Test, StopsRunningAndWaitingJobs) {
   EXPECT_EQ(log["next_offset"].get<std::size_t>(), 20 + log["text"].get<S>().size());
   EXPECT_EQ(start(R"({"uid": "../x", "type": 1, "source": {}, "options": {}})"), "");
   EXPECT_EQ(error_, "invalid job uid '../x': letters, digits, '-', '_' and '.' only");
+}
+
+TEST_F(Job_Test, ModulesNameTheirJobFactoriesInTheManifest) {
+  const S parsers = R"("backup": {"source": "Test_Source_Parser_Creator", "options": )";
+  struct Row {
+    S jobs;
+    bool loads;
+  } rows[] = {
+      {"", false},
+      {R"({"creator": "Nope"})", false},
+      {R"({"creator": "Test_Job_Creator", )" + parsers + R"("Nope"}})", false},
+      {R"({"creator": "Test_Job_Creator", )" + parsers + R"("Test_Options_Parser_Creator"}})",
+       true},
+  };
+  for (const auto& row : rows) {
+    JSON_Value manifest = {{"name", "mod"}, {"library", JOB_TEST_MODULE_PATH}};
+    if (!row.jobs.empty())
+      manifest["jobs"] = JSON_Value::parse(row.jobs);
+    write_text_file(dir_.file("m.module.json"), manifest.dump());
+    auto module = Module::load(dir_.file("m.module.json"));
+    Job_Module jobs;
+    ASSERT_TRUE(module);
+    EXPECT_EQ(Job_Module::load(*module, jobs), row.loads) << row.jobs;
+    if (row.loads)
+      runs_.add_module(std::move(jobs));
+  }
+  // With two modules a definition names its own.
+  EXPECT_EQ(start(def_text("")), "");
+  EXPECT_EQ(error_, "invalid job definition: no module parses the 'source' of backup jobs");
+  JSON_Value st = finish(start(def_text(R"("module": "mod")", R"({"vms": ["m"]})")));
+  EXPECT_EQ(std::tuple(st["state"], st["vms"][0]["status"]), std::tuple("succeeded", "completed"));
 }
 
 }  // namespace
