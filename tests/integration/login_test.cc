@@ -90,6 +90,10 @@ TEST_F(Login, SucceedsRenegotiatesUsesTlsAndThePasswordIsWrittenNowhereWhateverT
             "invalid job definition: no module parses the 'source' of backup jobs");
   write_text_file(conf, text);
   fs::permissions(conf, fs::perms::owner_read);
+  r = stack_.cli({"job", "status", "nope"});
+  EXPECT_EQ(std::tuple(r.exit_code, r.err),
+            std::tuple(1, "brimlet: agent error -32602: no run 'nope'\n"));
+  EXPECT_EQ(stack_.cli({"job", "list"}).out, "RUN  JOB  NAME  TYPE  STATE  STARTED  ENDED\n");
   conf = stack_.dir().path() + "/etc/opt/quorvex/brimlet5/agent.json";
   fs::permissions(conf, fs::perms::group_read, fs::perm_options::add);
   r = stack_.cli({"cvm", "test", "secure"});
