@@ -193,6 +193,12 @@ TEST_F(Job_Test, StopsRunningAndWaitingJobs) {
   EXPECT_EQ(st["state"], "stopped");
   EXPECT_FALSE(runs_.stop(first, error_));
   EXPECT_EQ(error_, "run '" + first + "' has ended");
+  // Servants find the run in the job's activity record.
+  Job_Activity_Handle act;
+  ASSERT_TRUE(open_job_activity(act, "j1", false));
+  EXPECT_EQ(std::tuple(act->state, Job_Activity::text(act->run_id), act->last_run_time),
+            std::tuple(Job_Activity::cancelled, first, act->end_time));
+  EXPECT_NE(act->end_time, 0);
   // The mutex is free again.
   S third = start(R"({"uid": "j3", "type": 1, "source": {}, "options": {"mutex": "cvm-1"}})");
   EXPECT_EQ(finish(third)["state"], "succeeded");
@@ -230,6 +236,15 @@ TEST_F(Job_Test, ModulesNameTheirJobFactoriesInTheManifest) {
     if (row.loads)
       runs_.add_module(std::move(jobs));
   }
+  // Backup and restore definitions make jobs; no other type does, and a job not running takes no
+  // request.
+  auto job_of = [&](int type) {
+    auto def = std::make_shared<Job_Definition>();
+    def->type = type;
+    return test_module().creator->create(def);
+  };
+  EXPECT_TRUE(job_of(1) && job_of(2) && !job_of(3));
+  EXPECT_EQ(std::tuple(job_of(2)->stop(), job_of(1)->pause()), std::tuple(-1, -1));
   // With two modules a definition names its own.
   EXPECT_EQ(start(def_text("")), "");
   EXPECT_EQ(error_, "invalid job definition: no module parses the 'source' of backup jobs");
