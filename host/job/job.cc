@@ -47,6 +47,8 @@ const char* job_state_name(int state) {
 Job::Job(std::shared_ptr<const Job_Definition> def) : def_(std::move(def)) {}
 
 Job::~Job() {
+  if (runner_.joinable())
+    runner_.join();
   if (log_sink_ >= 0)
     remove_log_sink(log_sink_);
 }
@@ -136,8 +138,13 @@ bool Job::is_running() const {
 }
 
 void Job::wait() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  state_cv_.wait(lock, [&] { return !running_; });
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    state_cv_.wait(lock, [&] { return !running_; });
+  }
+  std::lock_guard<std::mutex> lock(thread_mutex_);
+  if (runner_.joinable() && runner_.get_id() != std::this_thread::get_id())
+    runner_.join();
 }
 
 void Job::set_result(const std::string& key, JSON_Value value) {
@@ -166,8 +173,11 @@ std::int64_t Job::end_time() const {
 }
 
 int Job::spawn(std::function<void()> body) {
+  std::lock_guard<std::mutex> lock(thread_mutex_);
+  if (runner_.joinable())
+    runner_.join();  // the thread of a run that has completed
   try {
-    std::thread([self = shared_from_this(), body = std::move(body)] { body(); }).detach();
+    runner_ = std::thread(std::move(body));
   } catch (const std::exception& e) {
     LOG_MSG(
         (LM_ERROR, "Failed to start a thread for job '%s': %s.\n", def_->uid.c_str(), e.what()));

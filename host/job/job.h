@@ -48,6 +48,7 @@ using Job_Log_Callback = std::function<void(const std::string& line)>;
 class Job : public std::enable_shared_from_this<Job> {
  public:
   explicit Job(std::shared_ptr<const Job_Definition> def);
+  // Waits for a run still going (stop it first).
   virtual ~Job();
   Job(const Job&) = delete;
   Job& operator=(const Job&) = delete;
@@ -87,7 +88,8 @@ class Job : public std::enable_shared_from_this<Job> {
   int wait_state(std::chrono::milliseconds limit, const std::function<bool(int)>& until);
   // Between start() and complete().
   bool is_running() const;
-  // Waits until the run has completed.
+  // Waits until the run has completed and its thread has ended. The owner of a job keeps it at
+  // least until then.
   void wait();
 
   // The run's result: members set by the executor ("h3c-cas": per-VM histories, ...).
@@ -112,7 +114,7 @@ class Job : public std::enable_shared_from_this<Job> {
   virtual int rollback_i() { return -1; }
   virtual void run_i(const Job_Args* args) = 0;
 
-  // For start_i: runs `body` in a detached thread holding this job. -1 after one log line.
+  // For start_i: runs `body` in the job's thread (joined by wait()). -1 after one log line.
   int spawn(std::function<void()> body);
   // For run_i: the calling thread runs the job (its log lines go to the run's log too).
   void register_thread();
@@ -135,6 +137,8 @@ class Job : public std::enable_shared_from_this<Job> {
   unsigned state_changes_ = 0;
   bool running_ = false;
   std::atomic<std::thread::id> thread_{};
+  std::mutex thread_mutex_;  // guards runner_
+  std::thread runner_;
   JSON_Value result_ = JSON_Value::object();
   std::int64_t start_time_ = 0, end_time_ = 0;
 };
