@@ -45,7 +45,7 @@ using Job_Args = std::map<std::string, std::string>;
 // own thread). Servant::Log_Msg_Callback takes the same.
 using Job_Log_Callback = std::function<void(const std::string& line)>;
 
-class Job : public std::enable_shared_from_this<Job> {
+class Job {
  public:
   explicit Job(std::shared_ptr<const Job_Definition> def);
   // Waits for a run still going (stop it first).
