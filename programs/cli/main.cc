@@ -11,6 +11,7 @@
 #include "programs/cli/catalog.h"
 #include "programs/cli/cli.h"
 #include "programs/cli/inventory.h"
+#include "programs/cli/jobs.h"
 #include "programs/cli/table.h"
 #include "programs/common/agent_files.h"
 
@@ -23,6 +24,7 @@
 #include <functional>
 #include <iostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -292,6 +294,22 @@ int main(int argc, char** argv) {
           [&] { return sets_show(cli, set_uuid); })
       ->add_option("SET", set_uuid, "a backup set's uuid")
       ->required();
+
+  CLI::App* job = app.add_subcommand("job", "the agent's job runs");
+  job->require_subcommand(1);
+  std::string run_id, definition_file;
+  command(job, "run", "start a run of a job definition (JSON)",
+          [&] { return job_run(cli, definition_file); })
+      ->add_option("FILE", definition_file, "the definition; - for standard input")
+      ->required();
+  command(job, "list", "the runs since the agent started", [&] { return job_list(cli); });
+  for (auto [name, what, body] :
+       {std::tuple{"status", "a run's state and the progress of its VMs", &job_status},
+        std::tuple{"stop", "stop a run (it ends cancelled)", &job_stop},
+        std::tuple{"log", "a run's log", &job_log}})
+    command(job, name, what, [&cli, &run_id, body = body] { return body(cli, run_id); })
+        ->add_option("RUN", run_id, "the run's id")
+        ->required();
 
   app.footer(
       "CVM is a registered CVM's uuid or name. The backup server and its administrator "

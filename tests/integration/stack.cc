@@ -55,13 +55,16 @@ bool Stack::start_server_and_agent() {
   if (std::filesystem::create_directories(etc, ec), ec)
     return failed("cannot create " + etc + ": " + ec.message());
   write_text_file(etc + "/host_id", std::string(agent_host_id()) + "\n");
-  write_text_file(etc + "/cli.json", JSON_Value{{"backup_server", admin}}.dump(2));
-  std::filesystem::permissions(
-      etc + "/cli.json", std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   JSON_Value conf = {{"listen", "127.0.0.1:0"}, {"backup_server", server}};
   conf.update({{"host_id_file", etc + "/host_id"}, {"log_file", dir_.file("agent.log")}});
   conf["modules"] = JSON_Value::array({std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json"});
-  write_text_file(etc + "/agent.json", conf.dump(2));
+  for (auto [name, text] : {std::pair{"/cli.json", JSON_Value{{"backup_server", admin}}.dump(2)},
+                            std::pair{"/agent.json", conf.dump(2)}}) {
+    write_text_file(etc + name, text);
+    std::filesystem::permissions(
+        etc + name, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  }
+  agent_key_ = server["access_key"];
   ready = dir_.file("agent.ready");
   if (!agent_.start({"brimlet-agent", "--ready-file", ready}, env(), dir_.file("agent.out")) ||
       !agent_.wait_ready(ready, info))
@@ -106,12 +109,30 @@ JSON_Value Stack::sim_control(const std::string& name, const std::string& method
   return nullptr;
 }
 
-JSON_Value Stack::agent_call(const std::string& method, const JSON_Value& params) const {
+namespace {
+
+void post_json_rpc(std::uint16_t port, const std::string& key, const std::string& method,
+                   const JSON_Value& params, HTTP_Response& resp) {
   std::string request =
       JSON_Value{{"jsonrpc", "2.0"}, {"id", 1}, {"method", method}, {"params", params}}.dump();
   HTTP_Request req(HTTP_Method::POST, "/jsonrpc");
+  if (!key.empty())
+    req.headers().put("X-Access-Key", key);
+  HTTP_Session_Factory::create("127.0.0.1", port, false)->send(req, &request, resp);
+}
+
+}  // namespace
+
+int Stack::agent_status(const std::string& method, const JSON_Value& params,
+                        const std::string& key) const {
   HTTP_Response resp;
-  HTTP_Session_Factory::create("127.0.0.1", agent_port_, false)->send(req, &request, resp);
+  post_json_rpc(agent_port_, key, method, params, resp);
+  return resp.status();
+}
+
+JSON_Value Stack::agent_call(const std::string& method, const JSON_Value& params) const {
+  HTTP_Response resp;
+  post_json_rpc(agent_port_, agent_key_, method, params, resp);
   JSON_Value answer = JSON_Value::parse(resp.body(), nullptr, false);
   if (resp.status() == 200 && answer.is_object())
     return answer;

@@ -23,7 +23,8 @@ class Stack {
   // A simulator named `name` on `world_file` (TLS given cert and key); its HTTP port, 0 on failure.
   std::uint16_t start_sim(const std::string& name, const std::string& world_file,
                           const std::string& tls_cert = "", const std::string& tls_key = "");
-  // brimlet-server and the agent, with its key, and an administrator's key in cli.json (0600).
+  // brimlet-server and the agent, with its key in agent.json, and an administrator's key in
+  // cli.json (both 0600).
   bool start_server_and_agent();
   // The CLI with BRIMLET_ROOT set; `input` on its stdin.
   Run_Result cli(const std::vector<std::string>& args, const std::string& input = "") const;
@@ -33,8 +34,12 @@ class Stack {
   // A request to a simulator's /sim/... control API; the parsed answer (null on failure).
   JSON_Value sim_control(const std::string& name, const std::string& method,
                          const std::string& path, const JSON_Value& body = nullptr) const;
-  // A JSON-RPC call on the agent: the whole answer (null when no JSON-RPC answer came).
+  // A JSON-RPC call on the agent with its key: the whole answer (null when no JSON-RPC answer
+  // came).
   JSON_Value agent_call(const std::string& method, const JSON_Value& params) const;
+  // The HTTP status of a JSON-RPC call given `key` ("": no key header).
+  int agent_status(const std::string& method, const JSON_Value& params,
+                   const std::string& key) const;
 
   const Temp_Dir& dir() const { return dir_; }
   std::vector<std::string> env() const { return {"BRIMLET_ROOT=" + dir_.path()}; }
@@ -49,6 +54,7 @@ class Stack {
   std::map<std::string, std::pair<std::uint16_t, std::unique_ptr<Test_Process>>> sims_;
   Test_Process server_, agent_;
   std::uint16_t agent_port_ = 0;
+  std::string agent_key_;
 };
 
 // A self-signed certificate for "localhost" made with the openssl command; false on failure.
