@@ -6,6 +6,13 @@ namespace {
 using S = std::string;
 using P = Digest_Peer;
 
+std::string text(const std::vector<Block>& blocks) {
+  std::string out;
+  for (const Block& b : blocks)
+    out += std::to_string(b.offset_) + "+" + std::to_string(b.length_) + " ";
+  return out;
+}
+
 // Each operation's one request as the CVM receives it, the task it waits for (or not) and all
 // it logs.
 TEST_F(Cas_Peer, StateAndBlockOperations) {
@@ -31,8 +38,7 @@ TEST_F(Cas_Peer, StateAndBlockOperations) {
     return [=](RESTful_Client& c, S& got) {
       std::vector<Block> out(1, Block{9, 1});  // appended to
       bool ok = c.get_disk_blocks("1", "7", "/vms/a b.qcow2", snap, out);
-      for (const Block& b : out)
-        got += std::to_string(b.offset_) + "+" + std::to_string(b.length_) + " ";
+      got = text(out);
       return ok;
     };
   };
@@ -87,11 +93,12 @@ TEST_F(Cas_Peer, StateAndBlockOperations) {
        [](RESTful_Client& c, S& got) {
          std::vector<Block> out;
          bool ok = c.get_changed_blocks("7", "/vms/a", "cbt", "s1", out);
-         got = std::to_string(out.size()) + " " + std::to_string(out[1].offset_);
+         got = text(out);
          return ok;
        },
        P::json(blocks), "", true,
-       "Getting changed blocks of disk '/vms/a' (CBTer='cbt', snapshot='s1').\n", "2 65536"},
+       "Getting changed blocks of disk '/vms/a' (CBTer='cbt', snapshot='s1').\n",
+       "0+4096 65536+512 "},
       {R"(POST /cas/casrs/vm/add {"memory":1024,"name":"web"})",
        [](RESTful_Client& c, S& got) {
          return c.create_vm("web", {{"name", "web"}, {"memory", 1024}}, got);
@@ -113,8 +120,9 @@ TEST_F(Cas_Peer, StateAndBlockOperations) {
        [](RESTful_Client& c, S&) {
          return c.create_disk("7", "web", {{"type", "disk"}});
        },
-       P::json(started), done, true,
-       "Creating disk for CAS VM(id=7) 'web', disk parameters:\n{\n  \"type\": \"disk\"\n}\n"},
+       P::json(started), busy, false,
+       "Creating disk for CAS VM(id=7) 'web', disk parameters:\n{\n  \"type\": \"disk\"\n}\n" +
+           failed("create_disk", "busy")},
       {"DELETE /cas/casrs/vm/delete/7 ", delete_vm, P::json(started), done, true,
        "Deleting CAS VM(id=7).\n"},
       // A VM that is gone, or a task that "fails" with the text null, is deleted.
@@ -186,6 +194,8 @@ TEST_F(Cas_Peer, SelectsTheDataAddressOfAPreferredSwitch) {
                           {vs("10.0.0.1", "1", "1"), vs("10.0.8.1", "0", "8"), vs("", "1", "8"),
                            vs("10.0.4.1", "1", "6")}}};
   peer_.set("/cas/casrs/host/id/1/vswitch", P::json(switches.dump()));
+  switches = {{"vSwitch", {vs("10.0.4.3", "1", "4"), vs("10.0.8.3", "1", "8")}}};
+  peer_.set("/cas/casrs/host/id/3/vswitch", P::json(switches.dump()));
   const S none =
       "Failed to pick a target address for CVK 'cvk1', defaults to its management "
       "network.\n";
@@ -197,7 +207,7 @@ TEST_F(Cas_Peer, SelectsTheDataAddressOfAPreferredSwitch) {
   const std::tuple<std::optional<S>, const char*, const char*, S> cases[] = {
       {std::nullopt, "1", "", none},
       {"Backup", "1", "10.0.4.1", picked("10.0.4.1", R"(["service","storage"])")},
-      {"", "1", "10.0.4.1", picked("10.0.4.1", R"(["service","storage"])")},
+      {"", "3", "10.0.8.3", picked("10.0.8.3", R"(["backup"])")},
       {"backup", "1", "", none},
       {"storage", "1", "10.0.4.1", picked("10.0.4.1", R"(["service","storage"])")},
       {"management", "1", "10.0.0.1", picked("10.0.0.1", R"(["management"])")},
