@@ -84,8 +84,8 @@ class RESTful_Client {
   std::optional<Snapshot_Info> get_snapshot_info(const std::string& vm_id);
 
   // State changes and block queries. Those CAS runs as asynchronous tasks are waited for.
-  // A snapshot that keeps the CBT bitmaps; `internal` inside the disk images, otherwise as
-  // overlay files. `timeout` (seconds) is CAS's limit for the guest's freeze.
+  // A snapshot that keeps the disks' dirty bitmaps; `internal` inside the disk images, otherwise
+  // as overlay files. `timeout` goes to CAS as the snapshot's time-out.
   bool create_snapshot(const std::string& vm_id, const std::string& vm_name,
                        const std::string& snapshot_name, bool snap_mem, bool no_stop_virt_snap_mem,
                        bool internal, int timeout);
@@ -110,7 +110,7 @@ class RESTful_Client {
                    const JSON_Value& disk_params);
   // A VM that CAS no longer knows counts as deleted.
   bool delete_vm(const std::string& vm_id);
-  // A changed-block tracker named `cbter_name` over every disk of the VM.
+  // A changed-block tracker named `cbter_name` for the VM's disks.
   bool create_CBTer(const std::string& vm_name, const std::string& cbter_name);
   // The CBTer's disks (image path → whether its record is still valid); `images` is replaced.
   bool get_CBTer(const std::string& vm_name, const std::string& cbter_name,
