@@ -161,8 +161,10 @@ void Digest_Peer::handle(const HTTP_Server_Request& req, HTTP_Server_Response& r
     return;
   }
   seen_.accepted.push_back({req.method_text, req.target, req.body, std::move(auth)});
-  auto it = answers_.find(req.target);
-  if (it == answers_.end())
-    it = answers_.find(req.path);
+  auto it = answers_.end();
+  for (const std::string& key :
+       {req.method_text + " " + req.target, req.method_text + " " + req.path, req.target, req.path})
+    if (it == answers_.end())
+      it = answers_.find(key);
   reply(it == answers_.end() ? Answer{404, "", {}} : it->second);
 }

@@ -93,8 +93,8 @@ class Digest_Peer {
   ~Digest_Peer() { server_.stop(); }
   bool start();
   std::uint16_t port() const { return server_.port(); }
-  // The answer to signed requests on `path`; one set for a path with its query wins over the
-  // bare path. Unknown paths get 404.
+  // The answer to signed requests on `path`, which "METHOD " may prefix; the method wins over
+  // none, then a path with its query over the bare path. Unknown paths get 404.
   void set(const std::string& path, Answer answer);
   // What requests without credentials get instead of a challenge.
   void answer_unsigned(Answer answer);
