@@ -86,14 +86,18 @@ TEST_F(Login, SucceedsRenegotiatesUsesTlsAndThePasswordIsWrittenNowhereWhateverT
   EXPECT_EQ(stack_.agent_status("job.run", {{"definition", def}}, ""), 401);
   EXPECT_EQ(stack_.agent_status("h3ccas.test_login", JSON_Value::object(), "not-a-key"), 401);
   EXPECT_EQ(stack_.agent_call("job.list", JSON_Value::object())["result"].dump(), R"({"runs":[]})");
+  def["type"] = 3;
   EXPECT_EQ(stack_.agent_call("job.run", {{"definition", def}})["error"]["message"],
-            "invalid job definition: no module parses the 'source' of backup jobs");
+            "invalid job definition: no module parses the 'source' of this type of jobs");
   write_text_file(conf, text);
   fs::permissions(conf, fs::perms::owner_read);
   r = stack_.cli({"job", "status", "nope"});
   EXPECT_EQ(std::tuple(r.exit_code, r.err),
             std::tuple(1, "brimlet: agent error -32602: no run 'nope'\n"));
   EXPECT_EQ(stack_.cli({"job", "list"}).out, "RUN  JOB  NAME  TYPE  STATE  STARTED  ENDED\n");
+  // The module parses backup definitions and makes their jobs.
+  def["type"] = 1;
+  EXPECT_EQ(stack_.agent_call("job.run", {{"definition", def}})["result"]["job_uid"], "j1");
   conf = stack_.dir().path() + "/etc/opt/quorvex/brimlet5/agent.json";
   fs::permissions(conf, fs::perms::group_read, fs::perm_options::add);
   r = stack_.cli({"cvm", "test", "secure"});
