@@ -32,13 +32,15 @@ std::vector<std::pair<std::vector<Block>, std::uint64_t>> split_blocks(std::vect
     sum += block.length_;
   total += sum;
   std::vector<std::pair<std::vector<Block>, std::uint64_t>> chunks;
-  if (align == 0)
-    align = 1;
-  std::uint64_t per = (sum / (n < 1 ? 1 : n) + align - 1) / align * align;
-  if (blocks.empty() || n < 2 || per == 0) {
+  if (blocks.empty() || n < 2 || sum == 0) {
     chunks.emplace_back(std::move(blocks), sum);
     return chunks;
   }
+  // Rounded up to whole sectors, so no chunk but the last ends inside one; a plan smaller than a
+  // sector per chunk still fills its first chunk.
+  std::uint64_t per = align ? (sum / n + align - 1) / align * align : sum / n;
+  if (per == 0)
+    per = align ? align : 1;
   std::size_t next = 0;
   for (int i = 0; i < n && next < blocks.size(); ++i) {
     // per × n covers the sum, so the last chunk only ever takes what is left.

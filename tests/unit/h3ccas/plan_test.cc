@@ -1,5 +1,6 @@
 #include "h3ccas/servant/backup_plan.h"
 #include "host/core/text.h"
+#include "host/http/server.h"
 #include "tests/unit/h3ccas/support.h"
 
 #include <regex>
@@ -34,7 +35,11 @@ TEST(SplitBlocks, Table) {
       {{{0, 1000}, {4096, 3000}}, 512, 1, "0+1000,4096+3000=4000"},
       {{}, 512, 4, "=0"},
       {{{0, 1000}}, 512, 3, "0+512=512|512+488=488"},  // 333 rounds up to 512
-      {{{0, 1024}}, 1024, 4, "0+1024=1024"},           // the blocks run out first
+      {{{0, 1024}}, 1024, 4, "0+1024=1024"},
+      {{{0, 100}},
+       512,
+       4,
+       "0+100=100"},  // less than a sector per chunk           // the blocks run out first
       {{{0, 100}, {200, 100}}, 1, 2, "0+100=100|200+100=100"},
   };
   for (const Case& c : cases) {
@@ -118,6 +123,31 @@ TEST_F(Plan, BaseCheck) {
           "ui1");
     }
   }
+}
+
+// The base view is asked for this VM of this resource with the job's access key.
+TEST_F(Plan, BaseView) {
+  HTTP_Server catalog;
+  std::string asked;
+  catalog.route(
+      HTTP_Method::GET, "/k4/r/catalog/h3ccas/view/base_catalog",
+      [&](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+        for (const auto& item : req.query)
+          asked += item.first + "=" + item.second + " ";
+        asked += *req.headers.get("X-Access-Key");
+        resp.json(json(R"([{"pool_uuid":"p2","incarnation":"i","uuid":"u","cbt_name":"c"}])"));
+      });
+  ASSERT_TRUE(catalog.start(HTTP_Server::Options()));
+  auto p = plan(Job_Definition_Subtype::Incremental);
+  p->params_.backupd_host_ = "127.0.0.1", p->params_.backupd_port_ = catalog.port();
+  p->params_.access_key_ = "key", p->params_.resource_uuid_ = "r";
+  Log_Capture log;
+  EXPECT_FALSE(p->check_base_backup());
+  EXPECT_EQ(asked, "host_id=1 resource_uuid=r vm_id=7 key");
+  EXPECT_EQ(said(log), "Storage pool for CAS VM 'w' changed.\n");
+  catalog.stop();
+  EXPECT_FALSE(p->check_base_backup());
+  EXPECT_TRUE(log.contains("Failed to retrieve base catalogs for CAS VM 'w' on CVK 'cvk1'.\n"));
 }
 
 // A file disk from its allocated blocks in the snapshot, an RBD disk whole, two chunks each; then
