@@ -35,11 +35,8 @@ TEST(SplitBlocks, Table) {
       {{{0, 1000}, {4096, 3000}}, 512, 1, "0+1000,4096+3000=4000"},
       {{}, 512, 4, "=0"},
       {{{0, 1000}}, 512, 3, "0+512=512|512+488=488"},  // 333 rounds up to 512
-      {{{0, 1024}}, 1024, 4, "0+1024=1024"},
-      {{{0, 100}},
-       512,
-       4,
-       "0+100=100"},  // less than a sector per chunk           // the blocks run out first
+      {{{0, 1024}}, 1024, 4, "0+1024=1024"},           // the blocks run out first
+      {{{0, 3}}, 512, 4, "0+3=3"},                     // less than a byte per chunk
       {{{0, 100}, {200, 100}}, 1, 2, "0+100=100|200+100=100"},
   };
   for (const Case& c : cases) {
@@ -105,7 +102,7 @@ TEST_F(Plan, BaseCheck) {
        "vmName=w' returns error, http status = 500, error code = '', message = ''.\nFailed to get "
        "info of last CBTer 'c' of CAS VM 'w'.\n"},
       {base("p1", good), "[]", invalid},
-      {base("p1", good), R"([{"image":"/a","valid":"true"},{"image":"/b","valid":"false"}])",
+      {base("p1", good), R"([{"image":"/a","valid":"false"},{"image":"/b","valid":"true"}])",
        invalid},
       {base("p1", good), R"([{"image":"/a","valid":"true"}])", ""},
   };
@@ -158,8 +155,9 @@ TEST_F(Plan, PrepareDisks) {
             P::json(R"({"dataBlockInfo":[{"offset":"0","length":"1048576"},)"
                     R"({"offset":"4194304","length":"512"}]})"));
   auto p = plan();
-  p->vm_detail_.storages_ = {
-      disk("/img/a", "file", "8", "1"), {{"device", "cdrom"}}, disk("ceph/b", "network", "2", "2")};
+  p->vm_detail_.storages_ = {disk("/img/a", "file", "8", "1"),
+                             {{"device", "cdrom"}},
+                             disk("ceph/img", "network", "2", "2")};
   std::vector<std::shared_ptr<Backup_Plan::Chunk>> chunks;
   Log_Capture log;
   ASSERT_TRUE(p->prepare_disks(2, chunks));
@@ -170,8 +168,8 @@ TEST_F(Plan, PrepareDisks) {
   EXPECT_EQ(got,
             "/cvk1/w/_img_a_20261124_full_0.zst 0+524800=524800 0/img/a\n"
             "/cvk1/w/_img_a_20261124_full_1.zst 524800+523776,4194304+512=524288 0/img/a\n"
-            "/cvk1/w/ceph_b_20261124_full_0.zst 0+1048576=1048576 1ceph/b rbd\n"
-            "/cvk1/w/ceph_b_20261124_full_1.zst 1048576+1048576=1048576 1ceph/b rbd\n");
+            "/cvk1/w/ceph_img_20261124_full_0.zst 0+1048576=1048576 1ceph/img rbd\n"
+            "/cvk1/w/ceph_img_20261124_full_1.zst 1048576+1048576=1048576 1ceph/img rbd\n");
   EXPECT_EQ(std::to_string(p->set_size_) + " " + std::to_string(p->source_size_) + " " +
                 p->vm_disks_.at(1).pool_name_ + p->vm_disks_[1].pool_path_ +
                 p->vm_disks_[1].pool_type_ + std::to_string(p->disk_chunks_count_.at(1)),
@@ -179,22 +177,23 @@ TEST_F(Plan, PrepareDisks) {
   EXPECT_EQ(said(log),
             "Disk added to back up, path='/img/a', type=file, format=raw, mode=1, backup "
             "size=1049088, used size=1048576, total size=8388608.\nUnable to get "
-            "allocated or changed blocks of disk 'ceph/b' (format=raw, type=network), "
-            "backup the whole disk.\nDisk added to back up, path='ceph/b', "
+            "allocated or changed blocks of disk 'ceph/img' (format=raw, type=network), "
+            "backup the whole disk.\nDisk added to back up, path='ceph/img', "
             "type=network, format=raw, mode=1, backup size=2097152, used "
             "size=2097152, total size=2097152.\n");
 
   peer_.set("GET /cas/casrs/vm/detail/7",
             P::json(R"({"basic":{},"cpu":{},"memory":{},"storage":[{"device":"disk",)"
-                    R"("backingFile":"ceph/b"},{"device":"cdrom","backingFile":"/img/a"}]})"));
+                    R"("backingFile":"ceph/img"},{"device":"cdrom","backingFile":"/img/a"}]})"));
   p = plan();
   p->use_internal_snapshot_ = false;
-  p->vm_detail_.storages_ = {disk("/img/a", "file", "8", "1"), disk("ceph/b", "network", "2", "2")};
+  p->vm_detail_.storages_ = {disk("/img/a", "file", "8", "1"),
+                             disk("ceph/img", "network", "2", "2")};
   chunks.clear();
   Log_Capture log2;
   ASSERT_TRUE(p->prepare_disks(1, chunks));
   EXPECT_EQ(chunks.size(), 1u);
-  EXPECT_EQ(chunks.at(0)->remote_path_, "/cvk1/w/ceph_b_20261124_full_0.zst");
+  EXPECT_EQ(chunks.at(0)->remote_path_, "/cvk1/w/ceph_img_20261124_full_0.zst");
   EXPECT_EQ(said(log2).substr(0, 75),
             "Skip backing up disk '/img/a', because it is not included in the snapshot.\n");
   p = plan();
