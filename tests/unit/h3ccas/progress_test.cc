@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <thread>
 
 namespace h3ccas {
 namespace {
@@ -138,14 +139,21 @@ TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
   Progress_Reporter reporter(handler_, activity_);
   ASSERT_TRUE(reporter.add_vm("vm-a", "alpha"));
   ASSERT_TRUE(reporter.activate("job-3"));
+  // Activated without any VM, a reporter still takes none afterwards.
+  Progress_Reporter empty(handler_, activity_);
+  ASSERT_TRUE(empty.activate("job-0"));
   {
     Log_Capture log;
     EXPECT_FALSE(reporter.add_vm("vm-late", "late"));
     EXPECT_FALSE(reporter.activate("job-4"));
-    EXPECT_EQ(log.count(LM_EMERGENCY), 2u);
+    EXPECT_FALSE(empty.add_vm("vm-late", "late"));
+    EXPECT_EQ(log.count(LM_EMERGENCY), 3u);
+    EXPECT_EQ(log.count(), 3u);
     EXPECT_TRUE(log.contains("Unexpected error in h3ccas/job/progress_reporter.cc:")) << log.text();
-    EXPECT_TRUE(log.contains(", wrapper_.empty() is false:\n")) << log.text();
+    EXPECT_TRUE(log.contains(", activated_ is true:\n")) << log.text();
   }
+  ASSERT_TRUE(empty.flush());
+  EXPECT_EQ(handler_.calls.back(), std::to_string(Job_Activity::running) + " final");
   EXPECT_NE(
       access((root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/job-4").c_str(), F_OK), 0);
   ASSERT_TRUE(reporter.push_update());
@@ -164,7 +172,32 @@ TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
     Log_Capture log;
     EXPECT_FALSE(unmapped.activate(job)) << message;
     EXPECT_TRUE(log.contains(message)) << log.text();
+    EXPECT_FALSE(unmapped.add_vm("vm-late", "late"));
   }
+}
+
+TEST_F(Progress_Test, ServantWorkersCountWhileTheAgentReads) {
+  Progress_Reporter reporter(handler_, activity_);
+  ASSERT_TRUE(reporter.add_vm("vm-a", "alpha"));
+  ASSERT_TRUE(reporter.activate("job-6"));
+  VM_Progress_Info_Handle record = servant("job-6", "vm-a");
+  constexpr int workers = 4, chunks = 20000;
+  std::vector<std::thread> pool;
+  for (int t = 0; t < workers; ++t)
+    pool.emplace_back([&] {
+      for (int i = 0; i < chunks; ++i)
+        record->add_processed_size(4096);
+      record->add_processed_virtual_disk();
+    });
+  // The job's thread and a result handler's push at the same time as the workers count.
+  pool.emplace_back([&] { EXPECT_TRUE(reporter.push_update()); });
+  EXPECT_TRUE(reporter.push_update());
+  for (auto& t : pool)
+    t.join();
+  record->state = VM_Progress_Info::completed;
+  ASSERT_TRUE(reporter.flush());
+  EXPECT_EQ(handler_.calls.back(), std::to_string(Job_Activity::running) +
+                                       " final; vm-a alpha completed(2) 327680000/0 4/0 0-0");
 }
 
 }  // namespace
