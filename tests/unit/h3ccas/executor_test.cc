@@ -55,6 +55,7 @@ struct Test_Executor : Executor_Base<Src, Opts> {
 };
 
 TEST(Executor_Base, JobsOfOneCvmRunOneAtATime) {
+  g_events.clear();
   Temp_Dir root;
   Scoped_Env root_env("BRIMLET_ROOT", root.path());
   auto handler = std::make_shared<Handler>();
