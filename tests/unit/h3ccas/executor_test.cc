@@ -1,4 +1,5 @@
 #include "h3ccas/job/executor_base.h"
+#include "h3ccas/job/progress_reporter.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
 #include "tests/unit/job/test_job.h"
@@ -108,22 +109,30 @@ TEST(Executor_Base, OptionChecks) {
   EXPECT_EQ(log.count(LM_ERROR), 11u);
 }
 
-TEST(Executor_Base, ServantResultsFromSeveralThreadsAddUp) {
+// Result handlers record VMs while a servant's disk workers count their progress.
+TEST(Executor_Base, ConcurrentUpdatesAddUp) {
   VM_Results results;
+  VM_Progress_Info progress{};
   constexpr int threads = 4, vms = 4000;
   for (int i = 0; i < vms; ++i)
     ASSERT_TRUE(results.add(std::to_string(i), {"cvk-1", "n", 0, 0, 0, false}));
   std::vector<std::thread> pool;
   for (int t = 0; t < threads; ++t)
     pool.emplace_back([&, t] {
-      for (int i = t; i < vms; i += threads)  // odd VMs fail
+      for (int chunk = 0; chunk < 1000000; ++chunk)
+        progress.add_processed_size(256);
+      for (int i = t; i < vms; i += threads) {  // odd VMs fail
         EXPECT_TRUE(results.record(std::to_string(i), i % 2 == 0, 1, 2, 3));
+        progress.add_processed_virtual_disk();
+      }
     });
   for (auto& t : pool)
     t.join();
   EXPECT_EQ(std::tuple(results.succeeded(), results.storage_size(), results.source_size(),
                        results.set_size()),
             std::tuple(vms / 2, vms / 2 * 1ull, vms / 2 * 2ull, vms / 2 * 3ull));
+  EXPECT_EQ(std::tuple(progress.processed_size, progress.processed_virtual_disk),
+            std::tuple(threads * 256000000ull, vms));
   Log_Capture log;
   EXPECT_FALSE(results.add("1", {}) || results.record("x", true, 1, 1, 1));
   EXPECT_EQ(messages(log),

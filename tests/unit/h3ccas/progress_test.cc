@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <ctime>
-#include <thread>
 
 namespace h3ccas {
 namespace {
@@ -174,30 +173,6 @@ TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
     EXPECT_TRUE(log.contains(message)) << log.text();
     EXPECT_FALSE(unmapped.add_vm("vm-late", "late"));
   }
-}
-
-TEST_F(Progress_Test, ServantWorkersCountWhileTheAgentReads) {
-  Progress_Reporter reporter(handler_, activity_);
-  ASSERT_TRUE(reporter.add_vm("vm-a", "alpha"));
-  ASSERT_TRUE(reporter.activate("job-6"));
-  VM_Progress_Info_Handle record = servant("job-6", "vm-a");
-  constexpr int workers = 4, chunks = 20000;
-  std::vector<std::thread> pool;
-  for (int t = 0; t < workers; ++t)
-    pool.emplace_back([&] {
-      for (int i = 0; i < chunks; ++i)
-        record->add_processed_size(4096);
-      record->add_processed_virtual_disk();
-    });
-  // The job's thread and a result handler's push at the same time as the workers count.
-  pool.emplace_back([&] { EXPECT_TRUE(reporter.push_update()); });
-  EXPECT_TRUE(reporter.push_update());
-  for (auto& t : pool)
-    t.join();
-  record->state = VM_Progress_Info::completed;
-  ASSERT_TRUE(reporter.flush());
-  EXPECT_EQ(handler_.calls.back(), std::to_string(Job_Activity::running) +
-                                       " final; vm-a alpha completed(2) 327680000/0 4/0 0-0");
 }
 
 }  // namespace
