@@ -23,12 +23,14 @@ struct Handler : Job_Event_Handler {
   bool handle_vm_progress(const std::vector<VM_Job_Progress>&, int, bool) override { return true; }
 };
 
-// Job "hold" keeps its CVM until it is stopped.
+// Job "hold" keeps its CVM until it is stopped; job "bad" has an invalid option.
 struct Test_Executor : Executor_Base<job_test::Test_Source, job_test::Test_Options> {
   using Executor_Base::Executor_Base;
   bool init() override { return true; }
   bool resolve_entries() override { return true; }
-  bool resolve_options() override { return true; }
+  bool resolve_options() override {
+    return check_compression_level(1, def_->uid == "bad" ? 23 : 0);
+  }
   bool run_vms(const Job_Args*) override {
     note(def_->uid + " body");
     if (def_->uid == "hold")
@@ -51,8 +53,12 @@ TEST(Executor_Base, JobsOfOneCvmRunOneAtATime) {
     jobs.back()->set_log_callback([uid](const std::string& line) {
       if (line.find("Waiting for other jobs of this CAS(cvm-1) to be completed.\n") != line.npos)
         note(uid + " waits");
+      if (line.find("Invalid value '23' of option 'compression_level'") != line.npos)
+        note(uid + " refused");
     });
     ASSERT_EQ(jobs.back()->start(), 0);
+    if (awaited.empty())
+      return jobs.back()->wait();
     std::unique_lock<std::mutex> lock(g_mutex);
     g_cv.wait(lock, [&] { return std::count(g_events.begin(), g_events.end(), awaited) > 0; });
   };
@@ -64,15 +70,17 @@ TEST(Executor_Base, JobsOfOneCvmRunOneAtATime) {
     ASSERT_EQ(jobs[i]->stop(), 0);
     jobs[i]->wait();
   }
+  run("bad", "cvm-1", "");
   run("next", "cvm-1", "next body");
   for (auto& job : jobs)
     job->wait();
-  EXPECT_EQ(g_events,
-            (std::vector<std::string>{"hold body", "second waits", "other-cvm body", "next body"}));
+  EXPECT_EQ(g_events, (std::vector<std::string>{"hold body", "second waits", "other-cvm body",
+                                                "bad refused", "next body"}));
   std::vector<int> states;
   for (auto& job : jobs)
     states.push_back(job->state());
-  EXPECT_EQ(states, (std::vector<int>{JOB_STOPPED, JOB_STOPPED, JOB_SUCCEEDED, JOB_SUCCEEDED}));
+  EXPECT_EQ(states,
+            (std::vector<int>{JOB_STOPPED, JOB_STOPPED, JOB_SUCCEEDED, JOB_FAILED, JOB_SUCCEEDED}));
 }
 
 TEST(Executor_Base, OptionChecks) {
