@@ -138,14 +138,21 @@ TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
   Progress_Reporter reporter(handler_, activity_);
   ASSERT_TRUE(reporter.add_vm("vm-a", "alpha"));
   ASSERT_TRUE(reporter.activate("job-3"));
+  // Activated without any VM, a reporter still takes none afterwards.
+  Progress_Reporter empty(handler_, activity_);
+  ASSERT_TRUE(empty.activate("job-0"));
   {
     Log_Capture log;
     EXPECT_FALSE(reporter.add_vm("vm-late", "late"));
     EXPECT_FALSE(reporter.activate("job-4"));
-    EXPECT_EQ(log.count(LM_EMERGENCY), 2u);
+    EXPECT_FALSE(empty.add_vm("vm-late", "late"));
+    EXPECT_EQ(log.count(LM_EMERGENCY), 3u);
+    EXPECT_EQ(log.count(), 3u);
     EXPECT_TRUE(log.contains("Unexpected error in h3ccas/job/progress_reporter.cc:")) << log.text();
-    EXPECT_TRUE(log.contains(", wrapper_.empty() is false:\n")) << log.text();
+    EXPECT_TRUE(log.contains(", activated_ is true:\n")) << log.text();
   }
+  ASSERT_TRUE(empty.flush());
+  EXPECT_EQ(handler_.calls.back(), std::to_string(Job_Activity::running) + " final");
   EXPECT_NE(
       access((root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/job-4").c_str(), F_OK), 0);
   ASSERT_TRUE(reporter.push_update());
@@ -164,6 +171,7 @@ TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
     Log_Capture log;
     EXPECT_FALSE(unmapped.activate(job)) << message;
     EXPECT_TRUE(log.contains(message)) << log.text();
+    EXPECT_FALSE(unmapped.add_vm("vm-late", "late"));
   }
 }
 
