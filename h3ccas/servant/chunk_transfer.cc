@@ -38,8 +38,8 @@ class Piece_Remover {
   explicit Piece_Remover(Client_IO_Ex& io) : io_(io) {}
   ~Piece_Remover() {
     if (armed_ && !io_.remove(io_.path()))
-      LOG_MSG((LM_WARNING, "Failed to remove residual backup piece '%s': %s\n",
-               io_.path().c_str(), io_.error().c_str()));
+      LOG_MSG((LM_WARNING, "Failed to remove residual backup piece '%s': %s\n", io_.path().c_str(),
+               io_.error().c_str()));
   }
   Piece_Remover(const Piece_Remover&) = delete;
   Piece_Remover& operator=(const Piece_Remover&) = delete;
@@ -93,9 +93,8 @@ bool Backup_Transfer::transfer_chunks() {
   LOG_MSG((LM_INFO,
            "Activating %d thread(s) to backup the VM, disk(s) count = %d, chunk(s) count = %d.\n",
            threads, static_cast<int>(vm_disks_.size()), chunks));
-  if (!scheduler.activate(threads, [this](const std::shared_ptr<Chunk>& chunk) {
-        return backup_chunk_i(chunk);
-      }))
+  if (!scheduler.activate(
+          threads, [this](const std::shared_ptr<Chunk>& chunk) { return backup_chunk_i(chunk); }))
     return false;
   scheduler.wait();
   return succeeded_chunk_ == chunks;
@@ -117,8 +116,8 @@ bool Backup_Transfer::open_client_io(const Chunk& chunk, Client_IO_Ex& io) const
 
 bool Backup_Transfer::init_image_writer(const Chunk& chunk, Image_Block_Writer& writer) const {
   if (!writer.init(image_block_size, 512, 1, 0)) {
-    LOG_MSG((LM_ERROR, "Failed to init image writer for CAS disk '%s'.\n",
-             chunk.disk_path_.c_str()));
+    LOG_MSG(
+        (LM_ERROR, "Failed to init image writer for CAS disk '%s'.\n", chunk.disk_path_.c_str()));
     return false;
   }
   std::uint8_t id[16];
@@ -144,54 +143,57 @@ Task_Base::Error Backup_Transfer::backup_chunk_i(const std::shared_ptr<Chunk>& c
   if (!open_client_io(*chunk, io))
     return Task_Base::Failed;
   Piece_Remover remover(io);
+  LOG_MSG((LM_DEBUG, "Backing up chunk %d of disk '%s' on CAS VM '%s', source size = %s.\n",
+           chunk->index_, chunk->disk_path_.c_str(), params_.vm_name_.c_str(),
+           size_to_str(chunk->size_).c_str()));
+  Image_Block_Writer writer(&io);
+  if (!init_image_writer(*chunk, writer))
+    return Task_Base::Failed;
+  // An empty chunk still becomes a whole image, one without blocks, so a restore reads every
+  // piece the same way; it needs no disk connection.
+  CVD_Connection conn;
+  CVD_Disk_Handle disk;
+  std::vector<std::uint8_t> buffer;
   if (chunk->size_ > 0) {
-    LOG_MSG((LM_DEBUG, "Backing up chunk %d of disk '%s' on CAS VM '%s', source size = %s.\n",
-             chunk->index_, chunk->disk_path_.c_str(), params_.vm_name_.c_str(),
-             size_to_str(chunk->size_).c_str()));
-    Image_Block_Writer writer(&io);
-    if (!init_image_writer(*chunk, writer))
-      return Task_Base::Failed;
     const std::string& addr =
         params_.cvd_target_addr_.empty() ? params_.host_ip_ : params_.cvd_target_addr_;
-    CVD_Connection conn;
     if (!conn.connect(params_.cvm_, addr, params_.vm_name_))
       return Task_Base::Failed;
     const bool with_snapshot = !offline_backup_ && use_internal_snapshot_;
     const char* snapshot = with_snapshot ? snapshot_name_.c_str() : nullptr;
-    CVD_Disk_Handle disk = conn.open(unify_path(chunk->disk_path_, chunk->is_rbd_, snapshot),
-                                     chunk->is_rbd_ ? nullptr : snapshot, CVD_OPEN_READ);
+    disk = conn.open(unify_path(chunk->disk_path_, chunk->is_rbd_, snapshot),
+                     chunk->is_rbd_ ? nullptr : snapshot, CVD_OPEN_READ);
     if (!disk) {
       LOG_MSG((LM_ERROR, "Failed to open disk '%s' of VM on CVK '%s', snapshot = '%s'.\n",
                chunk->disk_path_.c_str(), params_.host_ip_.c_str(), snapshot ? snapshot : ""));
       return Task_Base::Failed;
     }
-    const int buffer_size = params_.opts_.read_buffer_size_;
-    if (!CHECK_TRUE(buffer_size > 0))
+    if (!CHECK_TRUE(params_.opts_.read_buffer_size_ > 0))
       return Task_Base::Failed;
-    std::vector<std::uint8_t> buffer(static_cast<std::size_t>(buffer_size));
-    bool read_failed = false;
-    auto read = [&](std::uint64_t offset, std::size_t wanted, const void*& data) -> ssize_t {
-      const std::size_t length = std::min(wanted, buffer.size());
-      std::int64_t got = cvd_disk_read(disk.get(), offset, length, buffer.data());
-      if (got != static_cast<std::int64_t>(length)) {
-        read_failed = true;
-        LOG_MSG((LM_ERROR, "Failed to read data from CAS VM '%s' on CVK '%s'.\n",
-                 params_.vm_name_.c_str(), params_.host_ip_.c_str()));
-        return -1;
-      }
-      data = buffer.data();
-      return static_cast<ssize_t>(length);
-    };
-    auto progress = [this](std::uint64_t bytes) {
-      if (progress_)
-        progress_->add_processed_size(bytes);
-    };
-    if (!writer.write_blocks(read, progress)) {
-      // A failed read has said why; a stopped job is not a storage fault.
-      if (!read_failed && !is_canceled())
-        LOG_MSG((LM_ERROR, "Failed to write to storage pool: %s.\n", io.error().c_str()));
-      return Task_Base::Failed;
+    buffer.resize(static_cast<std::size_t>(params_.opts_.read_buffer_size_));
+  }
+  bool read_failed = false;
+  auto read = [&](std::uint64_t offset, std::size_t wanted, const void*& data) -> ssize_t {
+    const std::size_t length = std::min(wanted, buffer.size());
+    std::int64_t got = cvd_disk_read(disk.get(), offset, length, buffer.data());
+    if (got != static_cast<std::int64_t>(length)) {
+      read_failed = true;
+      LOG_MSG((LM_ERROR, "Failed to read data from CAS VM '%s' on CVK '%s'.\n",
+               params_.vm_name_.c_str(), params_.host_ip_.c_str()));
+      return -1;
     }
+    data = buffer.data();
+    return static_cast<ssize_t>(length);
+  };
+  auto progress = [this](std::uint64_t bytes) {
+    if (progress_)
+      progress_->add_processed_size(bytes);
+  };
+  if (!writer.write_blocks(read, progress)) {
+    // A failed read has said why; a stopped job is not a storage fault.
+    if (!read_failed && !is_canceled())
+      LOG_MSG((LM_ERROR, "Failed to write to storage pool: %s.\n", io.error().c_str()));
+    return Task_Base::Failed;
   }
   // The object exists only once committed: a chunk whose close failed has no data to restore.
   if (!io.close()) {

@@ -36,8 +36,9 @@ class Backup_Transfer : public Backup_Plan {
 
   // Plans the chunks (prepare_disks) and runs them; true when every chunk was stored.
   bool backup_disks();
-  // Runs the chunks of `chunks_` (counters reset first) on parallel_disks_per_vm / parallel_workers_per_disk workers,
-  // at most parallel_disks_per_vm at once per disk; true when every chunk was stored.
+  // Runs the chunks of `chunks_` (counters reset first) on parallel_disks_per_vm /
+  // parallel_workers_per_disk workers, at most parallel_disks_per_vm at once per disk; true when
+  // every chunk was stored.
   bool transfer_chunks();
   // The task body: one chunk into its object. Failed leaves nothing under the object's name.
   Task_Base::Error backup_chunk_i(const std::shared_ptr<Chunk>& chunk) const;
