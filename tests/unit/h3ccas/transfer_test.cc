@@ -57,11 +57,8 @@ class Transfer : public ::testing::Test {
     auto& p = t_.params_;
     p.pool_url_ = "fault://" + dir_.file("pool"), p.host_ip_ = "10.0.0.5", p.vm_name_ = "w";
     p.host_name_ = "cvk1", p.opts_.read_buffer_size_ = 12288, p.opts_.parallel_disks_per_vm_ = 2;
-    p.catalog_ = {{"name", "j"},
-                  {"host_uuid", "h"},
-                  {"agent", "a"},
-                  {"instance_version", "7"},
-                  {"pool_uuid", "p1"}};
+    p.catalog_ = json(R"({"name":"j","host_uuid":"h","agent":"a","instance_version":"7",
+                          "pool_uuid":"p1"})");
     t_.timestamp_ = "20260101000000", t_.backup_type_ = Job_Definition_Subtype::Full;
     t_.vm_detail_.cpu_ = {{"cpuSockets", "1"}, {"cpuCores", "2"}};
     t_.vm_detail_.memory_ = {{"size", "1024"}};
@@ -76,7 +73,7 @@ class Transfer : public ::testing::Test {
       c->size_ += b.length_;
     return c;
   }
-  // The object's blocks as "offset+length" with their bytes checked against the stub's letters.
+  // The object's blocks as "offset+length," with their bytes checked against the stub's letters.
   S read_back(const S& object, Image_Reader::Superblock* sb = nullptr) {
     Client_IO_Ex io;
     EXPECT_TRUE(io.connect("file://" + dir_.file("pool"), {}) && io.open(object, 1)) << io.error();
@@ -91,16 +88,10 @@ class Transfer : public ::testing::Test {
       *sb = reader.superblock();
     return got;
   }
-  // Every file of the pool, hidden ones included.
-  S pool_files() {
-    std::set<S> names;
-    for (const auto& e : std::filesystem::recursive_directory_iterator(dir_.file("pool")))
-      if (e.is_regular_file())
-        names.insert(e.path().filename());
-    S out;
-    for (const S& n : names)
-      out += n + " ";
-    return out;
+  JSON_Value catalog() {
+    H3C_CAS_Backup_Set set;
+    JSON_Value out;
+    return t_.fill_catalog(set) ? (set.dump(out), out) : JSON_Value();
   }
   Temp_Dir dir_;
   Scoped_Env root_{"BRIMLET_ROOT", dir_.path()};
@@ -117,26 +108,37 @@ TEST_F(Transfer, ChunksRoundTripIntoTheCatalog) {
   Image_Reader::Superblock sb;
   EXPECT_EQ(read_back("/cvk1/w/good_0", &sb), "0+100000,200000+5000,");
   EXPECT_EQ(read_back("/cvk1/w/empty_0"), "");
-  S id = t_.bset_uuid_;
-  id.erase(std::remove(id.begin(), id.end(), '-'), id.end());
-  char hex[33];
-  for (int i = 0; i < 16; ++i)
-    std::snprintf(hex + 2 * i, 3, "%02x", sb.set_id[i]);
-  EXPECT_EQ(S(hex), id);
-  EXPECT_EQ(std::memcmp(sb.set_id, sb.image_id, 16), 0);
-  EXPECT_EQ(sb.block_size, 65536u);
+  EXPECT_EQ(sb.set_id[0], std::stoi(t_.bset_uuid_.substr(0, 2), nullptr, 16));
+  EXPECT_EQ(sb.set_id[15], std::stoi(t_.bset_uuid_.substr(34), nullptr, 16));
+  EXPECT_TRUE(std::equal(sb.set_id, sb.set_id + 16, sb.image_id) && sb.block_size == 65536);
   EXPECT_EQ(progress_.processed_size, 105000u);
   EXPECT_EQ(progress_.total_size, 105000u);
-  H3C_CAS_Backup_Set set;
-  ASSERT_TRUE(t_.fill_catalog(set));
-  JSON_Value out;
-  set.dump(out);
+  JSON_Value out = catalog();
   EXPECT_EQ(out["pieces"].dump(),
             R"([{"object":"","path":"/cvk1/w/vm_config_20260101000000_full.json.zst","size":0},)"
             R"({"object":"/vms/a","path":"/cvk1/w/good_0","size":105000},)"
             R"({"object":"/vms/b","path":"/cvk1/w/empty_0","size":0}])");
-  EXPECT_EQ(out["incarnation"], t_.bset_uuid_);
-  EXPECT_EQ(out["storages"][0]["size"], t_.storage_size_.load());
+  EXPECT_EQ(out["incarnation"].dump() + out["base"].dump(),
+            '"' + t_.bset_uuid_ + "\"\"" + t_.bset_uuid_ + '"');
+  EXPECT_EQ(out["storages"][0].dump(),
+            R"({"extra":{"code_name":"reborn"},"pool_uuid":"p1","size":)" +
+                std::to_string(t_.storage_size_) + "}");
+  Client_IO_Ex io;
+  JSON_Value config;
+  ASSERT_TRUE(io.connect("file://" + dir_.file("pool"), {}) &&
+              client_io_read_json(io, out["vm_config_path"], config));
+  EXPECT_EQ(config, t_.vm_detail_.dump());
+  // An incremental set continues its base's chain; a set without its job's keys is refused.
+  t_.backup_type_ = Job_Definition_Subtype::Incremental;
+  t_.last_bset_uuid_ = "b0", t_.last_bset_incarnation_ = "i0", t_.use_cbt_ = true;
+  t_.snapshot_name_ = "Brimlet5-x";
+  out = catalog();
+  EXPECT_EQ(out["incarnation"].dump() + out["base"].dump() + out["cbt_name"].dump(),
+            R"("i0""b0""Brimlet5-x")");
+  t_.params_.catalog_.erase("agent");
+  Log_Capture log;
+  EXPECT_TRUE(catalog().is_null());
+  EXPECT_EQ(messages(log), "Invalid CAS VM catalog: missing string 'agent'.\n");
 }
 
 // A chunk that fails leaves nothing in the pool and no piece in the set, which is not committed.
@@ -162,13 +164,13 @@ TEST_F(Transfer, FailedChunkLeavesNothing) {
     EXPECT_FALSE(t_.transfer_chunks());
     EXPECT_EQ(log.count(LM_ERROR), 1u);
     EXPECT_TRUE(log.contains(c.error)) << messages(log);
-    EXPECT_EQ(pool_files(), "empty_0 good_0 ");
-    H3C_CAS_Backup_Set set;
-    ASSERT_TRUE(t_.fill_catalog(set));
-    JSON_Value out;
-    set.dump(out);
-    EXPECT_EQ(out["pieces"].dump().find("bad_0"), S::npos);
+    std::set<S> files;  // hidden ones included
+    for (const auto& e : std::filesystem::recursive_directory_iterator(dir_.file("pool")))
+      files.insert(e.is_regular_file() ? e.path().filename() : "");
+    EXPECT_EQ(files, (std::set<S>{"", "empty_0", "good_0"}));
+    EXPECT_EQ(catalog()["pieces"].dump().find("bad_0"), S::npos);
     EXPECT_FALSE(t_.save_catalog());
+    EXPECT_TRUE(log.contains("Backup of CAS VM 'w' is incomplete, 2 of 3 chunk(s) stored.\n"));
   }
 }
 
