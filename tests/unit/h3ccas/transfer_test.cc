@@ -1,6 +1,5 @@
 #include "h3ccas/servant/chunk_transfer.h"
 #include "h3ccas/servant/cvd_loader.h"
-#include "host/storage/client_io.h"
 #include "host/storage/file_driver.h"
 #include "host/storage/image.h"
 #include "tests/support/temp_dir.h"
@@ -22,9 +21,8 @@ bool fault_commit = false;
 struct Faulty_Object : Storage_Object_Wrapper {
   using Storage_Object_Wrapper::Storage_Object_Wrapper;
   bool write(const void* data, std::size_t length, S& error) override {
-    if (++writes == fault_write)
-      return error = "injected write fault", false;
-    return Storage_Object_Wrapper::write(data, length, error);
+    return ++writes == fault_write ? (error = "injected write fault", false)
+                                   : Storage_Object_Wrapper::write(data, length, error);
   }
   bool commit(S& error) override {
     return fault_commit ? (error = "injected commit fault", false)
@@ -37,9 +35,8 @@ struct Faulty_Driver : Storage_Driver_Wrapper {
   using Storage_Driver_Wrapper::Storage_Driver_Wrapper;
   std::unique_ptr<Storage_Object> open(const S& name, int mode, S& error) override {
     auto object = Storage_Driver_Wrapper::open(name, mode, error);
-    if (!object || mode != Client_IO_Ex::Write || name.find("bad") == S::npos)
-      return object;
-    return std::make_unique<Faulty_Object>(std::move(object));
+    bool faulty = object && mode == Client_IO_Ex::Write && name.find("bad") != S::npos;
+    return faulty ? std::make_unique<Faulty_Object>(std::move(object)) : std::move(object);
   }
 };
 
@@ -74,7 +71,7 @@ class Transfer : public ::testing::Test {
     return c;
   }
   // The object's blocks as "offset+length," with their bytes checked against the stub's letters.
-  S read_back(const S& object, Image_Reader::Superblock* sb = nullptr) {
+  S read_back(const S& object) {
     Client_IO_Ex io;
     EXPECT_TRUE(io.connect("file://" + dir_.file("pool"), {}) && io.open(object, 1)) << io.error();
     Image_Block_Reader reader(&io, 1 << 20);
@@ -84,8 +81,7 @@ class Transfer : public ::testing::Test {
         EXPECT_EQ(static_cast<const char*>(data)[i], char('a' + (off + i) % 26)) << off + i;
       return got += std::to_string(off) + "+" + std::to_string(n) + ",", true;
     }));
-    if (sb)
-      *sb = reader.superblock();
+    sb_ = reader.superblock();
     return got;
   }
   JSON_Value catalog() {
@@ -100,19 +96,19 @@ class Transfer : public ::testing::Test {
   CVD_Loader loader_;
   Backup_Transfer t_{VM_Backup_Params{}};
   VM_Progress_Info progress_{};
+  Image_Reader::Superblock sb_;
 };
 
 TEST_F(Transfer, ChunksRoundTripIntoTheCatalog) {
   t_.set_size_ = 105000;
   ASSERT_TRUE(t_.transfer_chunks());
-  Image_Reader::Superblock sb;
-  EXPECT_EQ(read_back("/cvk1/w/good_0", &sb), "0+100000,200000+5000,");
   EXPECT_EQ(read_back("/cvk1/w/empty_0"), "");
+  EXPECT_EQ(read_back("/cvk1/w/good_0"), "0+100000,200000+5000,");
+  const Image_Reader::Superblock& sb = sb_;
   EXPECT_EQ(sb.set_id[0], std::stoi(t_.bset_uuid_.substr(0, 2), nullptr, 16));
   EXPECT_EQ(sb.set_id[15], std::stoi(t_.bset_uuid_.substr(34), nullptr, 16));
   EXPECT_TRUE(std::equal(sb.set_id, sb.set_id + 16, sb.image_id) && sb.block_size == 65536);
-  EXPECT_EQ(progress_.processed_size, 105000u);
-  EXPECT_EQ(progress_.total_size, 105000u);
+  EXPECT_TRUE(progress_.processed_size == 105000 && progress_.total_size == 105000);
   JSON_Value out = catalog();
   EXPECT_EQ(out["pieces"].dump(),
             R"([{"object":"","path":"/cvk1/w/vm_config_20260101000000_full.json.zst","size":0},)"
