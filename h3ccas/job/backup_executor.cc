@@ -283,8 +283,10 @@ bool Backup_Executor::make_vm_request(VM_Backup_Params& params, JSON_Value& requ
   params.backupd_port_ = server.port;
   params.backupd_ssl_ = server.ssl;
   params.retry_seconds_ = static_cast<int>(def_->max_seconds_retry);
-  // Without a pick the servant reaches the disk service at the CVK's management address.
-  if (!cvk_target_addr_selector_.select(*client_, params.host_name_, params.host_id_,
+  // Without a preferred network (or a pick on it) the servant reaches the disk service at the
+  // CVK's management address; the CVK's switches are only asked for when there is a preference.
+  if (!cvk_preferred_network_ ||
+      !cvk_target_addr_selector_.select(*client_, params.host_name_, params.host_id_,
                                         params.cvd_target_addr_))
     params.cvd_target_addr_ = params.host_ip_;
   params.opts_ = vm_opts_;

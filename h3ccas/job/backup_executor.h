@@ -44,7 +44,7 @@ class Backup_Executor : public Executor_Base<Backup_Source, Backup_Options> {
 
   std::unique_ptr<RESTful_Client> client_;
   std::unordered_map<std::string, CVK_Host> hosts_;
-  std::unordered_map<std::string, VM_Map> vm_entries_;  // by CVK id, then VM id
+  std::unordered_map<std::string, VM_Map> vm_entries_;                 // by CVK id, then VM id
   std::unordered_map<std::string, std::vector<VM_Info>> vms_of_host_;  // listed once per CVK
   Client_IO_Base::Options io_opts_;
   Pool_Info pool_info_;
