@@ -332,6 +332,9 @@ int Backup_Executor::handle_vm_result(const std::string& vm_id,
 bool Backup_Executor::run_vms(const Job_Args*) {
   if (!act_.get())
     return check_failed(__FILE__, __LINE__, "act_.get() is NULL");
+  // Stopped while resolving: no servant starts.
+  if (is_canceled())
+    return false;
   Progress_Reporter progress(handler_, *act_.get());
   Servant_Task_Scheduler scheduler("h3ccas.exec");
   if (!scheduler.register_stop_callback([this] { return is_canceled(); }) ||

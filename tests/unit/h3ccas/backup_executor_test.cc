@@ -80,7 +80,9 @@ class Backup_Executor_Test : public Cas_Peer {
                     resp.body = JSON_Value{{"rows", {entry}}}.dump();
                   });
     server_.route(HTTP_Method::GET, server_api::pool_route,
-                  [](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+                  [this](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+                    if (hold_pool_)
+                      hold_pool_();
                     auto uuid = req.query.find("uuid");
                     resp.status = uuid != req.query.end() && uuid->second == "pool-1" ? 200 : 404;
                     // The pool asks for lz4; the job's own compression wins.
@@ -113,6 +115,7 @@ class Backup_Executor_Test : public Cas_Peer {
     return j;
   }
 
+  std::function<void()> hold_pool_;  // runs when the pool is asked for
   Temp_Dir root_;
   Scoped_Env root_env_{"BRIMLET_ROOT", root_.path()};
   HTTP_Server server_;
@@ -278,6 +281,23 @@ TEST_F(Backup_Executor_Test, FailedServantsFailTheJob) {
   EXPECT_EQ(std::tuple(act->stored_size, act->set_size, act->source_size),
             std::tuple(0ull, 0ull, 0ull));
   EXPECT_GT(act->last_run_time, 0);
+}
+
+}  // namespace
+}  // namespace h3ccas
+
+namespace h3ccas {
+namespace {
+
+// A stop while the job resolves its options ends it cancelled before any servant starts.
+TEST_F(Backup_Executor_Test, StopBeforeServantsCancels) {
+  auto j = job(R"({"entries":[{"type":"cas"}]})");
+  hold_pool_ = [&j] { EXPECT_EQ(j->stop(), 0); };
+  Log_Capture log;
+  ASSERT_EQ(j->start(), 0);
+  j->wait();
+  EXPECT_EQ(j->state(), JOB_STOPPED);
+  EXPECT_EQ(log.text().find("servant"), std::string::npos) << log.text();
 }
 
 }  // namespace
