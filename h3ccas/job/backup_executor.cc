@@ -260,10 +260,14 @@ bool Backup_Executor::resolve_options() {
              def_->target_id.c_str(), def_->target_name.c_str()));
     return false;
   }
-  // The job's compression wins over the pool's: the pool's options are laid first.
+  // The job's compression wins over the pool's: the pool's options are laid first. A level the
+  // pool set for another method may not suit the job's, which then gets the default level unless
+  // the job names one.
   const Client_IO_Base::Compression method = io_opts_.compression_;
   if (!set_options_by_pool(io_opts_, pool_info_))
     return false;
+  if (io_opts_.compression_ != method)
+    io_opts_.compression_level_ = Client_IO_Base::Options().compression_level_;
   io_opts_.compression_ = method;
   if (compression_level)
     io_opts_.compression_level_ = *compression_level;

@@ -62,9 +62,10 @@ class Backup_Executor_Test : public Cas_Peer {
                     if (hold_pool_)
                       hold_pool_();
                     resp.status = req.query.at("uuid") == "pool-1" ? 200 : 404;
-                    // The pool asks for lz4; the job's own compression wins.
+                    // The pool asks for zstd at a level lz4 would not take.
                     resp.body = R"({"uuid":"pool-1","name":"p","url":"file:///srv/p1",
-                                    "io_options":{"compression":"lz4","io_timeout":60}})";
+                                    "io_options":{"compression":"zstd","compression_level":19,
+                                    "io_timeout":60}})";
                   });
     ASSERT_TRUE(server_.start(HTTP_Server::Options()));
     Upstream_JSON_RESTful_Client::instance()->configure("127.0.0.1", server_.port(), false, "k");
@@ -170,11 +171,13 @@ TEST_F(Backup_Executor_Test, RefusesBadOptionsOnce) {
   }
 }
 
-// What the servant of VM 1a gets: the job's compression over the pool's, the CVK's management
+// What the servant of VM 1a gets: the job's compression over the pool's (at the default level, the
+// pool's being for another method), the CVK's management
 // address for disk data, the policy as its number; the parallel VMs are cut to the VM count.
 TEST_F(Backup_Executor_Test, BuildsTheServantRequest) {
   auto j = job(R"({"entries":[{"type":"HostSystem","id":"1","name":"cvk1"}]})",
-               R"({"compression_level":null,"no_cbt":"skip","def":{"subtype":"incremental"}})");
+               R"({"compression":"lz4","compression_level":null,"no_cbt":"skip",
+                  "def":{"subtype":"incremental"}})");
   Probe e(*j);
   ASSERT_TRUE(e.init() && e.resolve_entries() && e.resolve_options());
   EXPECT_EQ(e.parallel_vms_, 2);
@@ -191,7 +194,7 @@ TEST_F(Backup_Executor_Test, BuildsTheServantRequest) {
   ASSERT_TRUE(e.make_vm_request(*e.vm_entries_["1"]["1a"], request));
   expected["cvm"] = cvm().dump();
   Client_IO_Base::Options io;
-  io.io_timeout_ = 60;
+  io.io_timeout_ = 60, io.compression_ = Client_IO_Base::Compression::Lz4;
   io >> expected["io_opts"];
   EXPECT_EQ(request.dump(1), expected.dump(1));
 }
