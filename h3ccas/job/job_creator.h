@@ -2,6 +2,7 @@
 // definition (type 2) a restore job, any other type none.
 #pragma once
 
+#include "h3ccas/job/backup_executor.h"
 #include "h3ccas/job/defs.h"
 #include "host/core/log.h"
 #include "host/job/job_t.h"
@@ -21,7 +22,7 @@ class Unavailable_Executor : public Job_Executor_T<S, O> {
   }
 };
 
-using Backup_Job = Controllable_Job_T<Unavailable_Executor<Backup_Source, Backup_Options>>;
+using Backup_Job = Controllable_Job_T<Backup_Executor>;
 using Restore_Job = Controllable_Job_T<Unavailable_Executor<Restore_Source, Restore_Options>>;
 using CAS_Job_Creator = Default_Job_Creator_T<Backup_Job, Restore_Job>;
 

@@ -1,0 +1,255 @@
+#include "h3ccas/job/job_creator.h"
+#include "host/catalog/server_api.h"
+#include "host/core/identity.h"
+#include "tests/support/temp_dir.h"
+#include "tests/unit/h3ccas/support.h"
+
+#include <set>
+
+namespace h3ccas {
+namespace {
+
+struct Handler : Job_Event_Handler {
+  bool handle_vm_progress(const std::vector<VM_Job_Progress>&, int, bool) override { return true; }
+};
+
+struct Probe : Backup_Executor {
+  using Backup_Executor::Backup_Executor, Backup_Executor::init, Backup_Executor::resolve_entries;
+  using Backup_Executor::resolve_options, Backup_Executor::make_vm_request;
+  using Backup_Executor::vm_entries_, Backup_Executor::results_, Backup_Executor::parallel_vms_;
+  std::string entries() const {  // "1/1a 1/1b 2/2c": CVK/VM
+    std::set<std::string> all;
+    for (const auto& [host, vms] : vm_entries_)
+      for (const auto& vm : vms)
+        all.insert(host + "/" + vm.first);
+    std::string out;
+    for (const auto& e : all)
+      out += (out.empty() ? "" : " ") + e;
+    return out;
+  }
+};
+
+// A CVM with CVKs 1 (VMs 1a "web", 1b "db"), 2 (2c, titled as named) and 4 (none); an unlisted
+// CVK 3 cannot list its VMs. The backup server knows this CVM and pool "pool-1".
+class Backup_Executor_Test : public Cas_Peer {
+ protected:
+  void SetUp() override {
+    Cas_Peer::SetUp();
+    JSON_Value hosts = JSON_Value::array();
+    for (std::string id : {"1", "2", "4"})
+      hosts.push_back({{"id", id}, {"ip", "10.0.0." + id}, {"name", "cvk" + id}, {"status", "1"}});
+    peer_.set("/cas/casrs/host", Digest_Peer::json(JSON_Value{{"host", hosts}}.dump()));
+    auto vm = [](const std::string& id, const char* title) {
+      JSON_Value v = json(R"({"hostName":"cvk","vmStatus":"running","cpu":"2","memory":"2"})");
+      v.update({{"id", id}, {"name", "vm-" + id}, {"title", title}, {"uuid", "uuid-" + id}});
+      return v.update({{"hostId", id.substr(0, 1)}}), v;
+    };
+    const std::pair<const char*, JSON_Value> lists[] = {
+        {"1", JSON_Value::array({vm("1a", "web"), vm("1b", "db")})},
+        {"2", JSON_Value::array({vm("2c", "vm-2c")})},
+        {"4", JSON_Value::array()}};
+    for (const auto& [host, list] : lists)
+      peer_.set(std::string("/cas/casrs/vm/vmList?hostId=") + host + "&sortField=title",
+                Digest_Peer::json(JSON_Value{{"domain", list}}.dump()));
+    JSON_Value entry = cvm().dump();
+    entry["password"] = encrypt_for_agent(cvm_password);
+    server_.route(HTTP_Method::GET, server_api::cvm_route,
+                  [entry](const HTTP_Server_Request&, HTTP_Server_Response& resp) {
+                    resp.body = JSON_Value{{"rows", {entry}}}.dump();
+                  });
+    server_.route(HTTP_Method::GET, server_api::pool_route,
+                  [this](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+                    if (hold_pool_)
+                      hold_pool_();
+                    resp.status = req.query.at("uuid") == "pool-1" ? 200 : 404;
+                    // The pool asks for zstd at a level lz4 would not take.
+                    resp.body = R"({"uuid":"pool-1","name":"p","url":"file:///srv/p1",
+                                    "io_options":{"compression":"zstd","compression_level":19,
+                                    "io_timeout":60}})";
+                  });
+    ASSERT_TRUE(server_.start(HTTP_Server::Options()));
+    Upstream_JSON_RESTful_Client::instance()->configure("127.0.0.1", server_.port(), false, "k");
+    Host_Manager::instance()->set_access_key("agent-key");
+    WebSocket_Options::instance()->port = 8443;
+  }
+
+  // A backup job of the CVM; `patch` is merged into its options, and its "def" member gives the
+  // definition's "subtype" and "retry_count".
+  std::shared_ptr<Job> job(const std::string& source, const std::string& patch = "{}") {
+    JSON_Value o = json(R"({"restart_vm":true,"read_buffer_size":1048576,"compression":"zstd",
+      "cvd_sdk_log_level":"info","cvd_sdk_network_timeout":5,"compression_level":5,
+      "enable_cbt":true,"parallel_vms":8,"parallel_vms_per_host":4,"def":{}})");
+    o.merge_patch(json(patch));
+    auto def = std::make_shared<Job_Definition>();
+    def->uid = "j-1", def->name = "nightly", def->type = 1, def->host_id = "cvm-1";
+    def->agent = "agent-1", def->target_id = "pool-1", def->max_seconds_retry = 600;
+    const std::string subtype = o["def"].value("subtype", "full");
+    def->subtype = job_def_subtype_from_string(subtype.c_str(), subtype.size());
+    def->retry_count = o["def"].value("retry_count", 0u);
+    o.erase("def");
+    auto src = std::make_shared<Backup_Source>();
+    auto opts = std::make_shared<Backup_Options>();
+    src->set_value(json(source)), opts->set_value(o);
+    def->source = src, def->options = opts;
+    auto j = std::make_shared<Backup_Job>(def);
+    j->set_event_handler(std::make_shared<Handler>());
+    return j;
+  }
+
+  std::function<void()> hold_pool_;  // runs when the pool is asked for
+  Temp_Dir root_;
+  Scoped_Env root_env_{"BRIMLET_ROOT", root_.path()};
+  HTTP_Server server_;
+};
+
+TEST_F(Backup_Executor_Test, ResolvesEntriesWithExclusions) {
+  const char* const host1 = R"({"type":"HostSystem","id":"1","name":"cvk1"})";
+  const std::string vm = R"({"type":"VirtualMachine","name":"n","title":"t",)";
+  const std::tuple<std::string, const char*, const char*> cases[] = {
+      // source, VMs, a message it logs
+      {R"({"entries":[{"type":"cas"}]})", "1/1a 1/1b 2/2c",
+       "2 VMs are to be backed up on CVK 'cvk1'.\n1 VM is to be backed up on CVK 'cvk2'.\n"},
+      {R"({"exclusion":[],"entries":[{"type":"HostSystem","id":"4","name":"cvk4"}]})", "",
+       "Unable to back up CVK 'cvk4': no VM found.\nAll VMs are excluded from backup.\n"},
+      // By title only, then by the name of a VM titled as named.
+      {R"({"exclusion":["we?","vm-2*"],"entries":[{"type":"cas"}]})", "1/1b",
+       "VM (name='vm-1a', title='web') is excluded from backup.\n"},
+      {R"({"entries":[)" + vm + R"("host_id":"1","uuid":"uuid-1b"},)" + host1 + "]}", "1/1a 1/1b",
+       "2 VMs are to be backed up on CVK 'cvk1'.\n"},
+      {R"({"entries":[)" + vm + R"("host_id":"1","uuid":"uuid-9"}]})", "",
+       "VM (name='n', uuid='uuid-9') not found on CVK 'cvk1'.\n"},
+      {R"({"entries":[)" + vm + R"("host_id":"9","uuid":"u","id":"9x"}]})", "",
+       "CVK(id=9) not found on CAS.\n"},
+      {R"({"entries":[{"type":"HostSystem","id":"3","name":"cvk3"}]})", "",
+       "Failed to get VMs of CVK 'cvk3'.\n"},
+      {R"({"entries":[{"type":"Folder"}]})", "",
+       "Invalid type 'Folder' at source.entries in CAS job(uuid=j-1, name=nightly) definition.\n"},
+      {R"({"entries":[{"type":"HostSystem","id":"1"}]})", "",
+       "Invalid CAS job(uuid=j-1, name=nightly) definition at source.entries: missing key "
+       "'name'.\n"},
+  };
+  for (const auto& [source, vms, message] : cases) {
+    auto j = job(source);
+    Probe e(*j);
+    Log_Capture log;
+    ASSERT_TRUE(e.init());
+    EXPECT_EQ(e.resolve_entries(), *vms != 0) << source;
+    EXPECT_EQ(e.entries(), vms) << source;
+    EXPECT_NE(messages(log).find(message), std::string::npos) << source << "\n" << messages(log);
+  }
+}
+
+TEST_F(Backup_Executor_Test, RefusesBadOptionsOnce) {
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      // options, the value and option refused (no value: the key is missing)
+      {R"({"parallel_vms":65})", "65", "parallel_vms"},
+      {R"({"parallel_disks_per_vm":0})", "0", "parallel_disks_per_vm"},
+      {R"({"parallel_workers_per_disk":6})", "6", "parallel_workers_per_disk"},
+      {R"({"def":{"retry_count":11}})", "11", "backup_retry_count"},
+      {R"({"read_buffer_size":69633})", "69633", "read_buffer_size"},
+      {R"({"cvd_sdk_log_level":"Info"})", "Info", "cvd_sdk_log_level"},
+      {R"({"cvd_sdk_network_timeout":0})", "0", "cvd_sdk_network_timeout"},
+      // An unknown method is zstd, whose levels end at 22.
+      {R"({"compression":"brotli","compression_level":23})", "23", "compression_level"},
+      {R"({"no_cbt":"Skip","def":{"subtype":"incremental"}})", "Skip", "no_cbt"},
+      {R"({"restart_vm":null})", nullptr, "restart_vm"},
+      {R"({"enable_cbt":null})", nullptr, "enable_cbt"},
+  };
+  for (const auto& [patch, value, option] : cases) {
+    auto j = job(R"({"entries":[{"type":"cas"}]})", patch);
+    Probe e(*j);
+    ASSERT_TRUE(e.init() && e.resolve_entries());
+    Log_Capture log;
+    EXPECT_FALSE(e.resolve_options()) << patch;
+    const std::string j1 = "CAS job(uuid=j-1, name=nightly)";
+    EXPECT_EQ(messages(log).substr(messages(log).find('\n') + 1),
+              value ? "Invalid value '" + std::string(value) + "' of option '" + option + "' of " +
+                          j1 + ".\n"
+                    : "Invalid options in CAS backup job(uuid=j-1, name=nightly) definition: "
+                      "missing key '" +
+                          std::string(option) + "'.\n");
+  }
+}
+
+// What the servant of VM 1a gets: the job's compression over the pool's (at the default level, the
+// pool's being for another method), the CVK's management
+// address for disk data, the policy as its number; the parallel VMs are cut to the VM count.
+TEST_F(Backup_Executor_Test, BuildsTheServantRequest) {
+  auto j = job(R"({"entries":[{"type":"HostSystem","id":"1","name":"cvk1"}]})",
+               R"({"compression":"lz4","compression_level":null,"no_cbt":"skip",
+                  "def":{"subtype":"incremental"}})");
+  Probe e(*j);
+  ASSERT_TRUE(e.init() && e.resolve_entries() && e.resolve_options());
+  EXPECT_EQ(e.parallel_vms_, 2);
+  JSON_Value request, expected = json(R"({"action":"backup","access_key":"agent-key",
+    "backup_type":"incremental","backupd_host":"127.0.0.1","backupd_port":8443,
+    "backupd_ssl":false,"catalog":{"agent":"agent-1","host_uuid":"cvm-1",
+    "instance_version":"E0750","name":"nightly","pool_uuid":"pool-1"},
+    "cvd_target_addr":"10.0.0.1","def_id":"j-1","enable_cbt":true,"host_id":"1",
+    "host_ip":"10.0.0.1","host_name":"cvk1","no_cbt":1,"parallel_disks_per_vm":1,
+    "parallel_workers_per_disk":1,"pool_url":"file:///srv/p1/cvm-1","read_buffer_size":1048576,
+    "resource_uuid":"cvm-1","restart_vm":true,"retry_seconds":600,
+    "storage_reserved_bytes":107374182400,"storage_reserved_percent":10,"vm_id":"1a",
+    "vm_name":"vm-1a","vm_title":"web","vm_uuid":"uuid-1a"})");
+  ASSERT_TRUE(e.make_vm_request(*e.vm_entries_["1"]["1a"], request));
+  expected["cvm"] = cvm().dump();
+  Client_IO_Base::Options io;
+  io.io_timeout_ = 60, io.compression_ = Client_IO_Base::Compression::Lz4;
+  io >> expected["io_opts"];
+  EXPECT_EQ(request.dump(1), expected.dump(1));
+}
+
+TEST_F(Backup_Executor_Test, CountsServantResults) {
+  auto j = job(R"({"entries":[{"type":"cas"}]})");
+  Probe e(*j);
+  auto result = [&](const char* vm, const char* text) {
+    EXPECT_TRUE(e.results_.add(vm, {}));
+    auto r = text ? std::make_shared<JSON_RPC_Response>(1) : nullptr;
+    if (r)
+      r->set_result(json(text));
+    return e.handle_vm_result(vm, r);
+  };
+  const char* unrecognized = R"({"code":0,"source_size":2,"storage_size":1,"vm_id":"c"})";
+  Log_Capture log;
+  const std::vector<int> codes = {
+      result("a", R"({"code":0,"storage_size":1,"source_size":20,"set_size":300,"vm_id":"a"})"),
+      result("b", R"({"code":3})"), result("c", unrecognized), result("d", nullptr),
+      (j->state_i(JOB_STOPPED), result("e", R"({"code":3})"))};
+  EXPECT_EQ(codes, (std::vector<int>{0, 2, 1, 1, 1}));
+  EXPECT_TRUE(log.contains("Unrecognized CAS VM backup response: " + std::string(unrecognized)));
+  EXPECT_EQ(std::tuple(e.results_.succeeded(), e.results_.storage_size(), e.results_.source_size(),
+                       e.results_.set_size()),
+            std::tuple(1, 1ull, 20ull, 300ull));
+}
+
+// No servant can back up here: each VM fails on its own, the others still run, the job fails and
+// its record says so. A job stopped while it resolves starts no servant.
+TEST_F(Backup_Executor_Test, FailedServantsFailTheJobAndStopsCancelIt) {
+  auto j = job(R"({"entries":[{"type":"cas"}]})");
+  Log_Capture log;
+  ASSERT_EQ(j->start(), 0);
+  j->wait();
+  EXPECT_EQ(j->state(), JOB_FAILED);
+  EXPECT_TRUE(log.contains("CAS VM backup result (succeeded/total): 0/3.\n")) << log.text();
+  EXPECT_EQ(log.count(LM_EMERGENCY), 3u) << log.text();  // no response, once per VM
+  std::string outcomes;
+  const JSON_Value result = j->result();
+  for (const auto& vm : result["h3c-cas"])
+    outcomes += vm["succeed"].dump() + " ";
+  EXPECT_EQ(outcomes, "false false false ");
+  const Job_Activity* act = j->activity().get();
+  ASSERT_TRUE(act);
+  EXPECT_EQ(std::tuple(act->stored_size, act->set_size, act->source_size, act->last_run_time > 0),
+            std::tuple(0ull, 0ull, 0ull, true));
+
+  auto stopped = job(R"({"entries":[{"type":"cas"}]})");
+  hold_pool_ = [&stopped] { EXPECT_EQ(stopped->stop(), 0); };
+  Log_Capture log2;
+  ASSERT_EQ(stopped->start(), 0);
+  stopped->wait();
+  EXPECT_EQ(stopped->state(), JOB_STOPPED);
+  EXPECT_EQ(log2.text().find("servant"), std::string::npos) << log2.text();
+}
+
+}  // namespace
+}  // namespace h3ccas
