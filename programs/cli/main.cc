@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <iostream>
@@ -178,6 +179,20 @@ const char ls_forms[] =
 const CLI::Validator a_value(
     [](std::string& value) { return value.rfind("--", 0) == 0 ? "needs a value" : std::string(); },
     "");
+
+// Options the agent reads as JSON integers.
+const CLI::Validator a_whole_number(
+    [](std::string& value) {
+      std::size_t end = 0;
+      try {
+        long n = std::stol(value, &end);
+        if (end == value.size() && n >= INT32_MIN && n <= INT32_MAX)
+          return std::string();
+      } catch (const std::exception&) {
+      }
+      return "'" + value + "' is not a whole number";
+    },
+    "INT");
 
 }  // namespace
 
@@ -355,17 +370,17 @@ int main(int argc, char** argv) {
           if (key_name == "compression")
             backup_args.option_flags[key_name] = value;
           else
-            backup_args.option_flags[key_name] = std::stoi(value);
+            backup_args.option_flags[key_name] = std::stol(value);
         },
         what);
     option->check(key_name == "compression"
                       ? CLI::Validator(CLI::IsMember({"zstd", "lz4", "zlib", "none"}))
-                      : CLI::Validator(CLI::Number));
+                      : a_whole_number);
   }
   backup->add_flag("--wait", "wait for the run to end, showing progress (the default)");
   backup->add_flag("--no-wait", no_wait, "print the run's id and return");
   backup->add_option("--interval", interval, "seconds between progress updates")
-      ->check(CLI::PositiveNumber)
+      ->check(CLI::Range(0.1, 3600.0))
       ->capture_default_str();
 
   app.footer(
