@@ -4,6 +4,7 @@
 #include "host/core/text.h"
 #include "programs/cli/table.h"
 
+#include <strings.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -91,8 +92,9 @@ bool find_vms(const std::string& cvm_uuid, const std::vector<std::string>& names
   std::string missing;
   for (const auto& name : names) {
     const JSON_Value* vm = nullptr;
+    // The agent matches names in any case; the definition takes the VM's own.
     for (const auto& v : found)
-      if (v.value("name", "") == name)
+      if (strcasecmp(v.value("name", "").c_str(), name.c_str()) == 0)
         vm = &v;
     if (!vm) {
       missing += (missing.empty() ? "'" : ", '") + name + "'";
@@ -100,7 +102,7 @@ bool find_vms(const std::string& cvm_uuid, const std::vector<std::string>& names
     }
     entries.push_back({{"type", "VirtualMachine"},
                        {"host_id", vm->value("host_id", "")},
-                       {"name", name},
+                       {"name", vm->value("name", "")},
                        {"title", vm->value("title", "")},
                        {"uuid", vm->value("uuid", "")}});
   }
@@ -224,6 +226,8 @@ void Progress_View::update(const JSON_Value& status, std::int64_t now) {
 }
 
 void print_summary(std::ostream& out, const JSON_Value& status, bool full) {
+  if (status.value("vms", JSON_Value::array()).empty())
+    return;
   Table table({"VM", "TYPE", "SOURCE", "COPIED", "STORED", "TIME", "RESULT"});
   for (const auto& vm : status.value("vms", JSON_Value::array())) {
     const JSON_Value* h = history_of(status, vm.value("uuid", ""));
@@ -259,13 +263,27 @@ std::string failure_reason(const JSON_Value& status, const std::string& log) {
       names += (names.empty() ? "" : ", ") + name;
     return std::to_string(failed.size()) + " of " + std::to_string(vms) + " VMs failed: " + names;
   }
-  // Failed before any VM: the last line the job logged, other than the run's own end.
+  // Failed before any VM: the last error the job logged, else its last line other than the
+  // run's own end.
   std::string own = " run " + status.value("run_id", "") + " ";
   std::istringstream in(log);
-  std::string line, last;
-  while (std::getline(in, line))
-    if (!line.empty() && line.find(own) == std::string::npos)
-      last = line;
+  std::string line, last, last_error;
+  while (std::getline(in, line)) {
+    // "date time program[pid:tid] LEVEL file:line message"
+    std::string level, where, message = line;
+    if (auto at = line.find("] "); at != std::string::npos) {
+      std::istringstream head(line.substr(at + 2));
+      head >> level >> where;
+      std::getline(head >> std::ws, message);
+    }
+    if (message.empty() || line.find(own) != std::string::npos)
+      continue;
+    last = message;
+    if (level == "ERROR" || level == "CRITICAL" || level == "ALERT" || level == "EMERGENCY")
+      last_error = message;
+  }
+  if (!last_error.empty())
+    return last_error;
   return last.empty() ? "see the run's log " + status.value("log", "") : last;
 }
 

@@ -121,12 +121,19 @@ TEST(Backup_Command, Failure_Reason) {
   run["state"] = "idle";
   EXPECT_EQ(failure_reason(run, ""), "1 of 2 VMs failed: db");
   run["vms"] = JSON_Value::array();
-  // Before any VM: the job's last line, not the run's own end.
-  EXPECT_EQ(
-      failure_reason(run, "x\nAll VMs are excluded from backup.\nJob 'b' (u) run r7 failed.\n"),
-      "All VMs are excluded from backup.");
-  EXPECT_EQ(failure_reason(run, "Job 'b' (u) run r7 failed.\n"),
-            "see the run's log /var/log/r7.log");
+  // Before any VM: the job's last error, else its last line, never the run's own end.
+  const char* prefix = "2026-01-02 03:04:05.006 brimlet-agent [1:2] ";
+  struct Row {
+    std::string log, expected;
+  } rows[] = {
+      {std::string(prefix) + "ERROR a.cc:1 Bad pool.\n" + prefix + "WARNING a.cc:2 Late.\n",
+       "Bad pool."},
+      {"x\nAll VMs are excluded from backup.\nJob 'b' (u) run r7 failed.\n",
+       "All VMs are excluded from backup."},
+      {"Job 'b' (u) run r7 failed.\n", "see the run's log /var/log/r7.log"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(failure_reason(run, row.log), row.expected);
 }
 
 TEST(Backup_Command, Usage_Errors) {
