@@ -319,6 +319,9 @@ int backup_run(const Cli& cli, const Backup_Args& args) {
     std::cout << (cli.json ? run.dump(2) : run_id) << "\n";
     return OK;
   }
+  // Stopping the CLI leaves the run going: the id is what `brimlet job stop` takes.
+  if (!cli.json)
+    std::cout << "Started run " << run_id << "\n";
   Progress_View view(std::cout, !cli.json && isatty(STDOUT_FILENO));
   for (;;) {
     if (!agent_call("job.status", {{"run_id", run_id}}, status, error))
