@@ -247,8 +247,11 @@ void print_summary(std::ostream& out, const JSON_Value& status, bool full) {
 }
 
 std::string failure_reason(const JSON_Value& status, const std::string& log) {
-  if (status.value("state", "") == "stopped" && !status.value("succeeded", false))
+  std::string state = status.value("state", "");
+  if (state == "stopped" || state == "aborted")
     return "the run was stopped";
+  if (state == "precondition_failed")
+    return "the job's precondition failed";
   std::vector<std::string> failed;
   std::size_t vms = 0;
   for (const auto& vm : status.value("vms", JSON_Value::array())) {

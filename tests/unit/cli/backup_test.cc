@@ -112,6 +112,8 @@ TEST(Backup_Command, Summary) {
 TEST(Backup_Command, Failure_Reason) {
   JSON_Value run = json(finished_run);
   EXPECT_EQ(failure_reason(run, ""), "the run was stopped");
+  run["state"] = "aborted";
+  EXPECT_EQ(failure_reason(run, ""), "the run was stopped");
   run["state"] = "idle";
   EXPECT_EQ(failure_reason(run, ""), "1 of 2 VMs failed: db");
   run["vms"] = JSON_Value::array();
