@@ -202,8 +202,8 @@ int main(int argc, char** argv) {
   std::function<int()> run;
 
   CLI::App app(
-      "Registers CVMs and storage pools, tests logins, browses a CVM's inventory and "
-      "lists backup sets.",
+      "Registers CVMs and storage pools, tests logins, browses a CVM's inventory, backs "
+      "VMs up and lists backup sets.",
       "brimlet");
   app.require_subcommand(1);
   // Global flags may follow the command too: "brimlet cvm list --json".
@@ -355,7 +355,7 @@ int main(int argc, char** argv) {
   // The common options as flags, named as in the options file; they win over the file.
   for (auto [flag, key, what] :
        {std::tuple{"--compression", "compression", "zstd, lz4, zlib or none (default: the pool's)"},
-        std::tuple{"--compression-level", "compression_level", "compression level"},
+        std::tuple{"--compression-level,--level", "compression_level", "compression level"},
         std::tuple{"--parallel-vms", "parallel_vms", "VMs backed up at once (1-64, default 2)"},
         std::tuple{"--parallel-vms-per-host", "parallel_vms_per_host",
                    "VMs of one host at once (default 2)"},
@@ -377,8 +377,9 @@ int main(int argc, char** argv) {
                       ? CLI::Validator(CLI::IsMember({"zstd", "lz4", "zlib", "none"}))
                       : a_whole_number);
   }
-  backup->add_flag("--wait", "wait for the run to end, showing progress (the default)");
-  backup->add_flag("--no-wait", no_wait, "print the run's id and return");
+  CLI::Option* wait =
+      backup->add_flag("--wait", "wait for the run to end, showing progress (the default)");
+  backup->add_flag("--no-wait", no_wait, "print the run's id and return")->excludes(wait);
   backup->add_option("--interval", interval, "seconds between progress updates")
       ->check(CLI::Range(0.1, 3600.0))
       ->capture_default_str();
