@@ -1,0 +1,178 @@
+#include "h3ccas/servant/vm_backup.h"
+#include "h3ccas/servant/cvd_loader.h"
+#include "host/core/text.h"
+#include "host/http/server.h"
+#include "tests/support/temp_dir.h"
+#include "tests/unit/h3ccas/support.h"
+
+namespace h3ccas {
+namespace {
+
+using S = std::string;
+using P = Digest_Peer;
+const S snap = "/cas/casrs/vm/snapshot/7", ok = R"({"errorCode":"0"})";
+
+// Each look at a stopping VM runs `on_pause` instead of waiting.
+struct Test_Backup : VM_Backup {
+  using VM_Backup::VM_Backup;
+  void pause(unsigned) override { on_pause(); }
+  std::function<void()> on_pause = [] {};
+};
+
+// VM "w" (id 7, one qcow2 disk /img/a) of job "j1" into a file pool; the CVM's answers succeed.
+class Flow : public Cas_Peer {
+ protected:
+  void SetUp() override {
+    Cas_Peer::SetUp();
+    ASSERT_TRUE(loader_.init() && open_job_activity(act_, "j1", true));
+    ASSERT_TRUE(progress_.open("j1", "7", true, true, 0750));
+    ASSERT_TRUE(Job_Activity::set_text(act_->run_id, "run1"));
+    catalog_.route(HTTP_Method::POST, "/k4/r/catalog/h3ccas",
+                   [&](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+                     committed_ = json(req.body);
+                     resp.json(JSON_Value::object());
+                   });
+    ASSERT_TRUE(catalog_.start(HTTP_Server::Options()));
+    reset();
+  }
+  // Default answers, nothing committed, requests counted from now.
+  void reset() {
+    committed_ = nullptr, from_ = peer_.seen().accepted.size();
+    tree(R"({"name":"user1","snapshotMode":"1"})");
+    detail("running", "qcow2");
+    peer_.set("GET /cas/casrs/vm/7/capabilities",
+              P::json(R"({"supportSnapshot":"true","supportCbt":"true"})"));
+    peer_.set("GET /cas/casrs/storage/pool",
+              P::json(R"({"storagePool":{"name":"img","type":"dir","path":"/img",)"
+                      R"("totalSize":"1000","status":"1","freeSize":"500"}})"));
+    peer_.set("GET /cas/casrs/vm/disk/dataBlock",
+              P::json(R"({"dataBlockInfo":[{"offset":"0","length":"70000"}]})"));
+    for (const char* path :
+         {"POST /cas/casrs/vm/snapshot", "PUT /cas/casrs/vm/stop/7", "PUT /cas/casrs/vm/start/7"})
+      peer_.set(path, P::json(ok));
+  }
+  void tree(const S& root) { peer_.set("GET " + snap, P::json(R"({"snapshot":)" + root + "}")); }
+  void detail(const S& status, const S& format) {
+    peer_.set("GET /cas/casrs/vm/detail/7",
+              P::json(R"({"status":")" + status +
+                      R"(","basic":{},"cpu":{"cpuSockets":"1",)"
+                      R"("cpuCores":"1"},"memory":{"size":"1024"},"storage":{"device":"disk",)"
+                      R"("deviceName":"vda","fileType":"file","path":"/img/a","format":")" +
+                      format +
+                      R"(","targetBus":"virtio","size":"1","allocation":"1","cacheType":)"
+                      R"("none","mode":"1"}})"));
+  }
+  std::unique_ptr<Test_Backup> backup() {
+    VM_Backup_Params p;
+    p.cvm_ = cvm(), p.def_id_ = "j1", p.host_id_ = "1", p.host_name_ = "cvk1";
+    p.host_ip_ = "10.0.0.5", p.vm_id_ = "7", p.vm_name_ = "w", p.resource_uuid_ = "r";
+    p.pool_url_ = "file://" + dir_.file("pool"), p.backup_type_ = Job_Definition_Subtype::Full;
+    p.backupd_host_ = "127.0.0.1", p.backupd_port_ = catalog_.port();
+    p.opts_.storage_reserved_bytes_ = 0, p.opts_.storage_reserved_percent_ = 0;
+    p.opts_.read_buffer_size_ = 65536;
+    p.catalog_ = json(R"({"name":"j","host_uuid":"h","agent":"a","instance_version":"7",
+                          "pool_uuid":"p1"})");
+    auto b = std::make_unique<Test_Backup>(std::move(p), std::make_unique<Test_Client>(cvm()));
+    b->timestamp_ = "20261124000000";
+    return b;
+  }
+  // The run's answer and the CVM requests that changed something, "METHOD path" each.
+  S run(Test_Backup& b, Log_Capture& log, bool expect) {
+    JSON_Value result;
+    EXPECT_EQ(b.backup(result), expect) << messages(log);
+    EXPECT_EQ(progress_->state, expect ? 2 : 3);
+    EXPECT_EQ(result["code"], expect ? 0 : 1);
+    EXPECT_EQ(result["vm_id"], "7");
+    S changes;
+    const auto seen = peer_.seen().accepted;
+    for (auto r = seen.begin() + from_; r != seen.end(); ++r)
+      if (r->method != "GET")
+        changes += r->method + " " + r->target.substr(0, r->target.find('?')) + "\n";
+    return changes;
+  }
+  Temp_Dir dir_;
+  Scoped_Env root_{"BRIMLET_ROOT", dir_.path()};
+  Scoped_Env sdk_{"CAS_CVD_SDK_PATH", S(CVD_STUB_PATH)};
+  CVD_Loader loader_;
+  Job_Activity_Handle act_;
+  VM_Progress_Info_Handle progress_;
+  HTTP_Server catalog_;
+  JSON_Value committed_;
+  std::size_t from_ = 0;
+};
+
+// An online full backup through an internal snapshot, which is gone afterwards; snapshots left by
+// an earlier run are deleted first, others kept.
+TEST_F(Flow, OnlineFullRemovesItsSnapshot) {
+  tree(
+      R"({"name":"Brimlet5_old","snapshotMode":"1","snapshots":{"snapshot":[{"name":"user1",)"
+      R"("snapshotMode":"1","snapshots":{"snapshot":{"name":"Brimlet5_x","snapshotMode":"1"}}}]}})");
+  const S name = "Brimlet5_full_20261124000000";
+  peer_.set("DELETE " + snap + "/Brimlet5_old", P::json(ok));
+  peer_.set("DELETE " + snap + "/Brimlet5_x", P::json(ok));
+  peer_.set("DELETE " + snap + "/" + name, P::json(ok));
+  auto b = backup();
+  Log_Capture log;
+  EXPECT_EQ(run(*b, log, true), "DELETE " + snap + "/Brimlet5_old\nDELETE " + snap +
+                                    "/Brimlet5_x\nPOST /cas/casrs/vm/snapshot\nDELETE " + snap +
+                                    "/" + name + "\n");
+  EXPECT_TRUE(b->use_internal_snapshot_ && !b->offline_backup_);
+  EXPECT_EQ(committed_["pieces"].size(), 2u);
+  EXPECT_EQ(committed_["run_uuid"].dump() + committed_["job_uuid"].dump(), R"("run1""j1")");
+  EXPECT_TRUE(log.contains("Snapshot 'Brimlet5_x' deleted.\n"));
+}
+
+// What stops the run, with its line: nothing reaches the catalog and the snapshot is still
+// removed when it was asked for.
+TEST_F(Flow, Failures) {
+  struct Case {
+    S tree_answer, create_answer, error, changes;
+  } const cases[] = {
+      {"", "500", "Failed to create snapshot for CAS VM 'w'.\n",
+       "POST /cas/casrs/vm/snapshot\nDELETE " + snap + "/Brimlet5_full_20261124000000\n"},
+      {R"({"name":"Brimlet5_old","snapshotMode":"1"})", "",
+       "Failed to delete snapshot "
+       "'Brimlet5_old'.\n",
+       "DELETE " + snap + "/Brimlet5_old\n"},
+  };
+  for (const Case& c : cases) {
+    reset();
+    if (!c.tree_answer.empty())
+      tree(c.tree_answer);
+    if (!c.create_answer.empty())
+      peer_.set("POST /cas/casrs/vm/snapshot", P::json("", 500));
+    peer_.set("DELETE " + snap + "/Brimlet5_old", P::json("", 500));
+    auto b = backup();
+    Log_Capture log;
+    EXPECT_EQ(run(*b, log, false), c.changes);
+    EXPECT_TRUE(log.contains(c.error)) << messages(log);
+    EXPECT_TRUE(committed_.is_null());
+  }
+}
+
+// A local raw disk cannot be snapshotted: the VM is stopped, copied and started again; without
+// leave to restart it the run fails before touching it.
+TEST_F(Flow, OfflineForLocalRawDisk) {
+  for (bool restart : {true, false}) {
+    reset();
+    detail("running", "raw");
+    auto b = backup();
+    b->params_.opts_.restart_vm_ = restart;
+    b->on_pause = [&] { detail("shutOff", "raw"); };
+    Log_Capture log;
+    S changes = run(*b, log, restart);
+    EXPECT_TRUE(b->offline_backup_);
+    if (restart) {
+      EXPECT_EQ(changes, "PUT /cas/casrs/vm/stop/7\nPUT /cas/casrs/vm/start/7\n");
+      EXPECT_EQ(committed_["pieces"].size(), 2u);
+    } else {
+      EXPECT_EQ(changes, "");
+      EXPECT_EQ(messages(log).find("The disk format of CAS VM 'w' does NOT support online "
+                                   "backup.\n") != S::npos,
+                true);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace h3ccas
