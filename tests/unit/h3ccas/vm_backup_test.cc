@@ -1,5 +1,6 @@
 #include "h3ccas/servant/vm_backup.h"
 #include "h3ccas/servant/cvd_loader.h"
+#include "h3ccas/servant/exec_handler.h"
 #include "host/core/text.h"
 #include "host/http/server.h"
 #include "tests/support/temp_dir.h"
@@ -120,6 +121,21 @@ TEST_F(Flow, OnlineFullRemovesItsSnapshot) {
   EXPECT_EQ(committed_["pieces"].size(), 2u);
   EXPECT_EQ(committed_["run_uuid"].dump() + committed_["job_uuid"].dump(), R"("run1""j1")");
   EXPECT_TRUE(log.contains("Snapshot 'Brimlet5_x' deleted.\n"));
+  // The servant's "backup" action runs the same flow and answers with its counts.
+  reset();
+  JSON_Value params = backup()->params_.dump();
+  params["action"] = "backup";
+  auto chn = std::make_shared<Capture_Channel>();
+  Exposed<Exec_Handler> handler(loader_);
+  EXPECT_EQ(
+      handler.handle_object_i(chn, std::make_shared<JSON_RPC_Request>("h3ccas.exec", params, 7)),
+      0);
+  ASSERT_EQ(chn->sent.size(), 1u);
+  JSON_Value result = chn->sent[0]["result"];
+  EXPECT_GT(result["storage_size"], 0u);
+  result.erase("storage_size");
+  EXPECT_EQ(result, json(R"({"code":0,"set_size":70000,"source_size":1048576,"vm_id":"7"})"));
+  EXPECT_EQ(committed_["pieces"].size(), 2u);
 }
 
 // What stops the run, with its line: nothing reaches the catalog and the snapshot is still
