@@ -192,3 +192,72 @@ TEST_F(Flow, OfflineForLocalRawDisk) {
 
 }  // namespace
 }  // namespace h3ccas
+
+namespace h3ccas {
+namespace {
+
+// How the VM's capabilities, its last snapshot and the job's policy choose the way of the run.
+TEST_F(Flow, Decisions) {
+  const S both = R"("supportSnapshot":"true","supportCbt":"true")",
+          ext = R"("supportSnapshot":"true","supportCbt":"false","supportExternalSnapshot":)"
+                R"("true","supportExternalSnapshotFastBackup":"true")",
+          none = R"("supportSnapshot":"false","supportCbt":"false")",
+          no_cbt = "CAS VM 'w' does NOT support CBT, ";
+  using T = Job_Definition_Subtype;
+  using N = No_CBT_Opts;
+  struct Case {
+    S caps, mode, status;
+    T type;
+    N policy;
+    bool ok;
+    S flags, line;  // offline, internal, CBT, skipped, full; the last line logged
+  } const cases[] = {
+      {both, "1", "running", T::Incremental, N::None, true, "01100", ""},
+      {both, "2", "running", T::Full, N::None, true, "00101", ""},
+      {ext, "1", "running", T::Full, N::None, true, "00101", ""},
+      {none, "", "shutOff", T::Incremental, N::Skip, false, "10010",
+       no_cbt + "incremetnal backup skip for it.\n"},
+      {none, "", "shutOff", T::Incremental, N::Skip_With_Alert, false, "10010",
+       no_cbt + "incremetnal backup skip for it with alert.\n"},
+      {none, "", "shutOff", T::Incremental, N::Full_Backup, true, "10001",
+       no_cbt + "perform full backup instead.\n"},
+      {none, "", "shutOff", T::Incremental, N::None, false, "10000",
+       "The disk format of CAS VM 'w' does NOT incremental backup with CBT.\n"},
+      {none, "1", "shutOff", T::Full, N::None, false, "00001",
+       "The VM do NOT support snapshot. Maybe the number of snapshots has reached the limit.\n"},
+      {both, "1", "paused", T::Full, N::None, false, "00001",
+       "The VM is paused. It is unsupported to back up a paused VM.\n"},
+  };
+  for (const Case& c : cases) {
+    reset();
+    peer_.set("GET /cas/casrs/vm/7/capabilities", P::json("{" + c.caps + "}"));
+    tree(R"({"name":")" + S(c.mode.empty() ? "" : "user1") + R"(","snapshotMode":")" + c.mode +
+         R"("})");
+    detail(c.status, "qcow2");
+    auto b = backup();
+    b->backup_type_ = c.type, b->params_.opts_.no_cbt_ = c.policy;
+    ASSERT_TRUE(b->client_->get_vm_detail("7", b->vm_detail_));
+    Log_Capture log;
+    EXPECT_EQ(b->check_vm_capabilities(), c.ok) << c.flags;
+    S flags;
+    for (bool f : {b->offline_backup_, b->use_internal_snapshot_, b->use_cbt_, b->skip_backup_,
+                   b->is_full_backup()})
+      flags += f ? "1" : "0";
+    EXPECT_EQ(flags, c.flags) << c.line;
+    S last = messages(log);
+    last = last.substr(last.rfind('\n', last.size() - 2) + 1);
+    EXPECT_EQ(c.line.empty() ? "" : last, c.line);
+  }
+  // A skipped VM is a success without data.
+  reset();
+  peer_.set("GET /cas/casrs/vm/7/capabilities", P::json("{" + none + "}"));
+  detail("shutOff", "qcow2");
+  tree(R"({"name":"","snapshotMode":""})");
+  auto b = backup();
+  b->backup_type_ = T::Incremental, b->params_.opts_.no_cbt_ = N::Skip;
+  Log_Capture log;
+  EXPECT_EQ(run(*b, log, true), "");
+}
+
+}  // namespace
+}  // namespace h3ccas
