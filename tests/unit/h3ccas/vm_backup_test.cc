@@ -11,7 +11,8 @@ namespace {
 
 using S = std::string;
 using P = Digest_Peer;
-const S snap = "/cas/casrs/vm/snapshot/7", ok = R"({"errorCode":"0"})";
+const S snap = "/cas/casrs/vm/snapshot/7", ok = R"({"errorCode":"0"})",
+        name = "Brimlet5_full_20261124000000";
 
 // Each look at a stopping VM runs `on_pause` instead of waiting.
 struct Test_Backup : VM_Backup {
@@ -48,8 +49,9 @@ class Flow : public Cas_Peer {
                       R"("totalSize":"1000","status":"1","freeSize":"500"}})"));
     peer_.set("GET /cas/casrs/vm/disk/dataBlock",
               P::json(R"({"dataBlockInfo":[{"offset":"0","length":"70000"}]})"));
-    for (const char* path :
-         {"POST /cas/casrs/vm/snapshot", "PUT /cas/casrs/vm/stop/7", "PUT /cas/casrs/vm/start/7"})
+    for (S path : {"DELETE " + snap + "/Brimlet5_x", "DELETE " + snap + "/" + name,
+                   S("POST /cas/casrs/vm/snapshot"), S("PUT /cas/casrs/vm/stop/7"),
+                   S("PUT /cas/casrs/vm/start/7")})
       peer_.set(path, P::json(ok));
   }
   void tree(const S& root) { peer_.set("GET " + snap, P::json(R"({"snapshot":)" + root + "}")); }
@@ -102,99 +104,58 @@ class Flow : public Cas_Peer {
   std::size_t from_ = 0;
 };
 
-// An online full backup through an internal snapshot, which is gone afterwards; snapshots left by
-// an earlier run are deleted first, others kept.
-TEST_F(Flow, OnlineFullRemovesItsSnapshot) {
-  tree(
-      R"({"name":"Brimlet5_old","snapshotMode":"1","snapshots":{"snapshot":[{"name":"user1",)"
-      R"("snapshotMode":"1","snapshots":{"snapshot":{"name":"Brimlet5_x","snapshotMode":"1"}}}]}})");
-  const S name = "Brimlet5_full_20261124000000";
-  peer_.set("DELETE " + snap + "/Brimlet5_old", P::json(ok));
-  peer_.set("DELETE " + snap + "/Brimlet5_x", P::json(ok));
-  peer_.set("DELETE " + snap + "/" + name, P::json(ok));
-  auto b = backup();
-  Log_Capture log;
-  EXPECT_EQ(run(*b, log, true), "DELETE " + snap + "/Brimlet5_old\nDELETE " + snap +
-                                    "/Brimlet5_x\nPOST /cas/casrs/vm/snapshot\nDELETE " + snap +
-                                    "/" + name + "\n");
-  EXPECT_TRUE(b->use_internal_snapshot_ && !b->offline_backup_);
-  EXPECT_EQ(committed_["pieces"].size(), 2u);
+// Whole runs: a residual "Brimlet5" snapshot goes first, the run's snapshot goes on every exit,
+// a local raw disk is copied with the VM stopped and started again.
+TEST_F(Flow, Runs) {
+  const S old = "DELETE " + snap + "/Brimlet5_old\n", mine = "DELETE " + snap + "/" + name + "\n",
+          create = "POST /cas/casrs/vm/snapshot\n",
+          residual = R"({"name":"Brimlet5_old","snapshotMode":"1","snapshots":{"snapshot":[{)"
+                     R"("name":"user1","snapshotMode":"1","snapshots":{"snapshot":{"name":)"
+                     R"("Brimlet5_x","snapshotMode":"1"}}}]}})";
+  struct Case {
+    S tree, format;
+    int fault;  // 1: creating the snapshot fails, 2: deleting the residual one, 3: no restart
+    bool ok;
+    S changes, line;
+  } const cases[] = {
+      {residual, "qcow2", 0, true, old + "DELETE " + snap + "/Brimlet5_x\n" + create + mine,
+       "Snapshot 'Brimlet5_x' deleted.\n"},
+      {"", "qcow2", 1, false, create + mine, "Failed to create snapshot for CAS VM 'w'.\n"},
+      {residual, "qcow2", 2, false, old, "Failed to delete snapshot 'Brimlet5_old'.\n"},
+      {"", "raw", 3, false, "", "The disk format of CAS VM 'w' does NOT support online backup.\n"},
+      {"", "raw", 0, true, "PUT /cas/casrs/vm/stop/7\nPUT /cas/casrs/vm/start/7\n", ""},
+  };
+  for (const Case& c : cases) {
+    reset();
+    if (!c.tree.empty())
+      tree(c.tree);
+    detail("running", c.format);
+    peer_.set("DELETE " + snap + "/Brimlet5_old", P::json(ok, c.fault == 2 ? 500 : 200));
+    if (c.fault == 1)
+      peer_.set("POST /cas/casrs/vm/snapshot", P::json("", 500));
+    auto b = backup();
+    b->params_.opts_.restart_vm_ = c.fault != 3;
+    b->on_pause = [&] { detail("shutOff", c.format); };
+    Log_Capture log;
+    EXPECT_EQ(run(*b, log, c.ok), c.changes) << c.line;
+    EXPECT_TRUE(log.contains(c.line)) << messages(log);
+    EXPECT_EQ(b->offline_backup_, c.format == "raw");
+    EXPECT_EQ(committed_["pieces"].size(), c.ok ? 2u : 0u);
+  }
   EXPECT_EQ(committed_["run_uuid"].dump() + committed_["job_uuid"].dump(), R"("run1""j1")");
-  EXPECT_TRUE(log.contains("Snapshot 'Brimlet5_x' deleted.\n"));
   // The servant's "backup" action runs the same flow and answers with its counts.
   reset();
   JSON_Value params = backup()->params_.dump();
   params["action"] = "backup";
   auto chn = std::make_shared<Capture_Channel>();
   Exposed<Exec_Handler> handler(loader_);
-  EXPECT_EQ(
-      handler.handle_object_i(chn, std::make_shared<JSON_RPC_Request>("h3ccas.exec", params, 7)),
-      0);
-  ASSERT_EQ(chn->sent.size(), 1u);
+  auto req = std::make_shared<JSON_RPC_Request>("h3ccas.exec", params, 7);
+  ASSERT_TRUE(handler.handle_object_i(chn, req) == 0 && chn->sent.size() == 1u);
   JSON_Value result = chn->sent[0]["result"];
   EXPECT_GT(result["storage_size"], 0u);
   result.erase("storage_size");
   EXPECT_EQ(result, json(R"({"code":0,"set_size":70000,"source_size":1048576,"vm_id":"7"})"));
-  EXPECT_EQ(committed_["pieces"].size(), 2u);
 }
-
-// What stops the run, with its line: nothing reaches the catalog and the snapshot is still
-// removed when it was asked for.
-TEST_F(Flow, Failures) {
-  struct Case {
-    S tree_answer, create_answer, error, changes;
-  } const cases[] = {
-      {"", "500", "Failed to create snapshot for CAS VM 'w'.\n",
-       "POST /cas/casrs/vm/snapshot\nDELETE " + snap + "/Brimlet5_full_20261124000000\n"},
-      {R"({"name":"Brimlet5_old","snapshotMode":"1"})", "",
-       "Failed to delete snapshot "
-       "'Brimlet5_old'.\n",
-       "DELETE " + snap + "/Brimlet5_old\n"},
-  };
-  for (const Case& c : cases) {
-    reset();
-    if (!c.tree_answer.empty())
-      tree(c.tree_answer);
-    if (!c.create_answer.empty())
-      peer_.set("POST /cas/casrs/vm/snapshot", P::json("", 500));
-    peer_.set("DELETE " + snap + "/Brimlet5_old", P::json("", 500));
-    auto b = backup();
-    Log_Capture log;
-    EXPECT_EQ(run(*b, log, false), c.changes);
-    EXPECT_TRUE(log.contains(c.error)) << messages(log);
-    EXPECT_TRUE(committed_.is_null());
-  }
-}
-
-// A local raw disk cannot be snapshotted: the VM is stopped, copied and started again; without
-// leave to restart it the run fails before touching it.
-TEST_F(Flow, OfflineForLocalRawDisk) {
-  for (bool restart : {true, false}) {
-    reset();
-    detail("running", "raw");
-    auto b = backup();
-    b->params_.opts_.restart_vm_ = restart;
-    b->on_pause = [&] { detail("shutOff", "raw"); };
-    Log_Capture log;
-    S changes = run(*b, log, restart);
-    EXPECT_TRUE(b->offline_backup_);
-    if (restart) {
-      EXPECT_EQ(changes, "PUT /cas/casrs/vm/stop/7\nPUT /cas/casrs/vm/start/7\n");
-      EXPECT_EQ(committed_["pieces"].size(), 2u);
-    } else {
-      EXPECT_EQ(changes, "");
-      EXPECT_EQ(messages(log).find("The disk format of CAS VM 'w' does NOT support online "
-                                   "backup.\n") != S::npos,
-                true);
-    }
-  }
-}
-
-}  // namespace
-}  // namespace h3ccas
-
-namespace h3ccas {
-namespace {
 
 // How the VM's capabilities, its last snapshot and the job's policy choose the way of the run.
 TEST_F(Flow, Decisions) {
@@ -248,15 +209,6 @@ TEST_F(Flow, Decisions) {
     last = last.substr(last.rfind('\n', last.size() - 2) + 1);
     EXPECT_EQ(c.line.empty() ? "" : last, c.line);
   }
-  // A skipped VM is a success without data.
-  reset();
-  peer_.set("GET /cas/casrs/vm/7/capabilities", P::json("{" + none + "}"));
-  detail("shutOff", "qcow2");
-  tree(R"({"name":"","snapshotMode":""})");
-  auto b = backup();
-  b->backup_type_ = T::Incremental, b->params_.opts_.no_cbt_ = N::Skip;
-  Log_Capture log;
-  EXPECT_EQ(run(*b, log, true), "");
 }
 
 }  // namespace
