@@ -114,7 +114,9 @@ TEST_F(Flow, Runs) {
                      R"("Brimlet5_x","snapshotMode":"1"}}}]}})";
   struct Case {
     S tree, format;
-    int fault;  // 1: creating the snapshot fails, 2: deleting the residual one, 3: no restart
+    // 1: creating the snapshot fails, 2: deleting the residual one, 3: no restart, 4: an
+    // incremental run skipped for want of CBT
+    int fault;
     bool ok;
     S changes, line;
   } const cases[] = {
@@ -123,6 +125,8 @@ TEST_F(Flow, Runs) {
       {"", "qcow2", 1, false, create + mine, "Failed to create snapshot for CAS VM 'w'.\n"},
       {residual, "qcow2", 2, false, old, "Failed to delete snapshot 'Brimlet5_old'.\n"},
       {"", "raw", 3, false, "", "The disk format of CAS VM 'w' does NOT support online backup.\n"},
+      {"", "raw", 4, true, "",
+       "CAS VM 'w' does NOT support CBT, incremetnal backup skip for it.\n"},
       {"", "raw", 0, true, "PUT /cas/casrs/vm/stop/7\nPUT /cas/casrs/vm/start/7\n", ""},
   };
   for (const Case& c : cases) {
@@ -136,11 +140,17 @@ TEST_F(Flow, Runs) {
     auto b = backup();
     b->params_.opts_.restart_vm_ = c.fault != 3;
     b->on_pause = [&] { detail("shutOff", c.format); };
+    if (c.fault == 4) {
+      peer_.set("GET /cas/casrs/vm/7/capabilities", P::json(R"({"supportSnapshot":"false",)"
+                                                            R"("supportCbt":"false"})"));
+      b->backup_type_ = Job_Definition_Subtype::Incremental,
+      b->params_.opts_.no_cbt_ = No_CBT_Opts::Skip;
+    }
     Log_Capture log;
     EXPECT_EQ(run(*b, log, c.ok), c.changes) << c.line;
     EXPECT_TRUE(log.contains(c.line)) << messages(log);
     EXPECT_EQ(b->offline_backup_, c.format == "raw");
-    EXPECT_EQ(committed_["pieces"].size(), c.ok ? 2u : 0u);
+    EXPECT_EQ(committed_["pieces"].size(), c.ok && c.fault != 4 ? 2u : 0u);
   }
   EXPECT_EQ(committed_["run_uuid"].dump() + committed_["job_uuid"].dump(), R"("run1""j1")");
   // The servant's "backup" action runs the same flow and answers with its counts.
@@ -155,6 +165,10 @@ TEST_F(Flow, Runs) {
   EXPECT_GT(result["storage_size"], 0u);
   result.erase("storage_size");
   EXPECT_EQ(result, json(R"({"code":0,"set_size":70000,"source_size":1048576,"vm_id":"7"})"));
+  // A job being stopped shows in its activity record.
+  auto b = backup();
+  act_->state = Job_Activity::cancelled;
+  EXPECT_TRUE(b->init() && b->is_canceled());
 }
 
 // How the VM's capabilities, its last snapshot and the job's policy choose the way of the run.
