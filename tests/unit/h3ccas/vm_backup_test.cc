@@ -49,9 +49,11 @@ class Flow : public Cas_Peer {
                       R"("totalSize":"1000","status":"1","freeSize":"500"}})"));
     peer_.set("GET /cas/casrs/vm/disk/dataBlock",
               P::json(R"({"dataBlockInfo":[{"offset":"0","length":"70000"}]})"));
-    for (S path : {"DELETE " + snap + "/Brimlet5_x", "DELETE " + snap + "/" + name,
-                   S("POST /cas/casrs/vm/snapshot"), S("PUT /cas/casrs/vm/stop/7"),
-                   S("PUT /cas/casrs/vm/start/7")})
+    for (S path :
+         {"DELETE " + snap + "/Brimlet5_x", "DELETE " + snap + "/" + name,
+          S("POST /cas/casrs/vm/snapshot"), S("PUT /cas/casrs/vm/stop/7"),
+          S("POST /cas/casrs/vm/disk/changedBlockTracker"),
+          S("DELETE /cas/casrs/vm/disk/changedBlockTracker"), S("PUT /cas/casrs/vm/start/7")})
       peer_.set(path, P::json(ok));
   }
   void tree(const S& root) { peer_.set("GET " + snap, P::json(R"({"snapshot":)" + root + "}")); }
@@ -109,13 +111,14 @@ class Flow : public Cas_Peer {
 TEST_F(Flow, Runs) {
   const S old = "DELETE " + snap + "/Brimlet5_old\n", mine = "DELETE " + snap + "/" + name + "\n",
           create = "POST /cas/casrs/vm/snapshot\n",
+          cbt = " /cas/casrs/vm/disk/changedBlockTracker\n",
           residual = R"({"name":"Brimlet5_old","snapshotMode":"1","snapshots":{"snapshot":[{)"
                      R"("name":"user1","snapshotMode":"1","snapshots":{"snapshot":{"name":)"
                      R"("Brimlet5_x","snapshotMode":"1"}}}]}})";
   struct Case {
     S tree, format;
     // 1: creating the snapshot fails, 2: deleting the residual one, 3: no restart, 4: an
-    // incremental run skipped for want of CBT
+    // incremental run skipped for want of CBT, 5: with CBT after base "c0", 6: 5 and 1
     int fault;
     bool ok;
     S changes, line;
@@ -127,6 +130,10 @@ TEST_F(Flow, Runs) {
       {"", "raw", 3, false, "", "The disk format of CAS VM 'w' does NOT support online backup.\n"},
       {"", "raw", 4, true, "",
        "CAS VM 'w' does NOT support CBT, incremetnal backup skip for it.\n"},
+      {"", "qcow2", 5, true, "POST" + cbt + create + mine + "DELETE" + cbt,
+       "Deleting CBTer 'c0' for CAS VM 'w'.\n"},
+      {"", "qcow2", 6, false, "POST" + cbt + create + mine + "DELETE" + cbt,
+       "Deleting CBTer '" + name + "' for CAS VM 'w'.\n"},
       {"", "raw", 0, true, "PUT /cas/casrs/vm/stop/7\nPUT /cas/casrs/vm/start/7\n", ""},
   };
   for (const Case& c : cases) {
@@ -135,10 +142,11 @@ TEST_F(Flow, Runs) {
       tree(c.tree);
     detail("running", c.format);
     peer_.set("DELETE " + snap + "/Brimlet5_old", P::json(ok, c.fault == 2 ? 500 : 200));
-    if (c.fault == 1)
+    if (c.fault == 1 || c.fault == 6)
       peer_.set("POST /cas/casrs/vm/snapshot", P::json("", 500));
     auto b = backup();
-    b->params_.opts_.restart_vm_ = c.fault != 3;
+    b->params_.opts_.restart_vm_ = c.fault != 3, b->params_.opts_.enable_cbt_ = c.fault >= 5;
+    b->last_cbt_ = c.fault >= 5 ? "c0" : "";
     b->on_pause = [&] { detail("shutOff", c.format); };
     if (c.fault == 4) {
       peer_.set("GET /cas/casrs/vm/7/capabilities", P::json(R"({"supportSnapshot":"false",)"
