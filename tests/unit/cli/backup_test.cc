@@ -36,13 +36,8 @@ TEST(Backup_Command, Options_Precedence) {
 }
 
 TEST(Backup_Command, Definition) {
-  Backup_Target target{"c-1",
-                       "lab",
-                       "a-1",
-                       "p-1",
-                       "nas",
-                       JSON_Value::object(),
-                       json(R"([{"type":"HostSystem","id":"3","name":"cvk3"}])")};
+  const JSON_Value entries = json(R"([{"type":"HostSystem","id":"3","name":"cvk3"}])");
+  Backup_Target target{"c-1", "lab", "a-1", "p-1", "nas", JSON_Value::object(), entries};
   JSON_Value options = {{"compression", "zstd"}};
   EXPECT_EQ(backup_definition(target, true, options, "u-1"), json(R"({
       "uid":"u-1","name":"backup of lab","type":1,"subtype":"full","host_id":"c-1",
@@ -100,16 +95,13 @@ const char* const finished_run = R"({"run_id":"r7","state":"stopped","running":f
     "result":{"h3c-cas":[{"uuid":"1","size":10737418240,"set_size":1048576,
      "storaged_size":524288,"succeed":true},{"uuid":"2","succeed":false}]}})";
 
-TEST(Backup_Command, Summary) {
+TEST(Backup_Command, SummaryAndFailureReason) {
   std::ostringstream out;
   print_summary(out, json(finished_run), false);
   EXPECT_EQ(out.str(),
             "VM   TYPE         SOURCE    COPIED   STORED     TIME     RESULT\n"
             "web  incremental  10.0 GiB  1.0 MiB  512.0 KiB  1:02:05  ok\n"
             "db   incremental  0 B       0 B      0 B                 failed\n");
-}
-
-TEST(Backup_Command, Failure_Reason) {
   JSON_Value run = json(finished_run);
   EXPECT_EQ(failure_reason(run, ""), "the run was stopped");
   run["state"] = "aborted";

@@ -26,6 +26,8 @@ TEST_F(Cas_Peer, StateAndBlockOperations) {
   std::vector<Block> got_blocks(1, Block{9, 1});
   std::map<S, bool> images{{"/old", true}};
   S vm_id;
+  const JSON_Value n1 = {{"n", 1}}, w2 = {{"name", "w"}, {"cpu", 2}};
+  const auto err = [](const char* code) { return P::Answer{500, "{}", {{"Error-Code", code}}}; };
   struct Case {
     std::function<bool(RESTful_Client&)> call;
     S request;  // "METHOD target body"
@@ -55,43 +57,27 @@ TEST_F(Cas_Peer, StateAndBlockOperations) {
       {[&](auto& c) { return c.get_changed_blocks("7", "/a", "cbt", "s", got_blocks); },
        "GET /cas/casrs/vm/disk/changedBlock?name=cbt&snapshotName=s&srcPath=%2Fa&vmId=7 ", 0, true,
        "Getting changed blocks of disk '/a' (CBTer='cbt', snapshot='s').\n", blocks},
-      {[&](auto& c) {
-         return c.create_vm("w", {{"name", "w"}, {"cpu", 2}}, vm_id);
-       },
+      {[&](auto& c) { return c.create_vm("w", w2, vm_id); },
        R"(POST /cas/casrs/vm/add {"cpu":2,"name":"w"})", 'd', true,
        "Creating CAS VM 'w', parameters:\n{\n  \"cpu\": 2,\n  \"name\": \"w\"\n}\n"},
-      {[](auto& c) {
-         return c.create_storage_volume(THIN, {{"n", 1}});
-       },
+      {[&](auto& c) { return c.create_storage_volume(THIN, n1); },
        R"(POST /cas/casrs/storage/volume {"n":1})", 0, true,
        "Creating storage volume:\n{\n  \"n\": 1\n}\n"},
-      {[](auto& c) {
-         return c.create_storage_volume(EAGER_ZEROED, {{"n", 1}});
-       },
+      {[&](auto& c) { return c.create_storage_volume(EAGER_ZEROED, n1); },
        R"(POST /cas/casrs/storage/volume {"n":1})", 'b', false,
        "Creating storage volume:\n{\n  \"n\": 1\n}\n" + failed("create_storage_volume")},
       {[](auto& c) { return c.delete_storage_volume("1", "p0", "v"); },
        "DELETE /cas/casrs/storage/volume/delete/1/p0/v ", 0, true,
        "Deleting storage volume 'v' on pool 'p0' on CVK id=1.\n"},
-      {[](auto& c) {
-         return c.create_disk("7", "w", {{"n", 1}});
-       },
+      {[&](auto& c) { return c.create_disk("7", "w", n1); },
        R"(PUT /cas/casrs/vm/addDevice {"n":1})", 'b', false,
        "Creating disk for CAS VM(id=7) 'w', disk parameters:\n{\n  \"n\": 1\n}\n" +
            failed("create_disk")},
       // A VM that CAS no longer knows, or whose deletion "fails" with the text null, is gone.
-      {[](auto& c) { return c.delete_vm("7"); },
-       vm_del + " ",
-       0,
-       true,
-       "Deleting CAS VM(id=7).\n" + cas_error("1001"),
-       {500, "{}", {{"Error-Code", "1001"}}}},
-      {[](auto& c) { return c.delete_vm("7"); },
-       vm_del + " ",
-       0,
-       false,
-       "Deleting CAS VM(id=7).\n" + cas_error("1002"),
-       {500, "{}", {{"Error-Code", "1002"}}}},
+      {[](auto& c) { return c.delete_vm("7"); }, vm_del + " ", 0, true,
+       "Deleting CAS VM(id=7).\n" + cas_error("1001"), err("1001")},
+      {[](auto& c) { return c.delete_vm("7"); }, vm_del + " ", 0, false,
+       "Deleting CAS VM(id=7).\n" + cas_error("1002"), err("1002")},
       {[](auto& c) { return c.delete_vm("7"); }, vm_del + " ", 'n', true,
        "Deleting CAS VM(id=7).\n" + failed("delete_vm", "null")},
       {[](auto& c) { return c.delete_vm("7"); }, vm_del + " ", 'b', false,
