@@ -3,16 +3,95 @@
 #include "h3ccas/servant/exec_handler.h"
 #include "host/core/text.h"
 #include "host/http/server.h"
+#include "host/storage/file_driver.h"
+#include "host/storage/image.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
+
+#include <filesystem>
+#include <regex>
 
 namespace h3ccas {
 namespace {
 
 using S = std::string;
 using P = Digest_Peer;
+using Chunk = Backup_Plan::Chunk;
 const S snap = "/cas/casrs/vm/snapshot/7", ok = R"({"errorCode":"0"})",
         name = "Brimlet5_full_20261124000000";
+
+S text(const std::vector<Block>& blocks) {  // "offset+length,..."
+  S out;
+  for (const Block& b : blocks)
+    out += (out.empty() ? "" : ",") + std::to_string(b.offset_) + "+" + std::to_string(b.length_);
+  return out;
+}
+
+// What was logged, without the client's "Getting ..." progress lines.
+S said(const Log_Capture& log) {
+  static const std::regex progress("^Getting .*\n", std::regex::multiline);
+  return std::regex_replace(messages(log), progress, "");
+}
+
+TEST(SplitBlocks, Table) {
+  struct Case {
+    std::vector<Block> blocks;
+    std::uint64_t align;
+    int n;
+    S chunks;  // "blocks=size|..."
+  } const cases[] = {
+      {{{0, 1000}, {4096, 3000}}, 512, 2, "0+1000,4096+1048=2048|5144+1952=1952"},
+      {{{0, 1000}, {4096, 3000}}, 512, 1, "0+1000,4096+3000=4000"},
+      {{}, 512, 4, "=0"},
+      {{{0, 1000}}, 512, 3, "0+512=512|512+488=488"},  // 333 rounds up to 512
+      {{{0, 1024}}, 1024, 4, "0+1024=1024"},           // the blocks run out first
+      {{{0, 3}}, 512, 4, "0+3=3"},                     // less than a byte per chunk
+      {{{0, 100}, {200, 100}}, 1, 2, "0+100=100|200+100=100"},
+  };
+  for (const Case& c : cases) {
+    std::uint64_t total = 7, sum = 7;
+    S got;
+    for (const auto& chunk : split_blocks(c.blocks, c.align, c.n, total)) {
+      got += (got.empty() ? "" : "|") + text(chunk.first) + "=" + std::to_string(chunk.second);
+      sum += chunk.second;
+    }
+    EXPECT_EQ(got, c.chunks);
+    EXPECT_EQ(total, sum);
+  }
+}
+
+// Pool "fault://<dir>": the file pool at <dir>, where writing objects named "*bad*" fails at the
+// fault_write'th write (0: never) and their commit fails when fault_commit is set.
+int fault_write = 0;
+bool fault_commit = false;
+
+struct Faulty_Object : Storage_Object_Wrapper {
+  using Storage_Object_Wrapper::Storage_Object_Wrapper;
+  bool write(const void* data, std::size_t length, S& error) override {
+    return ++writes == fault_write ? (error = "injected write fault", false)
+                                   : Storage_Object_Wrapper::write(data, length, error);
+  }
+  bool commit(S& error) override {
+    return fault_commit ? (error = "injected commit fault", false)
+                        : Storage_Object_Wrapper::commit(error);
+  }
+  int writes = 0;
+};
+
+struct Faulty_Driver : Storage_Driver_Wrapper {
+  using Storage_Driver_Wrapper::Storage_Driver_Wrapper;
+  std::unique_ptr<Storage_Object> open(const S& name, int mode, S& error) override {
+    auto object = Storage_Driver_Wrapper::open(name, mode, error);
+    bool faulty = object && mode == Client_IO_Ex::Write && name.find("bad") != S::npos;
+    return faulty ? std::make_unique<Faulty_Object>(std::move(object)) : std::move(object);
+  }
+};
+
+const bool fault_scheme = Client_IO_Ex::register_driver(
+    "fault", [](const S& url, const Client_IO_Base::Options& opts, S& error) {
+      auto file = make_file_storage_driver("file" + url.substr(5), opts, error);
+      return file ? std::make_unique<Faulty_Driver>(std::move(file)) : nullptr;
+    });
 
 // Each look at a stopping VM runs `on_pause` instead of waiting.
 struct Test_Backup : VM_Backup {
@@ -21,7 +100,8 @@ struct Test_Backup : VM_Backup {
   std::function<void()> on_pause = [] {};
 };
 
-// VM "w" (id 7, one qcow2 disk /img/a) of job "j1" into a file pool; the CVM's answers succeed.
+// VM "w" (id 7, one qcow2 disk /img/a) on CVK "cvk1" (id 1) of job "j1" into a file pool; the
+// CVM's answers succeed. The catalog takes the set and answers base views with view_.
 class Flow : public Cas_Peer {
  protected:
   void SetUp() override {
@@ -34,6 +114,14 @@ class Flow : public Cas_Peer {
                      committed_ = json(req.body);
                      resp.json(JSON_Value::object());
                    });
+    catalog_.route(HTTP_Method::GET, "/k4/r/catalog/h3ccas/view/base_catalog",
+                   [&](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+                     asked_ = *req.headers.get("X-Access-Key");
+                     for (const auto& item : req.query)
+                       asked_ += " " + item.first + "=" + item.second;
+                     resp.json(json(view_));
+                   });
+    ASSERT_TRUE(fault_scheme);
     ASSERT_TRUE(catalog_.start(HTTP_Server::Options()));
     reset();
   }
@@ -44,9 +132,7 @@ class Flow : public Cas_Peer {
     detail("running", "qcow2");
     peer_.set("GET /cas/casrs/vm/7/capabilities",
               P::json(R"({"supportSnapshot":"true","supportCbt":"true"})"));
-    peer_.set("GET /cas/casrs/storage/pool",
-              P::json(R"({"storagePool":{"name":"img","type":"dir","path":"/img",)"
-                      R"("totalSize":"1000","status":"1","freeSize":"500"}})"));
+    pools("500");
     peer_.set("GET /cas/casrs/vm/disk/dataBlock",
               P::json(R"({"dataBlockInfo":[{"offset":"0","length":"70000"}]})"));
     for (S path :
@@ -55,6 +141,14 @@ class Flow : public Cas_Peer {
           S("POST /cas/casrs/vm/disk/changedBlockTracker"),
           S("DELETE /cas/casrs/vm/disk/changedBlockTracker"), S("PUT /cas/casrs/vm/start/7")})
       peer_.set(path, P::json(ok));
+  }
+  void pools(const char* free_mib) {
+    peer_.set("GET /cas/casrs/storage/pool",
+              P::json(string_sprintf(R"({"storagePool":[{"name":"img","type":"dir","path":"/img",)"
+                                     R"("totalSize":"1000","status":"1","freeSize":"%s"},{"name":)"
+                                     R"("ceph","type":"rbd","path":"ceph","totalSize":"1",)"
+                                     R"("freeSize":"1","status":"1"}]})",
+                                     free_mib)));
   }
   void tree(const S& root) { peer_.set("GET " + snap, P::json(R"({"snapshot":)" + root + "}")); }
   void detail(const S& status, const S& format) {
@@ -81,6 +175,61 @@ class Flow : public Cas_Peer {
     b->timestamp_ = "20261124000000";
     return b;
   }
+  // A run past its checks: snapshot "snap", base CBTer "c", for planning the disks.
+  std::unique_ptr<Test_Backup> plan(Job_Definition_Subtype type = Job_Definition_Subtype::Full) {
+    auto p = backup();
+    p->backup_type_ = p->params_.backup_type_ = type;
+    p->params_.access_key_ = "key";
+    p->timestamp_ = "20261124", p->snapshot_name_ = "snap", p->last_cbt_ = "c";
+    p->use_internal_snapshot_ = p->use_cbt_ = true;
+    return p;
+  }
+  static JSON_Value disk(const S& path, const S& type, const S& mib, const S& alloc_mib) {
+    return {{"device", "disk"}, {"deviceName", "vda"},     {"fileType", type},
+            {"path", path},     {"format", "raw"},         {"targetBus", "virtio"},
+            {"size", mib},      {"allocation", alloc_mib}, {"cacheType", "none"},
+            {"mode", "1"}};
+  }
+  // Two chunks of disks /vms/a and /vms/b (empty) into pool "fault://<dir>/pool".
+  std::unique_ptr<Test_Backup> transfer() {
+    fault_write = 0, fault_commit = false;
+    auto t = backup();
+    auto& p = t->params_;
+    p.pool_url_ = "fault://" + dir_.file("pool");
+    p.opts_.read_buffer_size_ = 12288, p.opts_.parallel_disks_per_vm_ = 2;
+    t->vm_detail_.cpu_ = {{"cpuSockets", "1"}, {"cpuCores", "2"}};
+    t->vm_detail_.memory_ = {{"size", "1024"}};
+    t->chunks_ = {chunk("/vms/a", "/cvk1/w/good_0", {{0, 100000}, {200000, 5000}}),
+                  chunk("/vms/b", "/cvk1/w/empty_0", {})};
+    t->progress_ = &info_;
+    return t;
+  }
+  static std::shared_ptr<Chunk> chunk(const S& disk, const S& object, std::vector<Block> blocks) {
+    auto c = std::make_shared<Chunk>();
+    c->disk_path_ = disk, c->remote_path_ = object, c->blocks_ = std::move(blocks);
+    for (const Block& b : c->blocks_)
+      c->size_ += b.length_;
+    return c;
+  }
+  // The object's blocks as "offset+length," with their bytes checked against the stub's letters.
+  S read_back(const S& object) {
+    Client_IO_Ex io;
+    EXPECT_TRUE(io.connect("file://" + dir_.file("pool"), {}) && io.open(object, 1)) << io.error();
+    Image_Block_Reader reader(&io, 1 << 20);
+    S got;
+    EXPECT_TRUE(reader.read_blocks([&](const void* data, std::size_t n, std::uint64_t off) {
+      for (std::size_t i = 0; i < n; ++i)
+        EXPECT_EQ(static_cast<const char*>(data)[i], char('a' + (off + i) % 26)) << off + i;
+      return got += std::to_string(off) + "+" + std::to_string(n) + ",", true;
+    }));
+    sb_ = reader.superblock();
+    return got;
+  }
+  static JSON_Value catalog(Backup_Transfer& t) {
+    H3C_CAS_Backup_Set set;
+    JSON_Value out;
+    return t.fill_catalog(set) ? (set.dump(out), out) : JSON_Value();
+  }
   // The run's answer and the CVM requests that changed something, "METHOD path" each.
   S run(Test_Backup& b, Log_Capture& log, bool expect) {
     JSON_Value result;
@@ -98,12 +247,16 @@ class Flow : public Cas_Peer {
   Temp_Dir dir_;
   Scoped_Env root_{"BRIMLET_ROOT", dir_.path()};
   Scoped_Env sdk_{"CAS_CVD_SDK_PATH", S(CVD_STUB_PATH)};
+  Scoped_Env journal_{"CVD_STUB_JOURNAL", std::nullopt};
   CVD_Loader loader_;
   Job_Activity_Handle act_;
   VM_Progress_Info_Handle progress_;
   HTTP_Server catalog_;
   JSON_Value committed_;
   std::size_t from_ = 0;
+  S view_, asked_;
+  VM_Progress_Info info_{};
+  Image_Reader::Superblock sb_;
 };
 
 // Whole runs: a residual "Brimlet5" snapshot goes first, the run's snapshot goes on every exit,
@@ -230,6 +383,243 @@ TEST_F(Flow, Decisions) {
     S last = messages(log);
     last = last.substr(last.rfind('\n', last.size() - 2) + 1);
     EXPECT_EQ(c.line.empty() ? "" : last, c.line);
+  }
+}
+
+// Each way a base is refused, with its one line; an accepted base fills the chain members. The
+// view is asked for this VM of this resource with the job's access key.
+TEST_F(Flow, BaseCheck) {
+  const auto base = [](const S& pool, const S& cbt) {
+    return R"([{"pool_uuid":")" + pool + R"(","incarnation":"i","uuid":"u")" + cbt + "}]";
+  };
+  const S no_base = "Failed to retrieve base catalogs for CAS VM 'w' on CVK 'cvk1'.\n",
+          invalid = "CBTer 'c' of last backup of CAS VM 'w' is invalid.\n",
+          good = R"(,"cbt_name":"c")";
+  struct Case {
+    S answer, images, log;
+  } const cases[] = {
+      {"[]", "", no_base},
+      {R"({"uuid":"u"})", "", no_base},
+      {base("p1", ""), "",
+       "Unrecognized response from CAS base_catalog view: " + json(base("p1", "")).dump() + ".\n"},
+      {base("p2", good), "", "Storage pool for CAS VM 'w' changed.\n"},
+      {base("p1", R"(,"cbt_name":"")"), "", "CBTer has not been created in the last backup.\n"},
+      {base("p1", good), "500",
+       "CAS request 'GET /cas/casrs/vm/disk/changedBlockTracker?name=c&"
+       "vmName=w' returns error, http status = 500, error code = '', message = ''.\nFailed to get "
+       "info of last CBTer 'c' of CAS VM 'w'.\n"},
+      {base("p1", good), "[]", invalid},
+      {base("p1", good), R"([{"image":"/a","valid":"false"},{"image":"/b","valid":"true"}])",
+       invalid},
+      {base("p1", good), R"([{"image":"/a","valid":"true"}])", ""},
+  };
+  for (const Case& c : cases) {
+    auto p = plan(Job_Definition_Subtype::Incremental);
+    peer_.set("GET /cas/casrs/vm/disk/changedBlockTracker",
+              P::json(c.images == "500" ? "" : R"({"dirtyBitmapInfo":)" + c.images + "}",
+                      c.images == "500" ? 500 : 200));
+    view_ = c.answer;
+    Log_Capture log;
+    EXPECT_EQ(p->check_base_backup(), c.log.empty()) << c.answer;
+    EXPECT_EQ(said(log), c.log);
+    EXPECT_EQ(asked_, "key host_id=1 resource_uuid=r vm_id=7");
+    if (c.log.empty()) {
+      EXPECT_EQ(
+          p->last_bset_uuid_ + p->last_bset_incarnation_ + std::to_string(p->cbt_info_.size()),
+          "ui1");
+    }
+  }
+}
+
+// A file disk from its allocated blocks in the snapshot, an RBD disk whole, two chunks each; then
+// behind an overlay snapshot only the images it froze.
+TEST_F(Flow, PrepareDisks) {
+  pools("500");
+  peer_.set("GET /cas/casrs/vm/disk/dataBlock?hostId=1&image=%2Fimg%2Fa&snapshot=snap&vmId=7",
+            P::json(R"({"dataBlockInfo":[{"offset":"0","length":"1048576"},)"
+                    R"({"offset":"4194304","length":"512"}]})"));
+  auto p = plan();
+  p->vm_detail_.storages_ = {disk("/img/a", "file", "8", "1"),
+                             {{"device", "cdrom"}},
+                             disk("ceph/img", "network", "2", "2")};
+  std::vector<std::shared_ptr<Backup_Plan::Chunk>> chunks;
+  Log_Capture log;
+  ASSERT_TRUE(p->prepare_disks(2, chunks));
+  S got;
+  for (const auto& c : chunks)
+    got += c->remote_path_ + " " + text(c->blocks_) + "=" + std::to_string(c->size_) + " " +
+           std::to_string(c->disk_index_) + c->disk_path_ + (c->is_rbd_ ? " rbd\n" : "\n");
+  EXPECT_EQ(got,
+            "/cvk1/w/_img_a_20261124_full_0.zst 0+524800=524800 0/img/a\n"
+            "/cvk1/w/_img_a_20261124_full_1.zst 524800+523776,4194304+512=524288 0/img/a\n"
+            "/cvk1/w/ceph_img_20261124_full_0.zst 0+1048576=1048576 1ceph/img rbd\n"
+            "/cvk1/w/ceph_img_20261124_full_1.zst 1048576+1048576=1048576 1ceph/img rbd\n");
+  EXPECT_EQ(std::to_string(p->set_size_) + " " + std::to_string(p->source_size_) + " " +
+                p->vm_disks_.at(1).pool_name_ + p->vm_disks_[1].pool_path_ +
+                p->vm_disks_[1].pool_type_ + std::to_string(p->disk_chunks_count_.at(1)),
+            "3146240 10485760 cephcephrbd2");
+  const S added =
+      "Disk added to back up, path='/img/a', type=file, format=raw, mode=1, backup "
+      "size=1049088, used size=1048576, total size=8388608.\n";
+  EXPECT_EQ(said(log).substr(0, added.size()), added);
+
+  peer_.set("GET /cas/casrs/vm/detail/7",
+            P::json(R"({"basic":{},"cpu":{},"memory":{},"storage":[{"device":"disk",)"
+                    R"("backingFile":"ceph/img"},{"device":"cdrom","backingFile":"/img/a"}]})"));
+  p = plan();
+  p->use_internal_snapshot_ = false;
+  p->vm_detail_.storages_ = {disk("/img/a", "file", "8", "1"),
+                             disk("ceph/img", "network", "2", "2")};
+  chunks.clear();
+  Log_Capture log2;
+  ASSERT_TRUE(p->prepare_disks(1, chunks));
+  EXPECT_EQ(chunks.size(), 1u);
+  EXPECT_EQ(chunks.at(0)->remote_path_, "/cvk1/w/ceph_img_20261124_full_0.zst");
+  EXPECT_EQ(said(log2).substr(0, 75),
+            "Skip backing up disk '/img/a', because it is not included in the snapshot.\n");
+  p = plan();
+  p->vm_detail_.storages_ = {{{"device", "cdrom"}}};
+  EXPECT_FALSE(p->prepare_disks(1, chunks));
+}
+
+// Which blocks each kind of backup asks CVM for, and when it copies the whole disk instead.
+TEST_F(Flow, BackupBlocks) {
+  const S data = "GET /cas/casrs/vm/disk/dataBlock?hostId=1&image=%2Fimg%2Fa&vmId=7",
+          changed = "GET /cas/casrs/vm/disk/changedBlock?name=c&snapshotName=",
+          some = R"({"dataBlockInfo":[{"offset":"512","length":"1024"}]})",
+          none = R"({"dataBlockInfo":[]})",
+          whole =
+              "Unable to get allocated or changed blocks of disk '/img/a' (format=raw, "
+              "type=file), backup the whole disk.\n";
+  enum Mode { Full_Offline, Incr_Internal, Incr_External };
+  struct Case {
+    Mode mode;
+    S request, answer, alloc_mib;
+    bool valid;  // the base CBTer's record of the disk
+    S blocks, log;
+  } const cases[] = {
+      {Full_Offline, data, some, "1", true, "512+1024", ""},
+      {Full_Offline, data, none, "0", true, "",
+       "Allocated or changed blocks of disk '/img/a' is empty, backup skipped for it.\n"},
+      {Full_Offline, data, none, "1", true, "0+8388608", whole},
+      {Full_Offline, data, some, "101", true, "0+8388608",
+       "Incomplete allocated blocks detected, disk '/img/a', used size = 101.0 MiB, allocated "
+       "blocks got 1.0 KiB.\n" +
+           whole},
+      {Incr_External, changed + "snap&srcPath=%2Fimg%2Fa&vmId=7", some, "1", true, "512+1024", ""},
+      {Incr_Internal, changed + "&srcPath=%2Fimg%2Fa&vmId=7", some, "1", true, "512+1024", ""},
+      {Incr_Internal, changed + "&srcPath=%2Fimg%2Fa&vmId=7", some, "1", false, "0+8388608", whole},
+  };
+  for (const Case& c : cases) {
+    peer_.set(c.request, P::json(c.answer));
+    auto p = plan(c.mode == Full_Offline ? Job_Definition_Subtype::Full
+                                         : Job_Definition_Subtype::Incremental);
+    p->use_internal_snapshot_ = c.mode == Incr_Internal;
+    p->use_cbt_ = c.mode != Full_Offline;
+    p->cbt_info_["/img/a"] = c.valid;
+    VM_Disk d;
+    ASSERT_TRUE(d.load(disk("/img/a", "file", "8", c.alloc_mib)));
+    std::vector<Block> blocks{{1, 1}};
+    Log_Capture log;
+    EXPECT_TRUE(p->get_backup_blocks(d, blocks));
+    EXPECT_EQ(text(blocks), c.blocks) << c.request;
+    EXPECT_EQ(said(log), c.log) << c.request;
+  }
+}
+
+// The reserve of a pool in bytes and in percent is kept strictly; none set always passes.
+TEST_F(Flow, StorageQuota) {
+  const S short_of =
+      "CAS storage pool 'img' available space(free=500.0 MiB, total=1000.0 MiB) "
+      "is not enough for backing up VM 'w'.\n";
+  struct Case {
+    const char* free_mib;
+    std::uint64_t bytes;
+    int percent;
+    S log;
+  } const cases[] = {{"0", 0, 0, ""},
+                     {"500", 500ull << 20, 0, short_of},
+                     {"500", 499ull << 20, 50, short_of},
+                     {"500", 499ull << 20, 49, ""}};
+  for (const Case& c : cases) {
+    pools(c.free_mib);
+    auto p = plan();
+    p->params_.opts_.storage_reserved_bytes_ = c.bytes;
+    p->params_.opts_.storage_reserved_percent_ = c.percent;
+    p->vm_detail_.storages_ = {disk("/img/a", "file", "8", "1"), disk("/img/b", "file", "8", "1")};
+    Log_Capture log;
+    EXPECT_EQ(p->check_vm_storage_quota(), c.log.empty()) << c.percent;
+    EXPECT_EQ(messages(log), c.log);
+  }
+}
+
+// Chunks round trip into the pool and the set; a chunk that fails leaves nothing in the pool and no
+// piece in the set, which is not committed.
+TEST_F(Flow, Transfer) {
+  auto t = transfer();
+  t->set_size_ = 105000;
+  ASSERT_TRUE(t->transfer_chunks());
+  EXPECT_EQ(read_back("/cvk1/w/empty_0"), "");
+  EXPECT_EQ(read_back("/cvk1/w/good_0"), "0+100000,200000+5000,");
+  const Image_Reader::Superblock& sb = sb_;
+  EXPECT_EQ(sb.set_id[0], std::stoi(t->bset_uuid_.substr(0, 2), nullptr, 16));
+  EXPECT_EQ(sb.set_id[15], std::stoi(t->bset_uuid_.substr(34), nullptr, 16));
+  EXPECT_TRUE(std::equal(sb.set_id, sb.set_id + 16, sb.image_id) && sb.block_size == 65536);
+  EXPECT_TRUE(info_.processed_size == 105000 && info_.total_size == 105000);
+  JSON_Value out = catalog(*t);
+  EXPECT_EQ(out["pieces"].dump(),
+            R"([{"object":"","path":"/cvk1/w/vm_config_20261124000000_full.json.zst","size":0},)"
+            R"({"object":"/vms/a","path":"/cvk1/w/good_0","size":105000},)"
+            R"({"object":"/vms/b","path":"/cvk1/w/empty_0","size":0}])");
+  EXPECT_EQ(out["incarnation"].dump() + out["base"].dump(),
+            '"' + t->bset_uuid_ + "\"\"" + t->bset_uuid_ + '"');
+  EXPECT_EQ(out["storages"][0].dump(),
+            R"({"extra":{"code_name":"reborn"},"pool_uuid":"p1","size":)" +
+                std::to_string(t->storage_size_) + "}");
+  Client_IO_Ex io;
+  JSON_Value config;
+  ASSERT_TRUE(io.connect("file://" + dir_.file("pool"), {}) &&
+              client_io_read_json(io, out["vm_config_path"], config));
+  EXPECT_EQ(config, t->vm_detail_.dump());
+  // An incremental set continues its base's chain; a set without its job's keys is refused.
+  t->backup_type_ = Job_Definition_Subtype::Incremental;
+  t->last_bset_uuid_ = "b0", t->last_bset_incarnation_ = "i0", t->use_cbt_ = true;
+  t->snapshot_name_ = "Brimlet5-x";
+  out = catalog(*t);
+  EXPECT_EQ(out["incarnation"].dump() + out["base"].dump() + out["cbt_name"].dump(),
+            R"("i0""b0""Brimlet5-x")");
+  t->params_.catalog_.erase("agent");
+  Log_Capture log0;
+  EXPECT_TRUE(catalog(*t).is_null());
+  EXPECT_EQ(messages(log0), "Invalid CAS VM catalog: missing string 'agent'.\n");
+  struct Case {
+    int write;
+    bool commit;
+    S disk, error;
+  } const cases[] = {
+      {1, false, "/vms/c", "Failed to write image super block for CAS disk '/vms/c'.\n"},
+      {3, false, "/vms/c", "Failed to write to storage pool: injected write fault.\n"},
+      {0, true, "/vms/c",
+       "Failed to close '/cvk1/w/bad_0' on storage pool: injected commit fault.\n"},
+      {0, false, "/unreadable", "Failed to read data from CAS VM 'w' on CVK '10.0.0.5'.\n"},
+  };
+  for (const Case& c : cases) {
+    t = transfer();
+    std::filesystem::remove_all(dir_.file("pool"));
+    fault_write = c.write, fault_commit = c.commit;
+    t->chunks_.push_back(chunk(c.disk, "/cvk1/w/bad_0", {{0, 3 << 20}}));
+    t->params_.io_opts_.compression_ = Client_IO_Base::Compression::None;  // many writes
+    Log_Capture log;
+    EXPECT_FALSE(t->transfer_chunks());
+    EXPECT_EQ(log.count(LM_ERROR), 1u);
+    EXPECT_TRUE(log.contains(c.error)) << messages(log);
+    std::set<S> files;  // hidden ones included
+    for (const auto& e : std::filesystem::recursive_directory_iterator(dir_.file("pool")))
+      files.insert(e.is_regular_file() ? e.path().filename() : "");
+    EXPECT_EQ(files, (std::set<S>{"", "empty_0", "good_0"}));
+    EXPECT_EQ(catalog(*t)["pieces"].dump().find("bad_0"), S::npos);
+    EXPECT_FALSE(t->save_catalog());
+    EXPECT_TRUE(log.contains("Backup of CAS VM 'w' is incomplete, 2 of 3 chunk(s) stored.\n"));
   }
 }
 

@@ -14,6 +14,7 @@
 namespace {
 
 using namespace cas_sim;
+using S = std::string;
 constexpr std::uint64_t B = Disk_Store::block_size;
 
 World load(const std::string& text) {
@@ -157,105 +158,99 @@ TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes
   const std::string snap = R"({"vmId": "1", "name": "s1", "snapMem": "false",
       "noStopVirtSnapMem": "false", "snapshotMode": "2", "snapshotTimeOut": 1,
       "keepBitmap": "true", "snapBlock": "true"})";
-  const char* tracker = "/cas/casrs/vm/disk/changedBlockTracker?vmName=v&name=c1";
+  const S sha = R"({"sha256": ")",
+          hello = sha + "2cf24dba5fb0a30e26e83b2ac5b9e29e1b161e5c1fa7425e73043362938b9824\"}",
+          HELLO = sha + "3733cd977ff8eb18b987357e22ced99f46097f31ecb239e878ae63760e83e4d5\"}";
+  const auto msg = [](const char* id) { return R"({"msgId": ")" + S(id) + "\"}"; };
+  const S tracker = "vm/disk/changedBlockTracker?vmName=v&name=c1";
   const struct {
-    const char* method;
-    std::string target, body;
+    S request, body;  // "METHOD target"; a target without '/' is a CVM route
     int status;
     std::string want;
   } rows[] = {
-      {"POST", "/sim/disks/write", R"({"disk": "/p1/a", "offset": 0, "base64": "aGVsbG8="})", 200,
+      {"POST /sim/disks/write", R"({"disk": "/p1/a", "offset": 0, "base64": "aGVsbG8="})", 200,
        R"({"written": 5})"},
-      {"POST", std::string(tracker) + "&subordinateOnly=true", "", 200, R"({"msgId": "1"})"},
-      {"GET", tracker, "", 200, R"({"dirtyBitmapInfo": {"image": "/p1/a", "valid": "true"}})"},
-      {"POST", "/sim/disks/write",
+      {"POST " + tracker + "&subordinateOnly=true", "", 200, msg("1")},
+      {"GET " + tracker, "", 200, R"({"dirtyBitmapInfo": {"image": "/p1/a", "valid": "true"}})"},
+      {"POST /sim/disks/write",
        R"({"disk": "/p1/a", "offset": 131072, "length": 65536, "pattern": "byte", "byte": 7})", 200,
        R"({"written": 65536})"},
-      {"POST", "/cas/casrs/vm/snapshot", snap, 200, R"({"msgId": "2"})"},
-      {"GET", "/cas/casrs/message/2", "", 200, R"({"completed": "true", "result": "0"})"},
-      {"POST", "/cas/casrs/vm/snapshot", snap, 200, R"({"msgId": "3"})"},
-      {"GET", "/cas/casrs/message/3", "", 200, R"({"result": "1", "failMsg": "快照名称已存在"})"},
-      {"GET", "/cas/casrs/vm/detail/1", "", 200,
-       R"({"storage": {"path": "/p1/a.s1", "backingFile": "/p1/a"}})"},
-      {"GET", "/cas/casrs/vm/snapshot/1", "", 200,
+      {"POST vm/snapshot", snap, 200, msg("2")},
+      {"GET message/2", "", 200, R"({"completed": "true", "result": "0"})"},
+      {"POST vm/snapshot", snap, 200, msg("3")},
+      {"GET message/3", "", 200, R"({"result": "1", "failMsg": "快照名称已存在"})"},
+      {"GET vm/detail/1", "", 200, R"({"storage": {"path": "/p1/a.s1", "backingFile": "/p1/a"}})"},
+      {"GET vm/snapshot/1", "", 200,
        R"({"snapshot": {"snapshots": {"snapshot": {"name": "s1", "snapshotMode": "0"}}}})"},
-      {"POST", "/sim/disks/write", R"({"disk": "/p1/a.s1", "offset": 0, "base64": "SEVMTE8="})",
-       200, "{}"},
-      {"GET", "/sim/disks/digest?disk=/p1/a&length=5", "", 200,
-       R"({"sha256": "2cf24dba5fb0a30e26e83b2ac5b9e29e1b161e5c1fa7425e73043362938b9824"})"},
-      {"GET", "/sim/disks/digest?disk=/p1/a.s1&offset=0&length=5", "", 200,
-       R"({"sha256": "3733cd977ff8eb18b987357e22ced99f46097f31ecb239e878ae63760e83e4d5"})"},
-      {"GET", "/cas/casrs/vm/disk/dataBlock?hostId=1&vmId=1&image=/p1/a&snapshot=s1", "", 200,
+      {"POST /sim/disks/write", R"({"disk": "/p1/a.s1", "offset": 0, "base64": "SEVMTE8="})", 200,
+       "{}"},
+      {"GET /sim/disks/digest?disk=/p1/a&length=5", "", 200, hello},
+      {"GET /sim/disks/digest?disk=/p1/a.s1&offset=0&length=5", "", 200, HELLO},
+      {"GET vm/disk/dataBlock?hostId=1&vmId=1&image=/p1/a&snapshot=s1", "", 200,
        R"({"dataBlockInfo": [{"offset": "0", "length": "65536"},
                              {"offset": "131072", "length": "65536"}]})"},
-      {"GET", "/cas/casrs/vm/disk/changedBlock?vmId=1&srcPath=/p1/a&name=c1&snapshotName=s1", "",
-       200, R"({"dataBlockInfo": {"offset": "131072", "length": "65536"}})"},
-      {"GET", "/cas/casrs/vm/disk/changedBlock?vmId=1&srcPath=/p1/a&name=c1", "", 200,
+      {"GET vm/disk/changedBlock?vmId=1&srcPath=/p1/a&name=c1&snapshotName=s1", "", 200,
+       R"({"dataBlockInfo": {"offset": "131072", "length": "65536"}})"},
+      {"GET vm/disk/changedBlock?vmId=1&srcPath=/p1/a&name=c1", "", 200,
        R"({"dataBlockInfo": [{"offset": "0", "length": "65536"},
                              {"offset": "131072", "length": "65536"}]})"},
-      {"GET", "/cas/casrs/vm/disk/changedBlock?vmId=1&srcPath=/p1/a&name=c9", "", 404, ""},
-      {"GET", "/sim/leftovers", "", 200,
+      {"GET vm/disk/changedBlock?vmId=1&srcPath=/p1/a&name=c9", "", 404, ""},
+      {"GET /sim/leftovers", "", 200,
        R"({"snapshots": [{"vm_id": 1, "vm": "v", "name": "s1", "internal": false}],
            "cbters": [{"disk": "/p1/a", "name": "c1"}]})"},
-      {"PUT", "/sim/disks/size", R"({"disk": "/p1/a", "size_mib": 8})", 409, ""},
-      {"DELETE", "/cas/casrs/vm/snapshot/1/s1?tidyVmImages=false", "", 200, R"({"msgId": "4"})"},
-      {"DELETE", "/cas/casrs/vm/snapshot/1/s1?tidyVmImages=false", "", 404, ""},
-      {"GET", "/cas/casrs/vm/detail/1", "", 200,
-       R"({"storage": {"path": "/p1/a", "backingFile": "/p1/base"}})"},
-      {"GET", "/sim/disks/digest?disk=/p1/a&length=5", "", 200,
-       R"({"sha256": "3733cd977ff8eb18b987357e22ced99f46097f31ecb239e878ae63760e83e4d5"})"},
-      {"PUT", "/sim/disks/size", R"({"disk": "/p1/a", "size_mib": 8})", 200, "{}"},
-      {"GET", tracker, "", 200, R"({"dirtyBitmapInfo": {"valid": "false"}})"},
-      {"DELETE", std::string(tracker) + "&isRegex=false", "", 200, R"({"msgId": "5"})"},
-      {"GET", "/sim/leftovers", "", 200, R"({"snapshots": [], "cbters": []})"},
-      {"POST", "/cas/casrs/vm/snapshot", R"({"vmId": "2", "name": "x", "snapshotMode": "1"})", 200,
-       R"({"msgId": "6"})"},
-      {"GET", "/cas/casrs/message/6", "", 200,
-       R"({"result": "1", "failMsg": "raw格式的本地磁盘不支持快照"})"},
-      {"POST", "/cas/casrs/vm/snapshot", R"({"vmId": "9", "name": "x", "snapshotMode": "1"})", 404,
-       ""},
-      {"PUT", "/cas/casrs/vm/stop/1", "", 200, R"({"msgId": "7"})"},
-      {"GET", "/cas/casrs/message/7", "", 200, R"({"result": "0", "targetId": "1"})"},
-      {"GET", "/cas/casrs/vm/detail/1", "", 200, R"({"status": "shutOff"})"},
-      {"PUT", "/cas/casrs/vm/stop/1", "", 200, R"({"msgId": "8"})"},
-      {"GET", "/cas/casrs/message/8", "", 200, R"({"result": "1", "failMsg": "虚拟机已关闭"})"},
-      {"PUT", "/cas/casrs/vm/start/1", "", 200, "{}"},
-      {"GET", "/cas/casrs/vm/detail/1", "", 200, R"({"status": "running"})"},
-      {"POST", "/sim/cvd/fail_reads", R"({"disk": "/p1/none"})", 404, ""},
-      {"POST", "/sim/cvd/drop", R"({"after_bytes": 10, "count": -1})", 400, ""},
-      {"POST", "/sim/disks/import", R"({"disk": "p1/n", "file": ")" + dir.file("fs.img") + "\"}",
-       200, R"({"written": 1048576})"},
-      {"POST", "/cas/casrs/vm/snapshot", R"({"vmId": "3", "name": "n1", "snapshotMode": "1"})", 200,
-       R"({"msgId": "10"})"},
-      {"GET", "/cas/casrs/message/10", "", 200, R"({"result": "0"})"},
-      {"POST", "/sim/disks/write", R"({"disk": "rbd:p1/n", "offset": 0, "length": 5})", 200, "{}"},
-      {"GET", "/sim/disks/digest?disk=rbd:p1/n@n1&length=5", "", 200,
-       R"({"sha256": "2cf24dba5fb0a30e26e83b2ac5b9e29e1b161e5c1fa7425e73043362938b9824"})"},
-      {"GET", "/sim/disks/digest?disk=p1/n&snapshot=n1&offset=5&length=5", "", 200,
-       R"({"sha256": "8855508aade16ec573d21e6a485dfd0a7624085c1a14b5ecdd6485de0c6839a4"})"},
+      {"PUT /sim/disks/size", R"({"disk": "/p1/a", "size_mib": 8})", 409, ""},
+      {"DELETE vm/snapshot/1/s1?tidyVmImages=false", "", 200, msg("4")},
+      {"DELETE vm/snapshot/1/s1?tidyVmImages=false", "", 404, ""},
+      {"GET vm/detail/1", "", 200, R"({"storage": {"path": "/p1/a", "backingFile": "/p1/base"}})"},
+      {"GET /sim/disks/digest?disk=/p1/a&length=5", "", 200, HELLO},
+      {"PUT /sim/disks/size", R"({"disk": "/p1/a", "size_mib": 8})", 200, "{}"},
+      {"GET " + tracker, "", 200, R"({"dirtyBitmapInfo": {"valid": "false"}})"},
+      {"DELETE " + tracker + "&isRegex=false", "", 200, msg("5")},
+      {"GET /sim/leftovers", "", 200, R"({"snapshots": [], "cbters": []})"},
+      {"POST vm/snapshot", R"({"vmId": "2", "name": "x", "snapshotMode": "1"})", 200, msg("6")},
+      {"GET message/6", "", 200, R"({"result": "1", "failMsg": "raw格式的本地磁盘不支持快照"})"},
+      {"POST vm/snapshot", R"({"vmId": "9", "name": "x", "snapshotMode": "1"})", 404, ""},
+      {"PUT vm/stop/1", "", 200, msg("7")},
+      {"GET message/7", "", 200, R"({"result": "0", "targetId": "1"})"},
+      {"GET vm/detail/1", "", 200, R"({"status": "shutOff"})"},
+      {"PUT vm/stop/1", "", 200, msg("8")},
+      {"GET message/8", "", 200, R"({"result": "1", "failMsg": "虚拟机已关闭"})"},
+      {"PUT vm/start/1", "", 200, "{}"},
+      {"GET vm/detail/1", "", 200, R"({"status": "running"})"},
+      {"POST /sim/cvd/fail_reads", R"({"disk": "/p1/none"})", 404, ""},
+      {"POST /sim/cvd/drop", R"({"after_bytes": 10, "count": -1})", 400, ""},
+      {"POST /sim/disks/import", R"({"disk": "p1/n", "file": ")" + dir.file("fs.img") + "\"}", 200,
+       R"({"written": 1048576})"},
+      {"POST vm/snapshot", R"({"vmId": "3", "name": "n1", "snapshotMode": "1"})", 200, msg("10")},
+      {"GET message/10", "", 200, R"({"result": "0"})"},
+      {"POST /sim/disks/write", R"({"disk": "rbd:p1/n", "offset": 0, "length": 5})", 200, "{}"},
+      {"GET /sim/disks/digest?disk=rbd:p1/n@n1&length=5", "", 200, hello},
+      {"GET /sim/disks/digest?disk=p1/n&snapshot=n1&offset=5&length=5", "", 200,
+       sha + "8855508aade16ec573d21e6a485dfd0a7624085c1a14b5ecdd6485de0c6839a4\"}"},
       // A state change takes as long as its task.
-      {"PUT", "/sim/knobs", R"({"task_duration_ms": 3600000})", 200, "{}"},
-      {"PUT", "/cas/casrs/vm/stop/3", "", 200, R"({"msgId": "11"})"},
-      {"GET", "/cas/casrs/message/11", "", 200, R"({"completed": "false"})"},
-      {"GET", "/cas/casrs/vm/detail/3", "", 200, R"({"status": "running"})"},
+      {"PUT /sim/knobs", R"({"task_duration_ms": 3600000})", 200, "{}"},
+      {"PUT vm/stop/3", "", 200, msg("11")},
+      {"GET message/11", "", 200, R"({"completed": "false"})"},
+      {"GET vm/detail/3", "", 200, R"({"status": "running"})"},
   };
   for (const auto& row : rows) {
+    const S method = row.request.substr(0, row.request.find(' ')),
+            target = row.request.substr(method.size() + 1);
     // The control API asks for no credentials; curl would send a first digest request bare.
-    std::vector<std::string> argv = {
-        "/usr/bin/curl", "-s", "-X", row.method, "-w", "\n%{http_code}", base + row.target};
-    if (row.target.compare(0, 5, "/sim/") != 0)
+    const S url = base + (target[0] == '/' ? "" : "/cas/casrs/") + target;
+    std::vector<S> argv = {"/usr/bin/curl", "-s", "-X", method, "-w", "\n%{http_code}", url};
+    if (target[0] != '/')
       argv.insert(argv.begin() + 2, {"--digest", "-u", "admin:pw"});
     if (!row.body.empty())
       argv.insert(argv.end() - 1, {"--data-binary", row.body});
     Run_Result run = run_program(argv, "", {}, 30);
     std::size_t newline = run.out.rfind('\n');
-    ASSERT_NE(newline, std::string::npos) << row.target << ": " << run.err;
-    EXPECT_EQ(run.out.substr(newline + 1), std::to_string(row.status)) << row.target;
+    ASSERT_NE(newline, S::npos) << row.request << ": " << run.err;
+    EXPECT_EQ(run.out.substr(newline + 1), std::to_string(row.status)) << row.request;
     if (row.status != 200)
       continue;
     JSON_Value got = JSON_Value::parse(run.out.substr(0, newline), nullptr, false);
-    EXPECT_TRUE(includes(got, JSON_Value::parse(row.want)))
-        << row.method << " " << row.target << ": " << run.out;
+    EXPECT_TRUE(includes(got, JSON_Value::parse(row.want))) << row.request << ": " << run.out;
   }
 }
 
