@@ -1,10 +1,17 @@
+#include "h3ccas/job/executor_base.h"
 #include "h3ccas/job/job_creator.h"
+#include "h3ccas/job/progress_reporter.h"
 #include "host/catalog/server_api.h"
 #include "host/core/identity.h"
 #include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
+#include "tests/unit/job/test_job.h"
 
+#include <algorithm>
+#include <numeric>
 #include <set>
+#include <sstream>
+#include <thread>
 
 namespace h3ccas {
 namespace {
@@ -17,15 +24,12 @@ struct Probe : Backup_Executor {
   using Backup_Executor::Backup_Executor, Backup_Executor::init, Backup_Executor::resolve_entries;
   using Backup_Executor::resolve_options, Backup_Executor::make_vm_request;
   using Backup_Executor::vm_entries_, Backup_Executor::results_, Backup_Executor::parallel_vms_;
-  std::string entries() const {  // "1/1a 1/1b 2/2c": CVK/VM
+  std::string entries() const {  // "1/1a 1/1b 2/2c ": CVK/VM
     std::set<std::string> all;
     for (const auto& [host, vms] : vm_entries_)
       for (const auto& vm : vms)
-        all.insert(host + "/" + vm.first);
-    std::string out;
-    for (const auto& e : all)
-      out += (out.empty() ? "" : " ") + e;
-    return out;
+        all.insert(host + "/" + vm.first + " ");
+    return std::accumulate(all.begin(), all.end(), std::string());
   }
 };
 
@@ -107,14 +111,14 @@ TEST_F(Backup_Executor_Test, ResolvesEntriesWithExclusions) {
   const std::string vm = R"({"type":"VirtualMachine","name":"n","title":"t",)";
   const std::tuple<std::string, const char*, const char*> cases[] = {
       // source, VMs, a message it logs
-      {R"({"entries":[{"type":"cas"}]})", "1/1a 1/1b 2/2c",
+      {R"({"entries":[{"type":"cas"}]})", "1/1a 1/1b 2/2c ",
        "2 VMs are to be backed up on CVK 'cvk1'.\n1 VM is to be backed up on CVK 'cvk2'.\n"},
       {R"({"exclusion":[],"entries":[{"type":"HostSystem","id":"4","name":"cvk4"}]})", "",
        "Unable to back up CVK 'cvk4': no VM found.\nAll VMs are excluded from backup.\n"},
       // By title only, then by the name of a VM titled as named.
-      {R"({"exclusion":["we?","vm-2*"],"entries":[{"type":"cas"}]})", "1/1b",
+      {R"({"exclusion":["we?","vm-2*"],"entries":[{"type":"cas"}]})", "1/1b ",
        "VM (name='vm-1a', title='web') is excluded from backup.\n"},
-      {R"({"entries":[)" + vm + R"("host_id":"1","uuid":"uuid-1b"},)" + host1 + "]}", "1/1a 1/1b",
+      {R"({"entries":[)" + vm + R"("host_id":"1","uuid":"uuid-1b"},)" + host1 + "]}", "1/1a 1/1b ",
        "2 VMs are to be backed up on CVK 'cvk1'.\n"},
       {R"({"entries":[)" + vm + R"("host_id":"1","uuid":"uuid-9"}]})", "",
        "VM (name='n', uuid='uuid-9') not found on CVK 'cvk1'.\n"},
@@ -249,6 +253,143 @@ TEST_F(Backup_Executor_Test, FailedServantsFailTheJobAndStopsCancelIt) {
   stopped->wait();
   EXPECT_EQ(stopped->state(), JOB_STOPPED);
   EXPECT_EQ(log2.text().find("servant"), std::string::npos) << log2.text();
+}
+
+using job_test::g_cv, job_test::g_mutex;
+std::vector<std::string> g_events;  // "<uid> body", "<uid> waits"
+
+void note(const std::string& event) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_events.push_back(event);
+  g_cv.notify_all();
+}
+
+// Job "hold" keeps its CVM until it is stopped; job "bad" has an invalid option.
+struct Test_Executor : Executor_Base<job_test::Test_Source, job_test::Test_Options> {
+  using Executor_Base::Executor_Base;
+  bool init() override { return true; }
+  bool resolve_entries() override { return true; }
+  bool resolve_options() override {
+    return check_compression_level(1, def_->uid == "bad" ? 23 : 0);
+  }
+  bool run_vms(const Job_Args*) override {
+    note(def_->uid + " body");
+    if (def_->uid == "hold")
+      job_.wait_state(std::chrono::hours(1), [](int s) { return s == JOB_STOPPED; });
+    return !is_canceled();
+  }
+};
+
+TEST(Executor_Base, JobsOfOneCvmRunOneAtATime) {
+  g_events.clear();
+  Temp_Dir root;
+  Scoped_Env root_env("BRIMLET_ROOT", root.path());
+  std::vector<std::shared_ptr<Job>> jobs;
+  auto run = [&](const std::string& uid, const std::string& cvm, const std::string& awaited) {
+    auto def = std::make_shared<Job_Definition>();
+    def->uid = uid, def->type = 1, def->host_id = cvm;
+    def->source = std::make_shared<job_test::Test_Source>();
+    jobs.push_back(std::make_shared<Controllable_Job_T<Test_Executor>>(def));
+    jobs.back()->set_event_handler(std::make_shared<Handler>());
+    jobs.back()->set_log_callback([uid](const std::string& line) {
+      if (line.find("Waiting for other jobs of this CAS(cvm-1) to be completed.\n") != line.npos)
+        note(uid + " waits");
+      if (line.find("Invalid value '23' of option 'compression_level'") != line.npos)
+        note(uid + " refused");
+    });
+    ASSERT_EQ(jobs.back()->start(), 0);
+    if (awaited.empty())
+      return jobs.back()->wait();
+    std::unique_lock<std::mutex> lock(g_mutex);
+    g_cv.wait(lock, [&] { return std::count(g_events.begin(), g_events.end(), awaited) > 0; });
+  };
+  run("hold", "cvm-1", "hold body");
+  run("second", "cvm-1", "second waits");
+  run("other-cvm", "cvm-2", "other-cvm body");
+  // Stopped while it waits, the second job ends without its body.
+  for (int i : {1, 0}) {
+    ASSERT_EQ(jobs[i]->stop(), 0);
+    jobs[i]->wait();
+  }
+  run("bad", "cvm-1", "");
+  run("next", "cvm-1", "next body");
+  for (auto& job : jobs)
+    job->wait();
+  EXPECT_EQ(g_events, (std::vector<std::string>{"hold body", "second waits", "other-cvm body",
+                                                "bad refused", "next body"}));
+  std::vector<int> states;
+  for (auto& job : jobs)
+    states.push_back(job->state());
+  EXPECT_EQ(states,
+            (std::vector<int>{JOB_STOPPED, JOB_STOPPED, JOB_SUCCEEDED, JOB_FAILED, JOB_SUCCEEDED}));
+}
+
+TEST(Executor_Base, OptionChecks) {
+  Job_Definition d;
+  d.uid = "j-1", d.name = "nightly";
+  // "check value taken": b buffer size, l log level, 1-4 level for that compression, r retries
+  const char* const rows[] = {"b 65536 1", "b 8388608 1", "b 69632 1", "b 65535 0", "b 8392704 0",
+                              "b 69633 0", "b -65536 0",  "l debug 1", "l info 1",  "l warn 1",
+                              "l error 1", "l Info 0",    "1 22 1",    "1 0 1",     "2 12 1",
+                              "4 30 1",    "1 23 0",      "2 13 0",    "3 10 0",    "1 -1 0",
+                              "r 10 1",    "r 11 0",      "r -1 0"};
+  for (const char* row : rows) {
+    std::istringstream in(row);
+    std::string check, value;
+    bool ok;
+    in >> check >> value >> ok;
+    const int n = std::atoi(value.c_str());
+    const char* option = check == "b"   ? "read_buffer_size"
+                         : check == "l" ? "cvd_sdk_log_level"
+                         : check == "r" ? "retry_count"
+                                        : "compression_level";
+    Log_Capture log;
+    EXPECT_EQ(check == "b"   ? check_buffer_size(d, n, option)
+              : check == "l" ? check_cvd_sdk_log_level(d, value)
+              : check == "r" ? check_range(d, n, option, 0, 10)
+                             : check_compression_level(d, std::stoi(check), n),
+              ok)
+        << row;
+    EXPECT_EQ(messages(log), ok ? ""
+                                : "Invalid value '" + value + "' of option '" + option +
+                                      "' of CAS job(uuid=j-1, name=nightly).\n");
+    EXPECT_EQ(log.count(LM_ERROR), ok ? 0u : 1u);
+  }
+}
+
+// Result handlers record VMs while a servant's disk workers count their progress.
+TEST(Executor_Base, ConcurrentUpdatesAddUp) {
+  VM_Results results;
+  VM_Progress_Info progress{};
+  constexpr int threads = 4, vms = 4000;
+  for (int i = 0; i < vms; ++i)
+    ASSERT_TRUE(results.add(std::to_string(i), {"cvk-1", "n", 0, 0, 0, false}));
+  std::vector<std::thread> pool;
+  for (int t = 0; t < threads; ++t)
+    pool.emplace_back([&, t] {
+      for (int chunk = 0; chunk < 1000000; ++chunk)
+        progress.add_processed_size(256);
+      for (int i = t; i < vms; i += threads) {  // odd VMs fail
+        EXPECT_TRUE(results.record(std::to_string(i), i % 2 == 0, 1, 2, 3));
+        progress.add_processed_virtual_disk();
+      }
+    });
+  for (auto& t : pool)
+    t.join();
+  EXPECT_EQ(std::tuple(results.succeeded(), results.storage_size(), results.source_size(),
+                       results.set_size()),
+            std::tuple(vms / 2, vms / 2 * 1ull, vms / 2 * 2ull, vms / 2 * 3ull));
+  EXPECT_EQ(std::tuple(progress.processed_size, progress.processed_virtual_disk),
+            std::tuple(threads * 256000000ull, vms));
+  Log_Capture log;
+  EXPECT_FALSE(results.add("1", {}) || results.record("x", true, 1, 1, 1));
+  EXPECT_EQ(messages(log),
+            "VM '1' is listed twice in the job.\nA result for VM 'x', which is not in the job.\n");
+  int succeeded = 0;
+  std::uint64_t size = 0;  // sizes of failed VMs stay 0
+  for (const auto& e : results.eject())
+    succeeded += e["succeed"].get<bool>(), size += e["size"].get<std::uint64_t>();
+  EXPECT_EQ(std::tuple(succeeded, size), std::tuple(vms / 2, vms * 1ull));
 }
 
 }  // namespace
