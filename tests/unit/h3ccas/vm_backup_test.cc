@@ -152,14 +152,11 @@ class Flow : public Cas_Peer {
   }
   void tree(const S& root) { peer_.set("GET " + snap, P::json(R"({"snapshot":)" + root + "}")); }
   void detail(const S& status, const S& format) {
-    peer_.set("GET /cas/casrs/vm/detail/7",
-              P::json(R"({"status":")" + status +
-                      R"(","basic":{},"cpu":{"cpuSockets":"1",)"
-                      R"("cpuCores":"1"},"memory":{"size":"1024"},"storage":{"device":"disk",)"
-                      R"("deviceName":"vda","fileType":"file","path":"/img/a","format":")" +
-                      format +
-                      R"(","targetBus":"virtio","size":"1","allocation":"1","cacheType":)"
-                      R"("none","mode":"1"}})"));
+    JSON_Value d = json(R"({"basic":{},"cpu":{"cpuSockets":"1","cpuCores":"1"},"memory":{}})");
+    d["status"] = status, d["memory"]["size"] = "1024",
+    d["storage"] = disk("/img/a", "file", "1", "1");
+    d["storage"]["format"] = format;
+    peer_.set("GET /cas/casrs/vm/detail/7", P::json(d.dump()));
   }
   std::unique_ptr<Test_Backup> backup() {
     VM_Backup_Params p;
