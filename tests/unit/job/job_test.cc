@@ -194,26 +194,21 @@ TEST_F(Job_Test, StopsRunningAndWaitingJobs) {
 
 TEST_F(Job_Test, ModulesNameTheirJobFactoriesInTheManifest) {
   const S parsers = R"("backup": {"source": "Test_Source_Parser_Creator", "options": )";
-  struct Row {
-    S jobs;
-    bool loads;
-  } rows[] = {
-      {"", false},
-      {R"({"creator": "Nope"})", false},
-      {R"({"creator": "Test_Job_Creator", )" + parsers + R"("Nope"}})", false},
-      {R"({"creator": "Test_Job_Creator", )" + parsers + R"("Test_Options_Parser_Creator"}})",
-       true},
-  };
+  const S creator = R"({"creator": "Test_Job_Creator", )" + parsers;
+  const std::pair<S, bool> rows[] = {{"", false},
+                                     {R"({"creator": "Nope"})", false},
+                                     {creator + R"("Nope"}})", false},
+                                     {creator + R"("Test_Options_Parser_Creator"}})", true}};
   for (const auto& row : rows) {
     JSON_Value manifest = {{"name", "mod"}, {"library", JOB_TEST_MODULE_PATH}};
-    if (!row.jobs.empty())
-      manifest["jobs"] = JSON_Value::parse(row.jobs);
+    if (!row.first.empty())
+      manifest["jobs"] = JSON_Value::parse(row.first);
     write_text_file(dir_.file("m.module.json"), manifest.dump());
     auto module = Module::load(dir_.file("m.module.json"));
     Job_Module jobs;
     ASSERT_TRUE(module);
-    EXPECT_EQ(Job_Module::load(*module, jobs), row.loads) << row.jobs;
-    if (row.loads)
+    EXPECT_EQ(Job_Module::load(*module, jobs), row.second) << row.first;
+    if (row.second)
       runs_.add_module(std::move(jobs));
   }
   // Backup and restore definitions make jobs; no other type does, and a job not running takes no
