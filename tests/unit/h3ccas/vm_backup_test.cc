@@ -431,14 +431,13 @@ TEST_F(Flow, BaseCheck) {
 // A file disk from its allocated blocks in the snapshot, an RBD disk whole, two chunks each; then
 // behind an overlay snapshot only the images it froze.
 TEST_F(Flow, PrepareDisks) {
-  pools("500");
+  const JSON_Value a = disk("/img/a", "file", "8", "1"),
+                   ceph = disk("ceph/img", "network", "2", "2");
   peer_.set("GET /cas/casrs/vm/disk/dataBlock?hostId=1&image=%2Fimg%2Fa&snapshot=snap&vmId=7",
             P::json(R"({"dataBlockInfo":[{"offset":"0","length":"1048576"},)"
                     R"({"offset":"4194304","length":"512"}]})"));
   auto p = plan();
-  p->vm_detail_.storages_ = {disk("/img/a", "file", "8", "1"),
-                             {{"device", "cdrom"}},
-                             disk("ceph/img", "network", "2", "2")};
+  p->vm_detail_.storages_ = {a, {{"device", "cdrom"}}, ceph};
   std::vector<std::shared_ptr<Backup_Plan::Chunk>> chunks;
   Log_Capture log;
   ASSERT_TRUE(p->prepare_disks(2, chunks));
@@ -465,8 +464,7 @@ TEST_F(Flow, PrepareDisks) {
                     R"("backingFile":"ceph/img"},{"device":"cdrom","backingFile":"/img/a"}]})"));
   p = plan();
   p->use_internal_snapshot_ = false;
-  p->vm_detail_.storages_ = {disk("/img/a", "file", "8", "1"),
-                             disk("ceph/img", "network", "2", "2")};
+  p->vm_detail_.storages_ = {a, ceph};
   chunks.clear();
   Log_Capture log2;
   ASSERT_TRUE(p->prepare_disks(1, chunks));
@@ -529,24 +527,20 @@ TEST_F(Flow, StorageQuota) {
   const S short_of =
       "CAS storage pool 'img' available space(free=500.0 MiB, total=1000.0 MiB) "
       "is not enough for backing up VM 'w'.\n";
-  struct Case {
-    const char* free_mib;
-    std::uint64_t bytes;
-    int percent;
-    S log;
-  } const cases[] = {{"0", 0, 0, ""},
-                     {"500", 500ull << 20, 0, short_of},
-                     {"500", 499ull << 20, 50, short_of},
-                     {"500", 499ull << 20, 49, ""}};
-  for (const Case& c : cases) {
-    pools(c.free_mib);
+  const std::tuple<const char*, std::uint64_t, int, S> cases[] = {
+      {"0", 0, 0, ""},
+      {"500", 500ull << 20, 0, short_of},
+      {"500", 499ull << 20, 50, short_of},
+      {"500", 499ull << 20, 49, ""}};
+  for (const auto& [free_mib, bytes, percent, log_text] : cases) {
+    pools(free_mib);
     auto p = plan();
-    p->params_.opts_.storage_reserved_bytes_ = c.bytes;
-    p->params_.opts_.storage_reserved_percent_ = c.percent;
+    p->params_.opts_.storage_reserved_bytes_ = bytes;
+    p->params_.opts_.storage_reserved_percent_ = percent;
     p->vm_detail_.storages_ = {disk("/img/a", "file", "8", "1"), disk("/img/b", "file", "8", "1")};
     Log_Capture log;
-    EXPECT_EQ(p->check_vm_storage_quota(), c.log.empty()) << c.percent;
-    EXPECT_EQ(messages(log), c.log);
+    EXPECT_EQ(p->check_vm_storage_quota(), log_text.empty()) << percent;
+    EXPECT_EQ(messages(log), log_text);
   }
 }
 
