@@ -19,6 +19,8 @@
 namespace h3ccas {
 namespace {
 
+using S = std::string;
+
 struct Handler : Job_Event_Handler {
   bool handle_vm_progress(const std::vector<VM_Job_Progress>&, int, bool) override { return true; }
 };
@@ -27,12 +29,12 @@ struct Probe : Backup_Executor {
   using Backup_Executor::Backup_Executor, Backup_Executor::init, Backup_Executor::resolve_entries;
   using Backup_Executor::resolve_options, Backup_Executor::make_vm_request;
   using Backup_Executor::vm_entries_, Backup_Executor::results_, Backup_Executor::parallel_vms_;
-  std::string entries() const {  // "1/1a 1/1b 2/2c ": CVK/VM
-    std::set<std::string> all;
+  S entries() const {  // "1/1a 1/1b 2/2c ": CVK/VM
+    std::set<S> all;
     for (const auto& [host, vms] : vm_entries_)
       for (const auto& vm : vms)
         all.insert(host + "/" + vm.first + " ");
-    return std::accumulate(all.begin(), all.end(), std::string());
+    return std::accumulate(all.begin(), all.end(), S());
   }
 };
 
@@ -43,10 +45,10 @@ class Backup_Executor_Test : public Cas_Peer {
   void SetUp() override {
     Cas_Peer::SetUp();
     JSON_Value hosts = JSON_Value::array();
-    for (std::string id : {"1", "2", "4"})
+    for (S id : {"1", "2", "4"})
       hosts.push_back({{"id", id}, {"ip", "10.0.0." + id}, {"name", "cvk" + id}, {"status", "1"}});
     peer_.set("/cas/casrs/host", Digest_Peer::json(JSON_Value{{"host", hosts}}.dump()));
-    auto vm = [](const std::string& id, const char* title) {
+    auto vm = [](const S& id, const char* title) {
       JSON_Value v = json(R"({"hostName":"cvk","vmStatus":"running","cpu":"2","memory":"2"})");
       v.update({{"id", id}, {"name", "vm-" + id}, {"title", title}, {"uuid", "uuid-" + id}});
       return v.update({{"hostId", id.substr(0, 1)}}), v;
@@ -56,7 +58,7 @@ class Backup_Executor_Test : public Cas_Peer {
         {"2", JSON_Value::array({vm("2c", "vm-2c")})},
         {"4", JSON_Value::array()}};
     for (const auto& [host, list] : lists)
-      peer_.set(std::string("/cas/casrs/vm/vmList?hostId=") + host + "&sortField=title",
+      peer_.set(S("/cas/casrs/vm/vmList?hostId=") + host + "&sortField=title",
                 Digest_Peer::json(JSON_Value{{"domain", list}}.dump()));
     JSON_Value entry = cvm().dump();
     entry["password"] = encrypt_for_agent(cvm_password);
@@ -82,7 +84,7 @@ class Backup_Executor_Test : public Cas_Peer {
 
   // A backup job of the CVM; `patch` is merged into its options, and its "def" member gives the
   // definition's "subtype" and "retry_count".
-  std::shared_ptr<Job> job(const std::string& source, const std::string& patch = "{}") {
+  std::shared_ptr<Job> job(const S& source, const S& patch = "{}") {
     JSON_Value o = json(R"({"restart_vm":true,"read_buffer_size":1048576,"compression":"zstd",
       "cvd_sdk_log_level":"info","cvd_sdk_network_timeout":5,"compression_level":5,
       "enable_cbt":true,"parallel_vms":8,"parallel_vms_per_host":4,"def":{}})");
@@ -90,7 +92,7 @@ class Backup_Executor_Test : public Cas_Peer {
     auto def = std::make_shared<Job_Definition>();
     def->uid = "j-1", def->name = "nightly", def->type = 1, def->host_id = "cvm-1";
     def->agent = "agent-1", def->target_id = "pool-1", def->max_seconds_retry = 600;
-    const std::string subtype = o["def"].value("subtype", "full");
+    const S subtype = o["def"].value("subtype", "full");
     def->subtype = job_def_subtype_from_string(subtype.c_str(), subtype.size());
     def->retry_count = o["def"].value("retry_count", 0u);
     o.erase("def");
@@ -111,8 +113,8 @@ class Backup_Executor_Test : public Cas_Peer {
 
 TEST_F(Backup_Executor_Test, ResolvesEntriesWithExclusions) {
   const char* const host1 = R"({"type":"HostSystem","id":"1","name":"cvk1"})";
-  const std::string vm = R"({"type":"VirtualMachine","name":"n","title":"t",)";
-  const std::tuple<std::string, const char*, const char*> cases[] = {
+  const S vm = R"({"type":"VirtualMachine","name":"n","title":"t",)";
+  const std::tuple<S, const char*, const char*> cases[] = {
       // source, VMs, a message it logs
       {R"({"entries":[{"type":"cas"}]})", "1/1a 1/1b 2/2c ",
        "2 VMs are to be backed up on CVK 'cvk1'.\n1 VM is to be backed up on CVK 'cvk2'.\n"},
@@ -142,7 +144,7 @@ TEST_F(Backup_Executor_Test, ResolvesEntriesWithExclusions) {
     ASSERT_TRUE(e.init());
     EXPECT_EQ(e.resolve_entries(), *vms != 0) << source;
     EXPECT_EQ(e.entries(), vms) << source;
-    EXPECT_NE(messages(log).find(message), std::string::npos) << source << "\n" << messages(log);
+    EXPECT_NE(messages(log).find(message), S::npos) << source << "\n" << messages(log);
   }
 }
 
@@ -168,13 +170,12 @@ TEST_F(Backup_Executor_Test, RefusesBadOptionsOnce) {
     ASSERT_TRUE(e.init() && e.resolve_entries());
     Log_Capture log;
     EXPECT_FALSE(e.resolve_options()) << patch;
-    const std::string j1 = "CAS job(uuid=j-1, name=nightly)";
+    const S j1 = "CAS job(uuid=j-1, name=nightly)";
     EXPECT_EQ(messages(log).substr(messages(log).find('\n') + 1),
-              value ? "Invalid value '" + std::string(value) + "' of option '" + option + "' of " +
-                          j1 + ".\n"
+              value ? "Invalid value '" + S(value) + "' of option '" + option + "' of " + j1 + ".\n"
                     : "Invalid options in CAS backup job(uuid=j-1, name=nightly) definition: "
                       "missing key '" +
-                          std::string(option) + "'.\n");
+                          S(option) + "'.\n");
   }
 }
 
@@ -223,7 +224,7 @@ TEST_F(Backup_Executor_Test, CountsServantResults) {
       result("b", R"({"code":3})"), result("c", unrecognized), result("d", nullptr),
       (j->state_i(JOB_STOPPED), result("e", R"({"code":3})"))};
   EXPECT_EQ(codes, (std::vector<int>{0, 2, 1, 1, 1}));
-  EXPECT_TRUE(log.contains("Unrecognized CAS VM backup response: " + std::string(unrecognized)));
+  EXPECT_TRUE(log.contains("Unrecognized CAS VM backup response: " + S(unrecognized)));
   EXPECT_EQ(std::tuple(e.results_.succeeded(), e.results_.storage_size(), e.results_.source_size(),
                        e.results_.set_size()),
             std::tuple(1, 1ull, 20ull, 300ull));
@@ -239,7 +240,7 @@ TEST_F(Backup_Executor_Test, FailedServantsFailTheJobAndStopsCancelIt) {
   EXPECT_EQ(j->state(), JOB_FAILED);
   EXPECT_TRUE(log.contains("CAS VM backup result (succeeded/total): 0/3.\n")) << log.text();
   EXPECT_EQ(log.count(LM_EMERGENCY), 3u) << log.text();  // no response, once per VM
-  std::string outcomes;
+  S outcomes;
   const JSON_Value result = j->result();
   for (const auto& vm : result["h3c-cas"])
     outcomes += vm["succeed"].dump() + " ";
@@ -255,13 +256,13 @@ TEST_F(Backup_Executor_Test, FailedServantsFailTheJobAndStopsCancelIt) {
   ASSERT_EQ(stopped->start(), 0);
   stopped->wait();
   EXPECT_EQ(stopped->state(), JOB_STOPPED);
-  EXPECT_EQ(log2.text().find("servant"), std::string::npos) << log2.text();
+  EXPECT_EQ(log2.text().find("servant"), S::npos) << log2.text();
 }
 
 using job_test::g_cv, job_test::g_mutex;
-std::vector<std::string> g_events;  // "<uid> body", "<uid> waits"
+std::vector<S> g_events;  // "<uid> body", "<uid> waits"
 
-void note(const std::string& event) {
+void note(const S& event) {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_events.push_back(event);
   g_cv.notify_all();
@@ -288,13 +289,13 @@ TEST(Executor_Base, JobsOfOneCvmRunOneAtATime) {
   Temp_Dir root;
   Scoped_Env root_env("BRIMLET_ROOT", root.path());
   std::vector<std::shared_ptr<Job>> jobs;
-  auto run = [&](const std::string& uid, const std::string& cvm, const std::string& awaited) {
+  auto run = [&](const S& uid, const S& cvm, const S& awaited) {
     auto def = std::make_shared<Job_Definition>();
     def->uid = uid, def->type = 1, def->host_id = cvm;
     def->source = std::make_shared<job_test::Test_Source>();
     jobs.push_back(std::make_shared<Controllable_Job_T<Test_Executor>>(def));
     jobs.back()->set_event_handler(std::make_shared<Handler>());
-    jobs.back()->set_log_callback([uid](const std::string& line) {
+    jobs.back()->set_log_callback([uid](const S& line) {
       if (line.find("Waiting for other jobs of this CAS(cvm-1) to be completed.\n") != line.npos)
         note(uid + " waits");
       if (line.find("Invalid value '23' of option 'compression_level'") != line.npos)
@@ -318,8 +319,8 @@ TEST(Executor_Base, JobsOfOneCvmRunOneAtATime) {
   run("next", "cvm-1", "next body");
   for (auto& job : jobs)
     job->wait();
-  EXPECT_EQ(g_events, (std::vector<std::string>{"hold body", "second waits", "other-cvm body",
-                                                "bad refused", "next body"}));
+  EXPECT_EQ(g_events, (std::vector<S>{"hold body", "second waits", "other-cvm body", "bad refused",
+                                      "next body"}));
   std::vector<int> states;
   for (auto& job : jobs)
     states.push_back(job->state());
@@ -338,7 +339,7 @@ TEST(Executor_Base, OptionChecks) {
                               "r 10 1",    "r 11 0",      "r -1 0"};
   for (const char* row : rows) {
     std::istringstream in(row);
-    std::string check, value;
+    S check, value;
     bool ok;
     in >> check >> value >> ok;
     const int n = std::atoi(value.c_str());
@@ -397,7 +398,7 @@ TEST(Executor_Base, ConcurrentUpdatesAddUp) {
 
 // Definitions parsed by the module loaded through its manifest, and run by the agent's jobs.
 TEST(Cas_Job_Defs, PartsAreKeptWholeGeneratedBackAndRun) {
-  auto module = Module::load(std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json");
+  auto module = Module::load(S(BRIMLET_LIB_DIR) + "/h3ccas.module.json");
   Job_Module jobs;
   ASSERT_TRUE(module && Job_Module::load(*module, jobs));
   Temp_Dir dir;
@@ -405,8 +406,8 @@ TEST(Cas_Job_Defs, PartsAreKeptWholeGeneratedBackAndRun) {
   Job_Runs runs;
   runs.add_module(jobs);
   // A part of a type the module has no parser for finds a null creator.
-  auto parse = [&](const std::string& text, Job_Definition& def) {
-    std::string error;
+  auto parse = [&](const S& text, Job_Definition& def) {
+    S error;
     def.parse(
         text, [&](auto& d, const char* part) { return jobs.parsers[d.type][part].get(); }, error);
     return error;
@@ -429,19 +430,18 @@ TEST(Cas_Job_Defs, PartsAreKeptWholeGeneratedBackAndRun) {
     const auto& source = dynamic_cast<const Opts_Src_Base&>(*def.source);
     const auto& options = dynamic_cast<const Opts_Src_Base&>(*def.options);
     EXPECT_EQ(std::tie(source.value(), options.value()), std::tie(in["source"], in["options"]));
-    const std::string generated = def.generate();
+    const S generated = def.generate();
     JSON_Value out = JSON_Value::parse(generated, nullptr, false);
     EXPECT_EQ(std::tie(out["source"], out["options"]), std::tie(in["source"], in["options"]));
     JSON_Value run, status, log;
-    std::string error;
+    S error;
     ASSERT_TRUE(runs.run(in.dump(), run, error) && runs.wait(run["run_id"]) &&
                 runs.status(run["run_id"], status, error) && runs.log(run["run_id"], 0, log, error))
         << error;
     EXPECT_EQ(status["state"], "failed");
     // The backup runs until it looks for its CVM, which nobody serves here.
-    const std::string line =
-        backup ? "Failed to get CVM info, uuid = .\n" : "cannot run CAS restore jobs.\n";
-    EXPECT_NE(log["text"].get<std::string>().find(line), std::string::npos) << log["text"];
+    const S line = backup ? "Failed to get CVM info, uuid = .\n" : "cannot run CAS restore jobs.\n";
+    EXPECT_NE(log["text"].get<S>().find(line), S::npos) << log["text"];
   }
   // Refusals: a number no JSON value holds, a generator that is done.
   Job_Definition def;
