@@ -327,13 +327,14 @@ TEST_F(Cas_Peer, BrokenSendsOfTheSession) {
 
 // Each operation's one request as the CVM gets it, whether it polls its task, and all it logs.
 TEST_F(Cas_Peer, StateAndBlockOperations) {
-  const S cbt = "/cas/casrs/vm/disk/changedBlockTracker", vm_del = "DELETE /cas/casrs/vm/delete/7";
+  const S cbt = "vm/disk/changedBlockTracker", vm_del = "DELETE vm/delete/7 ",
+          del = "Deleting CAS VM(id=7).\n";
   const auto failed = [](const char* task, const char* why = "busy") {
     return "Failed to " + S(task) + " on CAS '127.0.0.1', error: '" + why + "'.\n";
   };
-  const auto cas_error = [&](const char* code) {
-    return "CAS request '" + vm_del + "' returns error, http status = 500, error code = '" + code +
-           "', message = ''.\n";
+  const auto cas_error = [](const char* code) {
+    return S("CAS request 'DELETE /cas/casrs/vm/delete/7' returns error, http status = 500, ") +
+           "error code = '" + code + "', message = ''.\n";
   };
   const auto snap_body = [](const char* no_stop, const char* mem, const char* mode) {
     return S(R"({"keepBitmap":"true","name":"s","noStopVirtSnapMem":")") + no_stop +
@@ -349,58 +350,55 @@ TEST_F(Cas_Peer, StateAndBlockOperations) {
   const auto err = [](const char* code) { return P::Answer{500, "{}", {{"Error-Code", code}}}; };
   struct Case {
     std::function<bool(RESTful_Client&)> call;
-    S request;  // "METHOD target body"
+    S request;  // "METHOD target body", the target under /cas/casrs/
     char task;  // its one poll gets: 'd' done, 'b' failed "busy", 'n' failed "null"; 0: no poll
     bool ok;
     S log;
     P::Answer answer = P::json(R"({"msgId":"42"})");
   } const cases[] = {
       {[](auto& c) { return c.create_snapshot("7", "w", "s", true, false, true, 30); },
-       "POST /cas/casrs/vm/snapshot " + snap_body("false", "true", "1"), 'd', true,
+       "POST vm/snapshot " + snap_body("false", "true", "1"), 'd', true,
        "Creating internal snapshot 's' for CAS VM 'w'.\n"},
       {[](auto& c) { return c.create_snapshot("7", "w", "s", false, true, false, 30); },
-       "POST /cas/casrs/vm/snapshot " + snap_body("true", "false", "2"), 'b', false,
+       "POST vm/snapshot " + snap_body("true", "false", "2"), 'b', false,
        "Creating external snapshot 's' for CAS VM 'w'.\n" + failed("create_snapshot")},
       {[](auto& c) { return c.delete_snapshot("7", "w", "s"); },
-       "DELETE /cas/casrs/vm/snapshot/7/s?tidyVmImages=false ", 'b', false,
+       "DELETE vm/snapshot/7/s?tidyVmImages=false ", 'b', false,
        "Deleting snapshot 's' for CAS VM 'w'.\n" + failed("delete_snapshot") +
            "Failed to delete snapshot 's' of CAS VM 'w'.\n"},
       {[&](auto& c) { return c.get_disk_blocks("1", "7", "/a b", "s", got_blocks); },
-       "GET /cas/casrs/vm/disk/dataBlock?hostId=1&image=%2Fa%20b&snapshot=s&vmId=7 ", 0, true,
+       "GET vm/disk/dataBlock?hostId=1&image=%2Fa%20b&snapshot=s&vmId=7 ", 0, true,
        "Getting allocated blocks of disk '/a b' (snapshot='s').\n", blocks},
       {[&](auto& c) { return c.get_disk_blocks("1", "7", "/a", "", got_blocks); },
-       "GET /cas/casrs/vm/disk/dataBlock?hostId=1&image=%2Fa&vmId=7 ", 0, false,
+       "GET vm/disk/dataBlock?hostId=1&image=%2Fa&vmId=7 ", 0, false,
        "Getting allocated blocks of disk '/a' (snapshot='').\n"
        "Invalid CAS disk block(offset=x, length=1).\n",
        P::json(R"({"dataBlockInfo":[{"offset":"1","length":"2"},{"offset":"x","length":"1"}]})")},
       {[&](auto& c) { return c.get_changed_blocks("7", "/a", "cbt", "s", got_blocks); },
-       "GET /cas/casrs/vm/disk/changedBlock?name=cbt&snapshotName=s&srcPath=%2Fa&vmId=7 ", 0, true,
+       "GET vm/disk/changedBlock?name=cbt&snapshotName=s&srcPath=%2Fa&vmId=7 ", 0, true,
        "Getting changed blocks of disk '/a' (CBTer='cbt', snapshot='s').\n", blocks},
-      {[&](auto& c) { return c.create_vm("w", w2, vm_id); },
-       R"(POST /cas/casrs/vm/add {"cpu":2,"name":"w"})", 'd', true,
-       "Creating CAS VM 'w', parameters:\n{\n  \"cpu\": 2,\n  \"name\": \"w\"\n}\n"},
-      {[&](auto& c) { return c.create_storage_volume(THIN, n1); },
-       R"(POST /cas/casrs/storage/volume {"n":1})", 0, true,
-       "Creating storage volume:\n{\n  \"n\": 1\n}\n"},
+      {[&](auto& c) { return c.create_vm("w", w2, vm_id); }, R"(POST vm/add {"cpu":2,"name":"w"})",
+       'd', true, "Creating CAS VM 'w', parameters:\n{\n  \"cpu\": 2,\n  \"name\": \"w\"\n}\n"},
+      {[&](auto& c) { return c.create_storage_volume(THIN, n1); }, R"(POST storage/volume {"n":1})",
+       0, true, "Creating storage volume:\n{\n  \"n\": 1\n}\n"},
       {[&](auto& c) { return c.create_storage_volume(EAGER_ZEROED, n1); },
-       R"(POST /cas/casrs/storage/volume {"n":1})", 'b', false,
+       R"(POST storage/volume {"n":1})", 'b', false,
        "Creating storage volume:\n{\n  \"n\": 1\n}\n" + failed("create_storage_volume")},
       {[](auto& c) { return c.delete_storage_volume("1", "p0", "v"); },
-       "DELETE /cas/casrs/storage/volume/delete/1/p0/v ", 0, true,
+       "DELETE storage/volume/delete/1/p0/v ", 0, true,
        "Deleting storage volume 'v' on pool 'p0' on CVK id=1.\n"},
-      {[&](auto& c) { return c.create_disk("7", "w", n1); },
-       R"(PUT /cas/casrs/vm/addDevice {"n":1})", 'b', false,
+      {[&](auto& c) { return c.create_disk("7", "w", n1); }, R"(PUT vm/addDevice {"n":1})", 'b',
+       false,
        "Creating disk for CAS VM(id=7) 'w', disk parameters:\n{\n  \"n\": 1\n}\n" +
            failed("create_disk")},
       // A VM that CAS no longer knows, or whose deletion "fails" with the text null, is gone.
-      {[](auto& c) { return c.delete_vm("7"); }, vm_del + " ", 0, true,
-       "Deleting CAS VM(id=7).\n" + cas_error("1001"), err("1001")},
-      {[](auto& c) { return c.delete_vm("7"); }, vm_del + " ", 0, false,
-       "Deleting CAS VM(id=7).\n" + cas_error("1002"), err("1002")},
-      {[](auto& c) { return c.delete_vm("7"); }, vm_del + " ", 'n', true,
-       "Deleting CAS VM(id=7).\n" + failed("delete_vm", "null")},
-      {[](auto& c) { return c.delete_vm("7"); }, vm_del + " ", 'b', false,
-       "Deleting CAS VM(id=7).\n" + failed("delete_vm")},
+      {[](auto& c) { return c.delete_vm("7"); }, vm_del, 0, true, del + cas_error("1001"),
+       err("1001")},
+      {[](auto& c) { return c.delete_vm("7"); }, vm_del, 0, false, del + cas_error("1002"),
+       err("1002")},
+      {[](auto& c) { return c.delete_vm("7"); }, vm_del, 'n', true,
+       del + failed("delete_vm", "null")},
+      {[](auto& c) { return c.delete_vm("7"); }, vm_del, 'b', false, del + failed("delete_vm")},
       {[](auto& c) { return c.create_CBTer("w", "cbt"); },
        "POST " + cbt + "?name=cbt&subordinateOnly=true&vmName=w ", 'b', false,
        "Creating CBTer 'cbt' for CAS VM 'w'.\n" + failed("create_cbt")},
@@ -415,9 +413,9 @@ TEST_F(Cas_Peer, StateAndBlockOperations) {
       {[](auto& c) { return c.delete_CBTer("w", "cbt"); },
        "DELETE " + cbt + "?isRegex=false&name=cbt&vmName=w ", 'b', false,
        "Deleting CBTer 'cbt' for CAS VM 'w'.\n" + failed("delete_CBTer")},
-      {[](auto& c) { return c.start_vm("7", "w"); }, "PUT /cas/casrs/vm/start/7 ", 'd', true,
+      {[](auto& c) { return c.start_vm("7", "w"); }, "PUT vm/start/7 ", 'd', true,
        "Setting CAS VM 'w' state to 'start'.\n"},
-      {[](auto& c) { return c.stop_vm("7", "w"); }, "PUT /cas/casrs/vm/stop/7 ", 'b', false,
+      {[](auto& c) { return c.stop_vm("7", "w"); }, "PUT vm/stop/7 ", 'b', false,
        "Setting CAS VM 'w' state to 'stop'.\n" + failed("set_vm_state")},
   };
   const std::map<char, S> progress = {
@@ -426,10 +424,10 @@ TEST_F(Cas_Peer, StateAndBlockOperations) {
       {'n', R"({"completed":"true","result":"1","failMsg":"null"})"}};
   Test_Client client(cvm());
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.request);
+    const S request = S(c.request).insert(c.request.find(' ') + 1, "/cas/casrs/");
+    SCOPED_TRACE(request);
     // Routed by method and path.
-    peer_.set(c.request.substr(0, c.request.find_first_of("? ", c.request.find(' ') + 1)),
-              c.answer);
+    peer_.set(request.substr(0, request.find_first_of("? ", request.find(' ') + 1)), c.answer);
     peer_.set("/cas/casrs/message/42", P::json(progress.at(c.task ? c.task : 'b')));
     std::size_t before = peer_.seen().accepted.size();
     Log_Capture log;
@@ -439,7 +437,7 @@ TEST_F(Cas_Peer, StateAndBlockOperations) {
     auto accepted = peer_.seen().accepted;
     for (std::size_t i = before; i < accepted.size(); ++i)
       sent += accepted[i].method + " " + accepted[i].target + " " + accepted[i].body + "\n";
-    EXPECT_EQ(sent, c.request + "\n" + (c.task ? "GET /cas/casrs/message/42 \n" : ""));
+    EXPECT_EQ(sent, request + "\n" + (c.task ? "GET /cas/casrs/message/42 \n" : ""));
   }
   // Blocks are appended in the CVM's order up to a bad one; the CBTer's images are replaced.
   S text;
