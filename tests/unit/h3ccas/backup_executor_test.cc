@@ -48,18 +48,16 @@ class Backup_Executor_Test : public Cas_Peer {
     for (S id : {"1", "2", "4"})
       hosts.push_back({{"id", id}, {"ip", "10.0.0." + id}, {"name", "cvk" + id}, {"status", "1"}});
     peer_.set("/cas/casrs/host", Digest_Peer::json(JSON_Value{{"host", hosts}}.dump()));
-    auto vm = [](const S& id, const char* title) {
-      JSON_Value v = json(R"({"hostName":"cvk","vmStatus":"running","cpu":"2","memory":"2"})");
-      v.update({{"id", id}, {"name", "vm-" + id}, {"title", title}, {"uuid", "uuid-" + id}});
-      return v.update({{"hostId", id.substr(0, 1)}}), v;
+    auto vm = [](const S& id, const S& title) {
+      return R"({"hostName":"cvk","vmStatus":"running","cpu":"2","memory":"2","id":")" + id +
+             R"(","name":"vm-)" + id + R"(","title":")" + title + R"(","uuid":"uuid-)" + id +
+             R"(","hostId":")" + id.substr(0, 1) + "\"}";
     };
-    const std::pair<const char*, JSON_Value> lists[] = {
-        {"1", JSON_Value::array({vm("1a", "web"), vm("1b", "db")})},
-        {"2", JSON_Value::array({vm("2c", "vm-2c")})},
-        {"4", JSON_Value::array()}};
-    for (const auto& [host, list] : lists)
-      peer_.set(S("/cas/casrs/vm/vmList?hostId=") + host + "&sortField=title",
-                Digest_Peer::json(JSON_Value{{"domain", list}}.dump()));
+    for (const auto& [host, list] : {std::pair<S, S>{"1", vm("1a", "web") + "," + vm("1b", "db")},
+                                     {"2", vm("2c", "vm-2c")},
+                                     {"4", ""}})
+      peer_.set("/cas/casrs/vm/vmList?hostId=" + host + "&sortField=title",
+                Digest_Peer::json(R"({"domain":[)" + list + "]}"));
     JSON_Value entry = cvm().dump();
     entry["password"] = encrypt_for_agent(cvm_password);
     server_.route(HTTP_Method::GET, server_api::cvm_route,
