@@ -46,11 +46,10 @@ struct Test_Executor : Job_Executor_T<Test_Source, Test_Options> {
       vms.push_back({name, name, "running", 10, 5});
     handler_.handle_vm_progress(vms, 1, false);
     if (o.value("block", false)) {
-      {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        ++g_blocked;
-      }
+      std::unique_lock<std::mutex> lock(g_mutex);
+      ++g_blocked;
       g_cv.notify_all();
+      lock.unlock();
       job_.wait_state(std::chrono::hours(1), [](int s) { return s == JOB_STOPPED; });
       return false;
     }
