@@ -70,9 +70,9 @@ bool Stack::start_server_and_agent(const std::vector<std::string>& agent_env) {
   JSON_Value conf = {{"listen", "127.0.0.1:0"}, {"backup_server", server}};
   conf.update({{"host_id_file", etc + "/host_id"}, {"log_file", dir_.file("agent.log")}});
   conf["modules"] = JSON_Value::array({std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json"});
-  write_text_file(etc + "/h3c-cas/servant/svc.conf",
-                  JSON_Value{{"modules", conf["modules"]}, {"log_file", dir_.file("servant.log")}}
-                      .dump(2));
+  write_text_file(
+      etc + "/h3c-cas/servant/svc.conf",
+      JSON_Value{{"modules", conf["modules"]}, {"log_file", dir_.file("servant.log")}}.dump(2));
   for (auto [name, text] : {std::pair{"/cli.json", JSON_Value{{"backup_server", admin}}.dump(2)},
                             std::pair{"/agent.json", conf.dump(2)}}) {
     write_text_file(etc + name, text);
