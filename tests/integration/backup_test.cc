@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <regex>
+#include <set>
 
 namespace {
 
@@ -28,6 +30,20 @@ std::string leftovers(const Test_Stack& stack) {
   return out;
 }
 
+// The objects under `dir`, sorted, with their times as "T".
+std::string objects(const std::string& dir) {
+  std::set<std::string> names;
+  std::error_code ec;
+  for (const auto& e : std::filesystem::recursive_directory_iterator(dir, ec))
+    if (e.is_regular_file())
+      names.insert(std::regex_replace(std::filesystem::relative(e.path(), dir).string(),
+                                      std::regex("_[0-9]{14}_"), "_T_"));
+  std::string out;
+  for (const auto& n : names)
+    out += n + "\n";
+  return out;
+}
+
 // Bytes of the files under `dir`.
 std::uintmax_t stored_bytes(const std::string& dir) {
   std::uintmax_t total = 0;
@@ -50,7 +66,8 @@ TEST(Backup, FullThenIncrementalOfARunningVm) {
   ASSERT_NE(port, 0);
   ASSERT_TRUE(stack.start_server_and_agent(
       {"CVD_SIM_ADDRESS_MAP=*=127.0.0.1:" + std::to_string(stack.cvd_port("sim"))}));
-  ASSERT_FALSE(stack.add_cvm("lab", port, "admin", "Adm1n pass").empty());
+  std::string cvm = stack.add_cvm("lab", port, "admin", "Adm1n pass");
+  ASSERT_FALSE(cvm.empty());
   std::string pool = stack.dir().path() + "/pool";
   Run_Result r = stack.cli({"pool", "add", "--name", "nas", "--url", "file://" + pool});
   ASSERT_EQ(r.exit_code, 0) << r.err;
@@ -59,6 +76,12 @@ TEST(Backup, FullThenIncrementalOfARunningVm) {
   ASSERT_EQ(r.exit_code, 0) << r.err << r.out;
   std::uintmax_t full_bytes = stored_bytes(pool);
   EXPECT_GT(full_bytes, 8u << 20);
+  // The pool holds the CVM's objects by host and VM: an image per disk and the VM's configuration.
+  std::string vm_dir = cvm + "/cvk01/web01/";
+  std::string full_objects = vm_dir + "_vms_images_web01-vda_T_full_0.zst\n" + vm_dir +
+                             "_vms_images_web01-vdb_T_full_0.zst\n" + vm_dir +
+                             "vm_config_T_full.json.zst\n";
+  EXPECT_EQ(objects(pool), full_objects);
   EXPECT_EQ(leftovers(stack),
             "[]\n/vms/images/web01-vda Brimlet5_full\n/vms/images/web01-vdb Brimlet5_full");
 
@@ -68,6 +91,12 @@ TEST(Backup, FullThenIncrementalOfARunningVm) {
   ASSERT_EQ(r.exit_code, 0) << r.err << r.out;
   std::uintmax_t increment = stored_bytes(pool) - full_bytes;
   EXPECT_GT(increment, 0u);
+  EXPECT_EQ(objects(pool), vm_dir + "_vms_images_web01-vda_T_full_0.zst\n" + vm_dir +
+                               "_vms_images_web01-vda_T_incremental_0.zst\n" + vm_dir +
+                               "_vms_images_web01-vdb_T_full_0.zst\n" + vm_dir +
+                               "_vms_images_web01-vdb_T_incremental_0.zst\n" + vm_dir +
+                               "vm_config_T_full.json.zst\n" + vm_dir +
+                               "vm_config_T_incremental.json.zst\n");
   EXPECT_LT(increment, full_bytes / 4);
   EXPECT_EQ(leftovers(stack),
             "[]\n/vms/images/web01-vda Brimlet5_incremental\n"
