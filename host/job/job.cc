@@ -98,6 +98,16 @@ int Job::start(const Job_Args* args) {
   return 0;
 }
 
+int Job::stop(const Job_Args* args) {
+  if (stop_i(args) != 0)
+    return -1;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (Job_Activity* act = activity_.get();
+      act && running_ && (state_ == JOB_STOPPED || state_ == JOB_ABORTED))
+    act->state = Job_Activity::cancelled;
+  return 0;
+}
+
 int Job::update_i(std::shared_ptr<const Job_Definition> def) {
   if (is_running())
     return -1;
@@ -204,12 +214,14 @@ void Job::complete(bool ok) {
         state_ != JOB_INACTIVE)
       state_ = ok ? JOB_SUCCEEDED : JOB_FAILED;
     final_state = state_;
-  }
-  if (Job_Activity* act = activity_.get()) {
-    act->state = final_state == JOB_STOPPED || final_state == JOB_ABORTED ? Job_Activity::cancelled
-                 : ok && final_state != JOB_FAILED                        ? Job_Activity::completed
-                                                                          : Job_Activity::failed;
-    act->end_time = act->last_run_time = std::time(nullptr);
+    // Under the lock, so that a stop request does not overwrite the final state.
+    if (Job_Activity* act = activity_.get()) {
+      act->state = final_state == JOB_STOPPED || final_state == JOB_ABORTED
+                       ? Job_Activity::cancelled
+                   : ok && final_state != JOB_FAILED ? Job_Activity::completed
+                                                     : Job_Activity::failed;
+      act->end_time = act->last_run_time = std::time(nullptr);
+    }
   }
   {
     std::lock_guard<std::mutex> lock(mutex_);

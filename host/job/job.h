@@ -62,7 +62,9 @@ class Job {
   // (start_i). -1 after one log line when the job is running already or cannot start.
   int start(const Job_Args* args = nullptr);
   // Requests; 0 when taken, -1 when this kind of job does not support it.
-  int stop(const Job_Args* args = nullptr) { return stop_i(args); }
+  // A run being stopped is cancelled in its activity record at once, so that its servants and
+  // readers of the record need not wait for it to wind down.
+  int stop(const Job_Args* args = nullptr);
   int pause(const Job_Args* args = nullptr) { return pause_i(args); }
   int resume(const Job_Args* args = nullptr) { return resume_i(args); }
   int abort(const Job_Args* args = nullptr) { return abort_i(args); }

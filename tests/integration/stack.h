@@ -24,8 +24,11 @@ class Stack {
   std::uint16_t start_sim(const std::string& name, const std::string& world_file,
                           const std::string& tls_cert = "", const std::string& tls_key = "");
   // brimlet-server and the agent, with its key in agent.json, and an administrator's key in
-  // cli.json (both 0600).
-  bool start_server_and_agent();
+  // cli.json (both 0600); the servants' svc.conf and libcvd.so where the module looks for them.
+  // `agent_env` is added to the agent's environment (its servants inherit it).
+  bool start_server_and_agent(const std::vector<std::string>& agent_env = {});
+  // The port of a simulator's disk service (0 when unknown).
+  std::uint16_t cvd_port(const std::string& name) const;
   // The CLI with BRIMLET_ROOT set; `input` on its stdin.
   Run_Result cli(const std::vector<std::string>& args, const std::string& input = "") const;
   // `brimlet cvm add` of a CVM at 127.0.0.1:port; the uuid ("" on failure).
@@ -52,6 +55,7 @@ class Stack {
   Report report_;
   Temp_Dir dir_;
   std::map<std::string, std::pair<std::uint16_t, std::unique_ptr<Test_Process>>> sims_;
+  std::map<std::string, std::uint16_t> cvd_ports_;
   Test_Process server_, agent_;
   std::uint16_t agent_port_ = 0;
   std::string agent_key_;

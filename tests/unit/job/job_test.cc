@@ -168,14 +168,21 @@ TEST_F(Job_Test, StopsRunningAndWaitingJobs) {
   EXPECT_EQ(std::tuple(st["state"], st["succeeded"]), std::tuple("stopped", false));
   EXPECT_NE(st["log_text"].get<S>().find("Waiting.\n"), S::npos);
   EXPECT_NE(st["log_text"].get<S>().find("was stopped.\n"), S::npos);
+  // Servants find the run in the job's activity record, cancelled from the request on.
+  Job_Activity_Handle act;
+  ASSERT_TRUE(open_job_activity(act, "j1", false));
+  g_hold = true;
   ASSERT_TRUE(runs_.stop(first, error_));
+  EXPECT_EQ(std::tuple(act->state, act->end_time), std::tuple(Job_Activity::cancelled, 0));
+  {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_hold = false;
+  }
+  g_cv.notify_all();
   st = finish(first);
   EXPECT_EQ(st["state"], "stopped");
   EXPECT_FALSE(runs_.stop(first, error_));
   EXPECT_EQ(error_, "run '" + first + "' has ended");
-  // Servants find the run in the job's activity record.
-  Job_Activity_Handle act;
-  ASSERT_TRUE(open_job_activity(act, "j1", false));
   EXPECT_EQ(std::tuple(act->state, Job_Activity::text(act->run_id), act->last_run_time),
             std::tuple(Job_Activity::cancelled, first, act->end_time));
   EXPECT_NE(act->end_time, 0);

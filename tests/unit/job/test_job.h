@@ -25,6 +25,7 @@ struct Test_Options : Job_Options {
 inline std::mutex g_mutex;
 inline std::condition_variable g_cv;
 inline int g_blocked = 0;
+inline bool g_hold = false;  // a stopped "block" run waits while this is set
 
 // Options: "vms" (names reported running, then completed), "fail", "block" (until stopped),
 // "mutex" (taken first, as executors take their entry's).
@@ -51,6 +52,8 @@ struct Test_Executor : Job_Executor_T<Test_Source, Test_Options> {
       g_cv.notify_all();
       lock.unlock();
       job_.wait_state(std::chrono::hours(1), [](int s) { return s == JOB_STOPPED; });
+      std::unique_lock<std::mutex> lock(g_mutex);
+      g_cv.wait(lock, [] { return !g_hold; });
       return false;
     }
     for (auto& vm : vms)
