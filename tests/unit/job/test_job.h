@@ -52,7 +52,7 @@ struct Test_Executor : Job_Executor_T<Test_Source, Test_Options> {
       g_cv.notify_all();
       lock.unlock();
       job_.wait_state(std::chrono::hours(1), [](int s) { return s == JOB_STOPPED; });
-      std::unique_lock<std::mutex> lock(g_mutex);
+      lock.lock();
       g_cv.wait(lock, [] { return !g_hold; });
       return false;
     }
