@@ -1,5 +1,6 @@
 // brimlet-agent: loads modules from their manifests and serves their JSON-RPC methods over HTTP.
 #include "host/catalog/server_api.h"
+#include "host/core/command_line.h"
 #include "host/core/crypto.h"
 #include "host/core/identity.h"
 #include "host/core/log.h"
@@ -11,8 +12,6 @@
 #include "host/jsonrpc/router.h"
 #include "host/module/module.h"
 #include "programs/common/agent_files.h"
-
-#include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <cstring>
@@ -157,14 +156,8 @@ int main(int argc, char** argv) {
   app.add_option("--config", config_path, "the agent configuration")->capture_default_str();
   app.add_option("--listen", listen_override, "HOST:PORT to serve on instead of the configured");
   app.add_option("--ready-file", ready_file, "written with {\"host\", \"port\"} once serving");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& e) {
-    return app.exit(e);
-  } catch (const CLI::ParseError& e) {
-    fprintf(stderr, "brimlet-agent: %s\nRun 'brimlet-agent --help' for usage.\n", e.what());
-    return 2;
-  }
+  if (int status = parse_command_line(app, argc, argv); status >= 0)
+    return status;
 
   Agent_Config conf;
   if (!load_config(config_path, conf))

@@ -5,6 +5,7 @@
 // Exit status: 0 success, 1 failure (one line on stderr), 2 usage error (one line and a pointer
 // to the command's --help).
 #include "host/catalog/server_api.h"
+#include "host/core/command_line.h"
 #include "host/core/crypto.h"
 #include "host/core/log.h"
 #include "host/core/service.h"
@@ -15,8 +16,6 @@
 #include "programs/cli/jobs.h"
 #include "programs/cli/table.h"
 #include "programs/common/agent_files.h"
-
-#include <CLI/CLI.hpp>
 
 #include <termios.h>
 #include <unistd.h>
@@ -151,16 +150,6 @@ int cvm_test(const Cli& cli, const std::string& key) {
             message.c_str());
   }
   return ok ? OK : FAILED;
-}
-
-// The command that was parsed, as typed: "brimlet pool add".
-std::string command_path(const CLI::App& app) {
-  std::string path = app.get_name();
-  for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
-    at = at->get_subcommands().front();
-    path += " " + at->get_name();
-  }
-  return path;
 }
 
 const char ls_forms[] =

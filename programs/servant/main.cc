@@ -9,6 +9,7 @@
 //    "log_file": "<path>",                      optional, appended to
 //    "debug": false,                            optional, debug lines too
 //    "threads": 4}                              optional, request worker threads
+#include "host/core/command_line.h"
 #include "host/core/log.h"
 #include "host/core/paths.h"
 #include "host/core/service.h"
@@ -17,8 +18,6 @@
 #include "host/module/module.h"
 #include "host/servant/frame.h"
 #include "host/servant/servant.h"
-
-#include <CLI/CLI.hpp>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -198,14 +197,8 @@ int main(int argc, char** argv) {
                "brimlet-servant");
   app.add_option("--config", config_path, "the service configuration")->required();
   app.add_flag("--debug", debug, "log debug lines too");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& e) {
-    return app.exit(e);
-  } catch (const CLI::ParseError& e) {
-    fprintf(stderr, "brimlet-servant: %s\nRun 'brimlet-servant --help' for usage.\n", e.what());
-    return 2;
-  }
+  if (int status = parse_command_line(app, argc, argv); status >= 0)
+    return status;
   Servant_Config conf;
   if (!load_config(config_path, conf))
     return 1;

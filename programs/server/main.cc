@@ -6,6 +6,7 @@
 // Exit status: 0 done, 1 failed, 2 bad options or configuration.
 
 #include "host/catalog/server_api.h"
+#include "host/core/command_line.h"
 #include "host/core/json.h"
 #include "host/core/log.h"
 #include "host/core/paths.h"
@@ -19,7 +20,6 @@
 #include "programs/server/schema.h"
 
 #include <sys/stat.h>
-#include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <cstring>
@@ -236,18 +236,8 @@ int main(int argc, char** argv) {
   enroll_cmd->add_option("--role", s.role, "What the key may do (default agent)")
       ->check(CLI::IsMember({"agent", "admin"}))
       ->type_name("ROLE");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    if (e.get_exit_code() == 0)
-      return app.exit(e);
-    std::string command = program;
-    for (const CLI::App* sub : app.get_subcommands())
-      command += " " + sub->get_name();
-    std::fprintf(stderr, "%s: %s\nRun '%s --help' for usage.\n", program, e.what(),
-                 command.c_str());
-    return 2;
-  }
+  if (int status = parse_command_line(app, argc, argv); status >= 0)
+    return status;
   if (!s.config.empty() && !load_config(members, s))
     return 2;
   if (enroll_cmd->parsed())

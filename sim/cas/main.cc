@@ -1,6 +1,7 @@
 // cas-sim: plays a CVM (the H3C CAS management server's REST API) on the network for tests,
 // benchmarks and the demo. Usage and the world format: sim/cas/README.md.
 
+#include "host/core/command_line.h"
 #include "host/core/log.h"
 #include "host/core/paths.h"
 #include "host/core/service.h"
@@ -9,8 +10,6 @@
 #include "sim/cas/cvd_service.h"
 #include "sim/cas/cvm_api.h"
 #include "sim/cas/simulator.h"
-
-#include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <string>
@@ -54,13 +53,8 @@ int parse_options(int argc, char** argv, Options& options) {
   app.add_option("--data", options.data_dir,
                  "the simulator's state folder, disk images included (created when missing)");
   app.add_option("--log", options.log_file, "log file (appended), besides stderr");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& e) {
-    return app.exit(e);
-  } catch (const CLI::ParseError& e) {
-    return usage_error(e.what());
-  }
+  if (int status = parse_command_line(app, argc, argv); status >= 0)
+    return status;
   if (options.world.empty())
     return usage_error("Missing --world FILE: the installation to play.");
   if (!listen.empty() && !parse_listen(listen, options.host, options.port))
