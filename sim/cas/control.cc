@@ -64,6 +64,8 @@ Control_Api::Control_Api(Simulator& sim) : sim_(sim) {
   routes_.add(HTTP_Method::GET, "/sim/leftovers", &Control_Api::get_leftovers);
   routes_.add(HTTP_Method::POST, "/sim/cvd/fail_reads", &Control_Api::fail_reads);
   routes_.add(HTTP_Method::POST, "/sim/cvd/drop", &Control_Api::drop_connections);
+  routes_.add(HTTP_Method::POST, "/sim/cvd/hold", &Control_Api::hold_reads);
+  routes_.add(HTTP_Method::GET, "/sim/cvd/hold", &Control_Api::get_holds);
 }
 
 void Control_Api::attach(HTTP_Server& server) {
@@ -374,20 +376,46 @@ void Control_Api::fail_reads(const HTTP_Server_Request& request, HTTP_Server_Res
   response.json({{"disk", disk}, {"fail", fail}});
 }
 
-// The next `count` connections that read are dropped after `after_bytes` bytes of disk data.
+// The next `count` connections that read (of "disk" when given) are dropped after `after_bytes`
+// bytes of disk data.
 void Control_Api::drop_connections(const HTTP_Server_Request& request,
                                    HTTP_Server_Response& response) {
   std::uint64_t after_bytes = 0;
   int count = 1;
+  std::string disk;
   if (!body_members(request, response, [&](const JSON_Value& obj) {
         json_extract(obj, "after_bytes", after_bytes);
         json_extract(obj, "count", count, false);
+        json_extract(obj, "disk", disk, false);
       }))
     return;
   if (count < 0)
     return response.error(400, "'count' is expected as a number of connections");
-  sim_.disks().drop_connections(after_bytes, count);
+  if (!sim_.disks().drop_connections(after_bytes, count, disk))
+    return response.error(404, "no disk '" + disk + "'");
   response.json({{"after_bytes", after_bytes}, {"count", count}});
+}
+
+// Reads of one disk through the disk service block while "hold" is true.
+void Control_Api::hold_reads(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
+  std::string disk;
+  bool hold = true;
+  if (!body_members(request, response, [&](const JSON_Value& obj) {
+        json_extract(obj, "disk", disk);
+        json_extract(obj, "hold", hold, false);
+      }))
+    return;
+  if (!sim_.disks().hold_reads(disk, hold))
+    return response.error(404, "no disk '" + disk + "'");
+  response.json({{"disk", disk}, {"hold", hold}});
+}
+
+// The held disks, each with the number of readers waiting on it.
+void Control_Api::get_holds(const HTTP_Server_Request&, HTTP_Server_Response& response) {
+  JSON_Value held = JSON_Value::object();
+  for (const auto& [disk, waiting] : sim_.disks().held_readers())
+    held[disk] = waiting;
+  response.json({{"waiting", std::move(held)}});
 }
 
 }  // namespace cas_sim

@@ -200,12 +200,13 @@ class Session {
     const std::uint64_t size = disk.opened.size;
     std::size_t wanted = offset >= size ? 0 : std::min<std::uint64_t>(length, size - offset);
     if (wanted && !drop_checked_)
-      dropping_ = sim_.disks().take_drop(drop_budget_), drop_checked_ = true;
+      dropping_ = sim_.disks().take_drop(disk.opened, drop_budget_), drop_checked_ = true;
     if (dropping_ && sent_ + wanted > drop_budget_) {
       broken("dropped by a fault after " + std::to_string(sent_) + " bytes");
       return false;
     }
     sent_ += wanted;
+    sim_.disks().wait_while_held(disk.opened);
     // Snapshots, and disks whose reads fail by a fault, are read through the store.
     if (disk.data && !Disk_Store::reads_fail(disk.opened))
       return reply(request, 0, wanted ? disk.data + offset : nullptr, wanted);
@@ -350,8 +351,9 @@ void CVD_Service::reap(bool all) {
 void CVD_Service::stop() {
   if (stopping_.exchange(true) || !listener_)
     return;
-  // Wakes the blocked accept() and every connection's poll() or recv().
+  // Wakes the blocked accept(), every connection's poll() or recv() and held reads.
   shutdown(listener_.get(), SHUT_RDWR);
+  sim_.disks().release_holds();
   acceptor_.join();
   {
     std::lock_guard<std::mutex> lock(mutex_);

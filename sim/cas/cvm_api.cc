@@ -183,7 +183,7 @@ bool CVM_Api::answer_i(const HTTP_Server_Request& request, HTTP_Server_Response&
   }
 
   Fault fault;
-  if (sim_.take_fault(request.method_text, request.path, fault))
+  if (sim_.take_fault(request.method_text, request.path, request.body, fault))
     return apply_fault_i(fault, request, response);
 
   const Handler* handler = nullptr;

@@ -300,6 +300,8 @@ struct Disk_State {
   std::vector<std::unique_ptr<Frozen>> snapshots;
   std::vector<Tracker> trackers;
   std::atomic<bool> fail_reads{false};
+  std::atomic<bool> reads_held{false};
+  int waiting = 0;  // readers blocked by the hold, under the store's hold mutex
 };
 
 struct Disk_Store::Resolved {
@@ -681,19 +683,60 @@ bool Disk_Store::reads_fail(const Opened& opened) {
   return opened.disk->fail_reads;
 }
 
-void Disk_Store::drop_connections(std::uint64_t bytes, int count) {
+bool Disk_Store::drop_connections(std::uint64_t bytes, int count, const std::string& name) {
+  std::shared_ptr<Disk_State> d = name.empty() ? nullptr : state_of(name, "drop connections of");
+  if (!name.empty() && !d)
+    return false;
   std::lock_guard<std::mutex> lock(mutex_);
   drop_bytes_ = bytes;
   drop_count_ = count;
+  drop_disk_ = std::move(d);
+  return true;
 }
 
-bool Disk_Store::take_drop(std::uint64_t& bytes) {
+bool Disk_Store::take_drop(const Opened& opened, std::uint64_t& bytes) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (drop_count_ <= 0)
+  if (drop_count_ <= 0 || (drop_disk_ && drop_disk_ != opened.disk))
     return false;
   --drop_count_;
   bytes = drop_bytes_;
   return true;
+}
+
+bool Disk_Store::hold_reads(const std::string& name, bool hold) {
+  std::shared_ptr<Disk_State> d = state_of(name, "hold reads of");
+  if (!d)
+    return false;
+  std::lock_guard<std::mutex> lock(hold_mutex_);
+  d->reads_held = hold;
+  hold_changed_.notify_all();
+  return true;
+}
+
+void Disk_Store::wait_while_held(const Opened& opened) {
+  Disk_State& d = *opened.disk;
+  if (!d.reads_held)
+    return;
+  std::unique_lock<std::mutex> lock(hold_mutex_);
+  ++d.waiting;
+  hold_changed_.wait(lock, [&] { return !d.reads_held || holds_released_; });
+  --d.waiting;
+}
+
+void Disk_Store::release_holds() {
+  std::lock_guard<std::mutex> lock(hold_mutex_);
+  holds_released_ = true;
+  hold_changed_.notify_all();
+}
+
+std::map<std::string, int> Disk_Store::held_readers() {
+  std::map<std::string, int> out;
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<std::mutex> hold_lock(hold_mutex_);
+  for (const auto& [first, d] : states_)
+    if (d->reads_held)
+      out[first] = d->waiting;
+  return out;
 }
 
 }  // namespace cas_sim

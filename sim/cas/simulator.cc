@@ -78,10 +78,13 @@ std::int64_t Simulator::add_fault(Fault fault) {
   return last_fault_id_;
 }
 
-bool Simulator::take_fault(const std::string& method, const std::string& path, Fault& fault) {
+bool Simulator::take_fault(const std::string& method, const std::string& path,
+                           const std::string& body, Fault& fault) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = std::find_if(world_.faults.begin(), world_.faults.end(), [&](const Fault& f) {
-    return path.compare(0, f.path.size(), f.path) == 0 && (f.method.empty() || f.method == method);
+    return path.compare(0, f.path.size(), f.path) == 0 &&
+           (f.method.empty() || f.method == method) &&
+           body.find(f.request_contains) != std::string::npos;
   });
   if (it == world_.faults.end())
     return false;

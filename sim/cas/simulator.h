@@ -52,7 +52,8 @@ class Simulator {
   std::int64_t add_fault(Fault fault);
   // The first fault (in the order added) that matches the request, counting the hit; a fault
   // whose count runs out is removed.
-  bool take_fault(const std::string& method, const std::string& path, Fault& fault);
+  bool take_fault(const std::string& method, const std::string& path, const std::string& body,
+                  Fault& fault);
   // Removes one fault by id, or every fault for id 0; returns how many went.
   std::size_t remove_faults(std::int64_t id);
   std::vector<Fault> faults() const;

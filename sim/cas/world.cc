@@ -169,7 +169,7 @@ const char* kind_name(Fault::Kind kind) {
 Fault parse_fault(const JSON_Value& obj) {
   // "id" is written by dump_fault; the simulator numbers faults itself.
   check_keys(obj, {"id", "path", "method", "count", "kind", "status", "error_code", "error_message",
-                   "body"});
+                   "body", "request_contains"});
   Fault fault;
   json_extract(obj, "path", fault.path);
   if (fault.path.empty() || fault.path[0] != '/')
@@ -198,6 +198,7 @@ Fault parse_fault(const JSON_Value& obj) {
   json_extract(obj, "error_code", fault.error_code, false);
   json_extract(obj, "error_message", fault.error_message, false);
   json_extract(obj, "body", fault.body, false);
+  json_extract(obj, "request_contains", fault.request_contains, false);
   check_header_text("error_code", fault.error_code);
   check_header_text("error_message", fault.error_message);
   return fault;
@@ -595,6 +596,8 @@ JSON_Value dump_fault(const Fault& fault) {
     out["error_message"] = fault.error_message;
   if (!fault.body.empty())
     out["body"] = fault.body;
+  if (!fault.request_contains.empty())
+    out["request_contains"] = fault.request_contains;
   return out;
 }
 
