@@ -1,6 +1,13 @@
+#include "host/core/crypto.h"
+#include "host/core/text.h"
+#include "host/storage/client_io.h"
+#include "host/storage/image.h"
 #include "tests/integration/test_stack.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
 
 #include <filesystem>
 #include <regex>
@@ -8,7 +15,7 @@
 
 namespace {
 
-// One running VM on qcow2 disks, so that backups go through a snapshot and CBT.
+// One running VM on three qcow2 disks, so that backups go through a snapshot and CBT.
 const char backup_world[] = R"({"knobs": {"task_duration_ms": 0},
   "operators": [{"id": 1, "login_name": "admin", "password": "Adm1n pass", "group_id": 1}],
   "pools": [{"name": "defaultpool", "type": "dir", "path": "/vms/images", "capacity_mib": 512000}],
@@ -17,7 +24,12 @@ const char backup_world[] = R"({"knobs": {"task_duration_ms": 0},
     {"device_name": "vda", "size_mib": 16, "pool": "defaultpool", "path": "/vms/images/web01-vda",
      "content": {"pattern": "random", "allocated_percent": 50, "seed": 1}},
     {"device_name": "vdb", "size_mib": 8, "pool": "defaultpool", "path": "/vms/images/web01-vdb",
-     "content": {"pattern": "text", "allocated_percent": 25, "seed": 2}}]}]}]})";
+     "content": {"pattern": "text", "allocated_percent": 25, "seed": 2}},
+    {"device_name": "vdc", "size_mib": 8, "pool": "defaultpool", "path": "/vms/images/web01-vdc",
+     "content": {"pattern": "zeros_and_random", "allocated_percent": 60, "seed": 3}}]}]}]})";
+const char* const disks[] = {"/vms/images/web01-vda", "/vms/images/web01-vdb",
+                             "/vms/images/web01-vdc"};
+const std::size_t disk_bytes[] = {16u << 20, 8u << 20, 8u << 20};
 
 // What a backup leaves on the simulated CVM: no snapshot, and one CBTer per disk, the run's own,
 // which the next incremental reads: "<disk> <name prefix>" lines.
@@ -44,6 +56,43 @@ std::string objects(const std::string& dir) {
   return out;
 }
 
+// A disk's path as the names of its image objects begin.
+std::string flat(std::string disk) {
+  std::replace(disk.begin(), disk.end(), '/', '_');
+  return disk;
+}
+
+// The SHA-256 of a disk as cas-sim holds it now.
+std::string sim_digest(const Test_Stack& stack, const std::string& disk) {
+  return stack.sim_control("sim", "GET", "/sim/disks/digest?disk=" + disk)["sha256"].dump();
+}
+
+// The SHA-256 of disk `index` rebuilt from zeros by every image object of it in `vm_dir` of the
+// pool, oldest first: what a restore of the newest set gives.
+std::string rebuilt_digest(const std::string& pool, const std::string& vm_dir, int index) {
+  const std::string tag = flat(disks[index]) + "_";
+  std::set<std::string> names;
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator(pool + "/" + vm_dir, ec))
+    if (e.path().filename().string().rfind(tag, 0) == 0)
+      names.insert(vm_dir + e.path().filename().string());
+  std::string disk(disk_bytes[index], '\0');
+  Client_IO_Ex io;
+  if (!io.connect("file://" + pool, Client_IO_Base::Options()))
+    return io.error();
+  for (const std::string& name : names) {
+    Image_Block_Reader reader(&io, 1 << 20);
+    if (!io.open(name, Client_IO_Ex::Read) ||
+        !reader.read_blocks([&](const void* data, std::size_t length, std::uint64_t offset) {
+          return offset + length <= disk.size() && memcpy(&disk[offset], data, length);
+        }) ||
+        !io.close())
+      return "cannot read " + name;
+  }
+  MD_Generator md(disk.data(), disk.size(), MD_SHA256);
+  return JSON_Value(Hex_String_T(md.get(), md.length()).str()).dump();
+}
+
 // Bytes of the files under `dir`.
 std::uintmax_t stored_bytes(const std::string& dir) {
   std::uintmax_t total = 0;
@@ -57,8 +106,9 @@ std::uintmax_t stored_bytes(const std::string& dir) {
 }  // namespace
 
 // A full backup and an incremental one after guest writes, through the CLI, the agent, its
-// servants, cas-sim's CVM and disk service and a file pool: both are cataloged, the incremental
-// stores only what changed, and each leaves no snapshot and only its own CBTers behind.
+// servants, cas-sim's CVM and disk service and a file pool: both are cataloged, each set's images
+// rebuild the disks as they were, the incremental stores only what changed, and each leaves no
+// snapshot and only its own CBTers behind.
 TEST(Backup, FullThenIncrementalOfARunningVm) {
   Test_Stack stack;
   write_text_file(stack.dir().file("world.json"), backup_world);
@@ -78,29 +128,40 @@ TEST(Backup, FullThenIncrementalOfARunningVm) {
   EXPECT_GT(full_bytes, 8u << 20);
   // The pool holds the CVM's objects by host and VM: an image per disk and the VM's configuration.
   std::string vm_dir = cvm + "/cvk01/web01/";
-  std::string full_objects = vm_dir + "_vms_images_web01-vda_T_full_0.zst\n" + vm_dir +
-                             "_vms_images_web01-vdb_T_full_0.zst\n" + vm_dir +
-                             "vm_config_T_full.json.zst\n";
-  EXPECT_EQ(objects(pool), full_objects);
-  EXPECT_EQ(leftovers(stack),
-            "[]\n/vms/images/web01-vda Brimlet5_full\n/vms/images/web01-vdb Brimlet5_full");
+  auto images = [&](std::initializer_list<const char*> types) {
+    std::string out;
+    for (const char* disk : disks)
+      for (const char* type : types)
+        out += vm_dir + flat(disk) + "_T_" + type + "_0.zst\n";
+    return out;
+  };
+  EXPECT_EQ(objects(pool), images({"full"}) + vm_dir + "vm_config_T_full.json.zst\n");
+  auto cbters = [](const std::string& type) {
+    std::string out = "[]";
+    for (const char* disk : disks)
+      out += "\n" + std::string(disk) + " Brimlet5_" + type;
+    return out;
+  };
+  EXPECT_EQ(leftovers(stack), cbters("full"));
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(rebuilt_digest(pool, vm_dir, i), sim_digest(stack, disks[i])) << disks[i];
 
-  JSON_Value write = {{"disk", "/vms/images/web01-vda"}, {"offset", 1 << 20}, {"length", 65536}};
-  ASSERT_TRUE(stack.sim_control("sim", "POST", "/sim/disks/write", write).is_object());
+  // The guest writes into the first and last disks, over data and over holes.
+  for (auto [disk, offset] : {std::pair(disks[0], 1 << 20), std::pair(disks[2], 7 << 20)}) {
+    JSON_Value write = {{"disk", disk}, {"offset", offset}, {"length", 65536}};
+    ASSERT_TRUE(stack.sim_control("sim", "POST", "/sim/disks/write", write).is_object());
+  }
   r = stack.cli({"backup", "lab", "--pool", "nas", "--interval", "0.1", "web01"});
   ASSERT_EQ(r.exit_code, 0) << r.err << r.out;
   std::uintmax_t increment = stored_bytes(pool) - full_bytes;
   EXPECT_GT(increment, 0u);
-  EXPECT_EQ(objects(pool), vm_dir + "_vms_images_web01-vda_T_full_0.zst\n" + vm_dir +
-                               "_vms_images_web01-vda_T_incremental_0.zst\n" + vm_dir +
-                               "_vms_images_web01-vdb_T_full_0.zst\n" + vm_dir +
-                               "_vms_images_web01-vdb_T_incremental_0.zst\n" + vm_dir +
+  EXPECT_EQ(objects(pool), images({"full", "incremental"}) + vm_dir +
                                "vm_config_T_full.json.zst\n" + vm_dir +
                                "vm_config_T_incremental.json.zst\n");
-  EXPECT_LT(increment, full_bytes / 4);
-  EXPECT_EQ(leftovers(stack),
-            "[]\n/vms/images/web01-vda Brimlet5_incremental\n"
-            "/vms/images/web01-vdb Brimlet5_incremental");
+  EXPECT_LT(increment, full_bytes / 8);
+  EXPECT_EQ(leftovers(stack), cbters("incremental"));
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(rebuilt_digest(pool, vm_dir, i), sim_digest(stack, disks[i])) << disks[i];
 
   r = stack.cli({"--json", "sets", "list", "--vm", "web01"});
   ASSERT_EQ(r.exit_code, 0) << r.err;

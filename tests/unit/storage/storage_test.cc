@@ -260,6 +260,8 @@ class Client_IO_Test : public testing::Test {
   Client_IO_Ex io_;
 };
 
+// A killed writer leaves no object; the next write into its folder sweeps its hidden temporary,
+// and only it: a live writer's and another host's stay.
 TEST_F(Client_IO_Test, WriterKilledBeforeCloseLeavesNoObject) {
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
@@ -275,11 +277,21 @@ TEST_F(Client_IO_Test, WriterKilledBeforeCloseLeavesNoObject) {
   }
   char ok = 0;
   const bool told = pid > 0 && close(ready[1]) == 0 && ::read(ready[0], &ok, 1) == 1;
+  const Names left = list_dir(pool_ + "/vm");
+  Client_IO_Ex live;  // still writing when the next write sweeps
+  ASSERT_TRUE(live.connect("file://" + pool_, opts_) && live.open("vm/live", Client_IO_Ex::Write));
   int status = 0;
   ASSERT_TRUE(pid > 0 && kill(pid, SIGKILL) == 0 && waitpid(pid, &status, 0) == pid);
-  ASSERT_TRUE(told && ok && WIFSIGNALED(status) && close(ready[0]) == 0);
+  ASSERT_TRUE(told && ok && WIFSIGNALED(status) && close(ready[0]) == 0 && left.size() == 1);
   EXPECT_FALSE(io_.open("/vm/disk", Client_IO_Ex::Read));
   EXPECT_EQ(io_.error(), "Cannot open '" + pool_ + "/vm/disk': " + strerror(ENOENT));
+  std::ofstream(pool_ + "/vm/.disk.partial.elsewhere." + std::to_string(pid) + ".0") << "x";
+  Names kept = list_dir(pool_ + "/vm");
+  ASSERT_EQ(kept.size(), 3u);
+  ASSERT_TRUE(put("vm/next", "y"));
+  kept.erase(*left.begin());
+  kept.insert("next");
+  EXPECT_EQ(list_dir(pool_ + "/vm"), kept);
 }
 
 TEST_F(Client_IO_Test, ErrorsNameTheObjectAndNothingLeadsOutOfThePool) {
