@@ -307,7 +307,8 @@ bool Backup_Executor::make_vm_request(VM_Backup_Params& params, JSON_Value& requ
 int Backup_Executor::handle_vm_result(const std::string& vm_id,
                                       const std::shared_ptr<JSON_RPC_Object>& response) {
   JSON_Value result;
-  if (!get_servant_result(response, result)) {
+  // No response: the servant ended, hung or was stopped, which the scheduler has said.
+  if (!response || !get_servant_result(response, result)) {
     results_.record(vm_id, false, 0, 0, 0);
     return 1;
   }

@@ -97,6 +97,11 @@ bool Backup_Transfer::transfer_chunks() {
           threads, [this](const std::shared_ptr<Chunk>& chunk) { return backup_chunk_i(chunk); }))
     return false;
   scheduler.wait();
+  // A stopped job keeps no set, even one whose chunks all got through.
+  if (is_canceled()) {
+    LOG_MSG((LM_WARNING, "Backup of CAS VM '%s' stopped.\n", params_.vm_name_.c_str()));
+    return false;
+  }
   return succeeded_chunk_ == chunks;
 }
 
@@ -174,6 +179,8 @@ Task_Base::Error Backup_Transfer::backup_chunk_i(const std::shared_ptr<Chunk>& c
   }
   bool read_failed = false;
   auto read = [&](std::uint64_t offset, std::size_t wanted, const void*& data) -> ssize_t {
+    if (is_canceled())
+      return -1;
     const std::size_t length = std::min(wanted, buffer.size());
     std::int64_t got = cvd_disk_read(disk.get(), offset, length, buffer.data());
     if (got != static_cast<std::int64_t>(length)) {
@@ -216,6 +223,27 @@ bool Backup_Transfer::is_stored(const Chunk& chunk) const {
   return stored_.count(chunk.remote_path_) != 0;
 }
 
+void Backup_Transfer::remove_stored() const {
+  std::set<std::string> stored;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stored.swap(stored_);
+  }
+  if (stored.empty())
+    return;
+  Client_IO_Ex io;
+  if (!io.connect(params_.pool_url_, params_.io_opts_)) {
+    LOG_MSG((LM_WARNING,
+             "Failed to connect to storage pool '%s' to remove %d residual piece(s): %s\n",
+             params_.pool_url_.c_str(), static_cast<int>(stored.size()), io.error().c_str()));
+    return;
+  }
+  for (const std::string& path : stored)
+    if (!io.remove(path))
+      LOG_MSG((LM_WARNING, "Failed to remove residual backup piece '%s': %s\n", path.c_str(),
+               io.error().c_str()));
+}
+
 bool Backup_Transfer::save_vm_config(std::string& path) const {
   path = string_sprintf("/%s/%s/vm_config_%s_%s.json%s", filenamify(params_.host_name_).c_str(),
                         filenamify(params_.vm_name_).c_str(), timestamp_.c_str(),
@@ -231,6 +259,8 @@ bool Backup_Transfer::save_vm_config(std::string& path) const {
              params_.vm_name_.c_str(), io.error().c_str()));
     return false;
   }
+  std::lock_guard<std::mutex> lock(mutex_);
+  stored_.insert(path);
   return true;
 }
 

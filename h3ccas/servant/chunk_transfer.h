@@ -38,7 +38,7 @@ class Backup_Transfer : public Backup_Plan {
   bool backup_disks();
   // Runs the chunks of `chunks_` (counters reset first) on parallel_disks_per_vm /
   // parallel_workers_per_disk workers, at most parallel_disks_per_vm at once per disk; true when
-  // every chunk was stored.
+  // every chunk was stored and the job is not being stopped.
   bool transfer_chunks();
   // The task body: one chunk into its object. Failed leaves nothing under the object's name.
   Task_Base::Error backup_chunk_i(const std::shared_ptr<Chunk>& chunk) const;
@@ -55,6 +55,9 @@ class Backup_Transfer : public Backup_Plan {
 
   // Whether backup_chunk_i stored the chunk.
   bool is_stored(const Chunk& chunk) const;
+  // Removes the objects this run stored: a run whose set is not in the catalog leaves nothing
+  // that no set would ever point at.
+  void remove_stored() const;
 
   std::string bset_uuid_;  // the backup set's id
   std::time_t start_time_;

@@ -121,11 +121,21 @@ bool VM_Backup::delete_residual_snapshot_i(const Snapshot_Info& node) {
       return false;
     }
     LOG_MSG((LM_DEBUG, "Snapshot '%s' deleted.\n", node.name.c_str()));
+    residual_snapshots_.push_back(node.name);
   }
   for (const Snapshot_Info& child : node.children)
     if (!delete_residual_snapshot_i(child))
       return false;
   return true;
+}
+
+void VM_Backup::delete_residual_CBTers() {
+  for (const std::string& name : residual_snapshots_) {
+    std::map<std::string, bool> images;
+    // Failures are logged by the client; a CBTer left over costs CAS, not this backup.
+    if (name != last_cbt_ && client_->get_CBTer(params_.vm_name_, name, images) && !images.empty())
+      client_->delete_CBTer(params_.vm_name_, name);
+  }
 }
 
 bool VM_Backup::check_vm_capabilities() {
@@ -247,7 +257,10 @@ bool VM_Backup::offline_backup_i() {
     LOG_MSG((LM_ERROR, "Failed to stop CAS VM '%s' (id=%s) to perform offline backup.\n", vm, id));
     return false;
   }
-  return backup_disks() && save_catalog();
+  if (backup_disks() && save_catalog())
+    return true;
+  remove_stored();
+  return false;
 }
 
 bool VM_Backup::online_backup_i() {
@@ -259,6 +272,7 @@ bool VM_Backup::online_backup_i() {
         (LM_WARNING,
          "Failed to check preconditions for incremental backup, perform full backup instead.\n"));
   }
+  delete_residual_CBTers();
   const std::string& vm = params_.vm_name_;
   snapshot_name_ = snapshot_name();
   if (params_.opts_.enable_cbt_ && use_cbt_ && !client_->create_CBTer(vm, snapshot_name_)) {
@@ -270,6 +284,8 @@ bool VM_Backup::online_backup_i() {
   }
   bool ok = false;
   Scope_Exit cleanup([&] {
+    if (!ok)
+      remove_stored();
     client_->delete_snapshot(params_.vm_id_, vm, snapshot_name_);
     if (ok && !last_cbt_.empty())
       client_->delete_CBTer(vm, last_cbt_);

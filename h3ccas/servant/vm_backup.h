@@ -8,6 +8,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace h3ccas {
 
@@ -43,7 +44,12 @@ class VM_Backup : public Backup_Transfer {
 
  private:
   bool delete_residual_snapshot_i(const Snapshot_Info& node);
+  // Deletes the CBTers of runs that ended without deleting their snapshots (a CBTer has the name
+  // of its run's snapshot); the base backup's stays.
+  void delete_residual_CBTers();
   std::string snapshot_name() const;
+
+  std::vector<std::string> residual_snapshots_;  // deleted by init()
 };
 
 }  // namespace h3ccas

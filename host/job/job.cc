@@ -197,11 +197,15 @@ int Job::spawn(std::function<void()> body) {
 }
 
 void Job::register_thread() {
-  thread_ = std::this_thread::get_id();
+  static std::atomic<std::uint64_t> last_tag{0};
+  if (log_sink_ < 0)
+    log_tag_ = ++last_tag;
+  set_log_thread_tag(log_tag_);
   if (log_sink_ < 0 && log_callback_)
-    log_sink_ = add_log_sink([this](ACE_Log_Priority, const std::string& line) {
-      // Sinks run on the logging thread: lines of this job's thread belong to its run.
-      if (std::this_thread::get_id() == thread_)
+    log_sink_ = add_log_sink([this, tag = log_tag_](ACE_Log_Priority, const std::string& line) {
+      // Sinks run on the logging thread: lines of this job's thread and its helpers belong to
+      // its run.
+      if (log_thread_tag() == tag)
         log_callback_(line);
     });
 }
@@ -225,7 +229,6 @@ void Job::complete(bool ok) {
   }
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    thread_ = std::thread::id();
     end_time_ = std::time(nullptr);
     if (log_sink_ >= 0)
       remove_log_sink(log_sink_);

@@ -118,7 +118,8 @@ class Job {
 
   // For start_i: runs `body` in the job's thread (joined by wait()). -1 after one log line.
   int spawn(std::function<void()> body);
-  // For run_i: the calling thread runs the job (its log lines go to the run's log too).
+  // For run_i: the calling thread runs the job (its log lines, and those of the threads that take
+  // its log tag, go to the run's log too).
   void register_thread();
   // For run_i: the run ended; `ok` is the executor's answer. Sets the final state (stopped and
   // aborted runs keep theirs; precondition failed and inactive too), closes the activity record's
@@ -132,13 +133,13 @@ class Job {
   std::string run_id_;
   Job_Activity_Handle activity_;
   int log_sink_ = -1;
+  std::uint64_t log_tag_ = 0;  // of the threads whose lines go to the run's log
 
   mutable std::mutex mutex_;
   std::condition_variable state_cv_;
   int state_ = JOB_IDLE;
   unsigned state_changes_ = 0;
   bool running_ = false;
-  std::atomic<std::thread::id> thread_{};
   std::mutex thread_mutex_;  // guards runner_
   std::thread runner_;
   JSON_Value result_ = JSON_Value::object();
