@@ -282,11 +282,16 @@ bool VM_Backup::online_backup_i() {
     LOG_MSG(
         (LM_WARNING, "Failed to create CBTer for CAS VM '%s', perform full backup.\n", vm.c_str()));
   }
-  bool ok = false;
+  bool ok = false, snapshot_made = false;
   Scope_Exit cleanup([&] {
     if (!ok)
       remove_stored();
-    client_->delete_snapshot(params_.vm_id_, vm, snapshot_name_);
+    // A failed creation may still have left the snapshot; only what exists is deleted, so that
+    // the failure is the one line said.
+    if (snapshot_made)
+      client_->delete_snapshot(params_.vm_id_, vm, snapshot_name_);
+    else
+      delete_residual_snapshot();
     if (ok && !last_cbt_.empty())
       client_->delete_CBTer(vm, last_cbt_);
     else if (!ok && use_cbt_ && params_.opts_.enable_cbt_)
@@ -297,6 +302,7 @@ bool VM_Backup::online_backup_i() {
     LOG_MSG((LM_ERROR, "Failed to create snapshot for CAS VM '%s'.\n", vm.c_str()));
     return false;
   }
+  snapshot_made = true;
   return ok = backup_disks() && save_catalog();
 }
 

@@ -154,6 +154,7 @@ TEST_F(Backup_Faults, OneVmFailsAndLeavesNothingBehind) {
               std::tuple(1, "brimlet: backup run R failed: 1 of 2 VMs failed: web02\n"))
         << r.out;
     EXPECT_NE(log.find(row.logged), std::string::npos) << log;
+    EXPECT_EQ(log.find("Failed to delete"), std::string::npos) << log;  // only what exists
     std::error_code ec;
     fs::remove(vm_dir("web02"), ec);  // the file in the way, or an empty folder
     expect_nothing_left_of("web02");
