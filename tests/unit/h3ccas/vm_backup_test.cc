@@ -269,7 +269,8 @@ TEST_F(Flow, Runs) {
   struct Case {
     S tree, format;
     // 1: creating the snapshot fails, 2: deleting the residual one, 3: no restart, 4: an
-    // incremental run skipped for want of CBT, 5: with CBT after base "c0", 6: 5 and 1
+    // incremental run skipped for want of CBT, 5: with CBT after base "c0", 6: 5 and 1, 7: with
+    // CBT after base "Brimlet5_x", whose snapshot stayed; the dead run's CBTer "Brimlet5_old" goes
     int fault;
     bool ok;
     S changes, line;
@@ -286,6 +287,10 @@ TEST_F(Flow, Runs) {
       {"", "qcow2", 6, false, "POST" + cbt + create + "DELETE" + cbt,
        "Deleting CBTer '" + name + "' for CAS VM 'w'.\n"},
       {"", "raw", 0, true, "PUT /cas/casrs/vm/stop/7\nPUT /cas/casrs/vm/start/7\n", ""},
+      {residual, "qcow2", 7, true,
+       old + "DELETE " + snap + "/Brimlet5_x\nDELETE" + cbt + "POST" + cbt + create + mine +
+           "DELETE" + cbt,
+       "Deleting CBTer 'Brimlet5_old' for CAS VM 'w'.\n"},
   };
   for (const Case& c : cases) {
     reset();
@@ -295,9 +300,12 @@ TEST_F(Flow, Runs) {
     peer_.set("DELETE " + snap + "/Brimlet5_old", P::json(ok, c.fault == 2 ? 500 : 200));
     if (c.fault == 1 || c.fault == 6)
       peer_.set("POST /cas/casrs/vm/snapshot", P::json("", 500));
+    peer_.set("GET /cas/casrs/vm/disk/changedBlockTracker",
+              P::json(c.fault == 7 ? R"({"dirtyBitmapInfo":{"image":"/img/a","valid":"true"}})"
+                                   : R"({"dirtyBitmapInfo":[]})"));
     auto b = backup();
     b->params_.opts_.restart_vm_ = c.fault != 3, b->params_.opts_.enable_cbt_ = c.fault >= 5;
-    b->last_cbt_ = c.fault >= 5 ? "c0" : "";
+    b->last_cbt_ = c.fault == 7 ? "Brimlet5_x" : c.fault >= 5 ? "c0" : "";
     b->on_pause = [&] { detail("shutOff", c.format); };
     if (c.fault == 4) {
       peer_.set("GET /cas/casrs/vm/7/capabilities", P::json(R"({"supportSnapshot":"false",)"
