@@ -34,6 +34,9 @@ const char faults_world[] = R"({"knobs": {"task_duration_ms": 0},
      {"device_name": "vdb", "size_mib": 4, "pool": "defaultpool", "path": "/vms/images/web02-vdb",
       "content": {"pattern": "random", "allocated_percent": 100, "seed": 3}}]}]}]})";
 
+// The hidden name of an object being written.
+const char partial[] = R"(\..*\.partial\..*)";
+
 // Polls `done` every 20 ms for up to 30 s.
 bool eventually(const std::function<bool()>& done) {
   for (int i = 0; i < 1500; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(20)))
@@ -101,7 +104,7 @@ class Backup_Faults : public ::testing::Test {
     for (const auto& cbter : left["cbters"])
       EXPECT_EQ(cbter["disk"].get<std::string>().find(vm), std::string::npos) << left.dump();
     EXPECT_EQ(files(vm_dir(vm)), "");
-    EXPECT_EQ(files(pool_, R"(\..*\.partial\..*)"), "");
+    EXPECT_EQ(files(pool_, partial), "");
     EXPECT_EQ(sets_of(vm), 0u);
   }
   std::string vm_dir(const std::string& vm) const { return pool_ + "/" + cvm_ + "/cvk01/" + vm; }
@@ -214,9 +217,13 @@ TEST_F(Backup_Faults, ServantKilledMidRun) {
       << log;
   EXPECT_EQ(sets_of("web01"), 1u);
   EXPECT_EQ(sets_of("web02"), 0u);
+  // The dead servant left its snapshot and a hidden partial object.
+  EXPECT_EQ(stack_.sim_control("sim", "GET", "/sim/leftovers")["snapshots"].size(), 1u);
+  EXPECT_NE(files(vm_dir("web02"), partial), "");
 
   r = stack_.cli(words("backup lab --pool nas --interval 0.1 web02"));
   EXPECT_EQ(r.exit_code, 0) << r.err;
+  EXPECT_EQ(sets_of("web02"), 1u);
   JSON_Value left = stack_.sim_control("sim", "GET", "/sim/leftovers");
   EXPECT_EQ(left["snapshots"], JSON_Value::array());
   // One CBTer on each disk, the run's own: the dead run's went with its snapshot.
@@ -225,5 +232,5 @@ TEST_F(Backup_Faults, ServantKilledMidRun) {
     cbters[c["disk"]].insert(c["name"].get<std::string>());
   EXPECT_EQ(cbters[disks[0]].size(), 1u) << left.dump();
   EXPECT_EQ(cbters[disks[0]], cbters[disks[1]]) << left.dump();
-  EXPECT_EQ(files(pool_, R"(\..*\.partial\..*)"), "");
+  EXPECT_EQ(files(pool_, partial), "");
 }
