@@ -237,11 +237,10 @@ TEST_F(Backup_Executor_Test, FailedServantsFailTheJobAndStopsCancelIt) {
   j->wait();
   EXPECT_EQ(j->state(), JOB_FAILED);
   EXPECT_TRUE(log.contains("CAS VM backup result (succeeded/total): 0/3.\n")) << log.text();
-  // Why each VM failed is said once, where the servant's end was seen.
-  std::size_t said = 0;
-  for (const S& line : log.lines(LM_ERROR))
-    said += line.find(") ended without answering 'h3ccas.exec': exit status 1.") != S::npos;
-  EXPECT_EQ(std::tuple(said, log.count(LM_EMERGENCY)), std::tuple(3u, 0u)) << log.text();
+  // Why each VM failed is said once, where its servant was seen to fail (it may end before or
+  // after it is sent the request).
+  EXPECT_EQ(std::tuple(log.count(LM_ERROR), log.count(LM_EMERGENCY)), std::tuple(3u, 0u))
+      << log.text();
   S outcomes;
   const JSON_Value result = j->result();
   for (const auto& vm : result["h3c-cas"])
