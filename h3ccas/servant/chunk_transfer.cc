@@ -325,6 +325,12 @@ bool Backup_Transfer::save_catalog() const {
   H3C_CAS_Backup_Set set;
   if (!fill_catalog(set))
     return false;
+  {
+    // A commit that fails may still have reached the catalog: from here on the pieces are the
+    // set's, never removed as residual.
+    std::lock_guard<std::mutex> lock(mutex_);
+    stored_.clear();
+  }
   RESTful_Catalog_Operator catalog(params_.backupd_host_, params_.backupd_port_,
                                    params_.backupd_ssl_, params_.access_key_, -1,
                                    params_.retry_seconds_);

@@ -55,8 +55,8 @@ class Backup_Transfer : public Backup_Plan {
 
   // Whether backup_chunk_i stored the chunk.
   bool is_stored(const Chunk& chunk) const;
-  // Removes the objects this run stored: a run whose set is not in the catalog leaves nothing
-  // that no set would ever point at.
+  // Removes the objects this run stored, unless their set went to the catalog: a failed run
+  // leaves nothing that no set would ever point at.
   void remove_stored() const;
 
   std::string bset_uuid_;  // the backup set's id

@@ -581,6 +581,18 @@ TEST_F(Flow, Transfer) {
   ASSERT_TRUE(io.connect("file://" + dir_.file("pool"), {}) &&
               client_io_read_json(io, out["vm_config_path"], config));
   EXPECT_EQ(config, t->vm_detail_.dump());
+  // The pool's files, hidden ones included ("" for a folder).
+  auto files = [&] {
+    std::set<S> names;
+    for (const auto& e : std::filesystem::recursive_directory_iterator(dir_.file("pool")))
+      names.insert(e.is_regular_file() ? e.path().filename() : "");
+    return names;
+  };
+  // Once the set went to the catalog its pieces are never removed as a failed run's.
+  ASSERT_TRUE(t->save_catalog());
+  t->remove_stored();
+  EXPECT_EQ(files(),
+            (std::set<S>{"", "empty_0", "good_0", "vm_config_20261124000000_full.json.zst"}));
   // An incremental set continues its base's chain; a set without its job's keys is refused.
   t->backup_type_ = Job_Definition_Subtype::Incremental;
   t->last_bset_uuid_ = "b0", t->last_bset_incarnation_ = "i0", t->use_cbt_ = true;
@@ -613,13 +625,13 @@ TEST_F(Flow, Transfer) {
     EXPECT_FALSE(t->transfer_chunks());
     EXPECT_EQ(log.count(LM_ERROR), 1u);
     EXPECT_TRUE(log.contains(c.error)) << messages(log);
-    std::set<S> files;  // hidden ones included
-    for (const auto& e : std::filesystem::recursive_directory_iterator(dir_.file("pool")))
-      files.insert(e.is_regular_file() ? e.path().filename() : "");
-    EXPECT_EQ(files, (std::set<S>{"", "empty_0", "good_0"}));
+    EXPECT_EQ(files(), (std::set<S>{"", "empty_0", "good_0"}));
     EXPECT_EQ(catalog(*t)["pieces"].dump().find("bad_0"), S::npos);
     EXPECT_FALSE(t->save_catalog());
     EXPECT_TRUE(log.contains("Backup of CAS VM 'w' is incomplete, 2 of 3 chunk(s) stored.\n"));
+    // The failed run takes back what it stored, its configuration too.
+    t->remove_stored();
+    EXPECT_EQ(files(), std::set<S>{""});
   }
 }
 
