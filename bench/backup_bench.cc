@@ -5,8 +5,8 @@
 // files alike), and an incremental backup runs beside restic's second run. The raw bytes are
 // generated once, imported into the simulator's disks and kept in files for the other tools.
 // Everything lives in one temporary folder of one file system and the page cache is left warm;
-// each row's output is flushed to disk within its time (the pool flushes every object it commits,
-// the other tools' outputs get `sync`). Prints a table and writes the numbers as JSON.
+// each row's output is flushed to disk within its time (the pool and restic flush what they
+// write, zstd's and cp's outputs get `sync`). Prints a table and writes the numbers as JSON.
 //
 //   backup_bench [--disk-mib N] [--out FILE]
 #include "bench/results.h"
@@ -359,16 +359,10 @@ bool Bench::start() {
 // A backup of the VM through the CLI into `pool`, timed from the CLI's start to its exit.
 bool Bench::product(const std::string& method, const std::string& pool,
                     const std::vector<std::string>& flags, bool full) {
-  std::vector<std::string> args = {bin_path("brimlet"),
-                                   "--json",
-                                   "backup",
-                                   "bench",
-                                   "--pool",
-                                   pool,
-                                   "--interval",
-                                   "0.1",
-                                   "--parallel-disks-per-vm",
-                                   std::to_string(threads_)};
+  std::vector<std::string> args = {
+      bin_path("brimlet"), "--json", "backup", "bench", "--pool", pool};
+  args.insert(args.end(),
+              {"--interval", "0.1", "--parallel-disks-per-vm", std::to_string(threads_)});
   args.insert(args.end(), flags.begin(), flags.end());
   args.push_back(full ? "--full" : "--incremental");
   args.push_back("bench-vm");
