@@ -6,6 +6,7 @@
 #include "host/core/log.h"
 #include "host/servant/task_scheduler.h"
 #include "host/storage/client_io.h"
+#include "host/storage/codec.h"
 
 #include <fnmatch.h>
 #include <unistd.h>
@@ -261,13 +262,15 @@ bool Backup_Executor::resolve_options() {
     return false;
   }
   // The job's compression wins over the pool's: the pool's options are laid first. A level the
-  // pool set for another method may not suit the job's, which then gets the default level unless
-  // the job names one.
+  // pool set for another method may not suit the job's, which then gets its own default level
+  // unless the job names one; so does a pool without a level (the host's default level is
+  // zstd's, and lz4 takes levels above 2 as its slow high-compression mode).
   const Client_IO_Base::Compression method = io_opts_.compression_;
+  io_opts_.compression_level_ = codec_info(method)->default_level;
   if (!set_options_by_pool(io_opts_, pool_info_))
     return false;
   if (io_opts_.compression_ != method)
-    io_opts_.compression_level_ = Client_IO_Base::Options().compression_level_;
+    io_opts_.compression_level_ = codec_info(method)->default_level;
   io_opts_.compression_ = method;
   if (compression_level)
     io_opts_.compression_level_ = *compression_level;

@@ -201,6 +201,7 @@ TEST_F(Backup_Executor_Test, BuildsTheServantRequest) {
   expected["cvm"] = cvm().dump();
   Client_IO_Base::Options io;
   io.io_timeout_ = 60, io.compression_ = Client_IO_Base::Compression::Lz4;
+  io.compression_level_ = 1;
   io >> expected["io_opts"];
   EXPECT_EQ(request.dump(1), expected.dump(1));
 }
