@@ -112,17 +112,32 @@ bool Backup_Plan::check_vm_storage_quota() {
   return true;
 }
 
-bool Backup_Plan::check_base_backup() {
-  RESTful_Catalog_Operator catalog(params_.backupd_host_, params_.backupd_port_,
-                                   params_.backupd_ssl_, params_.access_key_, -1,
-                                   params_.retry_seconds_);
-  const JSON_Value filter = {{"resource_uuid", params_.resource_uuid_},
-                             {"host_id", params_.host_id_},
-                             {"vm_id", params_.vm_id_}};
+namespace {
+
+// The catalog's base view for the VM of `params`: its sets, newest first; null on failure.
+JSON_Value get_base_catalog(const VM_Backup_Params& params) {
+  RESTful_Catalog_Operator catalog(params.backupd_host_, params.backupd_port_, params.backupd_ssl_,
+                                   params.access_key_, -1, params.retry_seconds_);
+  const JSON_Value filter = {{"resource_uuid", params.resource_uuid_},
+                             {"host_id", params.host_id_},
+                             {"vm_id", params.vm_id_}};
   JSON_Value answer;
   if (!catalog.get_view("h3ccas", "base_catalog", filter, answer))
-    answer = nullptr;  // reported below, as an answer without a base
-  return check_base_backup_i(answer);
+    answer = nullptr;
+  return answer;
+}
+
+}  // namespace
+
+bool Backup_Plan::check_base_backup() {
+  // A failed view is reported by the check, as an answer without a base.
+  return check_base_backup_i(get_base_catalog(params_));
+}
+
+void Backup_Plan::find_last_cbt() {
+  const JSON_Value answer = get_base_catalog(params_);
+  if (answer.is_array() && !answer.empty() && answer.front().is_object())
+    last_cbt_ = answer.front().value("cbt_name", "");
 }
 
 bool Backup_Plan::check_base_backup_i(const JSON_Value& answer) {

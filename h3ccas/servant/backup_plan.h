@@ -56,6 +56,9 @@ class Backup_Plan {
   const CAS_Storage_Pool* find_cas_pool(const std::string& disk_path);
   // Whether the base the catalog names can carry an incremental backup; false: back up in full.
   bool check_base_backup();
+  // For a full backup: last_cbt_ becomes the CBTer of the VM's newest set, which the full set
+  // replaces as the base of later incremental backups ("" when none is known).
+  void find_last_cbt();
   // The check on the answer of the catalog's base view.
   bool check_base_backup_i(const JSON_Value& answer);
   // The images the external snapshot froze (the disks' backing files after it).

@@ -272,6 +272,9 @@ bool VM_Backup::online_backup_i() {
         (LM_WARNING,
          "Failed to check preconditions for incremental backup, perform full backup instead.\n"));
   }
+  // The CBTer of the newest set is of no use once a full set follows it: it goes with success.
+  if (is_full_backup() && last_cbt_.empty())
+    find_last_cbt();
   delete_residual_CBTers();
   const std::string& vm = params_.vm_name_;
   snapshot_name_ = snapshot_name();

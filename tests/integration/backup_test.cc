@@ -173,6 +173,11 @@ TEST(Backup, FullThenIncrementalOfARunningVm) {
   EXPECT_EQ(sets[1]["backup_type"], "full");
   EXPECT_EQ(sets[0]["base"], sets[1]["uuid"]);
   EXPECT_EQ(sets[0]["chain"], JSON_Value::array({sets[1]["uuid"], sets[0]["uuid"]}));
+
+  // A new full set starts a chain: the CBTers of the old one go.
+  r = stack.cli({"backup", "lab", "--pool", "nas", "--full", "--interval", "0.1", "web01"});
+  ASSERT_EQ(r.exit_code, 0) << r.err << r.out;
+  EXPECT_EQ(leftovers(stack), cbters("full"));
   EXPECT_LT(sets[0]["storage_size"].get<std::uint64_t>(),
             sets[1]["storage_size"].get<std::uint64_t>() / 4);
 }
