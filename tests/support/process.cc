@@ -1,5 +1,7 @@
 #include "tests/support/process.h"
 
+#include "host/core/paths.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -9,8 +11,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 extern char** environ;
@@ -57,12 +57,9 @@ pid_t spawn(const std::vector<std::string>& argv_in, const std::vector<std::stri
   pid_t pid = fork();
   if (pid == 0) {
     setpgid(0, 0);
-    if (in_fd >= 0)
-      dup2(in_fd, 0);
-    if (out_fd >= 0)
-      dup2(out_fd, 1);
-    if (err_fd >= 0)
-      dup2(err_fd, 2);
+    for (int i : {0, 1, 2})
+      if (int fd = i == 0 ? in_fd : i == 1 ? out_fd : err_fd; fd >= 0)
+        dup2(fd, i);
     execve(a[0], a.data(), e.data());
     fprintf(stderr, "exec %s: %s\n", a[0], strerror(errno));
     _exit(127);
@@ -96,8 +93,7 @@ bool Test_Process::running() {
   if (pid_ <= 0)
     return false;
   int st = 0;
-  pid_t r = waitpid(pid_, &st, WNOHANG);
-  if (r == pid_) {
+  if (waitpid(pid_, &st, WNOHANG) == pid_) {
     status_ = st;
     pid_ = -1;
     return false;
@@ -109,14 +105,10 @@ bool Test_Process::wait_ready(const std::string& ready_file, JSON_Value& ready,
                               int timeout_seconds) {
   auto deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
   while (Clock::now() < deadline) {
-    std::ifstream in(ready_file);
-    if (in) {
-      std::stringstream ss;
-      ss << in.rdbuf();
-      ready = JSON_Value::parse(ss.str(), nullptr, false);
-      if (!ready.is_discarded())
-        return true;
-    }
+    std::string text;
+    if (read_file(ready_file, text) &&
+        !(ready = JSON_Value::parse(text, nullptr, false)).is_discarded())
+      return true;
     if (!running())
       return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -155,13 +147,11 @@ Run_Result run_program(const std::vector<std::string>& argv, const std::string& 
   if (pipe2(in_pipe, O_CLOEXEC) || pipe2(out_pipe, O_CLOEXEC) || pipe2(err_pipe, O_CLOEXEC))
     return result;
   pid_t pid = spawn(argv, env, in_pipe[0], out_pipe[1], err_pipe[1]);
-  close(in_pipe[0]);
-  close(out_pipe[1]);
-  close(err_pipe[1]);
+  for (int fd : {in_pipe[0], out_pipe[1], err_pipe[1]})
+    close(fd);
   if (pid <= 0) {
-    close(in_pipe[1]);
-    close(out_pipe[0]);
-    close(err_pipe[0]);
+    for (int fd : {in_pipe[1], out_pipe[0], err_pipe[0]})
+      close(fd);
     return result;
   }
   // The input is small (passwords, answers): written up front, then stdin is closed.

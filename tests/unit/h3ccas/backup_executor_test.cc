@@ -79,7 +79,6 @@ class Backup_Executor_Test : public Cas_Peer {
     Host_Manager::instance()->set_access_key("agent-key");
     WebSocket_Options::instance()->port = 8443;
   }
-
   // A backup job of the CVM; `patch` is merged into its options, and its "def" member gives the
   // definition's "subtype" and "retry_count".
   std::shared_ptr<Job> job(const S& source, const S& patch = "{}") {
@@ -102,7 +101,6 @@ class Backup_Executor_Test : public Cas_Peer {
     j->set_event_handler(std::make_shared<Handler>());
     return j;
   }
-
   std::function<void()> hold_pool_;  // runs when the pool is asked for
   Temp_Dir root_;
   Scoped_Env root_env_{"BRIMLET_ROOT", root_.path()};
@@ -247,7 +245,6 @@ TEST_F(Backup_Executor_Test, FailedServantsFailTheJobAndStopsCancelIt) {
   ASSERT_TRUE(act);
   EXPECT_EQ(std::tuple(act->stored_size, act->set_size, act->source_size, act->last_run_time > 0),
             std::tuple(0ull, 0ull, 0ull, true));
-
   auto stopped = job(R"({"entries":[{"type":"cas"}]})");
   hold_pool_ = [&stopped] { EXPECT_EQ(stopped->stop(), 0); };
   Log_Capture log2;

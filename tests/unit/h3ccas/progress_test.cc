@@ -71,28 +71,18 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
   EXPECT_EQ(st.st_size, 4096);
   ASSERT_TRUE(reporter.push_update());
   VM_Progress_Info_Handle a = servant("job-1", "vm-a"), b = servant("job-1", "vm-b");
-  a->state = VM_Progress_Info::running;
-  a->total_size = 3ull << 30;
-  a->processed_size = 1ull << 20;
-  a->total_virtual_disk = 3;
-  a->processed_virtual_disk = 1;
-  a->start_time = 1000;
+  a->state = VM_Progress_Info::running, a->total_size = 3ull << 30, a->processed_size = 1ull << 20;
+  a->total_virtual_disk = 3, a->processed_virtual_disk = 1, a->start_time = 1000;
   ASSERT_TRUE(reporter.push_update());
-  a->state = VM_Progress_Info::completed;
-  a->processed_size = 3ull << 30;
-  a->processed_virtual_disk = 3;
-  b->state = VM_Progress_Info::failed;
-  b->start_time = 2000;
+  a->state = VM_Progress_Info::completed, a->processed_size = 3ull << 30;
+  a->processed_virtual_disk = 3, b->state = VM_Progress_Info::failed, b->start_time = 2000;
   ASSERT_TRUE(reporter.push_update());
   // A completed VM is not read again: its mapping is gone and later stores are ignored.
-  stale.close();
-  a.close();
-  b.close();
+  stale.close(), a.close(), b.close();
   EXPECT_FALSE(is_mapped(progress_path("job-1", "vm-a")));
   EXPECT_TRUE(is_mapped(progress_path("job-1", "vm-b")));
   a = servant("job-1", "vm-a");
-  a->state = VM_Progress_Info::failed;
-  a->processed_size = 1;
+  a->state = VM_Progress_Info::failed, a->processed_size = 1;
   activity_.state = Job_Activity::completed;
   ASSERT_TRUE(reporter.flush());
   const std::string r = std::to_string(Job_Activity::running) + "; ";
@@ -124,8 +114,7 @@ TEST_F(Progress_Test, FlushEndsEveryVm) {
   ASSERT_TRUE(reporter.activate("job-2"));
   for (const auto& [uuid, state, start] : cases) {
     VM_Progress_Info_Handle h = servant("job-2", uuid);
-    h->state = state;
-    h->start_time = start;
+    h->state = state, h->start_time = start;
   }
   ASSERT_TRUE(reporter.flush());
   EXPECT_EQ(handler_.calls.back(), std::to_string(Job_Activity::running) +
@@ -146,8 +135,7 @@ TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
     EXPECT_FALSE(reporter.add_vm("vm-late", "late"));
     EXPECT_FALSE(reporter.activate("job-4"));
     EXPECT_FALSE(empty.add_vm("vm-late", "late"));
-    EXPECT_EQ(log.count(LM_EMERGENCY), 3u);
-    EXPECT_EQ(log.count(), 3u);
+    EXPECT_EQ(std::tuple(log.count(LM_EMERGENCY), log.count()), std::tuple(3u, 3u));
     EXPECT_TRUE(log.contains("Unexpected error in h3ccas/job/progress_reporter.cc:")) << log.text();
     EXPECT_TRUE(log.contains(", activated_ is true:\n")) << log.text();
   }

@@ -34,12 +34,8 @@ S said(const Log_Capture& log) {
 }
 
 TEST(SplitBlocks, Table) {
-  struct Case {
-    std::vector<Block> blocks;
-    std::uint64_t align;
-    int n;
-    S chunks;  // "blocks=size|..."
-  } const cases[] = {
+  // blocks, alignment, chunks wanted, the chunks as "blocks=size|..."
+  const std::tuple<std::vector<Block>, std::uint64_t, int, S> cases[] = {
       {{{0, 1000}, {4096, 3000}}, 512, 2, "0+1000,4096+1048=2048|5144+1952=1952"},
       {{{0, 1000}, {4096, 3000}}, 512, 1, "0+1000,4096+3000=4000"},
       {{}, 512, 4, "=0"},
@@ -48,14 +44,14 @@ TEST(SplitBlocks, Table) {
       {{{0, 3}}, 512, 4, "0+3=3"},                     // less than a byte per chunk
       {{{0, 100}, {200, 100}}, 1, 2, "0+100=100|200+100=100"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [blocks, align, n, chunks] : cases) {
     std::uint64_t total = 7, sum = 7;
     S got;
-    for (const auto& chunk : split_blocks(c.blocks, c.align, c.n, total)) {
+    for (const auto& chunk : split_blocks(blocks, align, n, total)) {
       got += (got.empty() ? "" : "|") + text(chunk.first) + "=" + std::to_string(chunk.second);
       sum += chunk.second;
     }
-    EXPECT_EQ(got, c.chunks);
+    EXPECT_EQ(got, chunks);
     EXPECT_EQ(total, sum);
   }
 }
@@ -142,13 +138,13 @@ class Flow : public Cas_Peer {
           S("DELETE /cas/casrs/vm/disk/changedBlockTracker"), S("PUT /cas/casrs/vm/start/7")})
       peer_.set(path, P::json(ok));
   }
-  void pools(const char* free_mib) {
+  void pools(const S& free) {
     peer_.set("GET /cas/casrs/storage/pool",
-              P::json(string_sprintf(R"({"storagePool":[{"name":"img","type":"dir","path":"/img",)"
-                                     R"("totalSize":"1000","status":"1","freeSize":"%s"},{"name":)"
-                                     R"("ceph","type":"rbd","path":"ceph","totalSize":"1",)"
-                                     R"("freeSize":"1","status":"1"}]})",
-                                     free_mib)));
+              P::json(R"({"storagePool":[{"name":"img","type":"dir","path":"/img","totalSize":)"
+                      R"("1000","status":"1","freeSize":")" +
+                      free +
+                      R"("},{"name":"ceph","type":)"
+                      R"("rbd","path":"ceph","totalSize":"1","freeSize":"1","status":"1"}]})"));
   }
   void tree(const S& root) { peer_.set("GET " + snap, P::json(R"({"snapshot":)" + root + "}")); }
   void detail(const S& status, const S& format) {
@@ -265,14 +261,10 @@ TEST_F(Flow, Runs) {
           residual = R"({"name":"Brimlet5_old","snapshotMode":"1","snapshots":{"snapshot":[{)"
                      R"("name":"user1","snapshotMode":"1","snapshots":{"snapshot":{"name":)"
                      R"("Brimlet5_x","snapshotMode":"1"}}}]}})";
-  struct Case {
-    S tree, format;
-    // 1: creating the snapshot fails, 2: deleting the residual one, 3: no restart, 4: an
-    // incremental run skipped for want of CBT, 5: with CBT after base "c0", 6: 5 and 1
-    int fault;
-    bool ok;
-    S changes, line;
-  } const cases[] = {
+  // snapshot tree, disk format, fault, success, changes made, a line logged. Faults: 1: creating
+  // the snapshot fails, 2: deleting the residual one, 3: no restart, 4: an incremental run skipped
+  // for want of CBT, 5: with CBT after base "c0", 6: 5 and 1
+  const std::tuple<S, S, int, bool, S, S> cases[] = {
       {residual, "qcow2", 0, true, old + "DELETE " + snap + "/Brimlet5_x\n" + create + mine,
        "Snapshot 'Brimlet5_x' deleted.\n"},
       {"", "qcow2", 1, false, create + mine, "Failed to create snapshot for CAS VM 'w'.\n"},
@@ -286,29 +278,29 @@ TEST_F(Flow, Runs) {
        "Deleting CBTer '" + name + "' for CAS VM 'w'.\n"},
       {"", "raw", 0, true, "PUT /cas/casrs/vm/stop/7\nPUT /cas/casrs/vm/start/7\n", ""},
   };
-  for (const Case& c : cases) {
+  for (const auto& [snapshots, format, fault, good, changes, line] : cases) {
     reset();
-    if (!c.tree.empty())
-      tree(c.tree);
-    detail("running", c.format);
-    peer_.set("DELETE " + snap + "/Brimlet5_old", P::json(ok, c.fault == 2 ? 500 : 200));
-    if (c.fault == 1 || c.fault == 6)
+    if (!snapshots.empty())
+      tree(snapshots);
+    detail("running", format);
+    peer_.set("DELETE " + snap + "/Brimlet5_old", P::json(ok, fault == 2 ? 500 : 200));
+    if (fault == 1 || fault == 6)
       peer_.set("POST /cas/casrs/vm/snapshot", P::json("", 500));
     auto b = backup();
-    b->params_.opts_.restart_vm_ = c.fault != 3, b->params_.opts_.enable_cbt_ = c.fault >= 5;
-    b->last_cbt_ = c.fault >= 5 ? "c0" : "";
-    b->on_pause = [&] { detail("shutOff", c.format); };
-    if (c.fault == 4) {
+    b->params_.opts_.restart_vm_ = fault != 3, b->params_.opts_.enable_cbt_ = fault >= 5;
+    b->last_cbt_ = fault >= 5 ? "c0" : "";
+    b->on_pause = [&, format = format] { detail("shutOff", format); };
+    if (fault == 4) {
       peer_.set("GET /cas/casrs/vm/7/capabilities", P::json(R"({"supportSnapshot":"false",)"
                                                             R"("supportCbt":"false"})"));
       b->backup_type_ = Job_Definition_Subtype::Incremental,
       b->params_.opts_.no_cbt_ = No_CBT_Opts::Skip;
     }
     Log_Capture log;
-    EXPECT_EQ(run(*b, log, c.ok), c.changes) << c.line;
-    EXPECT_TRUE(log.contains(c.line)) << messages(log);
-    EXPECT_EQ(b->offline_backup_, c.format == "raw");
-    EXPECT_EQ(committed_["pieces"].size(), c.ok && c.fault != 4 ? 2u : 0u);
+    EXPECT_EQ(run(*b, log, good), changes) << line;
+    EXPECT_TRUE(log.contains(line)) << messages(log);
+    EXPECT_EQ(b->offline_backup_, format == "raw");
+    EXPECT_EQ(committed_["pieces"].size(), good && fault != 4 ? 2u : 0u);
   }
   EXPECT_EQ(committed_["run_uuid"].dump() + committed_["job_uuid"].dump(), R"("run1""j1")");
   // The servant's "backup" action runs the same flow and answers with its counts.
@@ -338,13 +330,9 @@ TEST_F(Flow, Decisions) {
           no_cbt = "CAS VM 'w' does NOT support CBT, ";
   using T = Job_Definition_Subtype;
   using N = No_CBT_Opts;
-  struct Case {
-    S caps, mode, status;
-    T type;
-    N policy;
-    bool ok;
-    S flags, line;  // offline, internal, CBT, skipped, full; the last line logged
-  } const cases[] = {
+  // capabilities, snapshot mode, status, backup type, policy, success, flags (offline, internal,
+  // CBT, skipped, full), the last line logged
+  const std::tuple<S, S, S, T, N, bool, S, S> cases[] = {
       {both, "1", "running", T::Incremental, N::None, true, "01100", ""},
       {both, "2", "running", T::Full, N::None, true, "00101", ""},
       {ext, "1", "running", T::Full, N::None, true, "00101", ""},
@@ -361,25 +349,23 @@ TEST_F(Flow, Decisions) {
       {both, "1", "paused", T::Full, N::None, false, "00001",
        "The VM is paused. It is unsupported to back up a paused VM.\n"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [caps, mode, status, type, policy, good, want, line] : cases) {
     reset();
-    peer_.set("GET /cas/casrs/vm/7/capabilities", P::json("{" + c.caps + "}"));
-    tree(R"({"name":")" + S(c.mode.empty() ? "" : "user1") + R"(","snapshotMode":")" + c.mode +
-         R"("})");
-    detail(c.status, "qcow2");
+    peer_.set("GET /cas/casrs/vm/7/capabilities", P::json("{" + caps + "}"));
+    tree(R"({"name":")" + S(mode.empty() ? "" : "user1") + R"(","snapshotMode":")" + mode + "\"}");
+    detail(status, "qcow2");
     auto b = backup();
-    b->backup_type_ = c.type, b->params_.opts_.no_cbt_ = c.policy;
+    b->backup_type_ = type, b->params_.opts_.no_cbt_ = policy;
     ASSERT_TRUE(b->client_->get_vm_detail("7", b->vm_detail_));
     Log_Capture log;
-    EXPECT_EQ(b->check_vm_capabilities(), c.ok) << c.flags;
+    EXPECT_EQ(b->check_vm_capabilities(), good) << want;
     S flags;
     for (bool f : {b->offline_backup_, b->use_internal_snapshot_, b->use_cbt_, b->skip_backup_,
                    b->is_full_backup()})
       flags += f ? "1" : "0";
-    EXPECT_EQ(flags, c.flags) << c.line;
+    EXPECT_EQ(flags, want) << line;
     S last = messages(log);
-    last = last.substr(last.rfind('\n', last.size() - 2) + 1);
-    EXPECT_EQ(c.line.empty() ? "" : last, c.line);
+    EXPECT_EQ(line.empty() ? "" : last.substr(last.rfind('\n', last.size() - 2) + 1), line);
   }
 }
 
@@ -392,9 +378,8 @@ TEST_F(Flow, BaseCheck) {
   const S no_base = "Failed to retrieve base catalogs for CAS VM 'w' on CVK 'cvk1'.\n",
           invalid = "CBTer 'c' of last backup of CAS VM 'w' is invalid.\n",
           good = R"(,"cbt_name":"c")";
-  struct Case {
-    S answer, images, log;
-  } const cases[] = {
+  const std::tuple<S, S, S> cases[] = {
+      // the view's answer, the CBTer's images, the lines logged
       {"[]", "", no_base},
       {R"({"uuid":"u"})", "", no_base},
       {base("p1", ""), "",
@@ -410,21 +395,20 @@ TEST_F(Flow, BaseCheck) {
        invalid},
       {base("p1", good), R"([{"image":"/a","valid":"true"}])", ""},
   };
-  for (const Case& c : cases) {
+  for (const auto& [answer, images, lines] : cases) {
     auto p = plan(Job_Definition_Subtype::Incremental);
     peer_.set("GET /cas/casrs/vm/disk/changedBlockTracker",
-              P::json(c.images == "500" ? "" : R"({"dirtyBitmapInfo":)" + c.images + "}",
-                      c.images == "500" ? 500 : 200));
-    view_ = c.answer;
+              P::json(images == "500" ? "" : R"({"dirtyBitmapInfo":)" + images + "}",
+                      images == "500" ? 500 : 200));
+    view_ = answer;
     Log_Capture log;
-    EXPECT_EQ(p->check_base_backup(), c.log.empty()) << c.answer;
-    EXPECT_EQ(said(log), c.log);
+    EXPECT_EQ(p->check_base_backup(), lines.empty()) << answer;
+    EXPECT_EQ(said(log), lines);
     EXPECT_EQ(asked_, "key host_id=1 resource_uuid=r vm_id=7");
-    if (c.log.empty()) {
-      EXPECT_EQ(
-          p->last_bset_uuid_ + p->last_bset_incarnation_ + std::to_string(p->cbt_info_.size()),
-          "ui1");
-    }
+    EXPECT_EQ(lines.empty() ? p->last_bset_uuid_ + p->last_bset_incarnation_ +
+                                  std::to_string(p->cbt_info_.size())
+                            : "ui1",
+              "ui1");
   }
 }
 
@@ -458,7 +442,6 @@ TEST_F(Flow, PrepareDisks) {
       "Disk added to back up, path='/img/a', type=file, format=raw, mode=1, backup "
       "size=1049088, used size=1048576, total size=8388608.\n";
   EXPECT_EQ(said(log).substr(0, added.size()), added);
-
   peer_.set("GET /cas/casrs/vm/detail/7",
             P::json(R"({"basic":{},"cpu":{},"memory":{},"storage":[{"device":"disk",)"
                     R"("backingFile":"ceph/img"},{"device":"cdrom","backingFile":"/img/a"}]})"));
@@ -487,12 +470,9 @@ TEST_F(Flow, BackupBlocks) {
               "Unable to get allocated or changed blocks of disk '/img/a' (format=raw, "
               "type=file), backup the whole disk.\n";
   enum Mode { Full_Offline, Incr_Internal, Incr_External };
-  struct Case {
-    Mode mode;
-    S request, answer, alloc_mib;
-    bool valid;  // the base CBTer's record of the disk
-    S blocks, log;
-  } const cases[] = {
+  // mode, the request and its answer, the disk's allocated MiB, the base CBTer's record of the
+  // disk, the blocks, the lines logged
+  const std::tuple<Mode, S, S, S, bool, S, S> cases[] = {
       {Full_Offline, data, some, "1", true, "512+1024", ""},
       {Full_Offline, data, none, "0", true, "",
        "Allocated or changed blocks of disk '/img/a' is empty, backup skipped for it.\n"},
@@ -505,20 +485,20 @@ TEST_F(Flow, BackupBlocks) {
       {Incr_Internal, changed + "&srcPath=%2Fimg%2Fa&vmId=7", some, "1", true, "512+1024", ""},
       {Incr_Internal, changed + "&srcPath=%2Fimg%2Fa&vmId=7", some, "1", false, "0+8388608", whole},
   };
-  for (const Case& c : cases) {
-    peer_.set(c.request, P::json(c.answer));
-    auto p = plan(c.mode == Full_Offline ? Job_Definition_Subtype::Full
-                                         : Job_Definition_Subtype::Incremental);
-    p->use_internal_snapshot_ = c.mode == Incr_Internal;
-    p->use_cbt_ = c.mode != Full_Offline;
-    p->cbt_info_["/img/a"] = c.valid;
+  for (const auto& [mode, request, answer, alloc_mib, valid, want, lines] : cases) {
+    peer_.set(request, P::json(answer));
+    auto p = plan(mode == Full_Offline ? Job_Definition_Subtype::Full
+                                       : Job_Definition_Subtype::Incremental);
+    p->use_internal_snapshot_ = mode == Incr_Internal;
+    p->use_cbt_ = mode != Full_Offline;
+    p->cbt_info_["/img/a"] = valid;
     VM_Disk d;
-    ASSERT_TRUE(d.load(disk("/img/a", "file", "8", c.alloc_mib)));
+    ASSERT_TRUE(d.load(disk("/img/a", "file", "8", alloc_mib)));
     std::vector<Block> blocks{{1, 1}};
     Log_Capture log;
     EXPECT_TRUE(p->get_backup_blocks(d, blocks));
-    EXPECT_EQ(text(blocks), c.blocks) << c.request;
-    EXPECT_EQ(said(log), c.log) << c.request;
+    EXPECT_EQ(text(blocks), want) << request;
+    EXPECT_EQ(said(log), lines) << request;
   }
 }
 
@@ -552,10 +532,9 @@ TEST_F(Flow, Transfer) {
   ASSERT_TRUE(t->transfer_chunks());
   EXPECT_EQ(read_back("/cvk1/w/empty_0"), "");
   EXPECT_EQ(read_back("/cvk1/w/good_0"), "0+100000,200000+5000,");
-  const Image_Reader::Superblock& sb = sb_;
-  EXPECT_EQ(sb.set_id[0], std::stoi(t->bset_uuid_.substr(0, 2), nullptr, 16));
-  EXPECT_EQ(sb.set_id[15], std::stoi(t->bset_uuid_.substr(34), nullptr, 16));
-  EXPECT_TRUE(std::equal(sb.set_id, sb.set_id + 16, sb.image_id) && sb.block_size == 65536);
+  EXPECT_EQ(Hex_String_T(sb_.set_id, 16).str(),
+            std::regex_replace(t->bset_uuid_, std::regex("-"), ""));
+  EXPECT_TRUE(std::equal(sb_.set_id, sb_.set_id + 16, sb_.image_id) && sb_.block_size == 65536);
   EXPECT_TRUE(info_.processed_size == 105000 && info_.total_size == 105000);
   JSON_Value out = catalog(*t);
   EXPECT_EQ(out["pieces"].dump(),
@@ -583,27 +562,24 @@ TEST_F(Flow, Transfer) {
   Log_Capture log0;
   EXPECT_TRUE(catalog(*t).is_null());
   EXPECT_EQ(messages(log0), "Invalid CAS VM catalog: missing string 'agent'.\n");
-  struct Case {
-    int write;
-    bool commit;
-    S disk, error;
-  } const cases[] = {
+  const std::tuple<int, bool, S, S> cases[] = {
+      // write and commit faults, disk, error
       {1, false, "/vms/c", "Failed to write image super block for CAS disk '/vms/c'.\n"},
       {3, false, "/vms/c", "Failed to write to storage pool: injected write fault.\n"},
       {0, true, "/vms/c",
        "Failed to close '/cvk1/w/bad_0' on storage pool: injected commit fault.\n"},
       {0, false, "/unreadable", "Failed to read data from CAS VM 'w' on CVK '10.0.0.5'.\n"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [write, commit, disk, error] : cases) {
     t = transfer();
     std::filesystem::remove_all(dir_.file("pool"));
-    fault_write = c.write, fault_commit = c.commit;
-    t->chunks_.push_back(chunk(c.disk, "/cvk1/w/bad_0", {{0, 3 << 20}}));
+    fault_write = write, fault_commit = commit;
+    t->chunks_.push_back(chunk(disk, "/cvk1/w/bad_0", {{0, 3 << 20}}));
     t->params_.io_opts_.compression_ = Client_IO_Base::Compression::None;  // many writes
     Log_Capture log;
     EXPECT_FALSE(t->transfer_chunks());
     EXPECT_EQ(log.count(LM_ERROR), 1u);
-    EXPECT_TRUE(log.contains(c.error)) << messages(log);
+    EXPECT_TRUE(log.contains(error)) << messages(log);
     std::set<S> files;  // hidden ones included
     for (const auto& e : std::filesystem::recursive_directory_iterator(dir_.file("pool")))
       files.insert(e.is_regular_file() ? e.path().filename() : "");

@@ -52,7 +52,6 @@ class Job_Test : public ::testing::Test {
     std::unique_lock<std::mutex> lock(g_mutex);
     g_cv.wait(lock, [&] { return g_blocked >= n; });
   }
-
   Temp_Dir dir_;
   Job_Runs runs_;
   S error_;
