@@ -48,12 +48,11 @@ bool is_mapped(const std::string& path) {
 
 class Mem_Map_Test : public ::testing::Test {
  protected:
-  void SetUp() override { setenv("BRIMLET_ROOT", root_.path().c_str(), 1); }
-  void TearDown() override { unsetenv("BRIMLET_ROOT"); }
   std::string sample_dir(const std::string& id) const {
     return root_.path() + "/var/test/sample/" + id;
   }
   Temp_Dir root_;
+  Scoped_Env root_env_{"BRIMLET_ROOT", root_.path()};
 };
 
 TEST_F(Mem_Map_Test, StoresAreSharedFilesHaveTheirModesAndJobActivityItsUid) {

@@ -2,7 +2,6 @@
 // serving CVM's login-check answers as static files.
 
 #include "tests/support/process.h"
-#include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
 
 #include <pwd.h>

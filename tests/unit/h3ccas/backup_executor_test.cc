@@ -6,7 +6,6 @@
 #include "host/core/identity.h"
 #include "host/job/runs.h"
 #include "host/module/module.h"
-#include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
 #include "tests/unit/job/test_job.h"
 

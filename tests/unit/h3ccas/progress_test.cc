@@ -1,6 +1,5 @@
 #include "h3ccas/job/progress_reporter.h"
 #include "host/core/paths.h"
-#include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
 
 #include <sys/stat.h>

@@ -3,11 +3,7 @@
 #include "h3ccas/servant/exec_handler.h"
 
 #include "host/core/paths.h"
-#include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
-
-#include <cstdlib>
-#include <fstream>
 
 namespace h3ccas {
 namespace {
@@ -15,15 +11,13 @@ namespace {
 // Each test gets its own install root and a journal of the stub library's calls.
 class Servant_Test : public ::testing::Test {
  protected:
-  std::vector<std::string> journal() const {
-    std::vector<std::string> lines;
-    std::ifstream in(dir_.file("journal"));
-    for (std::string line; std::getline(in, line);)
-      lines.push_back(line);
-    return lines;
+  std::string journal() const {
+    std::string text;
+    return read_file(dir_.file("journal"), text), text;
   }
   std::string init_line() const {
-    return "init starter " + dir_.path() + "/var/log/brimlet5/cvd-sdk.log " + dir_.file("cvd.conf");
+    return "init starter " + dir_.path() + "/var/log/brimlet5/cvd-sdk.log " +
+           dir_.file("cvd.conf") + "\n";
   }
   Temp_Dir dir_;
   Scoped_Env root_{"BRIMLET_ROOT", dir_.path()};
@@ -62,7 +56,7 @@ TEST_F(Servant_Test, LoaderFailuresNameWhatIsMissing) {
     EXPECT_EQ(log.count(LM_ERROR), 1u);
   }
   // Only the stub whose cvd_init refused was initialised, and a refused one is not finished.
-  EXPECT_EQ(journal(), std::vector<std::string>{init_line()});
+  EXPECT_EQ(journal(), init_line());
 }
 
 TEST_F(Servant_Test, LoaderInitialisesOnceAndFinishesOnDestruction) {
@@ -86,9 +80,9 @@ TEST_F(Servant_Test, LoaderInitialisesOnceAndFinishesOnDestruction) {
       EXPECT_EQ(messages(log), "Failed to load CAS libcvd: another loader holds it.\n");
     }
     EXPECT_EQ(functions_loaded(), 8);
-    EXPECT_EQ(journal(), std::vector<std::string>{init_line()});
+    EXPECT_EQ(journal(), init_line());
   }
-  EXPECT_EQ(journal(), (std::vector<std::string>{init_line(), "deinit"}));
+  EXPECT_EQ(journal(), init_line() + "deinit\n");
   EXPECT_EQ(functions_loaded(), 0);
   // Then another loader may take the library.
   Scoped_Env sdk("CAS_CVD_SDK_PATH", std::string(CVD_STUB_PATH));
@@ -130,12 +124,12 @@ TEST_F(Servant_Test, ConnectsOpensReadsAndReleasesEverything) {
     EXPECT_NE(text.find(line), std::string::npos) << line << text;
     text.erase(0, text.find(line));  // in this order
   }
-  EXPECT_EQ(journal(),
-            (std::vector<std::string>{
-                init_line(), "connect unreachable 9000 operator s3cret  0",
-                "connect 10.1.1.3 8192 operator s3cret web01 0", "open /vms/images/web01 snap1 1",
-                "open /vms/images/web01-data - 2", "close /vms/images/web01-data",
-                "open /missing - 1", "close /vms/images/web01", "disconnect 10.1.1.3"}));
+  EXPECT_EQ(journal(), init_line() +
+                           "connect unreachable 9000 operator s3cret  0\n"
+                           "connect 10.1.1.3 8192 operator s3cret web01 0\n"
+                           "open /vms/images/web01 snap1 1\nopen /vms/images/web01-data - 2\n"
+                           "close /vms/images/web01-data\nopen /missing - 1\n"
+                           "close /vms/images/web01\ndisconnect 10.1.1.3\n");
 }
 
 // A default record of each action is a valid one.
@@ -181,7 +175,7 @@ TEST_F(Servant_Test, ExecReplies) {
     }
     EXPECT_EQ(loader.inited(), with_libcvd);
   }
-  EXPECT_EQ(journal(), std::vector<std::string>{init_line()});
+  EXPECT_EQ(journal(), init_line());
   // Nothing is sent for a response or to a requester that has gone.
   Log_Capture log;
   auto chn = std::make_shared<Capture_Channel>();

@@ -7,10 +7,10 @@
 #include "host/http/server.h"
 #include "host/jsonrpc/jsonrpc.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -31,21 +31,6 @@ std::uint16_t free_port();
 JSON_Value json(const std::string& text);
 // The captured lines without their time, process, priority and source.
 std::string messages(const Log_Capture& log);
-
-// Sets (or, with nullopt, removes) an environment variable for the life of the object.
-struct Scoped_Env {
-  Scoped_Env(const char* name, const std::optional<std::string>& value) : name(name) {
-    if (const char* old_value = std::getenv(name))
-      old = old_value;
-    apply(value);
-  }
-  ~Scoped_Env() { apply(old); }
-  void apply(const std::optional<std::string>& v) {
-    v ? setenv(name, v->c_str(), 1) : unsetenv(name);
-  }
-  const char* name;
-  std::optional<std::string> old;
-};
 
 namespace h3ccas {
 

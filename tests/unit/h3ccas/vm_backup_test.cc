@@ -5,7 +5,6 @@
 #include "host/http/server.h"
 #include "host/storage/file_driver.h"
 #include "host/storage/image.h"
-#include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
 
 #include <filesystem>
