@@ -18,16 +18,13 @@ void check_natoi(std::vector<std::string> texts, std::vector<T> values, T def) {
   }
 }
 
-TEST(Cas_Conversions, TryNatoi) {
+TEST(Cas_Conversions, NumbersEnumerationsSizesPathsAndVersions) {
   check_natoi<unsigned>({"4294967295", "4294967296", "+7", "-0", "", "12 ", "1x2"},
                         {4294967295u, 77, 7, 77, 77, 77, 77}, 77u);
   check_natoi<int>({"-2147483648", "-2147483649"}, {INT_MIN, -1}, -1);
   // The whole string counts, even past an embedded NUL.
   check_natoi<unsigned long>({"18446744073709551615", "18446744073709551616", {"12\0003", 4}},
                              {ULONG_MAX, 9, 9}, 9ul);
-}
-
-TEST(Cas_Conversions, TryAtod) {
   // text, success, `out` afterwards (it held -1), log
   const std::tuple<const char*, bool, double, const char*> cases[] = {
       {"  -2e3", true, -2000, ""},
@@ -42,9 +39,6 @@ TEST(Cas_Conversions, TryAtod) {
     EXPECT_DOUBLE_EQ(out, value) << text;
     EXPECT_TRUE(log.contains(message)) << log.text();
   }
-}
-
-TEST(Cas_Conversions, EnumerationsSizesPathsAndVersions) {
   // CAS's provisioning codes are read in records; here what falls outside them.
   for (const char* bad : {"3", "00", static_cast<const char*>(nullptr)})
     EXPECT_EQ(str_to_provision_mode(bad), UNKNOWN);

@@ -87,13 +87,13 @@ TEST(Backup_Params, LoadsDumpsAndRefuses) {
     expect_refused<VM_Backup_Params>(backup_params, patch, message);
 }
 
-TEST(Restore_Params, LoadsDumpsAndRefuses) {
+TEST(Restore_Params, LoadsDumpsAndRefusesDisksOnFileAndBlockStorage) {
   VM_Restore_Params p;
   ASSERT_TRUE(p.load(json(restore_params)));
   EXPECT_TRUE(p.io_opts_.encryption_);
   ASSERT_EQ(p.disks_.size(), 2u);
-  EXPECT_EQ(p.disks_[0].provisioning_mode_, THIN);
-  EXPECT_EQ(p.disks_[1].provisioning_mode_, UNKNOWN);
+  EXPECT_EQ(std::tuple(p.disks_[0].provisioning_mode_, p.disks_[1].provisioning_mode_),
+            std::tuple(THIN, UNKNOWN));
   EXPECT_EQ(p.dump(), json(restore_params));
   const std::string m = "Invalid CAS restore params: ";
   const std::pair<const char*, std::string> cases[] = {
@@ -118,23 +118,19 @@ TEST(Restore_Params, LoadsDumpsAndRefuses) {
   VM_Restore_Params failed;
   Log_Capture log;
   EXPECT_FALSE(failed.load(params));
-  EXPECT_EQ(failed.disks_.size(), 1u);
-  EXPECT_TRUE(failed.nics_.empty());
-  EXPECT_EQ(log.count(), 1u);
+  EXPECT_EQ(std::tuple(failed.disks_.size(), failed.nics_.size(), log.count()),
+            std::tuple(1u, 0u, 1u));
   params["disks"] = JSON_Value::array();
   VM_Restore_Params empty;
   ASSERT_TRUE(empty.load(params));
-  EXPECT_TRUE(empty.disks_.empty());
-  EXPECT_EQ(empty.nics_.size(), 1u);
-}
-
-TEST(Restore_Params, DisksOnFileAndBlockStorage) {
+  EXPECT_EQ(std::tuple(empty.disks_.size(), empty.nics_.size()), std::tuple(0u, 1u));
   const char dir[] = R"({"source_path":"/a","target_pool_name":"p","target_pool_path":"/p",
                          "target_pool_type":"dir")";
   const char iscsi[] = R"({"source_path":"/a","target_pool_name":"p","target_pool_path":"/p",
                            "target_pool_type":"iscsi")";
-  // pool type, the rest of the entry, the mode loaded or the reason it is refused
-  const std::tuple<const char*, const char*, Provisioning_Mode, const char*> cases[] = {
+  // pool type, the rest of the entry, the mode loaded or the reason it is refused; each follows a
+  // good entry, which stays when a bad one stops the reading
+  const std::tuple<const char*, const char*, Provisioning_Mode, const char*> disk_cases[] = {
       // The code string names CAS's codes, an integer the mode itself.
       {dir, R"(,"provisioning_mode":"2"})", THIN, ""},
       {dir, R"(,"provisioning_mode":1})", THIN, ""},
@@ -150,39 +146,35 @@ TEST(Restore_Params, DisksOnFileAndBlockStorage) {
       {dir, R"(,"provisioning_mode":"2","target_volume_name":5})", UNKNOWN,
        "'target_volume_name' is expected as string"},
   };
-  for (const auto& [pool, rest, mode, message] : cases) {
+  for (const auto& [pool, rest, mode, message] : disk_cases) {
     const std::string disk = std::string(pool) + rest;
     SCOPED_TRACE(disk);
     VM_Restore_Params p;
     Log_Capture log;
-    // Entries come one after another; a bad one stops the reading, those before it stay.
     const JSON_Value disks = {json(R"({"source_path":"/b","target_pool_name":"p",
         "target_pool_path":"/p","target_pool_type":"fc","target_volume_name":"v"})"),
                               json(disk.c_str())};
     EXPECT_EQ(p.load_disks(disks), !*message);
     ASSERT_EQ(p.disks_.size(), *message ? 1u : 2u);
-    if (!*message) {
-      EXPECT_EQ(p.disks_[1].provisioning_mode_, mode);
-    }
+    EXPECT_EQ(*message ? mode : p.disks_.back().provisioning_mode_, mode);
     EXPECT_EQ(
         messages(log),
         *message ? std::string("Invalid CAS VM restore params for disks: ") + message + ".\n" : "");
   }
-  VM_Restore_Params p;
-  Log_Capture log;
-  EXPECT_FALSE(p.load_disks(json(R"({"source_path":"/a"})")));
-  EXPECT_FALSE(p.load_nics(json(R"("vswitch0")")));
-  EXPECT_EQ(messages(log),
+  VM_Restore_Params bare;
+  Log_Capture log2;
+  EXPECT_FALSE(bare.load_disks(json(R"({"source_path":"/a"})")) ||
+               bare.load_nics(json(R"("vswitch0")")));
+  EXPECT_EQ(messages(log2),
             "Invalid CAS VM restore params for disks: 'disks' is expected as array.\n"
             "Invalid CAS VM restore params for networks: 'nics' is expected as array.\n");
-  EXPECT_TRUE(p.load_nics(json(restore_params)["nics"]));
-  EXPECT_TRUE(p.load_nics(json(restore_params)["nics"]));
-  EXPECT_EQ(p.nics_.size(), 2u);  // appended
+  EXPECT_TRUE(bare.load_nics(json(restore_params)["nics"]) &&
+              bare.load_nics(json(restore_params)["nics"]));
+  EXPECT_EQ(bare.nics_.size(), 2u);  // appended
 }
 
 TEST(VM_Histories, EjectEmptiesTheTable) {
   VM_Histories h;
-  EXPECT_EQ(h.eject(), JSON_Value::array());
   h.histories_["42"] = {"cvk-b", "web01", 100, 400, 90, true};
   h.histories_["43"] = {"cvk-c", "db01", 0, 0, 0, false};
   JSON_Value out = h.eject();

@@ -162,7 +162,7 @@ const char dumped_disk[] = R"({"device":"disk","device_name":"vda","file_type":"
     "backing_file":"/vms/base.qcow2","is_shared":true,"pool_name":"","pool_path":"",
     "pool_type":""})";
 
-TEST(Cas_Records, Disks) {
+TEST(Cas_Records, DisksFromCasAndInTheCatalog) {
   const std::string d = "Invalid CAS VM disk ", u = "Unknown CAS VM disk ";
   check_rows<VM_Disk>(
       cas_disk, dumped_disk,
@@ -191,9 +191,6 @@ TEST(Cas_Records, Disks) {
        {R"({"mode":2})", nullptr, "Invalid CAS VM storage info: 'mode' is expected as string."},
        {R"({"cacheType":null})", nullptr,
         "Invalid CAS VM storage info: missing key 'cacheType'."}});
-}
-
-TEST(Cas_Records, DisksInTheCatalog) {
   // Every mode, and sizes beyond the signed range, through text as the catalog keeps them.
   for (const char* mode : {"UNKNOWN", "0", "1", "2"}) {
     JSON_Value dumped = json(dumped_disk);
@@ -204,14 +201,14 @@ TEST(Cas_Records, DisksInTheCatalog) {
     EXPECT_EQ(disk.dump(), dumped);
     EXPECT_EQ(log.text(), "");
   }
-  const std::string d = "Invalid CAS VM disk info in catalog: ";
+  const std::string c = "Invalid CAS VM disk info in catalog: ";
   const std::pair<const char*, std::string> cases[] = {
       {R"({"mode":"7"})", ""},  // an unknown mode is no error here
-      {R"({"size":"1024"})", d + "'size' is expected as integer.\n"},
-      {R"({"size":-1})", d + "'size' is expected as integer in range.\n"},
-      {R"({"cluster_size":4294967296})", d + "'cluster_size' is expected as integer in range.\n"},
-      {R"({"mode":2})", d + "'mode' is expected as string.\n"},
-      {R"({"pool_type":null})", d + "missing key 'pool_type'.\n"},
+      {R"({"size":"1024"})", c + "'size' is expected as integer.\n"},
+      {R"({"size":-1})", c + "'size' is expected as integer in range.\n"},
+      {R"({"cluster_size":4294967296})", c + "'cluster_size' is expected as integer in range.\n"},
+      {R"({"mode":2})", c + "'mode' is expected as string.\n"},
+      {R"({"pool_type":null})", c + "missing key 'pool_type'.\n"},
   };
   for (const auto& [patch, message] : cases) {
     JSON_Value value = json(dumped_disk);
