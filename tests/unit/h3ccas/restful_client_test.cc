@@ -133,24 +133,10 @@ TEST_F(Cas_Peer, RecordsCasErrorHeaders) {
   EXPECT_EQ(client.last_error_code() + client.last_error(), "");
 }
 
-TEST_F(Cas_Peer, VerbsCarryTheirBodiesAndQueriesOthersSendNothing) {
-  peer_.set("/cas/casrs/vm/add", Digest_Peer::json(R"({"msgId":"7"})"));
-  peer_.set("/cas/casrs/vm/3", Digest_Peer::json(R"({"domain":{"id":"3"}})"));
+TEST_F(Cas_Peer, MisusedSendsSendNothing) {
   RESTful_Client client(cvm());
   JSON_Value out;
-  ASSERT_TRUE(client.post("/cas/casrs/vm/add", {{"name", "vm 1"}}, out));
-  EXPECT_EQ(out, json(R"({"msgId":"7"})"));
-  ASSERT_TRUE(client.put("/cas/casrs/vm/3", out));
-  ASSERT_TRUE(client.del("/cas/casrs/vm/3", out));
-  std::vector<JSON_Value> vms;
-  ASSERT_TRUE(client.list("/cas/casrs/vm/3", "domain", vms, {{"name", "a b&c"}, {"hostId", "1"}}));
-  EXPECT_EQ(JSON_Value(vms), json(R"([{"id":"3"}])"));
-  std::vector<std::string> sent;
-  for (const auto& r : peer_.seen().accepted)
-    sent.push_back(r.method + " " + r.target + " " + r.body);
-  EXPECT_EQ(sent, (std::vector<std::string>{R"(POST /cas/casrs/vm/add {"name":"vm 1"})",
-                                            "PUT /cas/casrs/vm/3 ", "DELETE /cas/casrs/vm/3 ",
-                                            "GET /cas/casrs/vm/3?hostId=1&name=a%20b%26c "}));
+  ASSERT_TRUE(client.get(kVersion, out));
   // Misused, they send nothing: refused by the challenge exchange before a session exists, and
   // by the signed send after.
   RESTful_Client fresh(cvm());
@@ -165,8 +151,7 @@ TEST_F(Cas_Peer, VerbsCarryTheirBodiesAndQueriesOthersSendNothing) {
                                  ? "Unsupported HTTP method 'PATCH' for CAS RESTful client.\n"
                                  : "Unexpected CAS HTTP request method.\n"));
   }
-  EXPECT_EQ(peer_.seen().challenges, 1);  // for the POST, body and all
-  EXPECT_EQ(peer_.seen().accepted.size(), 4u);
+  EXPECT_EQ(std::tuple(peer_.seen().challenges, peer_.seen().accepted.size()), std::tuple(1, 1u));
 }
 
 TEST_F(Cas_Peer, TestLoginOutcomes) {
