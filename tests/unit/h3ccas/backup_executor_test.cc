@@ -157,7 +157,6 @@ TEST_F(Backup_Executor_Test, RefusesBadOptionsOnce) {
       {R"({"compression":"brotli","compression_level":23})", "23", "compression_level"},
       {R"({"no_cbt":"Skip","def":{"subtype":"incremental"}})", "Skip", "no_cbt"},
       {R"({"restart_vm":null})", nullptr, "restart_vm"},
-      {R"({"enable_cbt":null})", nullptr, "enable_cbt"},
   };
   for (const auto& [patch, value, option] : cases) {
     auto j = job(R"({"entries":[{"type":"cas"}]})", patch);

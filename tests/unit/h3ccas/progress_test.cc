@@ -42,7 +42,6 @@ class Progress_Test : public ::testing::Test {
   std::string progress_path(const std::string& job, const std::string& uuid) const {
     return root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/" + job + "/" + uuid;
   }
-  // The servant's side of a VM's record.
   VM_Progress_Info_Handle servant(const std::string& job, const std::string& uuid) {
     VM_Progress_Info_Handle h;
     EXPECT_TRUE(h.open(job.c_str(), uuid.c_str(), false, true, 0750)) << uuid;

@@ -127,7 +127,6 @@ TEST_F(Cas_Peer, RecordsCasErrorHeaders) {
                                             status, code, message));
   }
   std::setlocale(LC_CTYPE, saved.c_str());
-  // The next request starts clean.
   JSON_Value out;
   ASSERT_TRUE(client.get(kVersion, out));
   EXPECT_EQ(client.last_error_code() + client.last_error(), "");
@@ -401,7 +400,6 @@ TEST_F(Cas_Peer, StateAndBlockOperations) {
   for (const Case& c : cases) {
     const S request = S(c.request).insert(c.request.find(' ') + 1, "/cas/casrs/");
     SCOPED_TRACE(request);
-    // Routed by method and path.
     peer_.set(request.substr(0, request.find_first_of("? ", request.find(' ') + 1)), c.answer);
     peer_.set("/cas/casrs/message/42", P::json(progress.at(c.task ? c.task : 'b')));
     std::size_t before = peer_.seen().accepted.size();

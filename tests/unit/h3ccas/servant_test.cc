@@ -84,7 +84,6 @@ TEST_F(Servant_Test, LoaderInitialisesOnceAndFinishesOnDestruction) {
   }
   EXPECT_EQ(journal(), init_line() + "deinit\n");
   EXPECT_EQ(functions_loaded(), 0);
-  // Then another loader may take the library.
   Scoped_Env sdk("CAS_CVD_SDK_PATH", std::string(CVD_STUB_PATH));
   CVD_Loader next;
   EXPECT_TRUE(next.init());

@@ -116,7 +116,6 @@ class Capture_Channel : public JSON_RPC_Channel {
   std::vector<JSON_Value> sent;
 };
 
-// A running Digest_Peer per test.
 class Cas_Peer : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(peer_.start()); }

@@ -5,6 +5,7 @@
 #include "host/http/server.h"
 #include "host/storage/file_driver.h"
 #include "host/storage/image.h"
+#include "tests/support/faulty_storage.h"
 #include "tests/unit/h3ccas/support.h"
 
 #include <filesystem>
@@ -55,37 +56,13 @@ TEST(SplitBlocks, Table) {
   }
 }
 
-// Pool "fault://<dir>": the file pool at <dir>, where writing objects named "*bad*" fails at the
-// fault_write'th write (0: never) and their commit fails when fault_commit is set.
-int fault_write = 0;
-bool fault_commit = false;
-
-struct Faulty_Object : Storage_Object_Wrapper {
-  using Storage_Object_Wrapper::Storage_Object_Wrapper;
-  bool write(const void* data, std::size_t length, S& error) override {
-    return ++writes == fault_write ? (error = "injected write fault", false)
-                                   : Storage_Object_Wrapper::write(data, length, error);
-  }
-  bool commit(S& error) override {
-    return fault_commit ? (error = "injected commit fault", false)
-                        : Storage_Object_Wrapper::commit(error);
-  }
-  int writes = 0;
-};
-
-struct Faulty_Driver : Storage_Driver_Wrapper {
-  using Storage_Driver_Wrapper::Storage_Driver_Wrapper;
-  std::unique_ptr<Storage_Object> open(const S& name, int mode, S& error) override {
-    auto object = Storage_Driver_Wrapper::open(name, mode, error);
-    bool faulty = object && mode == Client_IO_Ex::Write && name.find("bad") != S::npos;
-    return faulty ? std::make_unique<Faulty_Object>(std::move(object)) : std::move(object);
-  }
-};
-
+// Pool "fault://<dir>": the file pool at <dir>, where writing objects named "*bad*" breaks at the
+// step `fault` names.
+S fault;
 const bool fault_scheme = Client_IO_Ex::register_driver(
     "fault", [](const S& url, const Client_IO_Base::Options& opts, S& error) {
       auto file = make_file_storage_driver("file" + url.substr(5), opts, error);
-      return file ? std::make_unique<Faulty_Driver>(std::move(file)) : nullptr;
+      return file ? std::make_unique<Faulty_Driver>(std::move(file), fault, "bad") : nullptr;
     });
 
 // Each look at a stopping VM runs `on_pause` instead of waiting.
@@ -184,7 +161,7 @@ class Flow : public Cas_Peer {
   }
   // Two chunks of disks /vms/a and /vms/b (empty) into pool "fault://<dir>/pool".
   std::unique_ptr<Test_Backup> transfer() {
-    fault_write = 0, fault_commit = false;
+    fault.clear();
     auto t = backup();
     auto& p = t->params_;
     p.pool_url_ = "fault://" + dir_.file("pool");
@@ -561,18 +538,18 @@ TEST_F(Flow, Transfer) {
   Log_Capture log0;
   EXPECT_TRUE(catalog(*t).is_null());
   EXPECT_EQ(messages(log0), "Invalid CAS VM catalog: missing string 'agent'.\n");
-  const std::tuple<int, bool, S, S> cases[] = {
-      // write and commit faults, disk, error
-      {1, false, "/vms/c", "Failed to write image super block for CAS disk '/vms/c'.\n"},
-      {3, false, "/vms/c", "Failed to write to storage pool: injected write fault.\n"},
-      {0, true, "/vms/c",
-       "Failed to close '/cvk1/w/bad_0' on storage pool: injected commit fault.\n"},
-      {0, false, "/unreadable", "Failed to read data from CAS VM 'w' on CVK '10.0.0.5'.\n"},
+  const std::tuple<S, S, S> cases[] = {
+      // fault, disk, error
+      {"write 1", "/vms/c", "Failed to write image super block for CAS disk '/vms/c'.\n"},
+      {"write 3", "/vms/c", "Failed to write to storage pool: write 3: Input/output error.\n"},
+      {"commit", "/vms/c",
+       "Failed to close '/cvk1/w/bad_0' on storage pool: commit: Input/output error.\n"},
+      {"", "/unreadable", "Failed to read data from CAS VM 'w' on CVK '10.0.0.5'.\n"},
   };
-  for (const auto& [write, commit, disk, error] : cases) {
+  for (const auto& [step, disk, error] : cases) {
     t = transfer();
     std::filesystem::remove_all(dir_.file("pool"));
-    fault_write = write, fault_commit = commit;
+    fault = step;
     t->chunks_.push_back(chunk(disk, "/cvk1/w/bad_0", {{0, 3 << 20}}));
     t->params_.io_opts_.compression_ = Client_IO_Base::Compression::None;  // many writes
     Log_Capture log;

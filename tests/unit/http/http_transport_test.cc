@@ -356,7 +356,6 @@ TEST_F(Http_Transport, UpstreamClientServesConcurrentCallersAndLogsFailuresWitho
   EXPECT_TRUE(log.contains("'DELETE /keyed?uuid=u-1' to the backup server failed (status 401)") &&
               !log.contains("wrong-key-456"))
       << log.text();
-  // send() counts every answer.
   EXPECT_TRUE(up.send(req, nullptr, resp_, out));
   EXPECT_EQ(std::tuple(resp_.status(), out["error"]), std::tuple(401, "unknown access key"));
 }

@@ -59,7 +59,6 @@ TEST(JSON_RPC, ParsesAndAnswersOverHttpWithTheirCodes) {
   auto notification =
       parse_json_rpc(JSON_Value::parse(R"({"jsonrpc":"2.0","method":"m"})"), code, message);
   EXPECT_TRUE(static_cast<JSON_RPC_Request&>(*notification).is_notification());
-  // Over HTTP.
   std::promise<void> release;
   HTTP_Server server;
   auto router = std::make_shared<JSON_RPC_Router>();

@@ -27,7 +27,6 @@ inline void write_servant_conf(const Temp_Dir& dir, const std::string& conf_path
   write_text_file(conf_path, JSON_Value{{"modules", {manifest}}}.dump());
 }
 
-// The process has ended and been reaped.
 inline bool process_gone(pid_t pid) {
   return kill(pid, 0) != 0 && errno == ESRCH;
 }

@@ -110,7 +110,6 @@ TEST_F(Servant_Process_Test, AnswersRequestsForwardsItsLogAndNeedsItsProgramAndC
     EXPECT_EQ(resp->error()["code"], JSON_RPC_METHOD_NOT_FOUND);
   }
   ASSERT_NE(s.call("log", {{"text", "disk 2 of 3 copied"}}, 30), nullptr);
-  // Still the same process, after all of that.
   EXPECT_EQ(s.call("echo", JSON_Value::object(), 30)->result()["pid"], pid);
   s.stop();
   EXPECT_TRUE(logged("WARNING") && logged("raw disk 2 of 3 copied")) << log_;
@@ -200,13 +199,11 @@ TEST_F(Servant_Process_Test, BadFramesAreAnsweredOrEndTheServantCleanly) {
   };
   for (const auto& c : answered)
     EXPECT_EQ(s.exchange(c.first)["error"]["code"], c.second) << c.first;
-  // Still serving.
   EXPECT_EQ(s.exchange(R"({"jsonrpc":"2.0","method":"echo","params":{},"id":3})")["id"], 3);
   // A length it cannot take: nothing after it can be trusted, so it leaves, without crashing.
   EXPECT_EQ(s.exchange(std::string("\x7f\x00\x00\x00{}", 6), true), nullptr);
   int status = s.process.stop();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
-  // SIGTERM ends a servant cleanly.
   Raw_Servant other(conf_);
   ASSERT_EQ(other.exchange(R"({"jsonrpc":"2.0","method":"echo","id":1})")["id"], 1);
   status = other.process.stop();

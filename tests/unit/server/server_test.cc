@@ -67,7 +67,6 @@ Strings uuids(const JSON_Value& array) {
 
 class Server_Test : public ::testing::Test {
  protected:
-  // brimlet-server with the words of `line`.
   Run_Result run(const S& line) {
     std::istringstream in(line);
     Strings argv = {"brimlet-server"};

@@ -41,7 +41,6 @@ struct Meeting {
   unsigned round_ = 0;
 };
 
-// A one-shot event.
 struct Gate {
   void open() {
     std::call_once(once, [this] { promise.set_value(); });
