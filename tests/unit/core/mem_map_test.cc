@@ -80,8 +80,7 @@ TEST_F(Mem_Map_Test, StoresAreSharedFilesHaveTheirModesAndJobActivityItsUid) {
   // A moved handle keeps the mapping; the emptied one has none.
   Sample_Handle moved = std::move(writer);
   EXPECT_TRUE(writer.get() == nullptr && moved->counter == 107u);
-  moved.close();
-  reader.close();
+  moved.close(), reader.close();
   EXPECT_TRUE(moved.get() == nullptr && reader.path().empty());
   std::string bytes;
   ASSERT_TRUE(read_file(path, bytes) && bytes.size() == 256u);
@@ -113,8 +112,7 @@ TEST_F(Mem_Map_Test, StoresAreSharedFilesHaveTheirModesAndJobActivityItsUid) {
   ASSERT_TRUE(open_job_activity(agent, "job-7", true));
   EXPECT_EQ(agent.path(), root_.path() + "/var/opt/quorvex/brimlet5/jobs/job-7/activity");
   EXPECT_TRUE(agent->state == Job_Activity::pending && Job_Activity::text(agent->job_uid).empty());
-  agent->state = Job_Activity::running;
-  agent->stored_size = 1ull << 40;
+  agent->state = Job_Activity::running, agent->stored_size = 1ull << 40;
   ASSERT_TRUE(Job_Activity::set_text(agent->job_uid, "job-7") &&
               Job_Activity::set_text(agent->run_id, std::string(63, 'r')));
   Job_Activity_Handle servant;

@@ -69,8 +69,7 @@ TEST(Cas_Apache_Digest, LoginWithRightAndWrongPassword) {
   RESTful_Client client(make_cvm(port, cvm_user, cvm_password));
   std::string error, version;
   EXPECT_TRUE(client.test_login(error, version)) << error;
-  EXPECT_EQ(error, "");
-  EXPECT_EQ(version, "E0750");
+  EXPECT_EQ(std::tuple(error, version), std::tuple("", "E0750"));
   RESTful_Client wrong(make_cvm(port, cvm_user, "Adm1n:p@sS"));
   EXPECT_FALSE(wrong.test_login(error, version));
   EXPECT_EQ(error, "Invalid CVM username or password");

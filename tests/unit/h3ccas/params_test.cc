@@ -62,8 +62,7 @@ TEST(Backup_Params, LoadsDumpsAndRefuses) {
   EXPECT_EQ(p.io_opts_.compression_, Client_IO_Base::Compression::Lz4);
   EXPECT_EQ(p.backup_type_, Job_Definition_Subtype::Incremental);
   EXPECT_EQ(p.opts_.no_cbt_, No_CBT_Opts::Skip_With_Alert);
-  EXPECT_EQ(p.host_id(), "3");
-  EXPECT_EQ(p.dump(), json(backup_params));
+  EXPECT_EQ(std::tuple(p.host_id(), p.dump()), std::tuple("3", json(backup_params)));
   // The agent validated the numbers; the servant takes them as they come.
   JSON_Value odd = json(backup_params);
   odd.merge_patch(json(R"({"backupd_port":70000,"no_cbt":7,"backup_type":"Full"})"));

@@ -59,10 +59,8 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
   ASSERT_TRUE(stale.open("job-1", "vm-a", true, true, 0750));
   stale->state = VM_Progress_Info::completed;
   Progress_Reporter reporter(handler_, activity_);
-  ASSERT_TRUE(reporter.add_vm("vm-a", "alpha"));
-  ASSERT_TRUE(reporter.add_vm("vm-b", "beta"));
-  ASSERT_TRUE(reporter.add_vm("vm-r", "refused by name", "failed"));
-  ASSERT_TRUE(reporter.activate("job-1"));
+  ASSERT_TRUE(reporter.add_vm("vm-a", "alpha") && reporter.add_vm("vm-b", "beta"));
+  ASSERT_TRUE(reporter.add_vm("vm-r", "refused by name", "failed") && reporter.activate("job-1"));
   EXPECT_EQ(stale->state, VM_Progress_Info::pending);
   struct stat st {};
   ASSERT_EQ(stat(progress_path("job-1", "vm-b").c_str(), &st), 0);
@@ -95,8 +93,7 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
                 std::to_string(Job_Activity::completed) + " final; " + done +
                     "vm-b beta failed(3) 0/0 0/0 2000-+" + refused}));
   handler_.result = false;
-  EXPECT_FALSE(reporter.push_update());
-  EXPECT_FALSE(reporter.flush());
+  EXPECT_FALSE(reporter.push_update() || reporter.flush());
 }
 
 TEST_F(Progress_Test, FlushEndsEveryVm) {
@@ -123,15 +120,13 @@ TEST_F(Progress_Test, FlushEndsEveryVm) {
 
 TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
   Progress_Reporter reporter(handler_, activity_);
-  ASSERT_TRUE(reporter.add_vm("vm-a", "alpha"));
-  ASSERT_TRUE(reporter.activate("job-3"));
+  ASSERT_TRUE(reporter.add_vm("vm-a", "alpha") && reporter.activate("job-3"));
   // Activated without any VM, a reporter still takes none afterwards.
   Progress_Reporter empty(handler_, activity_);
   ASSERT_TRUE(empty.activate("job-0"));
   {
     Log_Capture log;
-    EXPECT_FALSE(reporter.add_vm("vm-late", "late"));
-    EXPECT_FALSE(reporter.activate("job-4"));
+    EXPECT_FALSE(reporter.add_vm("vm-late", "late") || reporter.activate("job-4"));
     EXPECT_FALSE(empty.add_vm("vm-late", "late"));
     EXPECT_EQ(std::tuple(log.count(LM_EMERGENCY), log.count()), std::tuple(3u, 3u));
     EXPECT_TRUE(log.contains("Unexpected error in h3ccas/job/progress_reporter.cc:")) << log.text();
@@ -152,8 +147,7 @@ TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
   };
   for (const auto& [job, message] : cases) {
     Progress_Reporter unmapped(handler_, activity_);
-    ASSERT_TRUE(unmapped.add_vm("vm-a", "vm"));
-    ASSERT_TRUE(unmapped.add_vm("vm-dir", "vm"));
+    ASSERT_TRUE(unmapped.add_vm("vm-a", "vm") && unmapped.add_vm("vm-dir", "vm"));
     Log_Capture log;
     EXPECT_FALSE(unmapped.activate(job)) << message;
     EXPECT_TRUE(log.contains(message)) << log.text();

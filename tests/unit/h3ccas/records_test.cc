@@ -110,8 +110,7 @@ TEST(Cas_Records, VMs) {
   int sockets = -1, cores = -1;
   unsigned memory = 0;
   VM_Detail config;
-  ASSERT_TRUE(config.load(json(detail)));
-  ASSERT_TRUE(config.dump_cpu_mem(sockets, cores, memory));
+  ASSERT_TRUE(config.load(json(detail)) && config.dump_cpu_mem(sockets, cores, memory));
   EXPECT_EQ(std::to_string(sockets) + " " + std::to_string(cores) + " " + std::to_string(memory),
             "2 4 8192");
   for (const auto& [part, value, priority, message] : bad) {
@@ -120,8 +119,7 @@ TEST(Cas_Records, VMs) {
     ASSERT_TRUE(config.load(entry));
     Log_Capture log;
     EXPECT_FALSE(config.dump_cpu_mem(sockets, cores, memory)) << value;
-    EXPECT_EQ(messages(log), message);
-    EXPECT_EQ(log.count(priority), 1u);
+    EXPECT_EQ(std::tuple(messages(log), log.count(priority)), std::tuple(message, 1u));
   }
 }
 
@@ -198,8 +196,7 @@ TEST(Cas_Records, DisksFromCasAndInTheCatalog) {
     Log_Capture log;
     VM_Disk disk;
     ASSERT_TRUE(disk.load_from_catalog(json(dumped.dump().c_str())));
-    EXPECT_EQ(disk.dump(), dumped);
-    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(std::tuple(disk.dump(), log.text()), std::tuple(dumped, ""));
   }
   const std::string c = "Invalid CAS VM disk info in catalog: ";
   const std::pair<const char*, std::string> cases[] = {

@@ -37,8 +37,7 @@ TEST(Cas_Digest, Rfc2617ExampleDecimalNonceCountAndChallenges) {
   for (const auto& [challenge, expected_realm, expected_nonce] : cases) {
     std::string realm, nonce;
     EXPECT_EQ(parse_www_auth(challenge, realm, nonce), *expected_nonce != '\0');
-    EXPECT_EQ(realm, expected_realm);
-    EXPECT_EQ(nonce, expected_nonce);
+    EXPECT_EQ(std::tuple(realm, nonce), std::tuple(expected_realm, expected_nonce));
   }
 }
 
@@ -93,8 +92,7 @@ TEST_F(Cas_Peer, SessionRenewalAndRetry) {
   EXPECT_FALSE(wrong.get(kVersion, out));
   EXPECT_EQ(std::tuple(peer_.seen().challenges, peer_.seen().refusals, wrong.last_status()),
             std::tuple(4, 2, 401));
-  EXPECT_EQ(wrong.last_error_code(), "");
-  EXPECT_EQ(log.text(), "");
+  EXPECT_EQ(std::tuple(wrong.last_error_code(), log.text()), std::tuple("", ""));
 }
 
 TEST_F(Cas_Peer, RecordsCasErrorHeaders) {
@@ -119,8 +117,7 @@ TEST_F(Cas_Peer, RecordsCasErrorHeaders) {
     Log_Capture log;
     JSON_Value out;
     EXPECT_FALSE(client.get("/cas/casrs/vm/1", out));
-    EXPECT_EQ(client.last_error_code(), code);
-    EXPECT_EQ(client.last_error(), message);
+    EXPECT_EQ(std::tuple(client.last_error_code(), client.last_error()), std::tuple(code, message));
     EXPECT_EQ(log.count(LM_INFO), log.count());
     EXPECT_EQ(messages(log), string_sprintf("CAS request 'GET /cas/casrs/vm/1' returns error, http "
                                             "status = %d, error code = '%s', message = '%s'.\n",
@@ -201,8 +198,7 @@ TEST_F(Cas_Peer, TestLoginOutcomes) {
     Log_Capture log;
     std::string error, version;
     EXPECT_EQ(client.test_login(error, version), *c.error == '\0');
-    EXPECT_EQ(error, c.error);
-    EXPECT_EQ(version, c.found_version);
+    EXPECT_EQ(std::tuple(error, version), std::tuple(c.error, c.found_version));
     // Unless told otherwise, the log holds the user's text alone, as an error.
     if (*c.log) {
       EXPECT_TRUE(log.contains(c.log)) << log.text();
@@ -288,8 +284,7 @@ TEST_F(Cas_Peer, BrokenSendsOfTheSession) {
     bool ok = request == "GET"    ? client.get(kVersion, out)
               : request == "POST" ? client.post("/cas/casrs/vm/add", {}, out)
                                   : client.test_login(error, version);
-    EXPECT_EQ(ok, c.log.empty());
-    EXPECT_EQ(messages(log), c.log);
+    EXPECT_EQ(std::tuple(ok, messages(log)), std::tuple(c.log.empty(), c.log));
     EXPECT_EQ(log.count(LM_INFO) + log.count(LM_ERROR), log.count());
     if (request == "login") {
       EXPECT_EQ(error, c.error ? c.error : c.log.substr(0, c.log.size() - 2));
@@ -461,8 +456,7 @@ TEST_F(Cas_Peer, SelectsTheDataAddressOfAPreferredSwitch) {
     Log_Capture log;
     S out = "stale";
     EXPECT_EQ(selector.select(client, "c", id, out), *address != '\0');
-    EXPECT_EQ(out, address);
-    EXPECT_EQ(messages(log), log_text);
+    EXPECT_EQ(std::tuple(out, messages(log)), std::tuple(address, log_text));
     // A second VM of the CVK takes the pick without asking the CVM again.
     std::size_t asked = peer_.seen().accepted.size();
     EXPECT_EQ(selector.select(client, "c", id, out), *address != '\0');

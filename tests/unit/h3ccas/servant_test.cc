@@ -52,8 +52,7 @@ TEST_F(Servant_Test, LoaderFailuresNameWhatIsMissing) {
       EXPECT_FALSE(loader.init());
       EXPECT_FALSE(loader.inited() || functions_loaded()) << message;
     }
-    EXPECT_EQ(messages(log), message);
-    EXPECT_EQ(log.count(LM_ERROR), 1u);
+    EXPECT_EQ(std::tuple(messages(log), log.count(LM_ERROR)), std::tuple(message, 1u));
   }
   // Only the stub whose cvd_init refused was initialised, and a refused one is not finished.
   EXPECT_EQ(journal(), init_line());
@@ -79,11 +78,9 @@ TEST_F(Servant_Test, LoaderInitialisesOnceAndFinishesOnDestruction) {
       EXPECT_FALSE(second.init());
       EXPECT_EQ(messages(log), "Failed to load CAS libcvd: another loader holds it.\n");
     }
-    EXPECT_EQ(functions_loaded(), 8);
-    EXPECT_EQ(journal(), init_line());
+    EXPECT_EQ(std::tuple(functions_loaded(), journal()), std::tuple(8, init_line()));
   }
-  EXPECT_EQ(journal(), init_line() + "deinit\n");
-  EXPECT_EQ(functions_loaded(), 0);
+  EXPECT_EQ(std::tuple(journal(), functions_loaded()), std::tuple(init_line() + "deinit\n", 0));
   Scoped_Env sdk("CAS_CVD_SDK_PATH", std::string(CVD_STUB_PATH));
   CVD_Loader next;
   EXPECT_TRUE(next.init());

@@ -51,8 +51,7 @@ TEST(SplitBlocks, Table) {
       got += (got.empty() ? "" : "|") + text(chunk.first) + "=" + std::to_string(chunk.second);
       sum += chunk.second;
     }
-    EXPECT_EQ(got, chunks);
-    EXPECT_EQ(total, sum);
+    EXPECT_EQ(std::tuple(got, total), std::tuple(chunks, sum));
   }
 }
 
@@ -93,8 +92,7 @@ class Flow : public Cas_Peer {
                        asked_ += " " + item.first + "=" + item.second;
                      resp.json(json(view_));
                    });
-    ASSERT_TRUE(fault_scheme);
-    ASSERT_TRUE(catalog_.start(HTTP_Server::Options()));
+    ASSERT_TRUE(fault_scheme && catalog_.start(HTTP_Server::Options()));
     reset();
   }
   // Default answers, nothing committed, requests counted from now.
@@ -204,8 +202,7 @@ class Flow : public Cas_Peer {
     JSON_Value result;
     EXPECT_EQ(b.backup(result), expect) << messages(log);
     EXPECT_EQ(progress_->state, expect ? 2 : 3);
-    EXPECT_EQ(result["code"], expect ? 0 : 1);
-    EXPECT_EQ(result["vm_id"], "7");
+    EXPECT_EQ(std::tuple(result["code"], result["vm_id"]), std::tuple(expect ? 0 : 1, "7"));
     S changes;
     const auto seen = peer_.seen().accepted;
     for (auto r = seen.begin() + from_; r != seen.end(); ++r)

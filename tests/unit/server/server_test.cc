@@ -265,8 +265,7 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
   for (const Strings& chain : {Strings{"f1"}, Strings{"f1", "i1", "i2"}, Strings{"f2", "j1"}}) {
     JSON_Value which = {{"resource_uuid", "res-1"}, {"set_uuid", chain.back()}};
     ASSERT_TRUE(op.get_view("h3ccas", "restore", which, got));
-    EXPECT_EQ(uuids(got), chain);
-    EXPECT_EQ(got.back(), committed[chain.back()]);
+    EXPECT_EQ(std::tuple(uuids(got), got.back()), std::tuple(chain, committed[chain.back()]));
   }
   JSON_Value rows = call("GET", sets + "?vm_id=vm-1&host_uuid=cvm-1", &admin).body.at("rows");
   EXPECT_EQ(uuids(rows), (Strings{"r1", "j1", "f2", "i2", "i1", "f1"}));

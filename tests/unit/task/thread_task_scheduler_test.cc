@@ -112,8 +112,7 @@ TEST_F(Thread_Task_Scheduler_Test, RetryRunsAgainAsANewEnqueueUntilDoneFailedOrD
         retried.open();
       return Task_Base::Retry;
     }));
-    ASSERT_TRUE(endless.enqueue_task(item(1), "disk"));
-    ASSERT_TRUE(retried.wait());
+    ASSERT_TRUE(endless.enqueue_task(item(1), "disk") && retried.wait());
   }
   EXPECT_TRUE(log.contains("Task scheduler stopped."));
 }
@@ -139,8 +138,7 @@ TEST_F(Thread_Task_Scheduler_Test, OneOwnersTasksRunByWeightThenArrivalUntilStop
       started[*it / 10].open(), release[*it / 10].wait();
     return Task_Base::Succeeded;
   }));
-  ASSERT_TRUE(scheduler.enqueue_task(item(0), "disk", 0));
-  ASSERT_TRUE(started[0].wait());
+  ASSERT_TRUE(scheduler.enqueue_task(item(0), "disk", 0) && started[0].wait());
   const std::pair<int, int> queued[] = {{1, 1}, {2, 5}, {3, 3}, {4, 5}, {5, 1}, {10, 0}};
   for (const auto& [n, weight] : queued)
     ASSERT_TRUE(scheduler.enqueue_task(item(n), "disk", weight));
