@@ -94,8 +94,7 @@ bool Test_Process::running() {
     return false;
   int st = 0;
   if (waitpid(pid_, &st, WNOHANG) == pid_) {
-    status_ = st;
-    pid_ = -1;
+    status_ = st, pid_ = -1;
     return false;
   }
   return true;
@@ -135,9 +134,7 @@ void Test_Process::kill_now() {
     return;
   kill(pid_, SIGKILL);
   int st = 0;
-  waitpid(pid_, &st, 0);
-  status_ = st;
-  pid_ = -1;
+  waitpid(pid_, &st, 0), status_ = st, pid_ = -1;
 }
 
 Run_Result run_program(const std::vector<std::string>& argv, const std::string& input,
@@ -176,8 +173,7 @@ Run_Result run_program(const std::vector<std::string>& argv, const std::string& 
       if (n > 0) {
         sinks[i]->append(buf, static_cast<std::size_t>(n));
       } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
+        close(fds[i].fd), fds[i].fd = -1;
         --open_fds;
       }
     }

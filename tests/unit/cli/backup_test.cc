@@ -64,8 +64,7 @@ TEST(Backup_Command, Progress_View) {
       {"uuid":"1","name":"a","status":"running","processed_bytes":0,"total_bytes":0},
       {"uuid":"2","name":"b","status":"pending"}]})");
   JSON_Value second = first;
-  second["vms"][1]["status"] = "running";
-  second["vms"][1]["processed_bytes"] = 0;
+  second["vms"][1]["status"] = "running", second["vms"][1]["processed_bytes"] = 0;
   std::ostringstream log, screen;
   Progress_View lines(log, false), tty(screen, true);
   for (const auto* status : {&first, &first, &second}) {

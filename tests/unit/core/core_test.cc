@@ -62,8 +62,7 @@ TEST(Text, NatoiBoundedFormattingHelpersAndCharsets) {
   const unsigned char bytes[] = {0x00, 0x7f, 0xab, 0xff};
   EXPECT_EQ(Hex_String_T(bytes, sizeof bytes).str(), "007fabff");
   std::string a, b;
-  uuid_string(a, false);
-  uuid_string(b, true);
+  uuid_string(a, false), uuid_string(b, true);
   EXPECT_TRUE(a.size() == 36 && b.size() == 32 && b.find('-') == std::string::npos) << a << b;
   EXPECT_NE(new_uuid(), new_uuid());
   // Charset conversion refuses invalid input.

@@ -90,12 +90,10 @@ class Backup_Executor_Test : public Cas_Peer {
     def->agent = "agent-1", def->target_id = "pool-1", def->max_seconds_retry = 600;
     const S subtype = o["def"].value("subtype", "full");
     def->subtype = job_def_subtype_from_string(subtype.c_str(), subtype.size());
-    def->retry_count = o["def"].value("retry_count", 0u);
-    o.erase("def");
+    def->retry_count = o["def"].value("retry_count", 0u), o.erase("def");
     auto src = std::make_shared<Backup_Source>();
     auto opts = std::make_shared<Backup_Options>();
-    src->set_value(json(source)), opts->set_value(o);
-    def->source = src, def->options = opts;
+    src->set_value(json(source)), opts->set_value(o), def->source = src, def->options = opts;
     auto j = std::make_shared<Backup_Job>(def);
     j->set_event_handler(std::make_shared<Handler>());
     return j;

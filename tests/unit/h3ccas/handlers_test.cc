@@ -91,8 +91,7 @@ TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
   ASSERT_TRUE(make && gobble);
   ::Instance_Handler* obj = make(nullptr);
   ASSERT_NE(obj, nullptr);
-  gobble(obj);
-  gobble(nullptr);
+  gobble(obj), gobble(nullptr);
 }
 
 }  // namespace

@@ -77,8 +77,7 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
   stale.close(), a.close(), b.close();
   EXPECT_FALSE(is_mapped(progress_path("job-1", "vm-a")));
   EXPECT_TRUE(is_mapped(progress_path("job-1", "vm-b")));
-  a = servant("job-1", "vm-a");
-  a->state = VM_Progress_Info::failed, a->processed_size = 1;
+  a = servant("job-1", "vm-a"), a->state = VM_Progress_Info::failed, a->processed_size = 1;
   activity_.state = Job_Activity::completed;
   ASSERT_TRUE(reporter.flush());
   const std::string r = std::to_string(Job_Activity::running) + "; ";

@@ -192,8 +192,7 @@ TEST_F(Cas_Peer, TestLoginOutcomes) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.operators.body + " " + c.version.body);
-    peer_.set(kOperators, c.operators);
-    peer_.set(kVersion, c.version);
+    peer_.set(kOperators, c.operators), peer_.set(kVersion, c.version);
     RESTful_Client client(cvm(c.password));
     Log_Capture log;
     std::string error, version;
@@ -226,8 +225,7 @@ struct Breaking_Client : Test_Client {
       resp.clear();
       if (c.status == 0)
         return false;
-      resp.set_status(c.status);
-      resp.headers().put("Error-Code", "9");
+      resp.set_status(c.status), resp.headers().put("Error-Code", "9");
       if (c.challenge)
         resp.headers().put("WWW-Authenticate", c.challenge);
       return true;

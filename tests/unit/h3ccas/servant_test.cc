@@ -132,8 +132,7 @@ TEST_F(Servant_Test, ConnectsOpensReadsAndReleasesEverything) {
 JSON_Value exec_params(const char* action, const char* patch = "{}") {
   JSON_Value params =
       std::string(action) == "restore" ? VM_Restore_Params().dump() : VM_Backup_Params().dump();
-  params["action"] = action;
-  params.merge_patch(json(patch));
+  params["action"] = action, params.merge_patch(json(patch));
   return params;
 }
 

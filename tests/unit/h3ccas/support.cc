@@ -55,8 +55,7 @@ namespace h3ccas {
 CVM_Info make_cvm(std::uint16_t port, const std::string& user, const std::string& password) {
   CVM_Info cvm;
   JSON_Value entry = {{"host", "127.0.0.1"}, {"port", port}, {"ssl", false}};
-  entry["username"] = user;
-  entry["password"] = password;
+  entry["username"] = user, entry["password"] = password;
   if (!cvm.load(entry, false))
     std::abort();
   return cvm;
@@ -132,8 +131,7 @@ bool Digest_Peer::verify(const HTTP_Server_Request& req,
 
 void Digest_Peer::handle(const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
   auto reply = [&resp](const Answer& answer) {
-    resp.status = answer.status;
-    resp.body = answer.body;
+    resp.status = answer.status, resp.body = answer.body;
     for (const auto& [name, value] : answer.headers)
       resp.headers.put(name, value);
   };
@@ -149,9 +147,7 @@ void Digest_Peer::handle(const HTTP_Server_Request& req, HTTP_Server_Response& r
   if (!authorization || authorization->compare(0, 7, "Digest ") != 0 || !verify(req, auth)) {
     // A new challenge makes a new nonce; older ones are refused from then on.
     ++(authorization ? seen_.refusals : seen_.challenges);
-    nonce_ = new_uuid();
-    last_nc_ = 0;
-    resp.status = 401;
+    nonce_ = new_uuid(), last_nc_ = 0, resp.status = 401;
     resp.headers.put("WWW-Authenticate", std::string("Digest realm=\"") + realm +
                                              "\", qop=\"auth\", nonce=\"" + nonce_ +
                                              "\", opaque=\"5ccc069c403ebaf9f0171e9517f40e41\"");

@@ -124,8 +124,7 @@ class Flow : public Cas_Peer {
   void detail(const S& status, const S& format) {
     JSON_Value d = json(R"({"basic":{},"cpu":{"cpuSockets":"1","cpuCores":"1"},"memory":{}})");
     d["status"] = status, d["memory"]["size"] = "1024",
-    d["storage"] = disk("/img/a", "file", "1", "1");
-    d["storage"]["format"] = format;
+    d["storage"] = disk("/img/a", "file", "1", "1"), d["storage"]["format"] = format;
     peer_.set("GET /cas/casrs/vm/detail/7", P::json(d.dump()));
   }
   std::unique_ptr<Test_Backup> backup() {
@@ -145,8 +144,7 @@ class Flow : public Cas_Peer {
   // A run past its checks: snapshot "snap", base CBTer "c", for planning the disks.
   std::unique_ptr<Test_Backup> plan(Job_Definition_Subtype type = Job_Definition_Subtype::Full) {
     auto p = backup();
-    p->backup_type_ = p->params_.backup_type_ = type;
-    p->params_.access_key_ = "key";
+    p->backup_type_ = p->params_.backup_type_ = type, p->params_.access_key_ = "key";
     p->timestamp_ = "20261124", p->snapshot_name_ = "snap", p->last_cbt_ = "c";
     p->use_internal_snapshot_ = p->use_cbt_ = true;
     return p;
@@ -418,8 +416,7 @@ TEST_F(Flow, PrepareDisks) {
   peer_.set("GET /cas/casrs/vm/detail/7",
             P::json(R"({"basic":{},"cpu":{},"memory":{},"storage":[{"device":"disk",)"
                     R"("backingFile":"ceph/img"},{"device":"cdrom","backingFile":"/img/a"}]})"));
-  p = plan();
-  p->use_internal_snapshot_ = false;
+  p = plan(), p->use_internal_snapshot_ = false;
   p->vm_detail_.storages_ = {a, ceph};
   chunks.clear();
   Log_Capture log2;
@@ -462,8 +459,7 @@ TEST_F(Flow, BackupBlocks) {
     peer_.set(request, P::json(answer));
     auto p = plan(mode == Full_Offline ? Job_Definition_Subtype::Full
                                        : Job_Definition_Subtype::Incremental);
-    p->use_internal_snapshot_ = mode == Incr_Internal;
-    p->use_cbt_ = mode != Full_Offline;
+    p->use_internal_snapshot_ = mode == Incr_Internal, p->use_cbt_ = mode != Full_Offline;
     p->cbt_info_["/img/a"] = valid;
     VM_Disk d;
     ASSERT_TRUE(d.load(disk("/img/a", "file", "8", alloc_mib)));

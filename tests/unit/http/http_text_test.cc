@@ -46,9 +46,7 @@ TEST(Http_Text, UrlEncodingQueryStringsMethodsAndHeaders) {
   for (const char* unknown : {"get", "PROPFIND", ""})
     EXPECT_EQ(http_method_from_string(unknown), HTTP_Method::UNKNOWN) << unknown;
   HTTP_Headers h;
-  h.add("Set-Cookie", "a=1");
-  h.add("set-cookie", "b=2");
-  h.add("Accept", "text/plain");
+  h.add("Set-Cookie", "a=1"), h.add("set-cookie", "b=2"), h.add("Accept", "text/plain");
   ASSERT_EQ(h.fields().size(), 3u);
   EXPECT_EQ(*h.get("SET-COOKIE"), "a=1");
   // put replaces every field of that name, in any spelling.

@@ -328,8 +328,7 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
   });
   pollfd pfd = {listener, POLLIN, 0};
   bool met = poll(&pfd, 1, 60000) == 1;  // bounds a hang: the client connects at once
-  close(accept(listener, nullptr, nullptr));
-  close(listener);
+  close(accept(listener, nullptr, nullptr)), close(listener);
   bool restarted = start("127.0.0.1:" + std::to_string(port));
   ASSERT_TRUE(met && restarted);
   EXPECT_TRUE(client.get());

@@ -147,9 +147,7 @@ TEST(Disk_Store, SnapshotsFreezeCopyOnWriteAndTrackersNoteWrites) {
   auto write = [&](const Disk_Store::Opened& d, std::uint64_t offset, char c, std::size_t n = B) {
     ASSERT_EQ(disks.write(d, offset, std::string(n, c).data(), n), 0);
   };
-  write(small, 100, 'x', 1);
-  write(small, B, 'A');
-  write(big, 7 * B, 'A');
+  write(small, 100, 'x', 1), write(small, B, 'A'), write(big, 7 * B, 'A');
   ASSERT_TRUE(disks.add_tracker("/p1/small", "t1"));
   write(small, 3 * B, 'T');
   // Taking a snapshot copies nothing, whatever the size of the disk.
@@ -160,8 +158,7 @@ TEST(Disk_Store, SnapshotsFreezeCopyOnWriteAndTrackersNoteWrites) {
   EXPECT_FALSE(disks.take_snapshot("/p1/small", "s1"));
   write(small, B, 'C');
   write(small, B + 10, 'c', 10);  // saved once only
-  write(small, 5 * B, 'D');
-  write(big, 7 * B, 'C');
+  write(small, 5 * B, 'D'), write(big, 7 * B, 'C');
   // Only the blocks written since hold bytes: one block each, for 4 MiB as for 4 GiB.
   EXPECT_EQ(allocated_bytes(disks.file_of("/p1/small") + "@s1"), B);
   EXPECT_EQ(allocated_bytes(disks.file_of("/p1/big") + "@s1"), B);

@@ -29,8 +29,7 @@ struct Meeting {
     std::unique_lock<std::mutex> lock(mutex_);
     const unsigned round = round_;
     if (++arrived_ == 2) {
-      arrived_ = 0, ++round_;
-      cv_.notify_all();
+      arrived_ = 0, ++round_, cv_.notify_all();
       return true;
     }
     return cv_.wait_for(lock, timeout, [&] { return round_ != round; }) || (--arrived_, false);
