@@ -14,7 +14,6 @@
 #include <tuple>
 
 namespace {
-
 using S = std::string;
 using Row = std::vector<S>;
 using Table = std::vector<Row>;
@@ -217,5 +216,4 @@ TEST_F(Catalog, RefusalsPoolsAndSetsReadBackThroughTheCli) {
                            {"EXTRA", "POOL UUID", "SIZE"},
                            {R"({"code_name":"reborn"})", pool_, "786432"}}));
 }
-
 }  // namespace

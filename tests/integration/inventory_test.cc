@@ -8,7 +8,6 @@
 #include <vector>
 
 namespace {
-
 const std::string web01 = R"({"id": "101", "name": "web01", "title": "Web server",
   "status": "poweron", "host_id": "1", "host_name": "cvk01", "os": "Ubuntu 22.04", "cpu": 2,
   "memory_mbytes": 2048, "uuid": "4d7f6c3a-0000-4000-8000-000000000101"})";
@@ -169,35 +168,33 @@ app01  Application  suspended      1     1.0 GiB  cvk02
   const char* hs = R"({"subtype": "HostSystem"})";
   const JSON_Value none = JSON_Value::array();
   // The sorted names of the records or the error, with the CVM answering `fault` if given.
-  struct {
-    std::string params;
-    JSON_Value expected, fault = nullptr;
-  } exchanges[] = {
-      {search("HostSystem", "CVK0"), {"cvk01", "cvk02"}},
-      {search("HostSystem", "10.1.0."), {"edge", "edge"}},              // by address too
-      {search("HostSystem", "cvk", R"(, "search_type": "ip")"), none},  // by address only
-      {search("VirtualMachine", "applic"), {"app01"}},                  // by title
-      {search("VirtualMachine", "数据库"), {"db01"}},
-      {search("VirtualMachine", ""), {"app01", "db01", "web01"}},
+  const std::tuple<std::string, JSON_Value, JSON_Value> exchanges[] = {
+      {search("HostSystem", "CVK0"), {"cvk01", "cvk02"}, nullptr},
+      {search("HostSystem", "10.1.0."), {"edge", "edge"}, nullptr},              // by address too
+      {search("HostSystem", "cvk", R"(, "search_type": "ip")"), none, nullptr},  // by address only
+      {search("VirtualMachine", "applic"), {"app01"}, nullptr},                  // by title
+      {search("VirtualMachine", "数据库"), {"db01"}, nullptr},
+      {search("VirtualMachine", ""), {"app01", "db01", "web01"}, nullptr},
       // Each existing VM once, whatever the case; names that are not strings are skipped.
       {R"({"subtype": "verify", "vms": ["WEB01", "ghost", 7, null, "app01", "web01", "App01"]})",
-       {"app01", "web01"}},
-      {R"({"subtype": "verify", "vms": []})", none},
-      {"[1, 2]", error(-32602, "Invalid params: params type must be object.")},
-      {R"({"uuid": 5, "subtype": "HostSystem"})", invalid("uuid")},
-      {R"({"subtype": true})", invalid("subtype")},
-      {R"({"subtype": "hostsystem"})", error(-32602, "Invalid value of params 'subtype'")},
-      {R"({"subtype": "VirtualMachine"})", invalid("host_id")},
-      {R"({"subtype": "HostSystemDetail", "host_id": 1})", invalid("host_id")},
-      {R"({"subtype": "StorageVolume", "host_id": "1"})", invalid("pool_name")},
-      {R"({"subtype": "search", "search": "x"})", invalid("type")},
-      {search("StoragePool", "x"), error(-32602, "Invalid value of params 'type'.")},
-      {R"({"subtype": "search", "type": "HostSystem"})", invalid("search")},
-      {R"({"subtype": "verify"})", invalid("vms", "array")},
-      {R"({"subtype": "verify", "vms": "web01"})", invalid("vms", "array")},
+       {"app01", "web01"},
+       nullptr},
+      {R"({"subtype": "verify", "vms": []})", none, nullptr},
+      {"[1, 2]", error(-32602, "Invalid params: params type must be object."), nullptr},
+      {R"({"uuid": 5, "subtype": "HostSystem"})", invalid("uuid"), nullptr},
+      {R"({"subtype": true})", invalid("subtype"), nullptr},
+      {R"({"subtype": "hostsystem"})", error(-32602, "Invalid value of params 'subtype'"), nullptr},
+      {R"({"subtype": "VirtualMachine"})", invalid("host_id"), nullptr},
+      {R"({"subtype": "HostSystemDetail", "host_id": 1})", invalid("host_id"), nullptr},
+      {R"({"subtype": "StorageVolume", "host_id": "1"})", invalid("pool_name"), nullptr},
+      {R"({"subtype": "search", "search": "x"})", invalid("type"), nullptr},
+      {search("StoragePool", "x"), error(-32602, "Invalid value of params 'type'."), nullptr},
+      {R"({"subtype": "search", "type": "HostSystem"})", invalid("search"), nullptr},
+      {R"({"subtype": "verify"})", invalid("vms", "array"), nullptr},
+      {R"({"subtype": "verify", "vms": "web01"})", invalid("vms", "array"), nullptr},
       // An entry the backup server does not hold.
       {R"({"uuid": "00000000-0000-0000-0000-000000000000", "subtype": "HostSystem"})",
-       error(-32603, "Failed to get CVM info from server.")},
+       error(-32603, "Failed to get CVM info from server."), nullptr},
       {hs, failed("list CAS hosts."), e500},
       {on1("HostSystemDetail"), failed("get CAS CVK details."), e500},
       {on1("VirtualMachine"), failed("list CAS virtual machines."), e500},
@@ -212,8 +209,8 @@ app01  Application  suspended      1     1.0 GiB  cvk02
       // A CVM answer of the wrong shape (the records' own checks are tested with them).
       {hs, failed("list CAS hosts."), {{"kind", "not_json"}}},
   };
-  for (const auto& c : exchanges) {
-    JSON_Value params = JSON_Value::parse(c.params), fault = c.fault;
+  for (const auto& [text, expected, fault_json] : exchanges) {
+    JSON_Value params = JSON_Value::parse(text), fault = fault_json;
     if (params.is_object() && !params.contains("uuid"))
       params["uuid"] = uuid_;
     if (!fault.is_null()) {
@@ -226,11 +223,11 @@ app01  Application  suspended      1     1.0 GiB  cvk02
     std::sort(got.begin(), got.end());
     if (answer.contains("error"))
       got = error(answer["error"].value("code", 0), answer["error"].value("message", ""));
-    EXPECT_EQ(got, c.expected) << fault << c.params << "\n" << answer;
+    EXPECT_EQ(got, expected) << fault << text << "\n" << answer;
     // Without the fault, it answers again.
     if (!fault.is_null()) {
       stack_.sim_control("sim", "DELETE", "/sim/faults");
-      EXPECT_TRUE(stack_.agent_call("h3ccas.list", params).contains("result")) << c.params;
+      EXPECT_TRUE(stack_.agent_call("h3ccas.list", params).contains("result")) << text;
     }
   }
   // The CLI says the same in one line (naming a host, it asks for the hosts first).
@@ -258,5 +255,4 @@ app01  Application  suspended      1     1.0 GiB  cvk02
   EXPECT_EQ(info["result"]["host_id"], Stack::agent_host_id()) << info;
   EXPECT_EQ(hosts["result"].size(), 4u) << hosts;
 }
-
 }  // namespace

@@ -16,7 +16,6 @@
 extern char** environ;
 
 namespace {
-
 using Clock = std::chrono::steady_clock;
 
 std::vector<char*> to_argv(std::vector<std::string>& items) {
@@ -66,7 +65,6 @@ pid_t spawn(const std::vector<std::string>& argv_in, const std::vector<std::stri
   }
   return pid;
 }
-
 }  // namespace
 
 std::string bin_path(const std::string& name) {

@@ -8,7 +8,6 @@
 #include <tuple>
 
 namespace {
-
 JSON_Value json(const char* text) {
   return JSON_Value::parse(text);
 }
@@ -130,5 +129,4 @@ TEST(Backup_Command, Usage_Errors) {
               std::tuple(2, "brimlet: " + message + "\nRun 'brimlet backup --help' for usage.\n"));
   }
 }
-
 }  // namespace

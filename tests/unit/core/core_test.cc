@@ -19,7 +19,6 @@
 #include <tuple>
 
 namespace {
-
 // errno, value and characters consumed of natoi<T> over the whole text.
 template <class T>
 std::string parse(const char* text) {
@@ -208,5 +207,4 @@ TEST(Crypto, DigestsEncryptionAndBase64) {
     EXPECT_FALSE(decrypt_string(bad, out, key, strlen(key))) << bad;
   EXPECT_TRUE(std::string(out.data(), out.size()) == "untouched" && !base64_decode("abc", raw));
 }
-
 }  // namespace

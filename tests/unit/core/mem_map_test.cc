@@ -17,7 +17,6 @@
 #include <vector>
 
 namespace {
-
 struct Sample {
   std::uint64_t counter;
   std::int32_t flag;
@@ -159,5 +158,4 @@ TEST_F(Mem_Map_Test, RefusedOpensLogOnceAndLeaveTheHandleClosed) {
   // Opening without create makes no directory either.
   EXPECT_NE(access(sample_dir("run").c_str(), F_OK), 0);
 }
-
 }  // namespace

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 namespace {
-
 using Options = Client_IO_Base::Options;
 
 JSON_Value dumped(const Options& opts, JSON_Value target = JSON_Value::object()) {
@@ -54,5 +53,4 @@ TEST(Storage_Options, RoundTripsEveryMemberAndRefusesWrongTypesAndValues) {
     EXPECT_EQ(dumped(opts), before) << json;
   }
 }
-
 }  // namespace

@@ -13,7 +13,6 @@
 
 namespace h3ccas {
 namespace {
-
 const char apache_binary[] = "/usr/sbin/apache2";
 
 std::string apache_config(const Temp_Dir& dir, std::uint16_t port) {
@@ -74,6 +73,5 @@ TEST(Cas_Apache_Digest, LoginWithRightAndWrongPassword) {
   EXPECT_FALSE(wrong.test_login(error, version));
   EXPECT_EQ(error, "Invalid CVM username or password");
 }
-
 }  // namespace
 }  // namespace h3ccas

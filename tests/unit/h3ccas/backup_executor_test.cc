@@ -17,7 +17,6 @@
 
 namespace h3ccas {
 namespace {
-
 using S = std::string;
 
 struct Handler : Job_Event_Handler {
@@ -446,6 +445,5 @@ TEST(Cas_Job_Defs, PartsAreKeptWholeGeneratedBackAndRun) {
   EXPECT_EQ(messages(capture),
             "Failed to generate the CAS backup options of a job definition (yajl status 4).\n");
 }
-
 }  // namespace
 }  // namespace h3ccas

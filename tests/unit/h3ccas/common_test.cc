@@ -7,7 +7,6 @@
 
 namespace h3ccas {
 namespace {
-
 // Each text, and the value read or, with `def`, the default handed back on failure.
 template <class T>
 void check_natoi(std::vector<std::string> texts, std::vector<T> values, T def) {
@@ -139,6 +138,5 @@ TEST_F(Cas_Backup_Server, LoadsTheFirstRowOrSaysWhyNot) {
     EXPECT_TRUE(log.contains(message)) << log.text();
   }
 }
-
 }  // namespace
 }  // namespace h3ccas

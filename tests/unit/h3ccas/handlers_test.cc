@@ -7,7 +7,6 @@
 
 namespace h3ccas {
 namespace {
-
 class Cas_Login_Handler : public Cas_Peer {
  protected:
   JSON_Value entry(const std::string& password) {
@@ -93,6 +92,5 @@ TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
   ASSERT_NE(obj, nullptr);
   gobble(obj), gobble(nullptr);
 }
-
 }  // namespace
 }  // namespace h3ccas

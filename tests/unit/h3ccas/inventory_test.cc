@@ -4,7 +4,6 @@
 
 namespace h3ccas {
 namespace {
-
 const char kVmList[] = "/cas/casrs/vm/vmList";
 const char kHosts[] = "/cas/casrs/host";
 const char kMessage[] = "/cas/casrs/message/42";
@@ -246,6 +245,5 @@ TEST_F(Cas_Peer, AllVMsFallBackHostByHostOnConflictOnly) {
   EXPECT_FALSE(test.list_all_vm(vms));
   EXPECT_EQ(test.last_status(), 0);
 }
-
 }  // namespace
 }  // namespace h3ccas

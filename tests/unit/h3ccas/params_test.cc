@@ -4,7 +4,6 @@
 
 namespace h3ccas {
 namespace {
-
 // What both kinds of parameters hold.
 const std::string cvm_and_io_opts = R"({
   "cvm": {"host": "10.0.0.5", "port": 8443, "ssl": true, "username": "admin",
@@ -186,6 +185,5 @@ TEST(VM_Histories, EjectEmptiesTheTable) {
   EXPECT_TRUE(h.histories_.empty());
   EXPECT_EQ(h.eject(), JSON_Value::array());
 }
-
 }  // namespace
 }  // namespace h3ccas

@@ -9,7 +9,6 @@
 
 namespace h3ccas {
 namespace {
-
 // What the agent was told last: per VM "uuid name status(state) processed/total
 // disks processed/total start-end", with "+" for an end time of the pushing moment.
 class Recording_Handler : public Job_Event_Handler {
@@ -95,7 +94,7 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
   EXPECT_FALSE(reporter.push_update() || reporter.flush());
 }
 
-TEST_F(Progress_Test, FlushEndsEveryVm) {
+TEST_F(Progress_Test, FlushEndsEveryVmAndMisorderedCallsAndUnmappableRecordsAreRefused) {
   // as the servant left it: state and start time
   const std::tuple<const char*, std::int32_t, std::int64_t> cases[] = {
       {"crashed-before-writing", VM_Progress_Info::pending, 0},
@@ -115,17 +114,15 @@ TEST_F(Progress_Test, FlushEndsEveryVm) {
                                        " final; crashed-before-writing v failed(3) 0/0 0/0 0-0; "
                                        "killed-midway v failed(3) 0/0 0/0 500-+; "
                                        "done-since-last-push v completed(2) 0/0 0/0 600-+");
-}
-
-TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
-  Progress_Reporter reporter(handler_, activity_);
-  ASSERT_TRUE(reporter.add_vm("vm-a", "alpha") && reporter.activate("job-3"));
+  // Misordered calls and records that cannot be mapped are refused.
+  Progress_Reporter active(handler_, activity_);
+  ASSERT_TRUE(active.add_vm("vm-a", "alpha") && active.activate("job-3"));
   // Activated without any VM, a reporter still takes none afterwards.
   Progress_Reporter empty(handler_, activity_);
   ASSERT_TRUE(empty.activate("job-0"));
   {
     Log_Capture log;
-    EXPECT_FALSE(reporter.add_vm("vm-late", "late") || reporter.activate("job-4"));
+    EXPECT_FALSE(active.add_vm("vm-late", "late") || active.activate("job-4"));
     EXPECT_FALSE(empty.add_vm("vm-late", "late"));
     EXPECT_EQ(std::tuple(log.count(LM_EMERGENCY), log.count()), std::tuple(3u, 3u));
     EXPECT_TRUE(log.contains("Unexpected error in h3ccas/job/progress_reporter.cc:")) << log.text();
@@ -135,16 +132,16 @@ TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
   EXPECT_EQ(handler_.calls.back(), std::to_string(Job_Activity::running) + " final");
   EXPECT_NE(
       access((root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/job-4").c_str(), F_OK), 0);
-  ASSERT_TRUE(reporter.push_update());
+  ASSERT_TRUE(active.push_update());
   EXPECT_EQ(handler_.calls.back().find("late"), std::string::npos);
   // A directory where the record should be cannot be mapped.
   ASSERT_TRUE(make_dirs(progress_path("job-5", "vm-dir"), 0750));
-  const std::pair<const char*, std::string> cases[] = {
+  const std::pair<const char*, std::string> unmapped_cases[] = {
       {"", "id is NULL or \"\":\n"},
       {"job-5",
        "Failed to memory map " + progress_path("job-5", "vm-dir") + ", errno=21, Is a directory\n"},
   };
-  for (const auto& [job, message] : cases) {
+  for (const auto& [job, message] : unmapped_cases) {
     Progress_Reporter unmapped(handler_, activity_);
     ASSERT_TRUE(unmapped.add_vm("vm-a", "vm") && unmapped.add_vm("vm-dir", "vm"));
     Log_Capture log;
@@ -153,6 +150,5 @@ TEST_F(Progress_Test, MisorderedCallsAndUnmappableRecordsAreRefused) {
     EXPECT_FALSE(unmapped.add_vm("vm-late", "late"));
   }
 }
-
 }  // namespace
 }  // namespace h3ccas

@@ -2,7 +2,6 @@
 
 namespace h3ccas {
 namespace {
-
 // One entry of CVM's: `patch` is merged into the table's entry (a JSON merge patch: null drops a
 // key, a non-object replaces the entry). A load that succeeds must dump the table's dump merged
 // with `dumped`; one that fails has a null `dumped`. `log` is the one line logged (an error when
@@ -305,6 +304,5 @@ TEST(Cas_Records, BlocksPoolKindsAndLists) {
     EXPECT_EQ(JSON_Value(out), expected) << value;
   }
 }
-
 }  // namespace
 }  // namespace h3ccas

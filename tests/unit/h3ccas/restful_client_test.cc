@@ -5,7 +5,6 @@
 
 namespace h3ccas {
 namespace {
-
 using S = std::string;
 using P = Digest_Peer;
 
@@ -462,6 +461,5 @@ TEST_F(Cas_Peer, SelectsTheDataAddressOfAPreferredSwitch) {
     EXPECT_EQ(peer_.seen().accepted.size(), asked + (*address ? 0 : 1));
   }
 }
-
 }  // namespace
 }  // namespace h3ccas

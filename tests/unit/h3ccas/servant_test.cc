@@ -7,7 +7,6 @@
 
 namespace h3ccas {
 namespace {
-
 // Each test gets its own install root and a journal of the stub library's calls.
 class Servant_Test : public ::testing::Test {
  protected:
@@ -180,6 +179,5 @@ TEST_F(Servant_Test, ExecReplies) {
   EXPECT_TRUE(chn->sent.empty());
   EXPECT_EQ(log.count(), 2u);
 }
-
 }  // namespace
 }  // namespace h3ccas

@@ -51,7 +51,6 @@ std::uint16_t free_port() {
 }
 
 namespace h3ccas {
-
 CVM_Info make_cvm(std::uint16_t port, const std::string& user, const std::string& password) {
   CVM_Info cvm;
   JSON_Value entry = {{"host", "127.0.0.1"}, {"port", port}, {"ssl", false}};
@@ -60,7 +59,6 @@ CVM_Info make_cvm(std::uint16_t port, const std::string& user, const std::string
     std::abort();
   return cvm;
 }
-
 }  // namespace h3ccas
 
 const char* const Digest_Peer::realm = "VMC RESTful Web Services";

@@ -33,7 +33,6 @@ JSON_Value json(const std::string& text);
 std::string messages(const Log_Capture& log);
 
 namespace h3ccas {
-
 // A CVM entry on 127.0.0.1 with a clear password.
 CVM_Info make_cvm(std::uint16_t port, const std::string& user, const std::string& password);
 
@@ -51,7 +50,6 @@ class Test_Client : public RESTful_Client {
   std::time_t now() const override { return clock; }
   void sleep_between_polls() override { on_sleep(++sleeps); }
 };
-
 }  // namespace h3ccas
 
 // RFC 2617 digest for cvm_user (qop "auth", nonce counts read as decimal and required to grow by

@@ -13,7 +13,6 @@
 
 namespace h3ccas {
 namespace {
-
 using S = std::string;
 using P = Digest_Peer;
 using Chunk = Backup_Plan::Chunk;
@@ -430,8 +429,9 @@ TEST_F(Flow, PrepareDisks) {
   EXPECT_FALSE(p->prepare_disks(1, chunks));
 }
 
-// Which blocks each kind of backup asks CVM for, and when it copies the whole disk instead.
-TEST_F(Flow, BackupBlocks) {
+// Which blocks each kind of backup asks CVM for, and when it copies the whole disk instead; whether
+// the pools have room for them.
+TEST_F(Flow, BackupBlocksAndStorageQuota) {
   const S data = "GET /cas/casrs/vm/disk/dataBlock?hostId=1&image=%2Fimg%2Fa&vmId=7",
           changed = "GET /cas/casrs/vm/disk/changedBlock?name=c&snapshotName=",
           some = R"({"dataBlockInfo":[{"offset":"512","length":"1024"}]})",
@@ -469,19 +469,16 @@ TEST_F(Flow, BackupBlocks) {
     EXPECT_EQ(text(blocks), want) << request;
     EXPECT_EQ(said(log), lines) << request;
   }
-}
-
-// The reserve of a pool in bytes and in percent is kept strictly; none set always passes.
-TEST_F(Flow, StorageQuota) {
+  // The reserve of a pool in bytes and in percent is kept strictly; none set always passes.
   const S short_of =
       "CAS storage pool 'img' available space(free=500.0 MiB, total=1000.0 MiB) "
       "is not enough for backing up VM 'w'.\n";
-  const std::tuple<const char*, std::uint64_t, int, S> cases[] = {
+  const std::tuple<const char*, std::uint64_t, int, S> quotas[] = {
       {"0", 0, 0, ""},
       {"500", 500ull << 20, 0, short_of},
       {"500", 499ull << 20, 50, short_of},
       {"500", 499ull << 20, 49, ""}};
-  for (const auto& [free_mib, bytes, percent, log_text] : cases) {
+  for (const auto& [free_mib, bytes, percent, log_text] : quotas) {
     pools(free_mib);
     auto p = plan();
     p->params_.opts_.storage_reserved_bytes_ = bytes;
@@ -558,6 +555,5 @@ TEST_F(Flow, Transfer) {
     EXPECT_TRUE(log.contains("Backup of CAS VM 'w' is incomplete, 2 of 3 chunk(s) stored.\n"));
   }
 }
-
 }  // namespace
 }  // namespace h3ccas

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 namespace {
-
 using Map = std::map<std::string, std::string>;
 
 TEST(Http_Text, UrlEncodingQueryStringsMethodsAndHeaders) {
@@ -63,5 +62,4 @@ TEST(Http_Text, UrlEncodingQueryStringsMethodsAndHeaders) {
   }
   EXPECT_TRUE(h.fields().size() == 1 && *h.get("set-cookie") == "c=3");
 }
-
 }  // namespace

@@ -17,7 +17,6 @@
 #include <tuple>
 
 namespace {
-
 using Req = const HTTP_Server_Request&;
 using Res = HTTP_Server_Response&;
 using M = HTTP_Method;
@@ -352,5 +351,4 @@ TEST_F(Http_Transport, UpstreamClientServesConcurrentCallersAndLogsFailuresWitho
   EXPECT_TRUE(up.send(req, nullptr, resp_, out));
   EXPECT_EQ(std::tuple(resp_.status(), out["error"]), std::tuple(401, "unknown access key"));
 }
-
 }  // namespace

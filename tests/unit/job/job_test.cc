@@ -8,7 +8,6 @@
 #include <sstream>
 
 namespace {
-
 using namespace job_test;
 using S = std::string;
 
@@ -223,5 +222,4 @@ TEST_F(Job_Test, ModulesNameTheirJobFactoriesInTheManifest) {
   JSON_Value st = finish(start(def_text(R"("module": "mod")", R"({"vms": ["m"]})")));
   EXPECT_EQ(std::tuple(st["state"], st["vms"][0]["status"]), std::tuple("succeeded", "completed"));
 }
-
 }  // namespace

@@ -8,7 +8,6 @@
 #include <tuple>
 
 namespace {
-
 // Answers {"sum": a + b}; "block" holds the answer until the test ends; "silent" answers nothing.
 struct Sum_Handler : JSON_RPC_Thread_Handler {
   int handle_object_i(std::shared_ptr<JSON_RPC_Channel> chn,
@@ -108,5 +107,4 @@ TEST(JSON_RPC, ParsesAndAnswersOverHttpWithTheirCodes) {
   }
   release.set_value();
 }
-
 }  // namespace

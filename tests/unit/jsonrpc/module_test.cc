@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 namespace {
-
 const std::string lib_dir = BRIMLET_LIB_DIR;
 
 TEST(Module, ObjectsKeepTheLibraryLoadedAndBadManifestsAreRefusedWithOneLine) {
@@ -49,5 +48,4 @@ TEST(Module, ObjectsKeepTheLibraryLoadedAndBadManifestsAreRefusedWithOneLine) {
         "Module 'm' has no instance handler."})
     EXPECT_TRUE(log.contains(line)) << line;
 }
-
 }  // namespace

@@ -9,7 +9,6 @@
 #include <ace/Process.h>
 
 namespace {
-
 using Exec_Servant_Test = Servant_Fixture;
 
 TEST_F(Exec_Servant_Test, ServedByTheModuleInARealServant) {
@@ -53,5 +52,4 @@ TEST_F(Exec_Servant_Test, ServedByTheModuleInARealServant) {
   EXPECT_NE(sdk_log.find("starter["), std::string::npos) << sdk_log;
   EXPECT_NE(sdk_log.find("network_timeout = 86460 s"), std::string::npos) << sdk_log;
 }
-
 }  // namespace

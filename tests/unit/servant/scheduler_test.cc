@@ -12,7 +12,6 @@
 #include <mutex>
 
 namespace {
-
 class Scheduler_Test : public Servant_Fixture {
  protected:
   // Pid and tag of each "hang" servant that reached its request.
@@ -118,5 +117,4 @@ TEST_F(Scheduler_Test, KeepsToTheLimitsAndTheStopCallbackEndsEverything) {
   EXPECT_NE(tags.find("cvk2"), std::string::npos) << tags;
   EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));
 }
-
 }  // namespace

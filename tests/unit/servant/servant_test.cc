@@ -15,7 +15,6 @@
 #include <vector>
 
 namespace {
-
 TEST(Frame_Decoder, SplitsFramesHoweverTheBytesArriveAndRefusesImpossibleLengths) {
   const std::vector<std::string> texts = {"{}", R"({"a":1})", std::string(70000, 'x')};
   std::string stream;
@@ -209,5 +208,4 @@ TEST_F(Servant_Process_Test, BadFramesAreAnsweredOrEndTheServantCleanly) {
   status = other.process.stop();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
-
 }  // namespace

@@ -10,7 +10,6 @@
 #include <vector>
 
 namespace {
-
 using Servant_Utils_Test = Servant_Fixture;
 
 TEST_F(Servant_Utils_Test, CvdSdkConfIsAFreshPrivateFileAndServantResultIsTheResultObject) {
@@ -87,5 +86,4 @@ TEST_F(Servant_Utils_Test, InitServantGivesTheServantItsConfigurationLabelAndEnv
   servant.stop();
   EXPECT_NE(lines.find("snapshot taken"), std::string::npos) << lines;
 }
-
 }  // namespace

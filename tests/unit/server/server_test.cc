@@ -23,7 +23,6 @@
 #include <tuple>
 
 namespace {
-
 using namespace brimlet_server;
 using S = std::string;
 using Strings = std::vector<S>;
@@ -429,5 +428,4 @@ TEST_F(Server_Test, DatabaseMigratesStepByStepAndRefusesANewerSchema) {
   }
   EXPECT_TRUE(Connection::open(path)->prepare("INSERT INTO t (x, y) VALUES (1, 'a')").run());
 }
-
 }  // namespace

@@ -15,7 +15,6 @@
 #include <vector>
 
 namespace {
-
 const char kLibrary[] = BRIMLET_LIB_DIR "/libcvd.so";
 const char kWorld[] = R"({
   "operators": [{"id": 1, "login_name": "admin", "password": "Adm1n pass", "group_id": 1}],
@@ -280,5 +279,4 @@ TEST_F(Libcvd_Test, InitReadsTheConfigurationOnceAndTheLibraryExportsOnlyItsInte
   EXPECT_EQ(needed.out.find("brimlet"), std::string::npos) << needed.out;
   EXPECT_EQ(needed.out.find("ACE"), std::string::npos) << needed.out;
 }
-
 }  // namespace

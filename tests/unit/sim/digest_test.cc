@@ -8,7 +8,6 @@
 #include <tuple>
 
 namespace {
-
 using cas_sim::Digest_Verdict;
 
 const char kRealm[] = "VMC RESTful Web Services";
@@ -118,5 +117,4 @@ TEST_F(Digest_Test, CountsRefusesParsesHashesAndAges) {
   EXPECT_EQ(verifier_.expire_issued(), 1u);
   EXPECT_EQ(next(), Digest_Verdict::STALE_NONCE);
 }
-
 }  // namespace

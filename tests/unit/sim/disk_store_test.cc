@@ -16,7 +16,6 @@
 #include <vector>
 
 namespace {
-
 using namespace cas_sim;
 using S = std::string;
 constexpr std::uint64_t B = Disk_Store::block_size;
@@ -342,5 +341,4 @@ TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes
     EXPECT_TRUE(includes(got, JSON_Value::parse(want))) << request << ": " << run.out;
   }
 }
-
 }  // namespace

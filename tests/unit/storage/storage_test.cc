@@ -23,7 +23,6 @@
 #include <vector>
 
 namespace {
-
 using Compression = Client_IO_Base::Compression;
 using Names = std::set<std::string>;
 using Ranges = std::vector<std::pair<std::uint64_t, std::uint64_t>>;  // offset, length
@@ -461,5 +460,4 @@ TEST_F(Client_IO_Test, FailureAtAnyStepOfAWriteLeavesNothingNew) {
     }
   }
 }
-
 }  // namespace

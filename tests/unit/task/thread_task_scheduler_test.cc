@@ -14,7 +14,6 @@
 
 namespace h3ccas {
 namespace {
-
 using namespace std::chrono_literals;
 
 // Long enough never to be reached on a loaded machine unless something is broken.
@@ -178,6 +177,5 @@ TEST_F(Thread_Task_Scheduler_Test, MisuseFailsWithItsCheckMessage) {
   EXPECT_FALSE(scheduler.enqueue_task(item(2)));
   EXPECT_EQ(std::tuple(first.load(), second.load()), std::tuple(1, 0));
 }
-
 }  // namespace
 }  // namespace h3ccas
