@@ -40,14 +40,12 @@ Table read_table(const S& out) {
 }
 
 const std::time_t t0 = 1700000000;
-
 S local_time(std::time_t dt) {
   std::time_t t = t0 + dt;
   std::ostringstream out;
   out << std::put_time(std::localtime(&t), "%Y-%m-%d %H:%M:%S");
   return out.str();
 }
-
 Row uuids(const JSON_Value& rows) {
   Row out;
   for (const auto& r : rows)

@@ -29,12 +29,10 @@ JSON_Value tagged(const std::string& subtype, const std::string& records, bool e
 JSON_Value error(int code, const std::string& message) {
   return {{"code", code}, {"message", message}};
 }
-
 JSON_Value invalid(const char* key, const char* type = "string") {
   return error(-32602,
                std::string("Invalid params: '") + key + "' is expected as " + type + " in params.");
 }
-
 using Inventory = Lab_Test;
 
 TEST_F(Inventory, CliAndAgentListSearchVerifyAndNameWhatIsWrongOrFailed) {

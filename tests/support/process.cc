@@ -70,7 +70,6 @@ pid_t spawn(const std::vector<std::string>& argv_in, const std::vector<std::stri
 std::string bin_path(const std::string& name) {
   return std::string(BRIMLET_BIN_DIR) + "/" + name;
 }
-
 Test_Process::~Test_Process() {
   stop();
 }

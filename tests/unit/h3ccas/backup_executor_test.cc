@@ -251,7 +251,6 @@ TEST_F(Backup_Executor_Test, FailedServantsFailTheJobAndStopsCancelIt) {
 
 using job_test::g_cv, job_test::g_mutex;
 std::vector<S> g_events;  // "<uid> body", "<uid> waits"
-
 void note(const S& event) {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_events.push_back(event);

@@ -36,7 +36,6 @@ int cvd_init(const char* name, const char* log_path, const char* conf_path) {
   const char* result = std::getenv("CVD_STUB_INIT_RESULT");
   return result ? std::atoi(result) : 0;
 }
-
 int cvd_deinit(void) {
   journal("deinit");
   return 0;

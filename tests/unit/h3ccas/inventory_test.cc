@@ -14,15 +14,12 @@ JSON_Value vm_json(const std::string& id, const std::string& title, const std::s
   vm["uuid"] = "uuid-" + id;
   return vm;
 }
-
 JSON_Value host_json(const std::string& id) {
   return {{"id", id}, {"ip", "10.0.0." + id}, {"name", "cvk" + id}, {"status", "1"}};
 }
-
 Digest_Peer::Answer answer(const JSON_Value& body, int status = 200) {
   return Digest_Peer::json(body.dump(), status);
 }
-
 std::string ids(const std::vector<VM_Info>& vms) {
   std::string out;
   for (const VM_Info& vm : vms)
@@ -193,7 +190,6 @@ TEST_F(Cas_Peer, InventoryRoutes) {
 std::string host_vms(const std::string& id = "") {
   return kVmList + std::string(id.empty() ? "?" : "?hostId=" + id + "&") + "sortField=title";
 }
-
 Digest_Peer::Answer domain(std::vector<JSON_Value> vms) {
   return answer({{"domain", vms}});
 }

@@ -22,14 +22,12 @@ std::string md5_hex(const std::string& text) {
   MD_Generator md(text.data(), text.size(), MD_MD5);
   return Hex_String_T(md.get(), md.length()).str();
 }
-
 std::string encrypt_for_agent(const std::string& plain) {
   const char key[] = "P!L@O#V$A%R^N&3157";
   std::string cipher;
   EXPECT_TRUE(encrypt_string(plain.data(), plain.size(), cipher, key, std::strlen(key)));
   return cipher;
 }
-
 JSON_Value json(const std::string& text) {
   return JSON_Value::parse(text);
 }
@@ -62,11 +60,9 @@ CVM_Info make_cvm(std::uint16_t port, const std::string& user, const std::string
 }  // namespace h3ccas
 
 const char* const Digest_Peer::realm = "VMC RESTful Web Services";
-
 Digest_Peer::Answer Digest_Peer::json(std::string body, int status) {
   return {status, std::move(body), {{"Content-Type", "application/json"}}};
 }
-
 Digest_Peer::Digest_Peer() {
   JSON_Value admin = {{"operator", {{{"loginName", cvm_user}, {"groupId", "1"}}}}};
   set("/cas/casrs/operator/operatorInfoList", json(admin.dump()));
@@ -86,12 +82,10 @@ void Digest_Peer::set(const std::string& path, Answer answer) {
   std::lock_guard<std::mutex> lock(mutex_);
   answers_[path] = std::move(answer);
 }
-
 void Digest_Peer::answer_unsigned(Answer answer) {
   std::lock_guard<std::mutex> lock(mutex_);
   unsigned_answer_ = std::move(answer);
 }
-
 Digest_Peer::Record Digest_Peer::seen() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return seen_;

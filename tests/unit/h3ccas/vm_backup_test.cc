@@ -25,7 +25,6 @@ S text(const std::vector<Block>& blocks) {  // "offset+length,..."
     out += (out.empty() ? "" : ",") + std::to_string(b.offset_) + "+" + std::to_string(b.length_);
   return out;
 }
-
 // What was logged, without the client's "Getting ..." progress lines.
 S said(const Log_Capture& log) {
   static const std::regex progress("^Getting .*\n", std::regex::multiline);
@@ -112,12 +111,11 @@ class Flow : public Cas_Peer {
       peer_.set(path, P::json(ok));
   }
   void pools(const S& free) {
+    const S img = R"({"name":"img","type":"dir","path":"/img","totalSize":"1000","status":"1",)",
+            ceph = R"({"name":"ceph","type":"rbd","path":"ceph","totalSize":"1","status":"1",)";
     peer_.set("GET /cas/casrs/storage/pool",
-              P::json(R"({"storagePool":[{"name":"img","type":"dir","path":"/img","totalSize":)"
-                      R"("1000","status":"1","freeSize":")" +
-                      free +
-                      R"("},{"name":"ceph","type":)"
-                      R"("rbd","path":"ceph","totalSize":"1","freeSize":"1","status":"1"}]})"));
+              P::json(R"({"storagePool":[)" + img + R"("freeSize":")" + free + "\"}," + ceph +
+                      R"("freeSize":"1"}]})"));
   }
   void tree(const S& root) { peer_.set("GET " + snap, P::json(R"({"snapshot":)" + root + "}")); }
   void detail(const S& status, const S& format) {

@@ -59,7 +59,6 @@ Run_Result curl(std::vector<std::string> args) {
   args.insert(args.begin(), {"/usr/bin/env", "curl", "-sS", "--max-time", "60"});
   return run_program(args);
 }
-
 std::string field(const HTTP_Response& resp, const char* name) {
   const std::string* value = resp.headers().get(name);
   return value ? *value : "";

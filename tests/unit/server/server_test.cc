@@ -42,21 +42,17 @@ JSON_Value cvm_body(const S& host = "cvm.example", int port = 8080, const S& use
   b.update({{"name", "lab"}, {"ssl", false}, {"extended_attrs", {{"zone", "a"}}}});
   return b;
 }
-
 // `o` with `v` under `k`, or without `k` when `v` is null.
 JSON_Value with(JSON_Value o, const char* k, const JSON_Value& v) {
   v.is_null() ? void(o.erase(k)) : void(o[k] = v);
   return o;
 }
-
 const auto contains = [](const S& s, const S& part) { return s.find(part) != S::npos; };
-
 S file_bytes(const S& path) {
   S bytes;
   read_file(path, bytes);  // a missing file reads as empty
   return bytes;
 }
-
 Strings uuids(const JSON_Value& array) {
   Strings out;
   for (const auto& s : array)

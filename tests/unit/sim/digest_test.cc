@@ -12,7 +12,6 @@ using cas_sim::Digest_Verdict;
 
 const char kRealm[] = "VMC RESTful Web Services";
 const char kTarget[] = "/cas/casrs/vm/vmList?hostId=1";
-
 std::string nonce_of(const std::string& challenge) {
   std::size_t at = challenge.find("nonce=\"") + 7;
   return challenge.substr(at, challenge.find('"', at) - at);

@@ -59,7 +59,6 @@ std::uint64_t allocated_bytes(const std::string& path) {
   EXPECT_EQ(stat(path.c_str(), &st), 0) << path;
   return static_cast<std::uint64_t>(st.st_blocks) * 512;
 }
-
 bool all_zero(const std::string& bytes, std::size_t from, std::size_t length) {
   return std::all_of(bytes.begin() + from, bytes.begin() + from + length,
                      [](char c) { return c == 0; });

@@ -18,7 +18,6 @@ using namespace std::chrono_literals;
 
 // Long enough never to be reached on a loaded machine unless something is broken.
 constexpr auto generous = 10s;
-
 using Scheduler = Thread_Task_Scheduler<int>;
 auto item = [](int n) { return std::make_shared<int>(n); };
 
