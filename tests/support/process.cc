@@ -16,9 +16,10 @@
 extern char** environ;
 
 namespace {
+using S = std::string;
 using Clock = std::chrono::steady_clock;
 
-std::vector<char*> to_argv(std::vector<std::string>& items) {
+std::vector<char*> to_argv(std::vector<S>& items) {
   std::vector<char*> out;
   for (auto& s : items)
     out.push_back(&s[0]);
@@ -26,10 +27,10 @@ std::vector<char*> to_argv(std::vector<std::string>& items) {
   return out;
 }
 
-std::vector<std::string> merged_env(const std::vector<std::string>& extra) {
-  std::vector<std::string> env;
+std::vector<S> merged_env(const std::vector<S>& extra) {
+  std::vector<S> env;
   for (char** e = environ; *e; ++e) {
-    std::string entry = *e;
+    S entry = *e;
     bool overridden = false;
     for (const auto& x : extra)
       if (x.substr(0, x.find('=') + 1) == entry.substr(0, entry.find('=') + 1))
@@ -41,16 +42,16 @@ std::vector<std::string> merged_env(const std::vector<std::string>& extra) {
   return env;
 }
 
-std::string program_path(const std::string& name) {
-  return name.find('/') == std::string::npos ? bin_path(name) : name;
+S program_path(const S& name) {
+  return name.find('/') == S::npos ? bin_path(name) : name;
 }
 
 // Forks and execs; the child's stdin/stdout/stderr come from the given descriptors (-1: keep).
-pid_t spawn(const std::vector<std::string>& argv_in, const std::vector<std::string>& env_in,
-            int in_fd, int out_fd, int err_fd) {
-  std::vector<std::string> argv = argv_in;
+pid_t spawn(const std::vector<S>& argv_in, const std::vector<S>& env_in, int in_fd, int out_fd,
+            int err_fd) {
+  std::vector<S> argv = argv_in;
   argv[0] = program_path(argv[0]);
-  std::vector<std::string> env = merged_env(env_in);
+  std::vector<S> env = merged_env(env_in);
   auto a = to_argv(argv);
   auto e = to_argv(env);
   pid_t pid = fork();
@@ -67,15 +68,14 @@ pid_t spawn(const std::vector<std::string>& argv_in, const std::vector<std::stri
 }
 }  // namespace
 
-std::string bin_path(const std::string& name) {
-  return std::string(BRIMLET_BIN_DIR) + "/" + name;
+S bin_path(const S& name) {
+  return S(BRIMLET_BIN_DIR) + "/" + name;
 }
 Test_Process::~Test_Process() {
   stop();
 }
 
-bool Test_Process::start(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-                         const std::string& log_file) {
+bool Test_Process::start(const std::vector<S>& argv, const std::vector<S>& env, const S& log_file) {
   int fd = -1;
   if (!log_file.empty())
     fd = open(log_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
@@ -97,11 +97,10 @@ bool Test_Process::running() {
   return true;
 }
 
-bool Test_Process::wait_ready(const std::string& ready_file, JSON_Value& ready,
-                              int timeout_seconds) {
+bool Test_Process::wait_ready(const S& ready_file, JSON_Value& ready, int timeout_seconds) {
   auto deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
   while (Clock::now() < deadline) {
-    std::string text;
+    S text;
     if (read_file(ready_file, text) &&
         !(ready = JSON_Value::parse(text, nullptr, false)).is_discarded())
       return true;
@@ -134,8 +133,8 @@ void Test_Process::kill_now() {
   waitpid(pid_, &st, 0), status_ = st, pid_ = -1;
 }
 
-Run_Result run_program(const std::vector<std::string>& argv, const std::string& input,
-                       const std::vector<std::string>& env, int timeout_seconds) {
+Run_Result run_program(const std::vector<S>& argv, const S& input, const std::vector<S>& env,
+                       int timeout_seconds) {
   Run_Result result;
   int in_pipe[2], out_pipe[2], err_pipe[2];
   if (pipe2(in_pipe, O_CLOEXEC) || pipe2(out_pipe, O_CLOEXEC) || pipe2(err_pipe, O_CLOEXEC))
@@ -157,7 +156,7 @@ Run_Result run_program(const std::vector<std::string>& argv, const std::string& 
   close(in_pipe[1]);
   auto deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
   pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
+  S* sinks[2] = {&result.out, &result.err};
   int open_fds = 2;
   while (open_fds > 0 && Clock::now() < deadline) {
     if (poll(fds, 2, 100) <= 0)

@@ -17,7 +17,6 @@
 
 namespace h3ccas {
 namespace {
-using S = std::string;
 
 struct Handler : Job_Event_Handler {
   bool handle_vm_progress(const std::vector<VM_Job_Progress>&, int, bool) override { return true; }
@@ -58,20 +57,18 @@ class Backup_Executor_Test : public Cas_Peer {
                 Digest_Peer::json(R"({"domain":[)" + list + "]}"));
     JSON_Value entry = cvm().dump();
     entry["password"] = encrypt_for_agent(cvm_password);
-    server_.route(HTTP_Method::GET, server_api::cvm_route,
-                  [entry](const HTTP_Server_Request&, HTTP_Server_Response& resp) {
-                    resp.body = JSON_Value{{"rows", {entry}}}.dump();
-                  });
-    server_.route(HTTP_Method::GET, server_api::pool_route,
-                  [this](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-                    if (hold_pool_)
-                      hold_pool_();
-                    resp.status = req.query.at("uuid") == "pool-1" ? 200 : 404;
-                    // The pool asks for zstd at a level lz4 would not take.
-                    resp.body = R"({"uuid":"pool-1","name":"p","url":"file:///srv/p1",
+    server_.route(HTTP_Method::GET, server_api::cvm_route, [entry](Req, Res resp) {
+      resp.body = JSON_Value{{"rows", {entry}}}.dump();
+    });
+    server_.route(HTTP_Method::GET, server_api::pool_route, [this](Req req, Res resp) {
+      if (hold_pool_)
+        hold_pool_();
+      resp.status = req.query.at("uuid") == "pool-1" ? 200 : 404;
+      // The pool asks for zstd at a level lz4 would not take.
+      resp.body = R"({"uuid":"pool-1","name":"p","url":"file:///srv/p1",
                                     "io_options":{"compression":"zstd","compression_level":19,
                                     "io_timeout":60}})";
-                  });
+    });
     ASSERT_TRUE(server_.start(HTTP_Server::Options()));
     Upstream_JSON_RESTful_Client::instance()->configure("127.0.0.1", server_.port(), false, "k");
     Host_Manager::instance()->set_access_key("agent-key");

@@ -9,7 +9,7 @@ namespace h3ccas {
 namespace {
 // Each text, and the value read or, with `def`, the default handed back on failure.
 template <class T>
-void check_natoi(std::vector<std::string> texts, std::vector<T> values, T def) {
+void check_natoi(std::vector<S> texts, std::vector<T> values, T def) {
   for (std::size_t i = 0; i < texts.size(); ++i) {
     T out = 1;
     EXPECT_EQ(try_natoi<T>(out, texts[i], def), values[i] != def) << "'" << texts[i] << "'";
@@ -48,7 +48,7 @@ TEST(Cas_Conversions, NumbersEnumerationsSizesPathsAndVersions) {
   EXPECT_EQ(unify_path("pool/img", true, "") + " " + unify_path("pool/img", true, nullptr) + " " +
                 unify_path("pool/img", true, "s1") + " " + unify_path("pool/img", false, "s1"),
             "rbd:pool/img rbd:pool/img rbd:pool/img@s1 pool/img");
-  EXPECT_EQ(filenamify(std::string("a/b\0c\001d:e", 9)), "a_b_c_d_e");
+  EXPECT_EQ(filenamify(S("a/b\0c\001d:e", 9)), "a_b_c_d_e");
   for (const char* version : {"e0730H01", "V7.0 E0750"}) {
     Log_Capture log;
     EXPECT_EQ(is_supported(version), *version == 'e') << version;
@@ -56,7 +56,7 @@ TEST(Cas_Conversions, NumbersEnumerationsSizesPathsAndVersions) {
   }
 }
 
-JSON_Value entry(const std::string& password) {
+JSON_Value entry(const S& password) {
   return {{"host", "cvm.example"}, {"port", 8080},         {"ssl", true},
           {"username", "admin"},   {"password", password}, {"extended_attrs", {{"site", "north"}}}};
 }
@@ -89,11 +89,10 @@ TEST(Cas_CVM_Info, DecryptsDumpsReloadsAndRejects) {
 class Cas_Backup_Server : public ::testing::Test {
  protected:
   void SetUp() override {
-    server_.route(HTTP_Method::GET, "/k4/r/h3ccas/cvm",
-                  [this](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-                    std::lock_guard<std::mutex> lock(mutex_);
-                    request_ = req, resp.status = status_, resp.body = body_.dump();
-                  });
+    server_.route(HTTP_Method::GET, "/k4/r/h3ccas/cvm", [this](Req req, Res resp) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      request_ = req, resp.status = status_, resp.body = body_.dump();
+    });
     ASSERT_TRUE(server_.start(HTTP_Server::Options()));
     Upstream_JSON_RESTful_Client::instance()->configure("127.0.0.1", server_.port(), false,
                                                         "agent-key");
@@ -119,9 +118,9 @@ TEST_F(Cas_Backup_Server, LoadsTheFirstRowOrSaysWhyNot) {
   EXPECT_EQ(cvm.host() + " " + cvm.password().c_str(), "cvm.example from-server");
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    EXPECT_EQ(request_.query, (std::map<std::string, std::string>{
-                                  {"uuid", "cvm-uuid 1"}, {"with_password", "host-id-42"}}));
-    const std::string* key = request_.headers.get("X-Access-Key");  // sent as this agent
+    EXPECT_EQ(request_.query,
+              (std::map<S, S>{{"uuid", "cvm-uuid 1"}, {"with_password", "host-id-42"}}));
+    const S* key = request_.headers.get("X-Access-Key");  // sent as this agent
     EXPECT_EQ(key ? *key : "", "agent-key");
   }
   const std::tuple<int, const char*, const char*> failures[] = {

@@ -9,7 +9,7 @@ namespace h3ccas {
 namespace {
 class Cas_Login_Handler : public Cas_Peer {
  protected:
-  JSON_Value entry(const std::string& password) {
+  JSON_Value entry(const S& password) {
     JSON_Value entry = cvm().dump();
     entry["password"] = encrypt_for_agent(password);
     return entry;
@@ -51,22 +51,22 @@ TEST_F(Cas_Login_Handler, Replies) {
 TEST(Cas_Instance_Handler, AnnouncesTheProxyAndNeedsNoLogon) {
   Instance_Handler handler;
   auto old = std::make_shared<Instance>();
-  std::map<std::string, std::shared_ptr<Instance>> instances = {
-      {"H3C_CAS_Proxy", old}, {"Other", std::make_shared<Instance>()}};
+  std::map<S, std::shared_ptr<Instance>> instances = {{"H3C_CAS_Proxy", old},
+                                                      {"Other", std::make_shared<Instance>()}};
   EXPECT_EQ(handler.probe_instances(instances), 0);
   ASSERT_EQ(instances.size(), 2u);
   const auto& proxy = instances["H3C_CAS_Proxy"];
   ASSERT_NE(proxy, old);
   EXPECT_EQ(proxy->type + " " + proxy->name, "h3c-cas H3C_CAS_Proxy");
   EXPECT_EQ(proxy->options, JSON_Value({{"is_proxy", true}}));
-  std::string state;
+  S state;
   EXPECT_EQ(&handler.get_state("never-announced", state), &state);
   EXPECT_EQ(state, "enabled");
   EXPECT_EQ(handler.logon("H3C_CAS_Proxy", "anyone", "anything"), 0);
 }
 
 // The built module as the host sees it.
-const std::string kLibDir = BRIMLET_LIB_DIR;
+const S kLibDir = BRIMLET_LIB_DIR;
 
 // The host fills the _gobble_ slot and destroys through it; null slots and objects are harmless.
 TEST(Cas_Module_Surface, LoadsThroughItsManifest) {

@@ -8,38 +8,36 @@ const char kVmList[] = "/cas/casrs/vm/vmList";
 const char kHosts[] = "/cas/casrs/host";
 const char kMessage[] = "/cas/casrs/message/42";
 
-JSON_Value vm_json(const std::string& id, const std::string& title, const std::string& host) {
+JSON_Value vm_json(const S& id, const S& title, const S& host) {
   JSON_Value vm = json(R"({"vmStatus":"running","hostName":"cvk","cpu":"2","memory":"2048"})");
   vm.merge_patch({{"id", id}, {"name", "vm-" + id}, {"title", title}, {"hostId", host}});
   vm["uuid"] = "uuid-" + id;
   return vm;
 }
-JSON_Value host_json(const std::string& id) {
+JSON_Value host_json(const S& id) {
   return {{"id", id}, {"ip", "10.0.0." + id}, {"name", "cvk" + id}, {"status", "1"}};
 }
 Digest_Peer::Answer answer(const JSON_Value& body, int status = 200) {
   return Digest_Peer::json(body.dump(), status);
 }
-std::string ids(const std::vector<VM_Info>& vms) {
-  std::string out;
+S ids(const std::vector<VM_Info>& vms) {
+  S out;
   for (const VM_Info& vm : vms)
     out += vm.id_ + " ";
   return out;
 }
 
 TEST_F(Cas_Peer, WaitsForTasks) {
-  const std::string missed = "Message ID missed in CAS '127.0.0.1' async task(start VM) response",
-                    invalid = "Invalid response of CAS async task progress: ",
-                    failed = "Failed to start VM on CAS '127.0.0.1', error: ",
-                    started = R"({"msgId":"42"})",
-                    running = R"({"completed":"false","result":"0"})",
-                    done = R"({"completed":"true")";
+  const S missed = "Message ID missed in CAS '127.0.0.1' async task(start VM) response",
+          invalid = "Invalid response of CAS async task progress: ",
+          failed = "Failed to start VM on CAS '127.0.0.1', error: ", started = R"({"msgId":"42"})",
+          running = R"({"completed":"false","result":"0"})", done = R"({"completed":"true")";
   struct Case {
-    std::string task,
+    S task,
         progress;  // the answers to the polls, separated by blanks; the last one repeats
     bool want_target, ok;
     int polls;
-    std::string log = "";
+    S log = "";
     const char* fail_msg = "";
     const char* target = "";
   } const cases[] = {
@@ -63,9 +61,9 @@ TEST_F(Cas_Peer, WaitsForTasks) {
   Test_Client client(cvm());
   for (const auto& c : cases) {
     SCOPED_TRACE(c.task + std::to_string(c.polls));
-    std::vector<std::string> progress;
+    std::vector<S> progress;
     std::istringstream words(c.progress);
-    for (std::string word; words >> word;)
+    for (S word; words >> word;)
       progress.push_back(word);
     if (!progress.empty())
       peer_.set(kMessage, Digest_Peer::json(progress[0]));
@@ -76,9 +74,9 @@ TEST_F(Cas_Peer, WaitsForTasks) {
     };
     std::size_t before = peer_.seen().accepted.size();
     Log_Capture log;
-    std::string target;
+    S target;
     EXPECT_EQ(client.wait_task("start VM", json(c.task), c.want_target ? &target : nullptr), c.ok);
-    EXPECT_EQ(peer_.targets(before), std::vector<std::string>(c.polls, kMessage));
+    EXPECT_EQ(peer_.targets(before), std::vector<S>(c.polls, kMessage));
     // Every poll is followed by its pause, the one that saw completion included; a malformed
     // answer ends the wait before it.
     EXPECT_EQ(client.sleeps, c.log.find("Invalid response") == 0 ? c.polls - 1 : c.polls);
@@ -94,13 +92,13 @@ TEST_F(Cas_Peer, WaitsForTasks) {
   EXPECT_EQ(client.last_error_code(), "7");
 }
 
-using O = std::optional<std::string>;
+using O = std::optional<S>;
 using Call = std::function<O(RESTful_Client&)>;
 
 // One route of the inventory: what it asks and a summary of what it loaded (nothing on failure).
 struct Route {
   const char* target;
-  std::string answer;
+  S answer;
   Call call;
   const char* loaded;
 };
@@ -112,7 +110,7 @@ std::vector<Route> routes() {
       {kHosts, R"({"host":[{"id":"3","ip":"i","name":"old","status":"1"},
           {"id":"4","ip":"i","name":"cvk4","status":"1"},{"id":"3","ip":"i","name":"new","status":"1"}]})",
        [](C& c) -> O {
-         std::unordered_map<std::string, CVK_Host> m;
+         std::unordered_map<S, CVK_Host> m;
          if (!c.list_host(m))
            return std::nullopt;
          return m.empty() ? "0" : std::to_string(m.size()) + m.at("3").name_ + m.at("4").name_;
@@ -160,7 +158,7 @@ TEST_F(Cas_Peer, InventoryRoutes) {
     peer_.set(route.target, Digest_Peer::json(route.answer));
     std::size_t before = peer_.seen().accepted.size();
     EXPECT_EQ(route.call(client), route.loaded);
-    EXPECT_EQ(peer_.targets(before), std::vector<std::string>{route.target});
+    EXPECT_EQ(peer_.targets(before), std::vector<S>{route.target});
     peer_.set(route.target, Digest_Peer::json(""));
     EXPECT_EQ(route.call(client), route.target == kHosts ? O("0") : std::nullopt);
     for (const JSON_Value& body : wrong) {
@@ -187,15 +185,15 @@ TEST_F(Cas_Peer, InventoryRoutes) {
 }
 
 // The VM list of a host, or of all without one.
-std::string host_vms(const std::string& id = "") {
-  return kVmList + std::string(id.empty() ? "?" : "?hostId=" + id + "&") + "sortField=title";
+S host_vms(const S& id = "") {
+  return kVmList + S(id.empty() ? "?" : "?hostId=" + id + "&") + "sortField=title";
 }
 Digest_Peer::Answer domain(std::vector<JSON_Value> vms) {
   return answer({{"domain", vms}});
 }
 
 TEST_F(Cas_Peer, AllVMsFallBackHostByHostOnConflictOnly) {
-  const std::string unfiltered = host_vms();
+  const S unfiltered = host_vms();
   peer_.set(unfiltered, {409, "{}", {{"Error-Code", "1409"}}});
   peer_.set(kHosts,
             answer({{"host", {host_json("1"), host_json("2"), host_json("3"), host_json("4")}}}));
@@ -213,9 +211,8 @@ TEST_F(Cas_Peer, AllVMsFallBackHostByHostOnConflictOnly) {
   ASSERT_TRUE(client.list_all_vm(vms));
   // Titles from "e" to "a"; the two "c" keep the order of their hosts.
   EXPECT_EQ(ids(vms), "3e 1c 3c 1b 3a ");
-  EXPECT_EQ(peer_.targets(),
-            (std::vector<std::string>{unfiltered, kHosts, host_vms("1"), host_vms("2"),
-                                      host_vms("3"), host_vms("4")}));
+  EXPECT_EQ(peer_.targets(), (std::vector<S>{unfiltered, kHosts, host_vms("1"), host_vms("2"),
+                                             host_vms("3"), host_vms("4")}));
   EXPECT_TRUE(
       log.contains("Failed to list CAS VM. Retrying to list VM again, which may be slow.\n"));
   EXPECT_TRUE(log.contains("Skipped VMs of CAS host 'cvk2' (id 2), failed to list them.\n"));
@@ -228,11 +225,11 @@ TEST_F(Cas_Peer, AllVMsFallBackHostByHostOnConflictOnly) {
   vms.clear();
   EXPECT_FALSE(test.list_all_vm(vms));
   EXPECT_EQ(test.last_status(), 500);
-  EXPECT_EQ(peer_.targets(from), std::vector<std::string>{unfiltered});
+  EXPECT_EQ(peer_.targets(from), std::vector<S>{unfiltered});
   peer_.set(unfiltered, {409, "{}", {}});
   peer_.set(kHosts, {503, "{}", {}});
   EXPECT_FALSE(test.list_all_vm(vms));
-  EXPECT_EQ(peer_.targets(from + 1), (std::vector<std::string>{unfiltered, kHosts}));
+  EXPECT_EQ(peer_.targets(from + 1), (std::vector<S>{unfiltered, kHosts}));
   EXPECT_TRUE(vms.empty());
   // A request that gets no answer leaves no status behind from the one before.
   EXPECT_EQ(test.last_status(), 503);

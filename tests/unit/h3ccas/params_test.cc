@@ -5,7 +5,7 @@
 namespace h3ccas {
 namespace {
 // What both kinds of parameters hold.
-const std::string cvm_and_io_opts = R"({
+const S cvm_and_io_opts = R"({
   "cvm": {"host": "10.0.0.5", "port": 8443, "ssl": true, "username": "admin",
           "password": "clear-pass"},
   "io_opts": {"connect_timeout": 20, "io_timeout": 600, "retry_count": 5, "retry_interval": 15,
@@ -13,7 +13,7 @@ const std::string cvm_and_io_opts = R"({
               "encryption_key_id": "k1", "access_mode": "direct", "extra": {"a": 1}},)";
 
 // Every key the agent sends for a backup, none at its default.
-const std::string backup_params = cvm_and_io_opts + R"(
+const S backup_params = cvm_and_io_opts + R"(
   "host_id": "3", "host_name": "cvk-b", "host_ip": "10.0.1.3", "vm_id": "42", "vm_name": "web01",
   "vm_uuid": "5f0c-uuid", "def_id": "def-9", "pool_url": "file:///pools/a",
   "backup_type": "incremental", "resource_uuid": "res-1", "access_key": "ak",
@@ -25,7 +25,7 @@ const std::string backup_params = cvm_and_io_opts + R"(
 
 // Every key the agent sends for a restore, in the form dump() writes: a file disk and a block
 // disk, each with the key the other kind needs.
-const std::string restore_params = cvm_and_io_opts + R"(
+const S restore_params = cvm_and_io_opts + R"(
   "disks": [{"source_path": "/vms/images/web01", "target_pool_name": "defaultpool",
              "target_pool_path": "/vms/images", "target_pool_type": "dir",
              "provisioning_mode": "2", "target_volume_name": ""},
@@ -46,12 +46,12 @@ const std::string restore_params = cvm_and_io_opts + R"(
 
 // `params` changed by `patch` (a merge patch) fails to load, the last line logged `message`.
 template <class Params>
-void expect_refused(const std::string& params, const char* patch, const std::string& message) {
+void expect_refused(const S& params, const char* patch, const S& message) {
   JSON_Value value = json(params);
   value.merge_patch(json(patch));
   Log_Capture log;
   EXPECT_FALSE(Params().load(value)) << patch;
-  const std::string text = messages(log);
+  const S text = messages(log);
   EXPECT_EQ(text.substr(text.size() - std::min(text.size(), message.size() + 1)), message + "\n");
 }
 
@@ -70,8 +70,8 @@ TEST(Backup_Params, LoadsDumpsAndRefuses) {
   EXPECT_STREQ(no_cbt_opts_to_str(p.opts_.no_cbt_), "none");
   EXPECT_EQ(p.dump()["no_cbt"], 7);
   EXPECT_EQ(p.backup_type_, Job_Definition_Subtype::Unknown);
-  const std::string m = "Invalid CAS backup params: ";
-  const std::pair<const char*, std::string> cases[] = {
+  const S m = "Invalid CAS backup params: ";
+  const std::pair<const char*, S> cases[] = {
       {R"({"vm_uuid":null})", m + "missing key 'vm_uuid'."},
       {R"({"restart_vm":1})", m + "'restart_vm' is expected as boolean."},
       {R"({"io_opts":"zstd"})", m + "'io_opts' is expected as object."},
@@ -93,8 +93,8 @@ TEST(Restore_Params, LoadsDumpsAndRefusesDisksOnFileAndBlockStorage) {
   EXPECT_EQ(std::tuple(p.disks_[0].provisioning_mode_, p.disks_[1].provisioning_mode_),
             std::tuple(THIN, UNKNOWN));
   EXPECT_EQ(p.dump(), json(restore_params));
-  const std::string m = "Invalid CAS restore params: ";
-  const std::pair<const char*, std::string> cases[] = {
+  const S m = "Invalid CAS restore params: ";
+  const std::pair<const char*, S> cases[] = {
       // The target host's name is the one key spelled with a trailing underscore.
       {R"({"target_host_name_":null,"target_host_name":"cvk-c"})",
        m + "missing key 'target_host_name_'."},
@@ -145,7 +145,7 @@ TEST(Restore_Params, LoadsDumpsAndRefusesDisksOnFileAndBlockStorage) {
        "'target_volume_name' is expected as string"},
   };
   for (const auto& [pool, rest, mode, message] : disk_cases) {
-    const std::string disk = std::string(pool) + rest;
+    const S disk = S(pool) + rest;
     SCOPED_TRACE(disk);
     VM_Restore_Params p;
     Log_Capture log;
@@ -155,9 +155,8 @@ TEST(Restore_Params, LoadsDumpsAndRefusesDisksOnFileAndBlockStorage) {
     EXPECT_EQ(p.load_disks(disks), !*message);
     ASSERT_EQ(p.disks_.size(), *message ? 1u : 2u);
     EXPECT_EQ(*message ? mode : p.disks_.back().provisioning_mode_, mode);
-    EXPECT_EQ(
-        messages(log),
-        *message ? std::string("Invalid CAS VM restore params for disks: ") + message + ".\n" : "");
+    EXPECT_EQ(messages(log),
+              *message ? S("Invalid CAS VM restore params for disks: ") + message + ".\n" : "");
   }
   VM_Restore_Params bare;
   Log_Capture log2;

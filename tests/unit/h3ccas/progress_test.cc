@@ -17,7 +17,7 @@ class Recording_Handler : public Job_Event_Handler {
                           bool final) override {
     const std::int64_t now = std::time(nullptr);
     const auto n = [](auto v) { return std::to_string(v); };
-    std::string out = n(activity_state) + (final ? " final" : "");
+    S out = n(activity_state) + (final ? " final" : "");
     for (const auto& e : progress)
       out += "; " + e.uuid + " " + e.name + " " + e.status + "(" + n(e.state) + ") " +
              n(e.processed_bytes) + "/" + n(e.total_bytes) + " " +
@@ -26,22 +26,22 @@ class Recording_Handler : public Job_Event_Handler {
     calls.push_back(out);
     return result;
   }
-  std::vector<std::string> calls;
+  std::vector<S> calls;
   bool result = true;
 };
 
-bool is_mapped(const std::string& path) {
-  std::string maps;
-  return read_file("/proc/self/maps", maps) && maps.find(path) != std::string::npos;
+bool is_mapped(const S& path) {
+  S maps;
+  return read_file("/proc/self/maps", maps) && maps.find(path) != S::npos;
 }
 
 class Progress_Test : public ::testing::Test {
  protected:
   Progress_Test() { activity_.state = Job_Activity::running; }
-  std::string progress_path(const std::string& job, const std::string& uuid) const {
+  S progress_path(const S& job, const S& uuid) const {
     return root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/" + job + "/" + uuid;
   }
-  VM_Progress_Info_Handle servant(const std::string& job, const std::string& uuid) {
+  VM_Progress_Info_Handle servant(const S& job, const S& uuid) {
     VM_Progress_Info_Handle h;
     EXPECT_TRUE(h.open(job.c_str(), uuid.c_str(), false, true, 0750)) << uuid;
     return h;
@@ -79,11 +79,11 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
   a = servant("job-1", "vm-a"), a->state = VM_Progress_Info::failed, a->processed_size = 1;
   activity_.state = Job_Activity::completed;
   ASSERT_TRUE(reporter.flush());
-  const std::string r = std::to_string(Job_Activity::running) + "; ";
-  const std::string done = "vm-a alpha completed(2) 3221225472/3221225472 3/3 1000-+; ";
-  const std::string refused = "; vm-r refused by name failed(3) 0/0 0/0 0-0";
+  const S r = std::to_string(Job_Activity::running) + "; ";
+  const S done = "vm-a alpha completed(2) 3221225472/3221225472 3/3 1000-+; ";
+  const S refused = "; vm-r refused by name failed(3) 0/0 0/0 0-0";
   EXPECT_EQ(handler_.calls,
-            (std::vector<std::string>{
+            (std::vector<S>{
                 r + "vm-a alpha pending(0) 0/0 0/0 0-0; vm-b beta pending(0) 0/0 0/0 0-0" + refused,
                 r + "vm-a alpha running(1) 1048576/3221225472 1/3 1000-0; " +
                     "vm-b beta pending(0) 0/0 0/0 0-0" + refused,
@@ -133,10 +133,10 @@ TEST_F(Progress_Test, FlushEndsEveryVmAndMisorderedCallsAndUnmappableRecordsAreR
   EXPECT_NE(
       access((root_.path() + "/var/opt/quorvex/brimlet5/h3c-cas/progress/job-4").c_str(), F_OK), 0);
   ASSERT_TRUE(active.push_update());
-  EXPECT_EQ(handler_.calls.back().find("late"), std::string::npos);
+  EXPECT_EQ(handler_.calls.back().find("late"), S::npos);
   // A directory where the record should be cannot be mapped.
   ASSERT_TRUE(make_dirs(progress_path("job-5", "vm-dir"), 0750));
-  const std::pair<const char*, std::string> unmapped_cases[] = {
+  const std::pair<const char*, S> unmapped_cases[] = {
       {"", "id is NULL or \"\":\n"},
       {"job-5",
        "Failed to memory map " + progress_path("job-5", "vm-dir") + ", errno=21, Is a directory\n"},

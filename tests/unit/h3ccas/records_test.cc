@@ -7,9 +7,9 @@ namespace {
 // with `dumped`; one that fails has a null `dumped`. `log` is the one line logged (an error when
 // the load fails, a warning otherwise) or nothing.
 struct Row {
-  std::string patch;
+  S patch;
   const char* dumped;
-  std::string log = "";
+  S log = "";
 };
 
 template <class Record>
@@ -45,7 +45,7 @@ TEST(Cas_Records, Hosts) {
                         {"[]", nullptr, "Invalid CVK host entry: expected an object, got array"}});
   const char detail[] = R"({"id":"3","ip":"10.0.0.3","name":"cvk-3","status":"1",
       "memorySize":"16384","cpuCount":"2","cpuCores":"16"})";
-  const std::string d = "Invalid CAS CVK ";
+  const S d = "Invalid CAS CVK ";
   check_rows<CVK_Host_Detail>(
       detail,
       R"({"id":"3","ip":"10.0.0.3","name":"cvk-3","status":"connected","memory_mbytes":16384,
@@ -88,7 +88,7 @@ TEST(Cas_Records, VMs) {
     out["status"] = vm.status_;
     return out;
   };
-  const std::string d = "Invalid CAS VM detail: ";
+  const S d = "Invalid CAS VM detail: ";
   const std::vector<Row> rows = {
       {R"({"network":{"mac":"m"},"storage":[{"path":"a"},{"path":"b"}]})",
        R"({"network":[{"mac":"m"}],"storage":[{"path":"a"},{"path":"b"}]})"},
@@ -99,8 +99,8 @@ TEST(Cas_Records, VMs) {
       "cpuCores":"4"},"memory":{"size":"8192"},"network":[],"storage":[],"status":"running"})",
                         rows, with_status);
   // part, its replacement, the priority and text of the line logged
-  const std::string f = "Failed to get CPU or memory config of CAS VM: ";
-  const std::tuple<const char*, const char*, ACE_Log_Priority, std::string> bad[] = {
+  const S f = "Failed to get CPU or memory config of CAS VM: ";
+  const std::tuple<const char*, const char*, ACE_Log_Priority, S> bad[] = {
       {"cpu", R"({"cpuSockets":"two","cpuCores":"4"})", LM_ERROR,
        "Invalid CAS VM CPU config 'two' or '4'.\n"},
       {"memory", R"({"size":"-1"})", LM_ERROR, "Invalid CAS VM memory config '-1'.\n"},
@@ -123,8 +123,8 @@ TEST(Cas_Records, VMs) {
 }
 
 // name, "*" when internal, and the children in brackets.
-std::string tree(const Snapshot_Info& node) {
-  std::string out = node.name + (node.is_internal ? "*" : "");
+S tree(const Snapshot_Info& node) {
+  S out = node.name + (node.is_internal ? "*" : "");
   for (std::size_t i = 0; i < node.children.size(); ++i)
     out += (i ? "," : "(") + tree(node.children[i]) + (i + 1 == node.children.size() ? ")" : "");
   return out;
@@ -160,7 +160,7 @@ const char dumped_disk[] = R"({"device":"disk","device_name":"vda","file_type":"
     "pool_type":""})";
 
 TEST(Cas_Records, DisksFromCasAndInTheCatalog) {
-  const std::string d = "Invalid CAS VM disk ", u = "Unknown CAS VM disk ";
+  const S d = "Invalid CAS VM disk ", u = "Unknown CAS VM disk ";
   check_rows<VM_Disk>(
       cas_disk, dumped_disk,
       {{R"({"mode":"0"})", R"({"mode":"0"})"},
@@ -197,8 +197,8 @@ TEST(Cas_Records, DisksFromCasAndInTheCatalog) {
     ASSERT_TRUE(disk.load_from_catalog(json(dumped.dump().c_str())));
     EXPECT_EQ(std::tuple(disk.dump(), log.text()), std::tuple(dumped, ""));
   }
-  const std::string c = "Invalid CAS VM disk info in catalog: ";
-  const std::pair<const char*, std::string> cases[] = {
+  const S c = "Invalid CAS VM disk info in catalog: ";
+  const std::pair<const char*, S> cases[] = {
       {R"({"mode":"7"})", ""},  // an unknown mode is no error here
       {R"({"size":"1024"})", c + "'size' is expected as integer.\n"},
       {R"({"size":-1})", c + "'size' is expected as integer in range.\n"},
@@ -220,7 +220,7 @@ TEST(Cas_Records, DisksFromCasAndInTheCatalog) {
 TEST(Cas_Records, StoragePoolsAndVolumes) {
   const char pool[] = R"({"name":"defaultpool","title":"Default","type":"dir","path":"/vms/images",
       "totalSize":"102400","status":"1","freeSize":"51200"})";
-  const std::string u = "Unrecognized CAS storage pool info: ";
+  const S u = "Unrecognized CAS storage pool info: ";
   check_rows<CAS_Storage_Pool>(
       pool,
       R"({"name":"defaultpool","title":"Default","storage_type":"dir","path":"/vms/images",
@@ -237,7 +237,7 @@ TEST(Cas_Records, StoragePoolsAndVolumes) {
   ASSERT_TRUE(reused.load(json(R"({"name":"other","type":"dir","path":"/p","totalSize":"1",
                                    "status":"1","freeSize":"1"})")));
   EXPECT_EQ(reused.title_, "other");
-  const std::string v = "Invalid CAS size '";
+  const S v = "Invalid CAS size '";
   std::vector<Row> volumes = {
       {R"({"size":"0"})", R"({"total_bytes":0})"},
       {R"({"size":"0.25"})", R"({"total_bytes":262144})"},
@@ -255,7 +255,7 @@ TEST(Cas_Records, StoragePoolsAndVolumes) {
 TEST(Cas_Records, Networks) {
   const char vswitch[] = R"({"id":"1","name":"vswitch0","pnic":"eth0","address":"10.0.0.3",
       "gateway":"10.0.0.1","status":"1","networkType":"9"})";
-  const std::string n = "Invalid network type '";
+  const S n = "Invalid network type '";
   check_rows<Virtual_Switch>(
       vswitch,
       R"({"id":"1","name":"vswitch0","physical_nic_name":"eth0","address":"10.0.0.3",
@@ -269,7 +269,7 @@ TEST(Cas_Records, Networks) {
        {R"({"networkType":"x"})", nullptr, n + "x' of CAS vSwitch."},
        {R"({"networkType":"4294967296"})", nullptr, n + "4294967296' of CAS vSwitch."},
        {R"({"gateway":null})", nullptr, "Unrecognized CAS vSwitch info: missing key 'gateway'."}});
-  const std::string p = "Unrecognized CAS port profile info: ";
+  const S p = "Unrecognized CAS port profile info: ";
   check_rows<Port_Profile>(
       R"({"id":"5","name":"pp-web","description":"web","vlanId":"100","aclName":"acl-1",
           "netLimitTitle":"1G"})",
@@ -282,7 +282,7 @@ TEST(Cas_Records, Networks) {
 
 TEST(Cas_Records, BlocksPoolKindsAndLists) {
   auto extent = [](const Block& b) { return JSON_Value({{"at", b.offset_}, {"n", b.length_}}); };
-  const std::string b = "Invalid CAS disk block";
+  const S b = "Invalid CAS disk block";
   check_rows<Block>(R"({"offset":"18446744073709551615","length":"65536"})",
                     R"({"at":18446744073709551615,"n":65536})",
                     {{R"({"offset":"-1","length":"0"})", nullptr, b + "(offset=-1, length=0)."},
@@ -296,7 +296,7 @@ TEST(Cas_Records, BlocksPoolKindsAndLists) {
   // value, then what it appends to ["kept"]
   for (const char* row : {"null []", "42 []", "[] []", R"({"id":"1"} [{"id":"1"}])",
                           R"([{"id":"1"},2,"three"] [{"id":"1"},2,"three"])"}) {
-    const std::string text = row, value = text.substr(0, text.find(' '));
+    const S text = row, value = text.substr(0, text.find(' '));
     JSON_Value::array_t out = {"kept"};
     convert_to_array(json(value), out);
     JSON_Value expected = json(text.substr(value.size() + 1));

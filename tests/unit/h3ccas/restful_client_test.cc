@@ -5,7 +5,6 @@
 
 namespace h3ccas {
 namespace {
-using S = std::string;
 using P = Digest_Peer;
 
 const char kOperators[] = "/cas/casrs/operator/operatorInfoList";
@@ -19,7 +18,7 @@ TEST(Cas_Digest, Rfc2617ExampleDecimalNonceCountAndChallenges) {
             "nonce=\"dcd98b7102dd2f0e8b11d0f600bfb0c093\", uri=\"/dir/index.html\", "
             "response=\"6629fae49393a05397450978507c4ef1\", qop=\"auth\", nc=00000001, "
             "cnonce=\"0a4f113b\"");
-  std::string header;
+  S header;
   for (int i = 2; i <= 10; ++i)  // the tenth hashes and sends 00000010, not the hexadecimal 0a
     header = client.build_auth_header("GET", "/dir/index.html");
   auto params = parse_auth_params(header.substr(7));
@@ -34,7 +33,7 @@ TEST(Cas_Digest, Rfc2617ExampleDecimalNonceCountAndChallenges) {
       {nullptr, "", ""},
   };
   for (const auto& [challenge, expected_realm, expected_nonce] : cases) {
-    std::string realm, nonce;
+    S realm, nonce;
     EXPECT_EQ(parse_www_auth(challenge, realm, nonce), *expected_nonce != '\0');
     EXPECT_EQ(std::tuple(realm, nonce), std::tuple(expected_realm, expected_nonce));
   }
@@ -103,7 +102,7 @@ TEST_F(Cas_Peer, RecordsCasErrorHeaders) {
       {404, nullptr, nullptr, "", ""},
   };
   // CAS messages are UTF-8; the agent runs in a UTF-8 locale.
-  std::string saved = std::setlocale(LC_CTYPE, nullptr);
+  S saved = std::setlocale(LC_CTYPE, nullptr);
   ASSERT_NE(std::setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
   Test_Client client(cvm());
   for (const auto& [status, code_sent, message_sent, code, message] : cases) {
@@ -194,17 +193,17 @@ TEST_F(Cas_Peer, TestLoginOutcomes) {
     peer_.set(kOperators, c.operators), peer_.set(kVersion, c.version);
     RESTful_Client client(cvm(c.password));
     Log_Capture log;
-    std::string error, version;
+    S error, version;
     EXPECT_EQ(client.test_login(error, version), *c.error == '\0');
     EXPECT_EQ(std::tuple(error, version), std::tuple(c.error, c.found_version));
     // Unless told otherwise, the log holds the user's text alone, as an error.
     if (*c.log) {
       EXPECT_TRUE(log.contains(c.log)) << log.text();
     } else {
-      EXPECT_EQ(messages(log), *c.error ? std::string(c.error) + ".\n" : "");
+      EXPECT_EQ(messages(log), *c.error ? S(c.error) + ".\n" : "");
       EXPECT_EQ(log.count(LM_ERROR), log.count());
     }
-    EXPECT_EQ(log.text().find(c.password), std::string::npos) << log.text();
+    EXPECT_EQ(log.text().find(c.password), S::npos) << log.text();
   }
 }
 
@@ -218,7 +217,7 @@ struct Breaking_Client : Test_Client {
   struct Session : HTTP_Session_Wrapper {
     Session(std::shared_ptr<HTTP_Session> target, Breaking_Client& c)
         : HTTP_Session_Wrapper(std::move(target)), c(c) {}
-    bool send(const HTTP_Request& req, const std::string* body, HTTP_Response& resp) override {
+    bool send(const HTTP_Request& req, const S* body, HTTP_Response& resp) override {
       if (++c.sends < c.first || c.sends > c.last)
         return HTTP_Session_Wrapper::send(req, body, resp);
       resp.clear();
@@ -251,7 +250,7 @@ TEST_F(Cas_Peer, BrokenSendsOfTheSession) {
   struct Case {
     const char* request;
     int first, last, status;
-    std::string log;
+    S log;
     const char* challenge = nullptr;
     const char* error = nullptr;
   } const cases[] = {
@@ -272,12 +271,12 @@ TEST_F(Cas_Peer, BrokenSendsOfTheSession) {
   };
   peer_.set("/cas/casrs/vm/add", Digest_Peer::json(R"({"msgId":"7"})"));
   for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.request) + " " + std::to_string(c.first));
+    SCOPED_TRACE(S(c.request) + " " + std::to_string(c.first));
     Breaking_Client client(cvm(), c.first, c.last, c.status, c.challenge);
     Log_Capture log;
     JSON_Value out;
-    std::string error, version;
-    const std::string request = c.request;
+    S error, version;
+    const S request = c.request;
     bool ok = request == "GET"    ? client.get(kVersion, out)
               : request == "POST" ? client.post("/cas/casrs/vm/add", {}, out)
                                   : client.test_login(error, version);

@@ -10,11 +10,11 @@ namespace {
 // Each test gets its own install root and a journal of the stub library's calls.
 class Servant_Test : public ::testing::Test {
  protected:
-  std::string journal() const {
-    std::string text;
+  S journal() const {
+    S text;
     return read_file(dir_.file("journal"), text), text;
   }
-  std::string init_line() const {
+  S init_line() const {
     return "init starter " + dir_.path() + "/var/log/brimlet5/cvd-sdk.log " +
            dir_.file("cvd.conf") + "\n";
   }
@@ -32,15 +32,15 @@ int functions_loaded() {
 
 // Each failure is one message naming what is missing, and nothing stays loaded.
 TEST_F(Servant_Test, LoaderFailuresNameWhatIsMissing) {
-  const std::string missing = dir_.file("libcvd.so");
-  const std::pair<std::optional<std::string>, std::string> cases[] = {
+  const S missing = dir_.file("libcvd.so");
+  const std::pair<std::optional<S>, S> cases[] = {
       {std::nullopt, "Failed to load CAS libcvd '': CAS_CVD_SDK_PATH is not set\n"},
       {missing, "Failed to load CAS libcvd '" + missing + "': " + missing +
                     ": cannot open shared object file: No such file or directory\n"},
-      {std::string(CVD_STUB_NO_OPEN_PATH),
-       "Failed to load CAS libcvd symbol cvd_disk_open: " + std::string(CVD_STUB_NO_OPEN_PATH) +
+      {S(CVD_STUB_NO_OPEN_PATH),
+       "Failed to load CAS libcvd symbol cvd_disk_open: " + S(CVD_STUB_NO_OPEN_PATH) +
            ": undefined symbol: cvd_disk_open\n"},
-      {std::string(CVD_STUB_PATH), "Failed to init CAS libcvd, error=-5.\n"},
+      {S(CVD_STUB_PATH), "Failed to init CAS libcvd, error=-5.\n"},
   };
   Scoped_Env result("CVD_STUB_INIT_RESULT", "-5");
   for (const auto& [path, message] : cases) {
@@ -65,7 +65,7 @@ TEST_F(Servant_Test, LoaderInitialisesOnceAndFinishesOnDestruction) {
       Scoped_Env sdk("CAS_CVD_SDK_PATH", dir_.file("libcvd.so"));
       EXPECT_FALSE(loader.init());
     }
-    Scoped_Env sdk("CAS_CVD_SDK_PATH", std::string(CVD_STUB_PATH));
+    Scoped_Env sdk("CAS_CVD_SDK_PATH", S(CVD_STUB_PATH));
     ASSERT_TRUE(loader.init());
     EXPECT_TRUE(loader.inited() && loader.init());
     EXPECT_EQ(functions_loaded(), 8);
@@ -80,13 +80,13 @@ TEST_F(Servant_Test, LoaderInitialisesOnceAndFinishesOnDestruction) {
     EXPECT_EQ(std::tuple(functions_loaded(), journal()), std::tuple(8, init_line()));
   }
   EXPECT_EQ(std::tuple(journal(), functions_loaded()), std::tuple(init_line() + "deinit\n", 0));
-  Scoped_Env sdk("CAS_CVD_SDK_PATH", std::string(CVD_STUB_PATH));
+  Scoped_Env sdk("CAS_CVD_SDK_PATH", S(CVD_STUB_PATH));
   CVD_Loader next;
   EXPECT_TRUE(next.init());
 }
 
 TEST_F(Servant_Test, ConnectsOpensReadsAndReleasesEverything) {
-  Scoped_Env sdk{"CAS_CVD_SDK_PATH", std::string(CVD_STUB_PATH)};
+  Scoped_Env sdk{"CAS_CVD_SDK_PATH", S(CVD_STUB_PATH)};
   CVD_Loader loader;
   ASSERT_TRUE(loader.init());
   CVM_Info cvm = make_cvm(8443, "operator", "s3cret");
@@ -102,12 +102,12 @@ TEST_F(Servant_Test, ConnectsOpensReadsAndReleasesEverything) {
     ASSERT_TRUE(snap);
     char buf[4];
     EXPECT_EQ(cvd_disk_read(snap.get(), 27, sizeof buf, buf), 4);
-    EXPECT_EQ(std::string(buf, 4), "bcde");
+    EXPECT_EQ(S(buf, 4), "bcde");
     EXPECT_TRUE(conn.open("/vms/images/web01-data", nullptr, CVD_OPEN_READ_WRITE));
     EXPECT_FALSE(conn.open("/missing", nullptr, CVD_OPEN_READ));
     snap.reset();
   }
-  std::string text = messages(log);
+  S text = messages(log);
   for (const char* line :
        {"Failed to connect to cvd-ds service of CVK 'unreachable', error=-111.\n",
         "conn_ != nullptr:\n", "Connecting to '10.1.1.3' for disk access.\n",
@@ -116,7 +116,7 @@ TEST_F(Servant_Test, ConnectsOpensReadsAndReleasesEverything) {
         "Disk '/vms/images/web01' with snapshot = 'snap1' is opened, cost ",
         "Opening disk '/vms/images/web01-data', snapshot = ''.\n",
         "Failed to open disk '/missing' on CAS, error=-2.\n"}) {
-    EXPECT_NE(text.find(line), std::string::npos) << line << text;
+    EXPECT_NE(text.find(line), S::npos) << line << text;
     text.erase(0, text.find(line));  // in this order
   }
   EXPECT_EQ(journal(), init_line() +
@@ -130,7 +130,7 @@ TEST_F(Servant_Test, ConnectsOpensReadsAndReleasesEverything) {
 // A default record of each action is a valid one.
 JSON_Value exec_params(const char* action, const char* patch = "{}") {
   JSON_Value params =
-      std::string(action) == "restore" ? VM_Restore_Params().dump() : VM_Backup_Params().dump();
+      S(action) == "restore" ? VM_Restore_Params().dump() : VM_Backup_Params().dump();
   params["action"] = action, params.merge_patch(json(patch));
   return params;
 }
@@ -153,8 +153,7 @@ TEST_F(Servant_Test, ExecReplies) {
   CVD_Loader loader;
   Exposed<Exec_Handler> handler(loader);
   for (bool with_libcvd : {false, true}) {
-    Scoped_Env sdk("CAS_CVD_SDK_PATH",
-                   with_libcvd ? std::string(CVD_STUB_PATH) : dir_.file("libcvd.so"));
+    Scoped_Env sdk("CAS_CVD_SDK_PATH", with_libcvd ? S(CVD_STUB_PATH) : dir_.file("libcvd.so"));
     for (const auto& [params, code, message, needs_libcvd] : cases) {
       auto chn = std::make_shared<Capture_Channel>();
       auto req = std::make_shared<JSON_RPC_Request>("h3ccas.exec", params, 7);

@@ -18,6 +18,9 @@
 #include <string>
 #include <vector>
 
+using S = std::string;
+using Req = const HTTP_Server_Request&;
+using Res = HTTP_Server_Response&;
 const char cvm_user[] = "admin";
 const char cvm_password[] = "Adm1n:p@ss";
 

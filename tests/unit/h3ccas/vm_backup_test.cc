@@ -13,7 +13,6 @@
 
 namespace h3ccas {
 namespace {
-using S = std::string;
 using P = Digest_Peer;
 using Chunk = Backup_Plan::Chunk;
 const S snap = "/cas/casrs/vm/snapshot/7", ok = R"({"errorCode":"0"})",
@@ -78,13 +77,11 @@ class Flow : public Cas_Peer {
     ASSERT_TRUE(loader_.init() && open_job_activity(act_, "j1", true));
     ASSERT_TRUE(progress_.open("j1", "7", true, true, 0750));
     ASSERT_TRUE(Job_Activity::set_text(act_->run_id, "run1"));
-    catalog_.route(HTTP_Method::POST, "/k4/r/catalog/h3ccas",
-                   [&](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-                     committed_ = json(req.body);
-                     resp.json(JSON_Value::object());
-                   });
+    catalog_.route(HTTP_Method::POST, "/k4/r/catalog/h3ccas", [&](Req req, Res resp) {
+      committed_ = json(req.body), resp.json(JSON_Value::object());
+    });
     catalog_.route(HTTP_Method::GET, "/k4/r/catalog/h3ccas/view/base_catalog",
-                   [&](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+                   [&](Req req, Res resp) {
                      asked_ = *req.headers.get("X-Access-Key");
                      for (const auto& item : req.query)
                        asked_ += " " + item.first + "=" + item.second;
