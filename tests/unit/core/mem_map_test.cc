@@ -135,7 +135,6 @@ TEST_F(Mem_Map_Test, RefusedOpensLogOnceAndLeaveTheHandleClosed) {
   // Id, basename, create, and the message.
   const std::tuple<const char*, const char*, bool, S> cases[] = {
       {nullptr, "rec", true, "id is NULL or \"\":\n"},
-      {"", "rec", true, "id is NULL or \"\":\n"},
       {"run", nullptr, true, "basename is NULL or \"\":\n"},
       {"run", "", true, "basename is NULL or \"\":\n"},
       {"..", "rec", true, "Invalid name '../rec' of a memory-mapped file.\n"},

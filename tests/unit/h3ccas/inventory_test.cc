@@ -32,37 +32,32 @@ TEST_F(Cas_Peer, WaitsForTasks) {
           invalid = "Invalid response of CAS async task progress: ",
           failed = "Failed to start VM on CAS '127.0.0.1', error: ", started = R"({"msgId":"42"})",
           running = R"({"completed":"false","result":"0"})", done = R"({"completed":"true")";
-  struct Case {
-    S task,
-        progress;  // the answers to the polls, separated by blanks; the last one repeats
-    bool want_target, ok;
-    int polls;
-    S log = "";
-    const char* fail_msg = "";
-    const char* target = "";
-  } const cases[] = {
-      {R"({"errorCode":"0"})", "", false, true, 0},  // finished at once
-      {R"({"errorCode":"0"})", "", true, false, 0, missed + ", error code = '0'.\n"},
-      {R"({"errorCode":1017})", "", false, false, 0, missed + ", error code = '1017'.\n"},
-      {"{}", "", false, false, 0, missed + ", error code = ''.\n"},
-      {R"([{"msgId":"42"}])", "", false, false, 0, "task is not object!\n"},
+  // the task, the answers to its polls (separated by blanks; the last one repeats), whether its
+  // target is asked for, success, polls, a line logged, the failure and the target reported
+  const std::tuple<S, S, bool, bool, int, S, S, S> cases[] = {
+      {R"({"errorCode":"0"})", "", false, true, 0, "", "", ""},  // finished at once
+      {R"({"errorCode":"0"})", "", true, false, 0, missed + ", error code = '0'.\n", "", ""},
+      {R"({"errorCode":1017})", "", false, false, 0, missed + ", error code = '1017'.\n", "", ""},
+      {"{}", "", false, false, 0, missed + ", error code = ''.\n", "", ""},
+      {R"([{"msgId":"42"}])", "", false, false, 0, "task is not object!\n", "", ""},
       {started, running + " " + done + R"(,"result":"1","failMsg":"busy"})", false, false, 2,
-       failed + "'busy'.\n", "busy"},
+       failed + "'busy'.\n", "busy", ""},
       {started, running + " " + running + " " + done + R"(,"result":"0","targetId":"vm-9"})", true,
        true, 3, "", "", "vm-9"},
       // Only the last answer's result counts.
-      {started, running + " " + done + "}", false, false, 2, failed + "''.\n"},
+      {started, running + " " + done + "}", false, false, 2, failed + "''.\n", "", ""},
       {started, R"({"completed":true,"result":"0"})", false, false, 1,
-       invalid + "'completed' is expected as string, message_id=42.\n"},
-      {started, "[]", false, false, 1, invalid + "expected an object, got array, message_id=42.\n"},
+       invalid + "'completed' is expected as string, message_id=42.\n", "", ""},
+      {started, "[]", false, false, 1, invalid + "expected an object, got array, message_id=42.\n",
+       "", ""},
       {started, done + R"(,"result":"0"})", true, false, 1,
-       "Failed to get target id after CAS 'start VM' on CVK '127.0.0.1'.\n"},
+       "Failed to get target id after CAS 'start VM' on CVK '127.0.0.1'.\n", "", ""},
   };
   Test_Client client(cvm());
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.task + std::to_string(c.polls));
+  for (const auto& [task, answers, want_target, ok, polls, line, fail_msg, want_id] : cases) {
+    SCOPED_TRACE(task + std::to_string(polls));
     std::vector<S> progress;
-    std::istringstream words(c.progress);
+    std::istringstream words(answers);
     for (S word; words >> word;)
       progress.push_back(word);
     if (!progress.empty())
@@ -75,13 +70,13 @@ TEST_F(Cas_Peer, WaitsForTasks) {
     std::size_t before = peer_.seen().accepted.size();
     Log_Capture log;
     S target;
-    EXPECT_EQ(client.wait_task("start VM", json(c.task), c.want_target ? &target : nullptr), c.ok);
-    EXPECT_EQ(peer_.targets(before), std::vector<S>(c.polls, kMessage));
+    EXPECT_EQ(client.wait_task("start VM", json(task), want_target ? &target : nullptr), ok);
+    EXPECT_EQ(peer_.targets(before), std::vector<S>(polls, kMessage));
     // Every poll is followed by its pause, the one that saw completion included; a malformed
     // answer ends the wait before it.
-    EXPECT_EQ(client.sleeps, c.log.find("Invalid response") == 0 ? c.polls - 1 : c.polls);
-    EXPECT_EQ(std::tuple(client.task_fail_msg(), target), std::tuple(c.fail_msg, c.target));
-    EXPECT_TRUE(c.log.empty() ? log.text().empty() : log.contains(c.log)) << log.text();
+    EXPECT_EQ(client.sleeps, line.find("Invalid response") == 0 ? polls - 1 : polls);
+    EXPECT_EQ(std::tuple(client.task_fail_msg(), target), std::tuple(fail_msg, want_id));
+    EXPECT_TRUE(line.empty() ? log.text().empty() : log.contains(line)) << log.text();
   }
   // A poll that fails ends the wait; the CAS error then describes the poll.
   peer_.set(kMessage, {500, "{}", {{"Error-Code", "7"}}});

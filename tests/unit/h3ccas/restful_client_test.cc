@@ -246,46 +246,40 @@ TEST_F(Cas_Peer, BrokenSendsOfTheSession) {
   };
   const S get = "GET " + S(kVersion);
   // request ("GET", "POST" or "login"), the sends broken, the status they get (0: no answer), the
-  // one line logged (none: success), the login's error when it is not that line's text
-  struct Case {
-    const char* request;
-    int first, last, status;
-    S log;
-    const char* challenge = nullptr;
-    const char* error = nullptr;
-  } const cases[] = {
+  // one line logged (none: success), the challenge they carry, the login's error when it is not
+  // that line's text
+  const std::tuple<S, int, int, int, S, const char*, const char*> cases[] = {
       // GETs are sent again (5 times in all) when no answer came.
-      {"GET", 1, 5, 0, "Failed to send request to CVM, network error..\n"},
-      {"GET", 1, 4, 0, ""},
-      {"GET", 2, 2, 0, ""},
-      {"POST", 2, 2, 0, err("POST /cas/casrs/vm/add", 0, "")},
-      {"GET", 2, 2, 503, err(get, 503, "9")},
-      {"login", 2, 6, 0, "Failed to send request to CVM, network error.\n"},
-      {"login", 2, 2, 502, "CVM internal error.\n"},
-      {"login", 1, 1, 200, "The first response for digest auth is not unauthorized.\n"},
-      {"login", 1, 1, 401, "Digest auth response header WWW-Authenticate not found.\n"},
+      {"GET", 1, 5, 0, "Failed to send request to CVM, network error..\n", {}, {}},
+      {"GET", 1, 4, 0, "", {}, {}},
+      {"GET", 2, 2, 0, "", {}, {}},
+      {"POST", 2, 2, 0, err("POST /cas/casrs/vm/add", 0, ""), {}, {}},
+      {"GET", 2, 2, 503, err(get, 503, "9"), {}, {}},
+      {"login", 2, 6, 0, "Failed to send request to CVM, network error.\n", {}, {}},
+      {"login", 2, 2, 502, "CVM internal error.\n", {}, {}},
+      {"login", 1, 1, 200, "The first response for digest auth is not unauthorized.\n", {}, {}},
+      {"login", 1, 1, 401, "Digest auth response header WWW-Authenticate not found.\n", {}, {}},
       {"login", 1, 1, 401, "Unknown CVM auth 'Digest realm=\"r\", qop=\"auth\"'.\n",
-       R"(Digest realm="r", qop="auth")"},
+       R"(Digest realm="r", qop="auth")", nullptr},
       // The version query opens a session of its own (sends 3 and 4).
-      {"login", 4, 8, 0, err(get, 0, ""), nullptr, "Failed to get CVM version, error: , "},
+      {"login", 4, 8, 0, err(get, 0, ""), {}, "Failed to get CVM version, error: , "},
   };
   peer_.set("/cas/casrs/vm/add", Digest_Peer::json(R"({"msgId":"7"})"));
-  for (const Case& c : cases) {
-    SCOPED_TRACE(S(c.request) + " " + std::to_string(c.first));
-    Breaking_Client client(cvm(), c.first, c.last, c.status, c.challenge);
+  for (const auto& [request, first, last, status, line, challenge, login_error] : cases) {
+    SCOPED_TRACE(request + " " + std::to_string(first));
+    Breaking_Client client(cvm(), first, last, status, challenge);
     Log_Capture log;
     JSON_Value out;
     S error, version;
-    const S request = c.request;
     bool ok = request == "GET"    ? client.get(kVersion, out)
               : request == "POST" ? client.post("/cas/casrs/vm/add", {}, out)
                                   : client.test_login(error, version);
-    EXPECT_EQ(std::tuple(ok, messages(log)), std::tuple(c.log.empty(), c.log));
+    EXPECT_EQ(std::tuple(ok, messages(log)), std::tuple(line.empty(), line));
     EXPECT_EQ(log.count(LM_INFO) + log.count(LM_ERROR), log.count());
     if (request == "login") {
-      EXPECT_EQ(error, c.error ? c.error : c.log.substr(0, c.log.size() - 2));
+      EXPECT_EQ(error, login_error ? login_error : line.substr(0, line.size() - 2));
     } else {
-      EXPECT_EQ(client.last_status(), ok ? 200 : c.status);
+      EXPECT_EQ(client.last_status(), ok ? 200 : status);
     }
   }
 }
