@@ -79,6 +79,7 @@ TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
         std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(module->make_json_rpc_handler(method)));
   auto instances = module->make_instance_handler();
   ASSERT_NE(instances, nullptr);
+  module.reset();  // the objects keep the library loaded
   EXPECT_EQ(instances->type(), "h3c-cas");
   std::unique_ptr<void, int (*)(void*)> lib(dlopen((kLibDir + "/libh3ccas.so").c_str(), RTLD_NOW),
                                             dlclose);
