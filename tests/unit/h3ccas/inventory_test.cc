@@ -32,8 +32,7 @@ TEST_F(Cas_Peer, WaitsForTasks) {
           invalid = "Invalid response of CAS async task progress: ",
           failed = "Failed to start VM on CAS '127.0.0.1', error: ", started = R"({"msgId":"42"})",
           running = R"({"completed":"false","result":"0"})", done = R"({"completed":"true")";
-  // the task, the answers to its polls (separated by blanks; the last one repeats), whether its
-  // target is asked for, success, polls, a line logged, the failure and the target reported
+  // the answers to the polls are separated by blanks, the last one repeats
   const std::tuple<S, S, bool, bool, int, S, S, S> cases[] = {
       {R"({"errorCode":"0"})", "", false, true, 0, "", "", ""},  // finished at once
       {R"({"errorCode":"0"})", "", true, false, 0, missed + ", error code = '0'.\n", "", ""},

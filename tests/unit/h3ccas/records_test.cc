@@ -73,7 +73,6 @@ TEST(Cas_Records, VMs) {
       {{R"({"vmStatus":"shutOff"})", R"({"status":"poweroff"})"},
        {R"({"vmStatus":"paused"})", R"({"status":"suspended"})"},
        {R"({"vmStatus":"shutoff"})", R"({"status":"unknown"})"},
-       {R"({"vmStatus":"Running"})", R"({"status":"unknown"})"},
        {R"({"osDesc":null})", R"({"os":""})"},
        // Odd numbers are tolerated with a plausible default.
        {R"({"memory":"8G"})", R"({"memory_mbytes":1024})",

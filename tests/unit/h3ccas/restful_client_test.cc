@@ -62,7 +62,7 @@ TEST(Cas_Lists, ExtractsArraysBareObjectsAndEmptyBodies) {
 
 // One challenge, then counting up until a request comes 60 seconds after the previous one, or
 // a 401 answers: then exactly one fresh challenge and one more try.
-TEST_F(Cas_Peer, SessionRenewalAndRetry) {
+TEST_F(Cas_Peer, SessionRenewalRetryAndMisusedSends) {
   Test_Client client(cvm());
   JSON_Value out;
   ASSERT_TRUE(client.get(kVersion, out));
@@ -91,6 +91,22 @@ TEST_F(Cas_Peer, SessionRenewalAndRetry) {
   EXPECT_EQ(std::tuple(peer_.seen().challenges, peer_.seen().refusals, wrong.last_status()),
             std::tuple(4, 2, 401));
   EXPECT_EQ(std::tuple(wrong.last_error_code(), log.text()), std::tuple("", ""));
+  // Misused, the verbs send nothing, before a session exists and in one.
+  const Digest_Peer::Record before = peer_.seen();
+  RESTful_Client fresh(cvm());
+  for (RESTful_Client* c : {&fresh, static_cast<RESTful_Client*>(&client)}) {
+    Log_Capture log;
+    HTTP_Request get(HTTP_Method::GET, kVersion), patch(HTTP_Method::PATCH, kVersion);
+    JSON_Value body = {{"x", 1}};
+    EXPECT_FALSE(c->send_request(get, &body, &out));
+    EXPECT_TRUE(log.contains("req_body != nullptr"));
+    EXPECT_FALSE(c->send_request(patch, &out));
+    EXPECT_TRUE(log.contains(c == &client
+                                 ? "Unsupported HTTP method 'PATCH' for CAS RESTful client.\n"
+                                 : "Unexpected CAS HTTP request method.\n"));
+  }
+  EXPECT_EQ(std::tuple(peer_.seen().challenges, peer_.seen().accepted.size()),
+            std::tuple(before.challenges, before.accepted.size()));
 }
 
 TEST_F(Cas_Peer, RecordsCasErrorHeaders) {
@@ -125,27 +141,6 @@ TEST_F(Cas_Peer, RecordsCasErrorHeaders) {
   JSON_Value out;
   ASSERT_TRUE(client.get(kVersion, out));
   EXPECT_EQ(client.last_error_code() + client.last_error(), "");
-}
-
-TEST_F(Cas_Peer, MisusedSendsSendNothing) {
-  RESTful_Client client(cvm());
-  JSON_Value out;
-  ASSERT_TRUE(client.get(kVersion, out));
-  // Misused, they send nothing: refused by the challenge exchange before a session exists, and
-  // by the signed send after.
-  RESTful_Client fresh(cvm());
-  for (RESTful_Client* c : {&fresh, &client}) {
-    Log_Capture log;
-    HTTP_Request get(HTTP_Method::GET, kVersion), patch(HTTP_Method::PATCH, kVersion);
-    JSON_Value body = {{"x", 1}};
-    EXPECT_FALSE(c->send_request(get, &body, &out));
-    EXPECT_TRUE(log.contains("req_body != nullptr"));
-    EXPECT_FALSE(c->send_request(patch, &out));
-    EXPECT_TRUE(log.contains(c == &client
-                                 ? "Unsupported HTTP method 'PATCH' for CAS RESTful client.\n"
-                                 : "Unexpected CAS HTTP request method.\n"));
-  }
-  EXPECT_EQ(std::tuple(peer_.seen().challenges, peer_.seen().accepted.size()), std::tuple(1, 1u));
 }
 
 TEST_F(Cas_Peer, TestLoginOutcomes) {
@@ -245,9 +240,8 @@ TEST_F(Cas_Peer, BrokenSendsOfTheSession) {
            ", error code = '" + code + "', message = ''.\n";
   };
   const S get = "GET " + S(kVersion);
-  // request ("GET", "POST" or "login"), the sends broken, the status they get (0: no answer), the
-  // one line logged (none: success), the challenge they carry, the login's error when it is not
-  // that line's text
+  // the sends broken, the status they get (0: no answer), the one line logged (none: success), the
+  // challenge they carry, the login's error when it is not that line's text
   const std::tuple<S, int, int, int, S, const char*, const char*> cases[] = {
       // GETs are sent again (5 times in all) when no answer came.
       {"GET", 1, 5, 0, "Failed to send request to CVM, network error..\n", {}, {}},

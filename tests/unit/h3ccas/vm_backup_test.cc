@@ -226,9 +226,8 @@ TEST_F(Flow, Runs) {
           residual = R"({"name":"Brimlet5_old","snapshotMode":"1","snapshots":{"snapshot":[{)"
                      R"("name":"user1","snapshotMode":"1","snapshots":{"snapshot":{"name":)"
                      R"("Brimlet5_x","snapshotMode":"1"}}}]}})";
-  // snapshot tree, disk format, fault, success, changes made, a line logged. Faults: 1: creating
-  // the snapshot fails, 2: deleting the residual one, 3: no restart, 4: an incremental run skipped
-  // for want of CBT, 5: with CBT after base "c0", 6: 5 and 1
+  // Faults: 1: creating the snapshot fails, 2: deleting the residual one, 3: no restart, 4: an
+  // incremental run skipped for want of CBT, 5: with CBT after base "c0", 6: 5 and 1
   const std::tuple<S, S, int, bool, S, S> cases[] = {
       {residual, "qcow2", 0, true, old + "DELETE " + snap + "/Brimlet5_x\n" + create + mine,
        "Snapshot 'Brimlet5_x' deleted.\n"},
@@ -287,7 +286,7 @@ TEST_F(Flow, Runs) {
 }
 
 // How the VM's capabilities, its last snapshot and the job's policy choose the way of the run.
-TEST_F(Flow, Decisions) {
+TEST_F(Flow, DecisionsAndBaseChecks) {
   const S both = R"("supportSnapshot":"true","supportCbt":"true")",
           ext = R"("supportSnapshot":"true","supportCbt":"false","supportExternalSnapshot":)"
                 R"("true","supportExternalSnapshotFastBackup":"true")",
@@ -295,8 +294,7 @@ TEST_F(Flow, Decisions) {
           no_cbt = "CAS VM 'w' does NOT support CBT, ";
   using T = Job_Definition_Subtype;
   using N = No_CBT_Opts;
-  // capabilities, snapshot mode, status, backup type, policy, success, flags (offline, internal,
-  // CBT, skipped, full), the last line logged
+  // flags: offline, internal, CBT, skipped, full; then the last line logged
   const std::tuple<S, S, S, T, N, bool, S, S> cases[] = {
       {both, "1", "running", T::Incremental, N::None, true, "01100", ""},
       {both, "2", "running", T::Full, N::None, true, "00101", ""},
@@ -332,18 +330,15 @@ TEST_F(Flow, Decisions) {
     S last = messages(log);
     EXPECT_EQ(line.empty() ? "" : last.substr(last.rfind('\n', last.size() - 2) + 1), line);
   }
-}
-
-// Each way a base is refused, with its one line; an accepted base fills the chain members. The
-// view is asked for this VM of this resource with the job's access key.
-TEST_F(Flow, BaseCheck) {
+  // Each way a base is refused, with its one line; an accepted base fills the chain members. The
+  // view is asked for this VM of this resource with the job's access key.
   const auto base = [](const S& pool, const S& cbt) {
     return R"([{"pool_uuid":")" + pool + R"(","incarnation":"i","uuid":"u")" + cbt + "}]";
   };
   const S no_base = "Failed to retrieve base catalogs for CAS VM 'w' on CVK 'cvk1'.\n",
           invalid = "CBTer 'c' of last backup of CAS VM 'w' is invalid.\n",
           good = R"(,"cbt_name":"c")";
-  const std::tuple<S, S, S> cases[] = {
+  const std::tuple<S, S, S> bases[] = {
       // the view's answer, the CBTer's images, the lines logged
       {"[]", "", no_base},
       {R"({"uuid":"u"})", "", no_base},
@@ -360,7 +355,7 @@ TEST_F(Flow, BaseCheck) {
        invalid},
       {base("p1", good), R"([{"image":"/a","valid":"true"}])", ""},
   };
-  for (const auto& [answer, images, lines] : cases) {
+  for (const auto& [answer, images, lines] : bases) {
     auto p = plan(Job_Definition_Subtype::Incremental);
     peer_.set("GET /cas/casrs/vm/disk/changedBlockTracker",
               P::json(images == "500" ? "" : R"({"dirtyBitmapInfo":)" + images + "}",
@@ -379,7 +374,7 @@ TEST_F(Flow, BaseCheck) {
 
 // A file disk from its allocated blocks in the snapshot, an RBD disk whole, two chunks each; then
 // behind an overlay snapshot only the images it froze.
-TEST_F(Flow, PrepareDisks) {
+TEST_F(Flow, DisksBlocksAndQuota) {
   const JSON_Value a = disk("/img/a", "file", "8", "1"),
                    ceph = disk("ceph/img", "network", "2", "2");
   peer_.set("GET /cas/casrs/vm/disk/dataBlock?hostId=1&image=%2Fimg%2Fa&snapshot=snap&vmId=7",
@@ -422,11 +417,8 @@ TEST_F(Flow, PrepareDisks) {
   p = plan();
   p->vm_detail_.storages_ = {{{"device", "cdrom"}}};
   EXPECT_FALSE(p->prepare_disks(1, chunks));
-}
-
-// Which blocks each kind of backup asks CVM for, and when it copies the whole disk instead; whether
-// the pools have room for them.
-TEST_F(Flow, BackupBlocksAndStorageQuota) {
+  // Which blocks each kind of backup asks CVM for, and when it copies the whole disk instead;
+  // whether the pools have room for them.
   const S data = "GET /cas/casrs/vm/disk/dataBlock?hostId=1&image=%2Fimg%2Fa&vmId=7",
           changed = "GET /cas/casrs/vm/disk/changedBlock?name=c&snapshotName=",
           some = R"({"dataBlockInfo":[{"offset":"512","length":"1024"}]})",
@@ -435,8 +427,7 @@ TEST_F(Flow, BackupBlocksAndStorageQuota) {
               "Unable to get allocated or changed blocks of disk '/img/a' (format=raw, "
               "type=file), backup the whole disk.\n";
   enum Mode { Full_Offline, Incr_Internal, Incr_External };
-  // mode, the request and its answer, the disk's allocated MiB, the base CBTer's record of the
-  // disk, the blocks, the lines logged
+  // the disk's allocated MiB, the base CBTer's record of it, the blocks and the lines logged
   const std::tuple<Mode, S, S, S, bool, S, S> cases[] = {
       {Full_Offline, data, some, "1", true, "512+1024", ""},
       {Full_Offline, data, none, "0", true, "",

@@ -131,34 +131,6 @@ TEST_F(Servant_Process_Test, AnswersRequestsForwardsItsLogAndNeedsItsProgramAndC
   EXPECT_TRUE(logged("invalid configuration"));
 }
 
-TEST_F(Servant_Process_Test, ACrashHangGarbageOrCancelIsAFailedCallAndAnEndedProcess) {
-  const std::tuple<const char*, const char*, int, bool, const char*> cases[] = {
-      {"crash", nullptr, 30, false, "ended without answering 'crash': "},
-      {"hang", nullptr, 1, false, "did not answer 'hang' within 1 seconds"},
-      {"hang", nullptr, 0, true, "stopped while running 'hang'"},
-      {"garbage", "text", 30, false, "answered 'garbage' with no response to it: this is not JSON"},
-      {"garbage", "length", 30, false, "sent a malformed frame for 'garbage'"},
-      {"garbage", "stranger", 30, false, "answered 'garbage' with no response to it: {"},
-  };
-  for (const auto& [method, kind, timeout, cancel, message] : cases) {
-    const JSON_Value params = kind ? JSON_Value{{"kind", kind}} : JSON_Value::object();
-    Log_Capture log;
-    Servant s;
-    start(s, conf_);
-    pid_t pid = s.pid();
-    int polls = 0;
-    auto cancelled = [&polls] { return ++polls >= 3; };
-    EXPECT_EQ(cancel ? s.call(method, params, timeout, cancelled) : s.call(method, params, timeout),
-              nullptr)
-        << method << params;
-    EXPECT_EQ(polls >= 3, cancel);
-    EXPECT_EQ(s.pid(), -1) << method;
-    EXPECT_NE(s.exit_status(), -1) << method;
-    EXPECT_TRUE(process_gone(pid)) << method;
-    EXPECT_TRUE(log.contains(message)) << log.text();
-  }
-}
-
 // brimlet-servant on a socket of the test's own, to feed it what Servant never sends.
 struct Raw_Servant {
   explicit Raw_Servant(const std::string& conf) {
@@ -188,7 +160,32 @@ struct Raw_Servant {
   Test_Process process;
 };
 
-TEST_F(Servant_Process_Test, BadFramesAreAnsweredOrEndTheServantCleanly) {
+TEST_F(Servant_Process_Test, ACrashHangGarbageOrCancelIsAFailedCallAndBadFramesEndItCleanly) {
+  const std::tuple<const char*, const char*, int, bool, const char*> cases[] = {
+      {"crash", nullptr, 30, false, "ended without answering 'crash': "},
+      {"hang", nullptr, 1, false, "did not answer 'hang' within 1 seconds"},
+      {"hang", nullptr, 0, true, "stopped while running 'hang'"},
+      {"garbage", "text", 30, false, "answered 'garbage' with no response to it: this is not JSON"},
+      {"garbage", "length", 30, false, "sent a malformed frame for 'garbage'"},
+      {"garbage", "stranger", 30, false, "answered 'garbage' with no response to it: {"},
+  };
+  for (const auto& [method, kind, timeout, cancel, message] : cases) {
+    const JSON_Value params = kind ? JSON_Value{{"kind", kind}} : JSON_Value::object();
+    Log_Capture log;
+    Servant s;
+    start(s, conf_);
+    pid_t pid = s.pid();
+    int polls = 0;
+    auto cancelled = [&polls] { return ++polls >= 3; };
+    EXPECT_EQ(cancel ? s.call(method, params, timeout, cancelled) : s.call(method, params, timeout),
+              nullptr)
+        << method << params;
+    EXPECT_EQ(polls >= 3, cancel);
+    EXPECT_EQ(s.pid(), -1) << method;
+    EXPECT_NE(s.exit_status(), -1) << method;
+    EXPECT_TRUE(process_gone(pid)) << method;
+    EXPECT_TRUE(log.contains(message)) << log.text();
+  }
   Raw_Servant s(conf_);
   const std::pair<const char*, int> answered[] = {
       {"{\"jsonrpc\":\"2.0\",", JSON_RPC_PARSE_ERROR},

@@ -27,8 +27,7 @@ constexpr std::uint64_t kDataSize = 24 << 20, kScratchSize = 16 << 20;
 
 std::string slurp(const std::string& path) {
   std::string text;
-  read_file(path, text);
-  return text;
+  return read_file(path, text), text;
 }
 
 class Libcvd_Test : public ::testing::Test {
