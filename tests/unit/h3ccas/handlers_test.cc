@@ -65,12 +65,10 @@ TEST(Cas_Instance_Handler, AnnouncesTheProxyAndNeedsNoLogon) {
   EXPECT_EQ(handler.logon("H3C_CAS_Proxy", "anyone", "anything"), 0);
 }
 
-// The built module as the host sees it.
-const S kLibDir = BRIMLET_LIB_DIR;
-
-// The host fills the _gobble_ slot and destroys through it; null slots and objects are harmless.
+// The built module as the host sees it: the host fills the _gobble_ slot and destroys through it;
+// null slots and objects are harmless.
 TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
-  auto module = Module::load(kLibDir + "/h3ccas.module.json");
+  auto module = Module::load(S(BRIMLET_LIB_DIR) + "/h3ccas.module.json");
   ASSERT_NE(module, nullptr);
   EXPECT_TRUE(std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(
       module->make_servant_json_rpc_handler("h3ccas.exec")));
@@ -81,8 +79,8 @@ TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
   ASSERT_NE(instances, nullptr);
   module.reset();  // the objects keep the library loaded
   EXPECT_EQ(instances->type(), "h3c-cas");
-  std::unique_ptr<void, int (*)(void*)> lib(dlopen((kLibDir + "/libh3ccas.so").c_str(), RTLD_NOW),
-                                            dlclose);
+  std::unique_ptr<void, int (*)(void*)> lib(
+      dlopen((S(BRIMLET_LIB_DIR) + "/libh3ccas.so").c_str(), RTLD_NOW), dlclose);
   ASSERT_NE(lib, nullptr) << dlerror();
   using Gobble = void (*)(::Instance_Handler*);
   auto make = reinterpret_cast<::Instance_Handler* (*)(Gobble*)>(

@@ -89,17 +89,10 @@ TEST_F(Cas_Peer, WaitsForTasks) {
 using O = std::optional<S>;
 using Call = std::function<O(RESTful_Client&)>;
 
-// One route of the inventory: what it asks and a summary of what it loaded (nothing on failure).
-struct Route {
-  const char* target;
-  S answer;
-  Call call;
-  const char* loaded;
-};
-
-std::vector<Route> routes() {
+TEST_F(Cas_Peer, InventoryRoutes) {
   using C = RESTful_Client;
-  return {
+  // Each route: what it asks, the answer and a summary of what it loaded (nothing on failure).
+  const std::tuple<const char*, S, Call, const char*> routes[] = {
       // By id, the later of two entries wins; no body is an empty list.
       {kHosts, R"({"host":[{"id":"3","ip":"i","name":"old","status":"1"},
           {"id":"4","ip":"i","name":"cvk4","status":"1"},{"id":"3","ip":"i","name":"new","status":"1"}]})",
@@ -136,9 +129,6 @@ std::vector<Route> routes() {
        },
        "root s1"},
   };
-}
-
-TEST_F(Cas_Peer, InventoryRoutes) {
   JSON_Value every_key_text, every_key_bad_record;
   for (const char* key : {"host", "snapshot", "basic", "cpu", "memory", "supportSnapshot"}) {
     every_key_text[key] = "x";
@@ -147,22 +137,22 @@ TEST_F(Cas_Peer, InventoryRoutes) {
   const JSON_Value wrong[] = {JSON_Value::array({1, 2}), "text", every_key_text,
                               every_key_bad_record, json(R"({"supportSnapshot":"true"})")};
   RESTful_Client client(cvm());
-  for (const Route& route : routes()) {
-    SCOPED_TRACE(route.target);
-    peer_.set(route.target, Digest_Peer::json(route.answer));
+  for (const auto& [target, body_text, call, loaded] : routes) {
+    SCOPED_TRACE(target);
+    peer_.set(target, Digest_Peer::json(body_text));
     std::size_t before = peer_.seen().accepted.size();
-    EXPECT_EQ(route.call(client), route.loaded);
-    EXPECT_EQ(peer_.targets(before), std::vector<S>{route.target});
-    peer_.set(route.target, Digest_Peer::json(""));
-    EXPECT_EQ(route.call(client), route.target == kHosts ? O("0") : std::nullopt);
+    EXPECT_EQ(call(client), loaded);
+    EXPECT_EQ(peer_.targets(before), std::vector<S>{target});
+    peer_.set(target, Digest_Peer::json(""));
+    EXPECT_EQ(call(client), target == kHosts ? O("0") : std::nullopt);
     for (const JSON_Value& body : wrong) {
-      peer_.set(route.target, answer(body));
+      peer_.set(target, answer(body));
       Log_Capture log;
-      EXPECT_EQ(route.call(client), std::nullopt) << body;
+      EXPECT_EQ(call(client), std::nullopt) << body;
       EXPECT_NE(log.count(LM_ERROR), 0u) << body;
     }
-    peer_.set(route.target, {500, "{}", {{"Error-Code", "1001"}}});
-    EXPECT_EQ(route.call(client), std::nullopt);
+    peer_.set(target, {500, "{}", {{"Error-Code", "1001"}}});
+    EXPECT_EQ(call(client), std::nullopt);
     EXPECT_EQ(client.last_error_code(), "1001");
   }
   // The reasons that name what CAS sent.

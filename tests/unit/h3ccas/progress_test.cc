@@ -52,7 +52,7 @@ class Progress_Test : public ::testing::Test {
   Recording_Handler handler_;
 };
 
-TEST_F(Progress_Test, ServantStatesReachTheHandler) {
+TEST_F(Progress_Test, ServantStatesReachTheHandlerFlushEndsEveryVmMisuseIsRefused) {
   // A record left by an earlier run of the same job starts over as pending.
   VM_Progress_Info_Handle stale;
   ASSERT_TRUE(stale.open("job-1", "vm-a", true, true, 0750));
@@ -92,24 +92,22 @@ TEST_F(Progress_Test, ServantStatesReachTheHandler) {
                     "vm-b beta failed(3) 0/0 0/0 2000-+" + refused}));
   handler_.result = false;
   EXPECT_FALSE(reporter.push_update() || reporter.flush());
-}
-
-TEST_F(Progress_Test, FlushEndsEveryVmAndMisorderedCallsAndUnmappableRecordsAreRefused) {
-  // as the servant left it: state and start time
+  // Flushing ends every VM as the servant left it (state and start time).
+  handler_.result = true, activity_.state = Job_Activity::running;
   const std::tuple<const char*, std::int32_t, std::int64_t> cases[] = {
       {"crashed-before-writing", VM_Progress_Info::pending, 0},
       {"killed-midway", VM_Progress_Info::running, 500},
       {"done-since-last-push", VM_Progress_Info::completed, 600},
   };
-  Progress_Reporter reporter(handler_, activity_);
+  Progress_Reporter flushed(handler_, activity_);
   for (const auto& [uuid, state, start] : cases)
-    ASSERT_TRUE(reporter.add_vm(uuid, "v"));
-  ASSERT_TRUE(reporter.activate("job-2"));
+    ASSERT_TRUE(flushed.add_vm(uuid, "v"));
+  ASSERT_TRUE(flushed.activate("job-2"));
   for (const auto& [uuid, state, start] : cases) {
     VM_Progress_Info_Handle h = servant("job-2", uuid);
     h->state = state, h->start_time = start;
   }
-  ASSERT_TRUE(reporter.flush());
+  ASSERT_TRUE(flushed.flush());
   EXPECT_EQ(handler_.calls.back(), std::to_string(Job_Activity::running) +
                                        " final; crashed-before-writing v failed(3) 0/0 0/0 0-0; "
                                        "killed-midway v failed(3) 0/0 0/0 500-+; "
@@ -117,7 +115,7 @@ TEST_F(Progress_Test, FlushEndsEveryVmAndMisorderedCallsAndUnmappableRecordsAreR
   // Misordered calls and records that cannot be mapped are refused.
   Progress_Reporter active(handler_, activity_);
   ASSERT_TRUE(active.add_vm("vm-a", "alpha") && active.activate("job-3"));
-  // Activated without any VM, a reporter still takes none afterwards.
+  // Activated without any VM, a flushed still takes none afterwards.
   Progress_Reporter empty(handler_, activity_);
   ASSERT_TRUE(empty.activate("job-0"));
   {
