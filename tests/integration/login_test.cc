@@ -8,7 +8,6 @@
 #include <filesystem>
 
 namespace {
-
 using Login = Lab_Test;
 
 TEST_F(Login, SucceedsRenegotiatesUsesTlsAndThePasswordIsWrittenNowhereWhateverTheCliDoes) {
@@ -113,5 +112,4 @@ TEST_F(Login, SucceedsRenegotiatesUsesTlsAndThePasswordIsWrittenNowhereWhateverT
     EXPECT_EQ(text.find("Adm1n pass"), std::string::npos) << entry.path();
   }
 }
-
 }  // namespace

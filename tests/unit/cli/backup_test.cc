@@ -1,5 +1,4 @@
 #include "programs/cli/backup.h"
-
 #include "tests/support/process.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +8,6 @@
 #include <tuple>
 
 namespace {
-
 JSON_Value json(const char* text) {
   return JSON_Value::parse(text);
 }
@@ -42,9 +40,8 @@ TEST(Backup_Command, Definition) {
 }
 
 TEST(Backup_Command, Progress_Line) {
-  struct Row {
-    const char *vm, *expected;
-  } rows[] = {
+  const std::pair<const char*, const char*> rows[] = {
+      // the VM, its line
       {R"({"name":"web","status":"pending"})", "web  pending"},
       {R"({"name":"web","status":"running","processed_bytes":52428800,
            "total_bytes":209715200,"start_time":990,"end_time":0})",
@@ -57,8 +54,8 @@ TEST(Backup_Command, Progress_Line) {
            "start_time":999})",
        "y  running  1 B / 6.9 MiB  0%  0.0 MB/s  ETA 2000:00:00"},
   };
-  for (const auto& row : rows)
-    EXPECT_EQ(progress_line(json(row.vm), 1000), row.expected);
+  for (const auto& [vm, line] : rows)
+    EXPECT_EQ(progress_line(json(vm), 1000), line);
 }
 
 TEST(Backup_Command, Progress_View) {
@@ -66,8 +63,7 @@ TEST(Backup_Command, Progress_View) {
       {"uuid":"1","name":"a","status":"running","processed_bytes":0,"total_bytes":0},
       {"uuid":"2","name":"b","status":"pending"}]})");
   JSON_Value second = first;
-  second["vms"][1]["status"] = "running";
-  second["vms"][1]["processed_bytes"] = 0;
+  second["vms"][1]["status"] = "running", second["vms"][1]["processed_bytes"] = 0;
   std::ostringstream log, screen;
   Progress_View lines(log, false), tty(screen, true);
   for (const auto* status : {&first, &first, &second}) {
@@ -105,37 +101,32 @@ TEST(Backup_Command, SummaryAndFailureReason) {
   run["vms"] = JSON_Value::array();
   // Before any VM: the job's last error, else its last line, never the run's own end.
   const char* prefix = "2026-01-02 03:04:05.006 brimlet-agent [1:2] ";
-  struct Row {
-    std::string log, expected;
-  } rows[] = {
+  const std::pair<std::string, std::string> rows[] = {
+      // the run's log, the reason
       {std::string(prefix) + "ERROR a.cc:1 Bad pool.\n" + prefix + "WARNING a.cc:2 Late.\n",
        "Bad pool."},
       {"x\nAll VMs are excluded from backup.\nJob 'b' (u) run r7 failed.\n",
        "All VMs are excluded from backup."},
       {"Job 'b' (u) run r7 failed.\n", "see the run's log /var/log/r7.log"},
   };
-  for (const auto& row : rows)
-    EXPECT_EQ(failure_reason(run, row.log), row.expected);
+  for (const auto& [log, reason] : rows)
+    EXPECT_EQ(failure_reason(run, log), reason);
 }
 
 TEST(Backup_Command, Usage_Errors) {
-  struct Row {
-    const char *line, *message;
-  } rows[] = {
+  const std::pair<const char*, std::string> rows[] = {
       {"c1 --pool p", "give either --host HOST or VM names"},
       {"c1 --pool p --host h vm1", "give either --host HOST or VM names"},
       {"c1 --pool p --full --incremental vm1", "--full excludes --incremental"},
       {"c1 --pool p --parallel-vms 1.5 vm1", "--parallel-vms: '1.5' is not a whole number"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [line, message] : rows) {
     std::vector<std::string> argv = {bin_path("brimlet"), "backup"};
-    std::istringstream words(row.line);
+    std::istringstream words(line);
     argv.insert(argv.end(), std::istream_iterator<std::string>(words), {});
     Run_Result r = run_program(argv);
     EXPECT_EQ(std::tuple(r.exit_code, r.err),
-              std::tuple(2, "brimlet: " + std::string(row.message) +
-                                "\nRun 'brimlet backup --help' for usage.\n"));
+              std::tuple(2, "brimlet: " + message + "\nRun 'brimlet backup --help' for usage.\n"));
   }
 }
-
 }  // namespace

@@ -18,7 +18,6 @@ struct cvd_disk {
 };
 
 namespace {
-
 void journal(const std::string& line) {
   const char* path = std::getenv("CVD_STUB_JOURNAL");
   if (FILE* f = path ? std::fopen(path, "a") : nullptr)
@@ -28,7 +27,6 @@ void journal(const std::string& line) {
 std::string text(const char* s) {
   return s ? s : "-";
 }
-
 }  // namespace
 
 extern "C" {
@@ -38,7 +36,6 @@ int cvd_init(const char* name, const char* log_path, const char* conf_path) {
   const char* result = std::getenv("CVD_STUB_INIT_RESULT");
   return result ? std::atoi(result) : 0;
 }
-
 int cvd_deinit(void) {
   journal("deinit");
   return 0;

@@ -5,7 +5,7 @@
 #include "host/http/server.h"
 #include "host/storage/file_driver.h"
 #include "host/storage/image.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/faulty_storage.h"
 #include "tests/unit/h3ccas/support.h"
 
 #include <filesystem>
@@ -13,8 +13,6 @@
 
 namespace h3ccas {
 namespace {
-
-using S = std::string;
 using P = Digest_Peer;
 using Chunk = Backup_Plan::Chunk;
 const S snap = "/cas/casrs/vm/snapshot/7", ok = R"({"errorCode":"0"})",
@@ -26,7 +24,6 @@ S text(const std::vector<Block>& blocks) {  // "offset+length,..."
     out += (out.empty() ? "" : ",") + std::to_string(b.offset_) + "+" + std::to_string(b.length_);
   return out;
 }
-
 // What was logged, without the client's "Getting ..." progress lines.
 S said(const Log_Capture& log) {
   static const std::regex progress("^Getting .*\n", std::regex::multiline);
@@ -34,12 +31,8 @@ S said(const Log_Capture& log) {
 }
 
 TEST(SplitBlocks, Table) {
-  struct Case {
-    std::vector<Block> blocks;
-    std::uint64_t align;
-    int n;
-    S chunks;  // "blocks=size|..."
-  } const cases[] = {
+  // blocks, alignment, chunks wanted, the chunks as "blocks=size|..."
+  const std::tuple<std::vector<Block>, std::uint64_t, int, S> cases[] = {
       {{{0, 1000}, {4096, 3000}}, 512, 2, "0+1000,4096+1048=2048|5144+1952=1952"},
       {{{0, 1000}, {4096, 3000}}, 512, 1, "0+1000,4096+3000=4000"},
       {{}, 512, 4, "=0"},
@@ -48,49 +41,24 @@ TEST(SplitBlocks, Table) {
       {{{0, 3}}, 512, 4, "0+3=3"},                     // less than a byte per chunk
       {{{0, 100}, {200, 100}}, 1, 2, "0+100=100|200+100=100"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [blocks, align, n, chunks] : cases) {
     std::uint64_t total = 7, sum = 7;
     S got;
-    for (const auto& chunk : split_blocks(c.blocks, c.align, c.n, total)) {
+    for (const auto& chunk : split_blocks(blocks, align, n, total)) {
       got += (got.empty() ? "" : "|") + text(chunk.first) + "=" + std::to_string(chunk.second);
       sum += chunk.second;
     }
-    EXPECT_EQ(got, c.chunks);
-    EXPECT_EQ(total, sum);
+    EXPECT_EQ(std::tuple(got, total), std::tuple(chunks, sum));
   }
 }
 
-// Pool "fault://<dir>": the file pool at <dir>, where writing objects named "*bad*" fails at the
-// fault_write'th write (0: never) and their commit fails when fault_commit is set.
-int fault_write = 0;
-bool fault_commit = false;
-
-struct Faulty_Object : Storage_Object_Wrapper {
-  using Storage_Object_Wrapper::Storage_Object_Wrapper;
-  bool write(const void* data, std::size_t length, S& error) override {
-    return ++writes == fault_write ? (error = "injected write fault", false)
-                                   : Storage_Object_Wrapper::write(data, length, error);
-  }
-  bool commit(S& error) override {
-    return fault_commit ? (error = "injected commit fault", false)
-                        : Storage_Object_Wrapper::commit(error);
-  }
-  int writes = 0;
-};
-
-struct Faulty_Driver : Storage_Driver_Wrapper {
-  using Storage_Driver_Wrapper::Storage_Driver_Wrapper;
-  std::unique_ptr<Storage_Object> open(const S& name, int mode, S& error) override {
-    auto object = Storage_Driver_Wrapper::open(name, mode, error);
-    bool faulty = object && mode == Client_IO_Ex::Write && name.find("bad") != S::npos;
-    return faulty ? std::make_unique<Faulty_Object>(std::move(object)) : std::move(object);
-  }
-};
-
+// Pool "fault://<dir>": the file pool at <dir>, where writing objects named "*bad*" breaks at the
+// step `fault` names.
+S fault;
 const bool fault_scheme = Client_IO_Ex::register_driver(
     "fault", [](const S& url, const Client_IO_Base::Options& opts, S& error) {
       auto file = make_file_storage_driver("file" + url.substr(5), opts, error);
-      return file ? std::make_unique<Faulty_Driver>(std::move(file)) : nullptr;
+      return file ? std::make_unique<Faulty_Driver>(std::move(file), fault, "bad") : nullptr;
     });
 
 // Each look at a stopping VM runs `on_pause` instead of waiting.
@@ -109,20 +77,17 @@ class Flow : public Cas_Peer {
     ASSERT_TRUE(loader_.init() && open_job_activity(act_, "j1", true));
     ASSERT_TRUE(progress_.open("j1", "7", true, true, 0750));
     ASSERT_TRUE(Job_Activity::set_text(act_->run_id, "run1"));
-    catalog_.route(HTTP_Method::POST, "/k4/r/catalog/h3ccas",
-                   [&](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
-                     committed_ = json(req.body);
-                     resp.json(JSON_Value::object());
-                   });
+    catalog_.route(HTTP_Method::POST, "/k4/r/catalog/h3ccas", [&](Req req, Res resp) {
+      committed_ = json(req.body), resp.json(JSON_Value::object());
+    });
     catalog_.route(HTTP_Method::GET, "/k4/r/catalog/h3ccas/view/base_catalog",
-                   [&](const HTTP_Server_Request& req, HTTP_Server_Response& resp) {
+                   [&](Req req, Res resp) {
                      asked_ = *req.headers.get("X-Access-Key");
                      for (const auto& item : req.query)
                        asked_ += " " + item.first + "=" + item.second;
                      resp.json(json(view_));
                    });
-    ASSERT_TRUE(fault_scheme);
-    ASSERT_TRUE(catalog_.start(HTTP_Server::Options()));
+    ASSERT_TRUE(fault_scheme && catalog_.start(HTTP_Server::Options()));
     reset();
   }
   // Default answers, nothing committed, requests counted from now.
@@ -142,20 +107,18 @@ class Flow : public Cas_Peer {
           S("DELETE /cas/casrs/vm/disk/changedBlockTracker"), S("PUT /cas/casrs/vm/start/7")})
       peer_.set(path, P::json(ok));
   }
-  void pools(const char* free_mib) {
+  void pools(const S& free) {
+    const S img = R"({"name":"img","type":"dir","path":"/img","totalSize":"1000","status":"1",)",
+            ceph = R"({"name":"ceph","type":"rbd","path":"ceph","totalSize":"1","status":"1",)";
     peer_.set("GET /cas/casrs/storage/pool",
-              P::json(string_sprintf(R"({"storagePool":[{"name":"img","type":"dir","path":"/img",)"
-                                     R"("totalSize":"1000","status":"1","freeSize":"%s"},{"name":)"
-                                     R"("ceph","type":"rbd","path":"ceph","totalSize":"1",)"
-                                     R"("freeSize":"1","status":"1"}]})",
-                                     free_mib)));
+              P::json(R"({"storagePool":[)" + img + R"("freeSize":")" + free + "\"}," + ceph +
+                      R"("freeSize":"1"}]})"));
   }
   void tree(const S& root) { peer_.set("GET " + snap, P::json(R"({"snapshot":)" + root + "}")); }
   void detail(const S& status, const S& format) {
     JSON_Value d = json(R"({"basic":{},"cpu":{"cpuSockets":"1","cpuCores":"1"},"memory":{}})");
     d["status"] = status, d["memory"]["size"] = "1024",
-    d["storage"] = disk("/img/a", "file", "1", "1");
-    d["storage"]["format"] = format;
+    d["storage"] = disk("/img/a", "file", "1", "1"), d["storage"]["format"] = format;
     peer_.set("GET /cas/casrs/vm/detail/7", P::json(d.dump()));
   }
   std::unique_ptr<Test_Backup> backup() {
@@ -175,8 +138,7 @@ class Flow : public Cas_Peer {
   // A run past its checks: snapshot "snap", base CBTer "c", for planning the disks.
   std::unique_ptr<Test_Backup> plan(Job_Definition_Subtype type = Job_Definition_Subtype::Full) {
     auto p = backup();
-    p->backup_type_ = p->params_.backup_type_ = type;
-    p->params_.access_key_ = "key";
+    p->backup_type_ = p->params_.backup_type_ = type, p->params_.access_key_ = "key";
     p->timestamp_ = "20261124", p->snapshot_name_ = "snap", p->last_cbt_ = "c";
     p->use_internal_snapshot_ = p->use_cbt_ = true;
     return p;
@@ -189,7 +151,7 @@ class Flow : public Cas_Peer {
   }
   // Two chunks of disks /vms/a and /vms/b (empty) into pool "fault://<dir>/pool".
   std::unique_ptr<Test_Backup> transfer() {
-    fault_write = 0, fault_commit = false;
+    fault.clear();
     auto t = backup();
     auto& p = t->params_;
     p.pool_url_ = "fault://" + dir_.file("pool");
@@ -232,8 +194,7 @@ class Flow : public Cas_Peer {
     JSON_Value result;
     EXPECT_EQ(b.backup(result), expect) << messages(log);
     EXPECT_EQ(progress_->state, expect ? 2 : 3);
-    EXPECT_EQ(result["code"], expect ? 0 : 1);
-    EXPECT_EQ(result["vm_id"], "7");
+    EXPECT_EQ(std::tuple(result["code"], result["vm_id"]), std::tuple(expect ? 0 : 1, "7"));
     S changes;
     const auto seen = peer_.seen().accepted;
     for (auto r = seen.begin() + from_; r != seen.end(); ++r)
@@ -266,15 +227,10 @@ TEST_F(Flow, Runs) {
           residual = R"({"name":"Brimlet5_old","snapshotMode":"1","snapshots":{"snapshot":[{)"
                      R"("name":"user1","snapshotMode":"1","snapshots":{"snapshot":{"name":)"
                      R"("Brimlet5_x","snapshotMode":"1"}}}]}})";
-  struct Case {
-    S tree, format;
-    // 1: creating the snapshot fails, 2: deleting the residual one, 3: no restart, 4: an
-    // incremental run skipped for want of CBT, 5: with CBT after base "c0", 6: 5 and 1, 7: with
-    // CBT after base "Brimlet5_x", whose snapshot stayed; the dead run's CBTer "Brimlet5_old" goes
-    int fault;
-    bool ok;
-    S changes, line;
-  } const cases[] = {
+  // Faults: 1: creating the snapshot fails, 2: deleting the residual one, 3: no restart, 4: an
+  // incremental run skipped for want of CBT, 5: with CBT after base "c0", 6: 5 and 1, 7: with CBT
+  // after base "Brimlet5_x", whose snapshot stayed; the dead run's CBTer "Brimlet5_old" goes
+  const std::tuple<S, S, int, bool, S, S> cases[] = {
       {residual, "qcow2", 0, true, old + "DELETE " + snap + "/Brimlet5_x\n" + create + mine,
        "Snapshot 'Brimlet5_x' deleted.\n"},
       {"", "qcow2", 1, false, create, "Failed to create snapshot for CAS VM 'w'.\n"},
@@ -292,32 +248,32 @@ TEST_F(Flow, Runs) {
            "DELETE" + cbt,
        "Deleting CBTer 'Brimlet5_old' for CAS VM 'w'.\n"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [snapshots, format, fault, good, changes, line] : cases) {
     reset();
-    if (!c.tree.empty())
-      tree(c.tree);
-    detail("running", c.format);
-    peer_.set("DELETE " + snap + "/Brimlet5_old", P::json(ok, c.fault == 2 ? 500 : 200));
-    if (c.fault == 1 || c.fault == 6)
+    if (!snapshots.empty())
+      tree(snapshots);
+    detail("running", format);
+    peer_.set("DELETE " + snap + "/Brimlet5_old", P::json(ok, fault == 2 ? 500 : 200));
+    if (fault == 1 || fault == 6)
       peer_.set("POST /cas/casrs/vm/snapshot", P::json("", 500));
     peer_.set("GET /cas/casrs/vm/disk/changedBlockTracker",
-              P::json(c.fault == 7 ? R"({"dirtyBitmapInfo":{"image":"/img/a","valid":"true"}})"
-                                   : R"({"dirtyBitmapInfo":[]})"));
+              P::json(fault == 7 ? R"({"dirtyBitmapInfo":{"image":"/img/a","valid":"true"}})"
+                                 : R"({"dirtyBitmapInfo":[]})"));
     auto b = backup();
-    b->params_.opts_.restart_vm_ = c.fault != 3, b->params_.opts_.enable_cbt_ = c.fault >= 5;
-    b->last_cbt_ = c.fault == 7 ? "Brimlet5_x" : c.fault >= 5 ? "c0" : "";
-    b->on_pause = [&] { detail("shutOff", c.format); };
-    if (c.fault == 4) {
+    b->params_.opts_.restart_vm_ = fault != 3, b->params_.opts_.enable_cbt_ = fault >= 5;
+    b->last_cbt_ = fault == 7 ? "Brimlet5_x" : fault >= 5 ? "c0" : "";
+    b->on_pause = [&, format = format] { detail("shutOff", format); };
+    if (fault == 4) {
       peer_.set("GET /cas/casrs/vm/7/capabilities", P::json(R"({"supportSnapshot":"false",)"
                                                             R"("supportCbt":"false"})"));
       b->backup_type_ = Job_Definition_Subtype::Incremental,
       b->params_.opts_.no_cbt_ = No_CBT_Opts::Skip;
     }
     Log_Capture log;
-    EXPECT_EQ(run(*b, log, c.ok), c.changes) << c.line;
-    EXPECT_TRUE(log.contains(c.line)) << messages(log);
-    EXPECT_EQ(b->offline_backup_, c.format == "raw");
-    EXPECT_EQ(committed_["pieces"].size(), c.ok && c.fault != 4 ? 2u : 0u);
+    EXPECT_EQ(run(*b, log, good), changes) << line;
+    EXPECT_TRUE(log.contains(line)) << messages(log);
+    EXPECT_EQ(b->offline_backup_, format == "raw");
+    EXPECT_EQ(committed_["pieces"].size(), good && fault != 4 ? 2u : 0u);
   }
   EXPECT_EQ(committed_["run_uuid"].dump() + committed_["job_uuid"].dump(), R"("run1""j1")");
   // The servant's "backup" action runs the same flow and answers with its counts.
@@ -339,7 +295,7 @@ TEST_F(Flow, Runs) {
 }
 
 // How the VM's capabilities, its last snapshot and the job's policy choose the way of the run.
-TEST_F(Flow, Decisions) {
+TEST_F(Flow, DecisionsAndBaseChecks) {
   const S both = R"("supportSnapshot":"true","supportCbt":"true")",
           ext = R"("supportSnapshot":"true","supportCbt":"false","supportExternalSnapshot":)"
                 R"("true","supportExternalSnapshotFastBackup":"true")",
@@ -347,13 +303,8 @@ TEST_F(Flow, Decisions) {
           no_cbt = "CAS VM 'w' does NOT support CBT, ";
   using T = Job_Definition_Subtype;
   using N = No_CBT_Opts;
-  struct Case {
-    S caps, mode, status;
-    T type;
-    N policy;
-    bool ok;
-    S flags, line;  // offline, internal, CBT, skipped, full; the last line logged
-  } const cases[] = {
+  // flags: offline, internal, CBT, skipped, full; then the last line logged
+  const std::tuple<S, S, S, T, N, bool, S, S> cases[] = {
       {both, "1", "running", T::Incremental, N::None, true, "01100", ""},
       {both, "2", "running", T::Full, N::None, true, "00101", ""},
       {ext, "1", "running", T::Full, N::None, true, "00101", ""},
@@ -370,40 +321,34 @@ TEST_F(Flow, Decisions) {
       {both, "1", "paused", T::Full, N::None, false, "00001",
        "The VM is paused. It is unsupported to back up a paused VM.\n"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [caps, mode, status, type, policy, good, want, line] : cases) {
     reset();
-    peer_.set("GET /cas/casrs/vm/7/capabilities", P::json("{" + c.caps + "}"));
-    tree(R"({"name":")" + S(c.mode.empty() ? "" : "user1") + R"(","snapshotMode":")" + c.mode +
-         R"("})");
-    detail(c.status, "qcow2");
+    peer_.set("GET /cas/casrs/vm/7/capabilities", P::json("{" + caps + "}"));
+    tree(R"({"name":")" + S(mode.empty() ? "" : "user1") + R"(","snapshotMode":")" + mode + "\"}");
+    detail(status, "qcow2");
     auto b = backup();
-    b->backup_type_ = c.type, b->params_.opts_.no_cbt_ = c.policy;
+    b->backup_type_ = type, b->params_.opts_.no_cbt_ = policy;
     ASSERT_TRUE(b->client_->get_vm_detail("7", b->vm_detail_));
     Log_Capture log;
-    EXPECT_EQ(b->check_vm_capabilities(), c.ok) << c.flags;
+    EXPECT_EQ(b->check_vm_capabilities(), good) << want;
     S flags;
     for (bool f : {b->offline_backup_, b->use_internal_snapshot_, b->use_cbt_, b->skip_backup_,
                    b->is_full_backup()})
       flags += f ? "1" : "0";
-    EXPECT_EQ(flags, c.flags) << c.line;
+    EXPECT_EQ(flags, want) << line;
     S last = messages(log);
-    last = last.substr(last.rfind('\n', last.size() - 2) + 1);
-    EXPECT_EQ(c.line.empty() ? "" : last, c.line);
+    EXPECT_EQ(line.empty() ? "" : last.substr(last.rfind('\n', last.size() - 2) + 1), line);
   }
-}
-
-// Each way a base is refused, with its one line; an accepted base fills the chain members. The
-// view is asked for this VM of this resource with the job's access key.
-TEST_F(Flow, BaseCheck) {
+  // Each way a base is refused, with its one line; an accepted base fills the chain members. The
+  // view is asked for this VM of this resource with the job's access key.
   const auto base = [](const S& pool, const S& cbt) {
     return R"([{"pool_uuid":")" + pool + R"(","incarnation":"i","uuid":"u")" + cbt + "}]";
   };
   const S no_base = "Failed to retrieve base catalogs for CAS VM 'w' on CVK 'cvk1'.\n",
           invalid = "CBTer 'c' of last backup of CAS VM 'w' is invalid.\n",
           good = R"(,"cbt_name":"c")";
-  struct Case {
-    S answer, images, log;
-  } const cases[] = {
+  const std::tuple<S, S, S> bases[] = {
+      // the view's answer, the CBTer's images, the lines logged
       {"[]", "", no_base},
       {R"({"uuid":"u"})", "", no_base},
       {base("p1", ""), "",
@@ -419,27 +364,26 @@ TEST_F(Flow, BaseCheck) {
        invalid},
       {base("p1", good), R"([{"image":"/a","valid":"true"}])", ""},
   };
-  for (const Case& c : cases) {
+  for (const auto& [answer, images, lines] : bases) {
     auto p = plan(Job_Definition_Subtype::Incremental);
     peer_.set("GET /cas/casrs/vm/disk/changedBlockTracker",
-              P::json(c.images == "500" ? "" : R"({"dirtyBitmapInfo":)" + c.images + "}",
-                      c.images == "500" ? 500 : 200));
-    view_ = c.answer;
+              P::json(images == "500" ? "" : R"({"dirtyBitmapInfo":)" + images + "}",
+                      images == "500" ? 500 : 200));
+    view_ = answer;
     Log_Capture log;
-    EXPECT_EQ(p->check_base_backup(), c.log.empty()) << c.answer;
-    EXPECT_EQ(said(log), c.log);
+    EXPECT_EQ(p->check_base_backup(), lines.empty()) << answer;
+    EXPECT_EQ(said(log), lines);
     EXPECT_EQ(asked_, "key host_id=1 resource_uuid=r vm_id=7");
-    if (c.log.empty()) {
-      EXPECT_EQ(
-          p->last_bset_uuid_ + p->last_bset_incarnation_ + std::to_string(p->cbt_info_.size()),
-          "ui1");
-    }
+    EXPECT_EQ(lines.empty() ? p->last_bset_uuid_ + p->last_bset_incarnation_ +
+                                  std::to_string(p->cbt_info_.size())
+                            : "ui1",
+              "ui1");
   }
 }
 
 // A file disk from its allocated blocks in the snapshot, an RBD disk whole, two chunks each; then
 // behind an overlay snapshot only the images it froze.
-TEST_F(Flow, PrepareDisks) {
+TEST_F(Flow, DisksBlocksAndQuota) {
   const JSON_Value a = disk("/img/a", "file", "8", "1"),
                    ceph = disk("ceph/img", "network", "2", "2");
   peer_.set("GET /cas/casrs/vm/disk/dataBlock?hostId=1&image=%2Fimg%2Fa&snapshot=snap&vmId=7",
@@ -467,12 +411,10 @@ TEST_F(Flow, PrepareDisks) {
       "Disk added to back up, path='/img/a', type=file, format=raw, mode=1, backup "
       "size=1049088, used size=1048576, total size=8388608.\n";
   EXPECT_EQ(said(log).substr(0, added.size()), added);
-
   peer_.set("GET /cas/casrs/vm/detail/7",
             P::json(R"({"basic":{},"cpu":{},"memory":{},"storage":[{"device":"disk",)"
                     R"("backingFile":"ceph/img"},{"device":"cdrom","backingFile":"/img/a"}]})"));
-  p = plan();
-  p->use_internal_snapshot_ = false;
+  p = plan(), p->use_internal_snapshot_ = false;
   p->vm_detail_.storages_ = {a, ceph};
   chunks.clear();
   Log_Capture log2;
@@ -484,10 +426,8 @@ TEST_F(Flow, PrepareDisks) {
   p = plan();
   p->vm_detail_.storages_ = {{{"device", "cdrom"}}};
   EXPECT_FALSE(p->prepare_disks(1, chunks));
-}
-
-// Which blocks each kind of backup asks CVM for, and when it copies the whole disk instead.
-TEST_F(Flow, BackupBlocks) {
+  // Which blocks each kind of backup asks CVM for, and when it copies the whole disk instead;
+  // whether the pools have room for them.
   const S data = "GET /cas/casrs/vm/disk/dataBlock?hostId=1&image=%2Fimg%2Fa&vmId=7",
           changed = "GET /cas/casrs/vm/disk/changedBlock?name=c&snapshotName=",
           some = R"({"dataBlockInfo":[{"offset":"512","length":"1024"}]})",
@@ -496,12 +436,8 @@ TEST_F(Flow, BackupBlocks) {
               "Unable to get allocated or changed blocks of disk '/img/a' (format=raw, "
               "type=file), backup the whole disk.\n";
   enum Mode { Full_Offline, Incr_Internal, Incr_External };
-  struct Case {
-    Mode mode;
-    S request, answer, alloc_mib;
-    bool valid;  // the base CBTer's record of the disk
-    S blocks, log;
-  } const cases[] = {
+  // the disk's allocated MiB, the base CBTer's record of it, the blocks and the lines logged
+  const std::tuple<Mode, S, S, S, bool, S, S> cases[] = {
       {Full_Offline, data, some, "1", true, "512+1024", ""},
       {Full_Offline, data, none, "0", true, "",
        "Allocated or changed blocks of disk '/img/a' is empty, backup skipped for it.\n"},
@@ -514,34 +450,30 @@ TEST_F(Flow, BackupBlocks) {
       {Incr_Internal, changed + "&srcPath=%2Fimg%2Fa&vmId=7", some, "1", true, "512+1024", ""},
       {Incr_Internal, changed + "&srcPath=%2Fimg%2Fa&vmId=7", some, "1", false, "0+8388608", whole},
   };
-  for (const Case& c : cases) {
-    peer_.set(c.request, P::json(c.answer));
-    auto p = plan(c.mode == Full_Offline ? Job_Definition_Subtype::Full
-                                         : Job_Definition_Subtype::Incremental);
-    p->use_internal_snapshot_ = c.mode == Incr_Internal;
-    p->use_cbt_ = c.mode != Full_Offline;
-    p->cbt_info_["/img/a"] = c.valid;
+  for (const auto& [mode, request, answer, alloc_mib, valid, want, lines] : cases) {
+    peer_.set(request, P::json(answer));
+    auto p = plan(mode == Full_Offline ? Job_Definition_Subtype::Full
+                                       : Job_Definition_Subtype::Incremental);
+    p->use_internal_snapshot_ = mode == Incr_Internal, p->use_cbt_ = mode != Full_Offline;
+    p->cbt_info_["/img/a"] = valid;
     VM_Disk d;
-    ASSERT_TRUE(d.load(disk("/img/a", "file", "8", c.alloc_mib)));
+    ASSERT_TRUE(d.load(disk("/img/a", "file", "8", alloc_mib)));
     std::vector<Block> blocks{{1, 1}};
     Log_Capture log;
     EXPECT_TRUE(p->get_backup_blocks(d, blocks));
-    EXPECT_EQ(text(blocks), c.blocks) << c.request;
-    EXPECT_EQ(said(log), c.log) << c.request;
+    EXPECT_EQ(text(blocks), want) << request;
+    EXPECT_EQ(said(log), lines) << request;
   }
-}
-
-// The reserve of a pool in bytes and in percent is kept strictly; none set always passes.
-TEST_F(Flow, StorageQuota) {
+  // The reserve of a pool in bytes and in percent is kept strictly; none set always passes.
   const S short_of =
       "CAS storage pool 'img' available space(free=500.0 MiB, total=1000.0 MiB) "
       "is not enough for backing up VM 'w'.\n";
-  const std::tuple<const char*, std::uint64_t, int, S> cases[] = {
+  const std::tuple<const char*, std::uint64_t, int, S> quotas[] = {
       {"0", 0, 0, ""},
       {"500", 500ull << 20, 0, short_of},
       {"500", 499ull << 20, 50, short_of},
       {"500", 499ull << 20, 49, ""}};
-  for (const auto& [free_mib, bytes, percent, log_text] : cases) {
+  for (const auto& [free_mib, bytes, percent, log_text] : quotas) {
     pools(free_mib);
     auto p = plan();
     p->params_.opts_.storage_reserved_bytes_ = bytes;
@@ -561,10 +493,9 @@ TEST_F(Flow, Transfer) {
   ASSERT_TRUE(t->transfer_chunks());
   EXPECT_EQ(read_back("/cvk1/w/empty_0"), "");
   EXPECT_EQ(read_back("/cvk1/w/good_0"), "0+100000,200000+5000,");
-  const Image_Reader::Superblock& sb = sb_;
-  EXPECT_EQ(sb.set_id[0], std::stoi(t->bset_uuid_.substr(0, 2), nullptr, 16));
-  EXPECT_EQ(sb.set_id[15], std::stoi(t->bset_uuid_.substr(34), nullptr, 16));
-  EXPECT_TRUE(std::equal(sb.set_id, sb.set_id + 16, sb.image_id) && sb.block_size == 65536);
+  EXPECT_EQ(Hex_String_T(sb_.set_id, 16).str(),
+            std::regex_replace(t->bset_uuid_, std::regex("-"), ""));
+  EXPECT_TRUE(std::equal(sb_.set_id, sb_.set_id + 16, sb_.image_id) && sb_.block_size == 65536);
   EXPECT_TRUE(info_.processed_size == 105000 && info_.total_size == 105000);
   JSON_Value out = catalog(*t);
   EXPECT_EQ(out["pieces"].dump(),
@@ -604,27 +535,24 @@ TEST_F(Flow, Transfer) {
   Log_Capture log0;
   EXPECT_TRUE(catalog(*t).is_null());
   EXPECT_EQ(messages(log0), "Invalid CAS VM catalog: missing string 'agent'.\n");
-  struct Case {
-    int write;
-    bool commit;
-    S disk, error;
-  } const cases[] = {
-      {1, false, "/vms/c", "Failed to write image super block for CAS disk '/vms/c'.\n"},
-      {3, false, "/vms/c", "Failed to write to storage pool: injected write fault.\n"},
-      {0, true, "/vms/c",
-       "Failed to close '/cvk1/w/bad_0' on storage pool: injected commit fault.\n"},
-      {0, false, "/unreadable", "Failed to read data from CAS VM 'w' on CVK '10.0.0.5'.\n"},
+  const std::tuple<S, S, S> cases[] = {
+      // fault, disk, error
+      {"write 1", "/vms/c", "Failed to write image super block for CAS disk '/vms/c'.\n"},
+      {"write 3", "/vms/c", "Failed to write to storage pool: write 3: Input/output error.\n"},
+      {"commit", "/vms/c",
+       "Failed to close '/cvk1/w/bad_0' on storage pool: commit: Input/output error.\n"},
+      {"", "/unreadable", "Failed to read data from CAS VM 'w' on CVK '10.0.0.5'.\n"},
   };
-  for (const Case& c : cases) {
+  for (const auto& [step, disk, error] : cases) {
     t = transfer();
     std::filesystem::remove_all(dir_.file("pool"));
-    fault_write = c.write, fault_commit = c.commit;
-    t->chunks_.push_back(chunk(c.disk, "/cvk1/w/bad_0", {{0, 3 << 20}}));
+    fault = step;
+    t->chunks_.push_back(chunk(disk, "/cvk1/w/bad_0", {{0, 3 << 20}}));
     t->params_.io_opts_.compression_ = Client_IO_Base::Compression::None;  // many writes
     Log_Capture log;
     EXPECT_FALSE(t->transfer_chunks());
     EXPECT_EQ(log.count(LM_ERROR), 1u);
-    EXPECT_TRUE(log.contains(c.error)) << messages(log);
+    EXPECT_TRUE(log.contains(error)) << messages(log);
     EXPECT_EQ(files(), (std::set<S>{"", "empty_0", "good_0"}));
     EXPECT_EQ(catalog(*t)["pieces"].dump().find("bad_0"), S::npos);
     EXPECT_FALSE(t->save_catalog());
@@ -634,6 +562,5 @@ TEST_F(Flow, Transfer) {
     EXPECT_EQ(files(), std::set<S>{""});
   }
 }
-
 }  // namespace
 }  // namespace h3ccas

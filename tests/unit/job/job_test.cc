@@ -5,11 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <sstream>
 
 namespace {
-
 using namespace job_test;
 using S = std::string;
 
@@ -33,10 +31,7 @@ S def_text(const S& extra, const S& options = "{}") {
 
 class Job_Test : public ::testing::Test {
  protected:
-  void SetUp() override {
-    setenv("BRIMLET_ROOT", dir_.path().c_str(), 1);
-    runs_.add_module(test_module());
-  }
+  void SetUp() override { runs_.add_module(test_module()); }
   // Starts a run and gives its id ("" on failure, with the error in error_).
   S start(const S& text) {
     JSON_Value out;
@@ -52,8 +47,8 @@ class Job_Test : public ::testing::Test {
     std::unique_lock<std::mutex> lock(g_mutex);
     g_cv.wait(lock, [&] { return g_blocked >= n; });
   }
-
   Temp_Dir dir_;
+  Scoped_Env root_{"BRIMLET_ROOT", dir_.path()};
   Job_Runs runs_;
   S error_;
 };
@@ -63,9 +58,8 @@ TEST(Job_Definition, ParsesStreamsAndRefuses) {
   auto resolve = [&](const Job_Definition& d, const char* part) {
     return d.type == 1 ? m.parsers[1][part].get() : nullptr;
   };
-  struct Row {
-    S text, error;
-  } rows[] = {
+  const std::pair<S, S> rows[] = {
+      // the definition, the error
       {def_text(R"("subtype": "incremental", "retry_count": 3, "pre_action": "true")",
                 R"({"zz": [1, 2.5, null, 18446744073709551615], "a": {"b": true}})"),
        ""},
@@ -80,56 +74,52 @@ TEST(Job_Definition, ParsesStreamsAndRefuses) {
       {R"({"uid": "j", "type": 1, "source": {"a": 1})",
        "malformed JSON: parse error: premature EOF"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [text, want] : rows) {
     Job_Definition def;
     S error;
-    EXPECT_EQ(def.parse(row.text, resolve, error), row.error.empty()) << row.text;
-    EXPECT_EQ(error, row.error) << row.text;
-    if (!row.error.empty())
+    EXPECT_EQ(def.parse(text, resolve, error), want.empty()) << text;
+    EXPECT_EQ(error, want) << text;
+    if (!want.empty())
       continue;
-    JSON_Value in = JSON_Value::parse(row.text), out = JSON_Value::parse(def.generate());
-    EXPECT_EQ(out["source"], in["source"]);
-    EXPECT_EQ(out["options"], in["options"]);
-    EXPECT_EQ(out["retry_count"], in.value("retry_count", 0));
-    EXPECT_EQ(out.value("subtype", ""), in.value("subtype", ""));
+    JSON_Value in = JSON_Value::parse(text), out = JSON_Value::parse(def.generate());
+    EXPECT_EQ(std::tie(out["source"], out["options"]), std::tie(in["source"], in["options"]));
+    EXPECT_EQ(std::tuple(out["retry_count"], out.value("subtype", "")),
+              std::tuple(in.value("retry_count", 0), in.value("subtype", "")));
   }
 }
 
 TEST_F(Job_Test, RunsWithScriptsAndFlags) {
   const S fail = R"({"fail": true})", post = R"("post_action": "echo post")";
-  struct Row {
-    S extra, options, state;
-    bool succeeded;
-    S log;  // pieces the run's log holds, in order, split by '|'; "!x": x is absent
-  } rows[] = {
+  // definition members, options, state (all but "failed" count as success), pieces the run's log
+  // holds in order, split by '|' ("!x": x is absent)
+  const std::tuple<S, S, S, S> rows[] = {
       {R"("pre_action": "echo pre $BRIMLET_JOB_UID", )" + post, R"({"vms": ["a", "b"]})",
-       "succeeded", true, "\npre j1\n|Body of {\"vm\":\"a\"}|\npost\n|succeeded.\n"},
-      {"", fail, "failed", false, "Body|failed.\n"},
-      {R"("pre_action": "exit 4", )" + post, "{}", "failed", false,
-       "(exit status 4): exit 4|!Body|!post"},
-      {R"("pre_action": "exit 4", "ignore_pre_action_failure": true)", "{}", "succeeded", true,
+       "succeeded", "\npre j1\n|Body of {\"vm\":\"a\"}|\npost\n|succeeded.\n"},
+      {"", fail, "failed", "Body|failed.\n"},
+      {R"("pre_action": "exit 4", )" + post, "{}", "failed", "(exit status 4): exit 4|!Body|!post"},
+      {R"("pre_action": "exit 4", "ignore_pre_action_failure": true)", "{}", "succeeded",
        "Body|succeeded.\n"},
-      {R"("post_action": "exit 5")", "{}", "failed", false, "Body|(exit status 5)|failed.\n"},
-      {R"("post_action": "exit 5", "ignore_post_action_failure": true)", "{}", "succeeded", true,
+      {R"("post_action": "exit 5")", "{}", "failed", "Body|(exit status 5)|failed.\n"},
+      {R"("post_action": "exit 5", "ignore_post_action_failure": true)", "{}", "succeeded",
        "succeeded.\n"},
-      {post + R"(, "run_post_action_always": true)", fail, "failed", false, "Body|post|failed.\n"},
-      {post, fail, "failed", false, "!post"},
+      {post + R"(, "run_post_action_always": true)", fail, "failed", "Body|post|failed.\n"},
+      {post, fail, "failed", "!post"},
       {R"("precondition": "echo no; exit 1", "pre_action": "echo pre")", "{}",
-       "precondition_failed", true, "no\n|!pre|!Body|!started"},
+       "precondition_failed", "no\n|!pre|!Body|!started"},
   };
-  for (const auto& row : rows) {
-    S run = start(def_text(row.extra, row.options));
+  for (const auto& [extra, options, state, pieces_text] : rows) {
+    S run = start(def_text(extra, options));
     ASSERT_NE(run, "") << error_;
     JSON_Value st = finish(run);
-    EXPECT_EQ(st["state"], row.state) << row.extra;
-    EXPECT_EQ(st["succeeded"], row.succeeded) << row.extra;
-    EXPECT_EQ(st["running"], false);
+    EXPECT_EQ(std::tuple(st["state"], st["succeeded"], st["running"]),
+              std::tuple(state, state != "failed", false))
+        << extra;
     S log = st["log_text"];
     std::size_t at = 0;
-    std::stringstream pieces(row.log);
+    std::stringstream pieces(pieces_text);
     for (S piece; std::getline(pieces, piece, '|');) {
       if (piece[0] == '!') {
-        EXPECT_EQ(log.find(piece.substr(1)), S::npos) << row.extra << "\n" << log;
+        EXPECT_EQ(log.find(piece.substr(1)), S::npos) << extra << "\n" << log;
       } else {
         EXPECT_NE(at = log.find(piece, at), S::npos) << piece << " in\n" << log;
         at = at == S::npos ? 0 : at;
@@ -156,8 +146,7 @@ TEST_F(Job_Test, StopsRunningAndWaitingJobs) {
   wait_blocked(1);
   JSON_Value st;
   ASSERT_TRUE(runs_.status(first, st, error_));
-  EXPECT_EQ(st["state"], "running");
-  EXPECT_EQ(st["vms"][0]["status"], "running");
+  EXPECT_EQ(std::tuple(st["state"], st["vms"][0]["status"]), std::tuple("running", "running"));
   EXPECT_EQ(start(def_text("")), "");
   EXPECT_EQ(error_, "job 'j1' is running already (run " + first + ")");
   // A second job of the same entry waits for the mutex; stopped, it ends without its body.
@@ -189,8 +178,7 @@ TEST_F(Job_Test, StopsRunningAndWaitingJobs) {
   // The mutex is free again.
   S third = start(R"({"uid": "j3", "type": 1, "source": {}, "options": {"mutex": "cvm-1"}})");
   EXPECT_EQ(finish(third)["state"], "succeeded");
-  for (const S& bad : {S("nope")})
-    EXPECT_FALSE(runs_.status(bad, st, error_) || runs_.stop(bad, error_));
+  EXPECT_FALSE(runs_.status("nope", st, error_) || runs_.stop("nope", error_));
   EXPECT_EQ(error_, "no run 'nope'");
   JSON_Value log;
   ASSERT_TRUE(runs_.log(third, 20, log, error_));
@@ -206,16 +194,16 @@ TEST_F(Job_Test, ModulesNameTheirJobFactoriesInTheManifest) {
                                      {R"({"creator": "Nope"})", false},
                                      {creator + R"("Nope"}})", false},
                                      {creator + R"("Test_Options_Parser_Creator"}})", true}};
-  for (const auto& row : rows) {
+  for (const auto& [jobs_text, ok] : rows) {
     JSON_Value manifest = {{"name", "mod"}, {"library", JOB_TEST_MODULE_PATH}};
-    if (!row.first.empty())
-      manifest["jobs"] = JSON_Value::parse(row.first);
+    if (!jobs_text.empty())
+      manifest["jobs"] = JSON_Value::parse(jobs_text);
     write_text_file(dir_.file("m.module.json"), manifest.dump());
     auto module = Module::load(dir_.file("m.module.json"));
     Job_Module jobs;
     ASSERT_TRUE(module);
-    EXPECT_EQ(Job_Module::load(*module, jobs), row.second) << row.first;
-    if (row.second)
+    EXPECT_EQ(Job_Module::load(*module, jobs), ok) << jobs_text;
+    if (ok)
       runs_.add_module(std::move(jobs));
   }
   // Backup and restore definitions make jobs; no other type does, and a job not running takes no
@@ -233,5 +221,4 @@ TEST_F(Job_Test, ModulesNameTheirJobFactoriesInTheManifest) {
   JSON_Value st = finish(start(def_text(R"("module": "mod")", R"({"vms": ["m"]})")));
   EXPECT_EQ(std::tuple(st["state"], st["vms"][0]["status"]), std::tuple("succeeded", "completed"));
 }
-
 }  // namespace

@@ -9,7 +9,6 @@
 #include <vector>
 
 namespace job_test {
-
 struct Test_Source : Job_Source {
   JSON_Value value_;
   void set_value(JSON_Value v) override { value_ = std::move(v); }
@@ -64,5 +63,4 @@ struct Test_Executor : Job_Executor_T<Test_Source, Test_Options> {
     return !o.value("fail", false);
   }
 };
-
 }  // namespace job_test

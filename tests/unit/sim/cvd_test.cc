@@ -15,7 +15,6 @@
 #include <vector>
 
 namespace {
-
 const char kLibrary[] = BRIMLET_LIB_DIR "/libcvd.so";
 const char kWorld[] = R"({
   "operators": [{"id": 1, "login_name": "admin", "password": "Adm1n pass", "group_id": 1}],
@@ -28,8 +27,7 @@ constexpr std::uint64_t kDataSize = 24 << 20, kScratchSize = 16 << 20;
 
 std::string slurp(const std::string& path) {
   std::string text;
-  read_file(path, text);
-  return text;
+  return read_file(path, text), text;
 }
 
 class Libcvd_Test : public ::testing::Test {
@@ -127,10 +125,8 @@ TEST_F(Libcvd_Test, ReadsSeededContentRoundTripsWritesAndServesManyHandles) {
   std::string whole(kScratchSize, '\0');
   EXPECT_EQ(cvd_disk_read(reader, 0, kScratchSize, &whole[0]),
             static_cast<std::int64_t>(kScratchSize));
-  EXPECT_TRUE(whole == shadow);
-  EXPECT_TRUE(image("/p1/scratch") == shadow);
-  EXPECT_EQ(cvd_disk_close(writer), 0);
-  EXPECT_EQ(cvd_disk_close(reader), 0);
+  EXPECT_TRUE(whole == shadow && image("/p1/scratch") == shadow);
+  EXPECT_EQ(cvd_disk_close(writer) | cvd_disk_close(reader), 0);
   std::vector<std::string> parts(8);
   std::vector<std::thread> threads;
   // One connection, a handle per thread, each thread reading its eighth of the disk.
@@ -166,10 +162,8 @@ TEST_F(Libcvd_Test, RefusesWrongCredentialsAndUnknownDisksAndReportsAServiceThat
   }
   cvd_conn_t conn = nullptr;
   ASSERT_EQ(connect(&conn), 0);
-  const struct {
-    const char *path, *snapshot;
-    int flags, error;
-  } opens[] = {
+  const std::tuple<const char*, const char*, int, int> opens[] = {
+      // path, snapshot, flags, error
       {"/p1/absent", nullptr, CVD_OPEN_READ, -ENOENT},
       {"rbd:p2/data", nullptr, CVD_OPEN_READ, -ENOENT},
       {"/p1/data", "never-taken", CVD_OPEN_READ, -ENOENT},
@@ -177,10 +171,10 @@ TEST_F(Libcvd_Test, RefusesWrongCredentialsAndUnknownDisksAndReportsAServiceThat
       {"/p1/data", nullptr, 3, -EINVAL},
       {"", nullptr, CVD_OPEN_READ, -EINVAL},
   };
-  for (const auto& c : opens) {
+  for (const auto& [path, snapshot, flags, error] : opens) {
     cvd_disk_t disk = nullptr;
-    EXPECT_EQ(cvd_disk_open(conn, c.path, c.snapshot, c.flags, &disk), c.error) << c.path;
-    EXPECT_EQ(disk, nullptr) << c.path;
+    EXPECT_EQ(cvd_disk_open(conn, path, snapshot, flags, &disk), error) << path;
+    EXPECT_EQ(disk, nullptr) << path;
   }
   cvd_disk_t disk = open(conn, "/p1/data", CVD_OPEN_READ);
   ASSERT_NE(disk, nullptr);
@@ -225,8 +219,7 @@ TEST_F(Libcvd_Test, ReachesTheServiceByTheAddressMapReadsFrozenSnapshotsAndMeets
   EXPECT_EQ(cvd_disk_read(frozen, 0, kDataSize, &read[0]), static_cast<std::int64_t>(kDataSize));
   guest.join();
   EXPECT_EQ(cvd_disk_read(by_name, 0, kDataSize, &again[0]), static_cast<std::int64_t>(kDataSize));
-  EXPECT_TRUE(read == before);
-  EXPECT_TRUE(again == before);
+  EXPECT_TRUE(read == before && again == before);
   EXPECT_EQ(image("/p1/data").substr(kDataSize / 4, noise.size()), noise);
   // Faults: reads of one disk fail; a connection is dropped after so many bytes, once.
   ASSERT_EQ(call("POST", http_ + "/sim/cvd/fail_reads", R"({"disk": "/p1/data"})"), "200");
@@ -285,5 +278,4 @@ TEST_F(Libcvd_Test, InitReadsTheConfigurationOnceAndTheLibraryExportsOnlyItsInte
   EXPECT_EQ(needed.out.find("brimlet"), std::string::npos) << needed.out;
   EXPECT_EQ(needed.out.find("ACE"), std::string::npos) << needed.out;
 }
-
 }  // namespace
