@@ -1,5 +1,7 @@
 #include "h3ccas/common.h"
 
+#include "h3ccas/restful_client.h"
+
 #include "host/catalog/server_api.h"
 #include "host/core/identity.h"
 #include "host/core/log.h"
@@ -940,6 +942,55 @@ JSON_Value VM_Histories::eject() {
   }
   histories_.clear();
   return out;
+}
+
+bool CVK_Target_Addr_Selector::set_preferred_network(const std::optional<std::string>& network) {
+  preferred_.clear();
+  if (!network)
+    return true;
+  if (*network == "backup")
+    preferred_ = {Virtual_Switch::VS_TYPE_BACKUP};
+  else if (*network == "storage")
+    preferred_ = {Virtual_Switch::VS_TYPE_STORAGE};
+  else if (*network == "management")
+    preferred_ = {Virtual_Switch::VS_TYPE_MANAGEMENT};
+  else
+    preferred_ = {Virtual_Switch::VS_TYPE_BACKUP, Virtual_Switch::VS_TYPE_STORAGE,
+                  Virtual_Switch::VS_TYPE_MANAGEMENT};
+  return true;
+}
+
+bool CVK_Target_Addr_Selector::select(RESTful_Client& client, const std::string& cvk_name,
+                                      const std::string& cvk_id, std::string& address) {
+  address.clear();
+  auto cached = cache_.find(cvk_id);
+  if (cached != cache_.end()) {
+    address = cached->second;
+    return true;
+  }
+  std::vector<Virtual_Switch> switches;
+  if (!client.list_virtual_switch(cvk_id, switches)) {
+    LOG_MSG((LM_ERROR, "Failed to list virtual switches for CVK '%s'.\n", cvk_name.c_str()));
+    switches.clear();
+  }
+  for (Virtual_Switch::VS_TYPE type : preferred_) {
+    for (const Virtual_Switch& vs : switches) {
+      if (!vs.is_active_ || !(vs.types_ & type) || vs.address_.empty())
+        continue;
+      address = vs.address_;
+      cache_[cvk_id] = address;
+      LOG_MSG((LM_INFO,
+               "CVK '%s' selects '%s' as data transmission target address, network type(s): "
+               "%s.\n",
+               cvk_name.c_str(), address.c_str(),
+               vs_network_types_array(vs.types_).dump().c_str()));
+      return true;
+    }
+  }
+  LOG_MSG((LM_INFO,
+           "Failed to pick a target address for CVK '%s', defaults to its management network.\n",
+           cvk_name.c_str()));
+  return false;
 }
 
 }  // namespace h3ccas

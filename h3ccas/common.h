@@ -11,6 +11,7 @@
 #include "host/storage/options.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -238,6 +239,24 @@ class Virtual_Switch {
 
 // Names of the network types set in `types`, management first; empty for none.
 JSON_Value vs_network_types_array(std::uint32_t types);
+
+class RESTful_Client;
+
+// Picks, once per CVK and job, the address of an active virtual switch of that CVK on the network
+// the user prefers for disk data. Without a pick the data goes over the management network.
+class CVK_Target_Addr_Selector {
+ public:
+  // "backup", "storage" or "management" alone; any other text, the empty one included, all three
+  // in that order; none: nothing is ever picked. Always true.
+  bool set_preferred_network(const std::optional<std::string>& network);
+  // `address` is cleared, then receives the pick; false when there is none.
+  bool select(RESTful_Client& client, const std::string& cvk_name, const std::string& cvk_id,
+              std::string& address);
+
+ private:
+  std::vector<Virtual_Switch::VS_TYPE> preferred_;
+  std::unordered_map<std::string, std::string> cache_;  // CVK id -> address
+};
 
 class Port_Profile {
  public:

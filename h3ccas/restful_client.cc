@@ -78,6 +78,17 @@ bool fail_with(std::string* error, const std::string& message) {
 
 const char s_operator_list_path[] = "/cas/casrs/operator/operatorInfoList";
 const char s_vm_list_path[] = "/cas/casrs/vm/vmList";
+const char s_cbter_path[] = "/cas/casrs/vm/disk/changedBlockTracker";
+
+// CAS reads its flags as the words "true" and "false".
+const char* flag(bool value) {
+  return value ? "true" : "false";
+}
+
+// Parameters as they appear in debug lines, ending the line.
+std::string pretty(const JSON_Value& value) {
+  return value.dump(2, ' ', false, JSON_Value::error_handler_t::replace) + "\n";
+}
 
 // A member's text for messages: strings as they are, other values as JSON, absent as empty.
 std::string member_text(const JSON_Value& obj, const char* key) {
@@ -605,6 +616,174 @@ std::optional<Snapshot_Info> RESTful_Client::get_snapshot_info(const std::string
     return std::nullopt;
   }
   return root;
+}
+
+bool RESTful_Client::send_with_query(HTTP_Method method, const char* path, const Query& query,
+                                     const JSON_Value* body, JSON_Value& out) {
+  HTTP_Request req(method, path);
+  HTTP_Query_String_Builder builder(req.query());
+  for (const auto& [name, value] : query)
+    builder.append(name, value);
+  return send_request(req, body, &out);
+}
+
+bool RESTful_Client::get_blocks(const char* path, const Query& query, std::vector<Block>& blocks) {
+  std::vector<JSON_Value> values;
+  return list(path, "dataBlockInfo", values, query) && load_list(values, blocks);
+}
+
+bool RESTful_Client::create_snapshot(const std::string& vm_id, const std::string& vm_name,
+                                     const std::string& snapshot_name, bool snap_mem,
+                                     bool no_stop_virt_snap_mem, bool internal, int timeout) {
+  LOG_MSG((LM_DEBUG, "Creating %s snapshot '%s' for CAS VM '%s'.\n",
+           internal ? "internal" : "external", snapshot_name.c_str(), vm_name.c_str()));
+  JSON_Value body = {{"vmId", vm_id},
+                     {"name", snapshot_name},
+                     {"snapMem", flag(snap_mem)},
+                     {"noStopVirtSnapMem", flag(no_stop_virt_snap_mem)},
+                     {"snapshotMode", internal ? "1" : "2"},
+                     {"snapshotTimeOut", timeout},
+                     {"keepBitmap", "true"},
+                     {"snapBlock", "true"}};
+  JSON_Value out;
+  return post("/cas/casrs/vm/snapshot", body, out) && wait_task("create_snapshot", out, nullptr);
+}
+
+bool RESTful_Client::delete_snapshot(const std::string& vm_id, const std::string& vm_name,
+                                     const std::string& snapshot_name) {
+  LOG_MSG((LM_DEBUG, "Deleting snapshot '%s' for CAS VM '%s'.\n", snapshot_name.c_str(),
+           vm_name.c_str()));
+  snprintf_t<512> path("/cas/casrs/vm/snapshot/%s/%s", vm_id.c_str(), snapshot_name.c_str());
+  JSON_Value out;
+  if (send_with_query(HTTP_Method::DELETE, path, {{"tidyVmImages", "false"}}, nullptr, out) &&
+      wait_task("delete_snapshot", out, nullptr))
+    return true;
+  LOG_MSG((LM_ERROR, "Failed to delete snapshot '%s' of CAS VM '%s'.\n", snapshot_name.c_str(),
+           vm_name.c_str()));
+  return false;
+}
+
+bool RESTful_Client::get_disk_blocks(const std::string& host_id, const std::string& vm_id,
+                                     const std::string& image, const std::string& snapshot,
+                                     std::vector<Block>& blocks) {
+  LOG_MSG((LM_DEBUG, "Getting allocated blocks of disk '%s' (snapshot='%s').\n", image.c_str(),
+           snapshot.c_str()));
+  Query query{{"hostId", host_id}, {"vmId", vm_id}, {"image", image}};
+  // Without a snapshot CAS reports the live disk.
+  if (!snapshot.empty())
+    query["snapshot"] = snapshot;
+  return get_blocks("/cas/casrs/vm/disk/dataBlock", query, blocks);
+}
+
+bool RESTful_Client::get_changed_blocks(const std::string& vm_id, const std::string& src_path,
+                                        const std::string& cbter_name,
+                                        const std::string& snapshot_name,
+                                        std::vector<Block>& blocks) {
+  LOG_MSG((LM_DEBUG, "Getting changed blocks of disk '%s' (CBTer='%s', snapshot='%s').\n",
+           src_path.c_str(), cbter_name.c_str(), snapshot_name.c_str()));
+  return get_blocks("/cas/casrs/vm/disk/changedBlock",
+                    {{"vmId", vm_id},
+                     {"srcPath", src_path},
+                     {"name", cbter_name},
+                     {"snapshotName", snapshot_name}},
+                    blocks);
+}
+
+bool RESTful_Client::create_vm(const std::string& vm_name, const JSON_Value& params,
+                               std::string& result) {
+  LOG_MSG(
+      (LM_DEBUG, "Creating CAS VM '%s', parameters:\n%s", vm_name.c_str(), pretty(params).c_str()));
+  JSON_Value out;
+  return post("/cas/casrs/vm/add", params, out) && wait_task("create_vm", out, &result);
+}
+
+bool RESTful_Client::create_storage_volume(Provisioning_Mode mode, const JSON_Value& params) {
+  LOG_MSG((LM_DEBUG, "Creating storage volume:\n%s", pretty(params).c_str()));
+  JSON_Value out;
+  if (!post("/cas/casrs/storage/volume", params, out))
+    return false;
+  // Zeroing a whole volume is the one slow case worth waiting for.
+  return mode != EAGER_ZEROED || wait_task("create_storage_volume", out, nullptr);
+}
+
+bool RESTful_Client::delete_storage_volume(const std::string& host_id, const std::string& pool_name,
+                                           const std::string& volume_name) {
+  LOG_MSG((LM_DEBUG, "Deleting storage volume '%s' on pool '%s' on CVK id=%s.\n",
+           volume_name.c_str(), pool_name.c_str(), host_id.c_str()));
+  JSON_Value out;
+  return del(snprintf_t<1024>("/cas/casrs/storage/volume/delete/%s/%s/%s", host_id.c_str(),
+                              pool_name.c_str(), volume_name.c_str()),
+             out);
+}
+
+bool RESTful_Client::create_disk(const std::string& vm_id, const std::string& vm_name,
+                                 const JSON_Value& disk_params) {
+  LOG_MSG((LM_DEBUG, "Creating disk for CAS VM(id=%s) '%s', disk parameters:\n%s", vm_id.c_str(),
+           vm_name.c_str(), pretty(disk_params).c_str()));
+  JSON_Value out;
+  // The one PUT that carries a body.
+  return send_with_query(HTTP_Method::PUT, "/cas/casrs/vm/addDevice", {}, &disk_params, out) &&
+         wait_task("create_disk", out, nullptr);
+}
+
+bool RESTful_Client::delete_vm(const std::string& vm_id) {
+  LOG_MSG((LM_DEBUG, "Deleting CAS VM(id=%s).\n", vm_id.c_str()));
+  JSON_Value out;
+  // CAS answers 1001 for a VM it does not know, and "null" as the failure of a deletion that in
+  // fact removed the VM: both leave nothing behind.
+  if (!del(snprintf_t<256>("/cas/casrs/vm/delete/%s", vm_id.c_str()), out))
+    return last_error_code_ == "1001";
+  return wait_task("delete_vm", out, nullptr) || task_fail_msg_ == "null";
+}
+
+bool RESTful_Client::create_CBTer(const std::string& vm_name, const std::string& cbter_name) {
+  LOG_MSG(
+      (LM_DEBUG, "Creating CBTer '%s' for CAS VM '%s'.\n", cbter_name.c_str(), vm_name.c_str()));
+  JSON_Value out;
+  return send_with_query(HTTP_Method::POST, s_cbter_path,
+                         {{"subordinateOnly", "true"}, {"vmName", vm_name}, {"name", cbter_name}},
+                         nullptr, out) &&
+         wait_task("create_cbt", out, nullptr);
+}
+
+bool RESTful_Client::get_CBTer(const std::string& vm_name, const std::string& cbter_name,
+                               std::map<std::string, bool>& images) {
+  LOG_MSG((LM_DEBUG, "Getting info of CBTer '%s'.\n", cbter_name.c_str()));
+  images.clear();
+  std::vector<JSON_Value> values;
+  if (!list(s_cbter_path, "dirtyBitmapInfo", values, {{"vmName", vm_name}, {"name", cbter_name}}))
+    return false;
+  for (const JSON_Value& value : values) {
+    std::string image, valid;
+    try {
+      json_extract(value, "image", image);
+      json_extract(value, "valid", valid);
+    } catch (const std::exception&) {
+      LOG_MSG((LM_ERROR, "Unknown response of CAS CBTer info: %s.\n",
+               value.dump(-1, ' ', false, JSON_Value::error_handler_t::replace).c_str()));
+      return false;
+    }
+    images[image] = valid == "true";
+  }
+  return true;
+}
+
+bool RESTful_Client::delete_CBTer(const std::string& vm_name, const std::string& cbter_name) {
+  LOG_MSG(
+      (LM_DEBUG, "Deleting CBTer '%s' for CAS VM '%s'.\n", cbter_name.c_str(), vm_name.c_str()));
+  JSON_Value out;
+  return send_with_query(HTTP_Method::DELETE, s_cbter_path,
+                         {{"vmName", vm_name}, {"name", cbter_name}, {"isRegex", flag(false)}},
+                         nullptr, out) &&
+         wait_task("delete_CBTer", out, nullptr);
+}
+
+bool RESTful_Client::set_vm_state(const char* action, const std::string& vm_id,
+                                  const std::string& vm_name) {
+  LOG_MSG((LM_DEBUG, "Setting CAS VM '%s' state to '%s'.\n", vm_name.c_str(), action));
+  JSON_Value out;
+  return put(snprintf_t<256>("/cas/casrs/vm/%s/%s", action, vm_id.c_str()), out) &&
+         wait_task("set_vm_state", out, nullptr);
 }
 
 }  // namespace h3ccas

@@ -83,6 +83,48 @@ class RESTful_Client {
   // The VM's snapshot tree under its root; nothing on failure.
   std::optional<Snapshot_Info> get_snapshot_info(const std::string& vm_id);
 
+  // State changes and block queries. Those CAS runs as asynchronous tasks are waited for.
+  // A snapshot that keeps the disks' dirty bitmaps; `internal` inside the disk images, otherwise
+  // as overlay files. `timeout` goes to CAS as the snapshot's time-out.
+  bool create_snapshot(const std::string& vm_id, const std::string& vm_name,
+                       const std::string& snapshot_name, bool snap_mem, bool no_stop_virt_snap_mem,
+                       bool internal, int timeout);
+  bool delete_snapshot(const std::string& vm_id, const std::string& vm_name,
+                       const std::string& snapshot_name);
+  // Allocated extents of a disk image, of the live disk when `snapshot` is empty; appended to
+  // `blocks` in the CVM's order.
+  bool get_disk_blocks(const std::string& host_id, const std::string& vm_id,
+                       const std::string& image, const std::string& snapshot,
+                       std::vector<Block>& blocks);
+  // Extents written since the CBTer was created, up to the snapshot; appended to `blocks`.
+  bool get_changed_blocks(const std::string& vm_id, const std::string& src_path,
+                          const std::string& cbter_name, const std::string& snapshot_name,
+                          std::vector<Block>& blocks);
+  // `result` receives the id of the new VM.
+  bool create_vm(const std::string& vm_name, const JSON_Value& params, std::string& result);
+  // Only an eager-zeroed volume is waited for; otherwise success means CAS took the request.
+  bool create_storage_volume(Provisioning_Mode mode, const JSON_Value& params);
+  bool delete_storage_volume(const std::string& host_id, const std::string& pool_name,
+                             const std::string& volume_name);
+  bool create_disk(const std::string& vm_id, const std::string& vm_name,
+                   const JSON_Value& disk_params);
+  // A VM that CAS no longer knows counts as deleted.
+  bool delete_vm(const std::string& vm_id);
+  // A changed-block tracker named `cbter_name` for the VM's disks.
+  bool create_CBTer(const std::string& vm_name, const std::string& cbter_name);
+  // The CBTer's disks (image path → whether its record is still valid); `images` is replaced.
+  bool get_CBTer(const std::string& vm_name, const std::string& cbter_name,
+                 std::map<std::string, bool>& images);
+  bool delete_CBTer(const std::string& vm_name, const std::string& cbter_name);
+  // `action` is CAS's verb in the path ("start", "stop", ...).
+  bool set_vm_state(const char* action, const std::string& vm_id, const std::string& vm_name);
+  bool start_vm(const std::string& vm_id, const std::string& vm_name) {
+    return set_vm_state("start", vm_id, vm_name);
+  }
+  bool stop_vm(const std::string& vm_id, const std::string& vm_name) {
+    return set_vm_state("stop", vm_id, vm_name);
+  }
+
   // Whether the CVM accepts the credentials, the user may administer it and its version is
   // supported. On failure `error` holds the text for the user.
   bool test_login(std::string& error, std::string& version);
@@ -104,6 +146,12 @@ class RESTful_Client {
   // A new connection to the CVM, for each session the client negotiates; null after one log
   // line when none can be set up. Every request of the session goes through it.
   virtual std::shared_ptr<HTTP_Session> create_session();
+
+  // One request with `query` (URL-encoded) and, when given, a JSON body.
+  bool send_with_query(HTTP_Method method, const char* path, const Query& query,
+                       const JSON_Value* body, JSON_Value& out);
+  // `list` under "dataBlockInfo", loaded as blocks.
+  bool get_blocks(const char* path, const Query& query, std::vector<Block>& blocks);
 
   // One attempt through the current session.
   bool send_request_i(HTTP_Request& req, HTTP_Response& resp, const JSON_Value* body,

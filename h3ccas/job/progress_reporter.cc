@@ -20,8 +20,10 @@ Progress_Reporter::Progress_Reporter(Job_Event_Handler& handler, const Job_Activ
 
 bool Progress_Reporter::add_vm(const std::string& uuid, const std::string& name,
                                const std::string& status) {
-  if (!wrapper_.empty())
-    return check_failed(__FILE__, __LINE__, "wrapper_.empty() is false");
+  std::lock_guard<std::mutex> lock(mutex_);
+  // The wrappers point into entries_, which must not move once they exist.
+  if (activated_)
+    return check_failed(__FILE__, __LINE__, "activated_ is true");
   VM_Job_Progress entry;
   entry.uuid = uuid;
   entry.name = name;
@@ -34,9 +36,11 @@ bool Progress_Reporter::add_vm(const std::string& uuid, const std::string& name,
 }
 
 bool Progress_Reporter::activate(const std::string& job_id) {
-  if (!wrapper_.empty())
-    return check_failed(__FILE__, __LINE__, "wrapper_.empty() is false");
-  // Wrappers point into entries_, which add_vm no longer changes from here on.
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (activated_)
+    return check_failed(__FILE__, __LINE__, "activated_ is true");
+  activated_ = true;
+  wrapper_.reserve(entries_.size());
   for (auto& entry : entries_) {
     wrapper_.push_back({&entry, VM_Progress_Info_Handle()});
     VM_Progress_Wrapper& w = wrapper_.back();
@@ -50,6 +54,7 @@ bool Progress_Reporter::activate(const std::string& job_id) {
 }
 
 bool Progress_Reporter::push_update_i(bool final) {
+  std::lock_guard<std::mutex> lock(mutex_);
   const std::int64_t now = std::time(nullptr);
   for (auto& w : wrapper_) {
     const VM_Progress_Info* info = w.handle.get();
@@ -57,12 +62,12 @@ bool Progress_Reporter::push_update_i(bool final) {
       continue;
     VM_Job_Progress& entry = *w.entry;
     // The servant writes while we read: take each field once.
-    entry.total_bytes = info->total_size;
-    entry.processed_bytes = info->processed_size;
-    entry.virtual_disk_count = info->total_virtual_disk;
-    entry.processed_virtual_disk_count = info->processed_virtual_disk;
-    entry.start_time = info->start_time;
-    const std::int32_t state = info->state;
+    entry.total_bytes = VM_Progress_Info::load(info->total_size);
+    entry.processed_bytes = VM_Progress_Info::load(info->processed_size);
+    entry.virtual_disk_count = VM_Progress_Info::load(info->total_virtual_disk);
+    entry.processed_virtual_disk_count = VM_Progress_Info::load(info->processed_virtual_disk);
+    entry.start_time = VM_Progress_Info::load(info->start_time);
+    const std::int32_t state = VM_Progress_Info::load(info->state);
 
     if (final) {
       set_state(entry, state == VM_Progress_Info::completed ? VM_Job_Progress::completed

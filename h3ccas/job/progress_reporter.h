@@ -7,6 +7,7 @@
 #include "host/job/event_handler.h"
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -27,6 +28,20 @@ struct VM_Progress_Info {
   std::int64_t end_time;    // seconds since the epoch
 
   void reset() { *this = VM_Progress_Info{}; }
+
+  // A servant's disk workers count their bytes and disks from several threads at once; the
+  // agent reads each field on its own while they do. The fields are naturally aligned, so these
+  // stay lock-free between processes too.
+  void add_processed_size(std::uint64_t bytes) {
+    __atomic_add_fetch(&processed_size, bytes, __ATOMIC_RELAXED);
+  }
+  void add_processed_virtual_disk() {
+    __atomic_add_fetch(&processed_virtual_disk, 1, __ATOMIC_RELAXED);
+  }
+  template <class T>
+  static T load(const T& field) {
+    return __atomic_load_n(&field, __ATOMIC_RELAXED);
+  }
 };
 
 static_assert(std::is_trivially_copyable<VM_Progress_Info>::value &&
@@ -42,8 +57,9 @@ struct VM_Progress_Info_Conf {
 
 using VM_Progress_Info_Handle = Mem_Map_Handle<VM_Progress_Info, VM_Progress_Info_Conf, 4096>;
 
-// The agent-side reader, used by the job's thread only. VMs are added first, then the reporter is
-// activated once, then updates are pushed; the mappings are released when it is destroyed.
+// The agent-side reader. VMs are added first, then the reporter is activated once, then updates
+// are pushed; the mappings are released when it is destroyed. Its calls may come from several
+// threads (the job's and the servant scheduler's).
 class Progress_Reporter {
  public:
   // Both must outlive the reporter.
@@ -51,7 +67,8 @@ class Progress_Reporter {
   Progress_Reporter(const Progress_Reporter&) = delete;
   Progress_Reporter& operator=(const Progress_Reporter&) = delete;
 
-  // A VM whose status starts as `status`, "pending" when empty. Only before activate().
+  // A VM whose status starts as `status`, "pending" when empty. Refused (false after one log
+  // line) once activate() has been called, even when that failed or found no VM.
   bool add_vm(const std::string& uuid, const std::string& name, const std::string& status = "");
   // Creates (or reopens) the progress file of every VM and marks it pending. Only once; false
   // after one log line when a file cannot be mapped.
@@ -69,6 +86,8 @@ class Progress_Reporter {
 
   bool push_update_i(bool final);
 
+  std::mutex mutex_;  // guards everything below
+  bool activated_ = false;
   Job_Event_Handler& handler_;
   const Job_Activity& activity_;
   std::vector<VM_Job_Progress> entries_;

@@ -1,6 +1,7 @@
 #include "h3ccas/servant/exec_handler.h"
 
 #include "h3ccas/common.h"
+#include "h3ccas/servant/vm_backup.h"
 
 #include <string>
 
@@ -34,8 +35,13 @@ int Exec_Handler::backup(JSON_RPC_Channel& chn, const JSON_RPC_Request& req) {
   VM_Backup_Params params;
   if (!params.load(req.params()))
     return chn.send_error(JSON_RPC_INVALID_PARAMS, req.id(), "");
-  // No backup engine is built into the module yet.
-  return chn.send_error(JSON_RPC_INTERNAL_ERROR, req.id(), "VM backup is not available yet.");
+  auto response = JSON_RPC_Channel::create_response(req);
+  if (!response)
+    return chn.send_error(JSON_RPC_INTERNAL_ERROR, req.id(), "Out of memory.");
+  JSON_Value result;
+  VM_Backup(std::move(params)).backup(result);
+  response->set_result(std::move(result));
+  return chn.send(*response);
 }
 
 int Exec_Handler::restore(JSON_RPC_Channel& chn, const JSON_RPC_Request& req) {

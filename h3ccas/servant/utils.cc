@@ -48,6 +48,9 @@ bool init_servant(Servant& servant, const char* label, const Servant::Log_Msg_Ca
   servant.reset("starter", svc_conf.c_str(), nullptr, nullptr, label);
   servant.set_log_msg_callback(callback);
   servant.set_flags(0);
+  // A stopped VM still deletes its snapshot and CBTer and the objects it stored, which CAS and the
+  // pool may take a while to do.
+  servant.set_stop_grace(300);
   ACE_Process_Options& options = servant.get_process_options();
   const std::string sdk_dir = cvd_sdk_dir();
   if (prepend_process_options_env(options, "LD_LIBRARY_PATH", sdk_dir.c_str()) != 0) {

@@ -21,7 +21,8 @@ std::string cvd_sdk_path();
 bool create_cvd_sdk_conf(int timeout, const std::string& log_level, std::string& path);
 
 // Prepares `servant` to serve one VM: its service configuration, `label` and log callback, and
-// the environment that points libcvd at its library and at the configuration file `conf_path`.
+// the environment that points libcvd at its library and at the configuration file `conf_path`,
+// and time to clean up after a stop.
 // False after one log line.
 bool init_servant(Servant& servant, const char* label, const Servant::Log_Msg_Callback& callback,
                   const std::string& conf_path);

@@ -139,6 +139,18 @@ void remove_log_sink(int id) {
   backend().remove(id);
 }
 
+namespace {
+thread_local std::uint64_t t_log_tag = 0;
+}  // namespace
+
+std::uint64_t log_thread_tag() {
+  return t_log_tag;
+}
+
+void set_log_thread_tag(std::uint64_t tag) {
+  t_log_tag = tag;
+}
+
 const char* log_priority_name(ACE_Log_Priority priority) {
   switch (priority) {
     case LM_TRACE:

@@ -5,6 +5,7 @@
 #include <ace/Log_Msg.h>
 #include <ace/Log_Priority.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -34,6 +35,11 @@ bool open_log(const Log_Options& options);
 // and never log from one.
 int add_log_sink(Log_Sink sink);
 void remove_log_sink(int id);
+
+// The tag of the calling thread (0 unless set). A sink can take the lines of one piece of work by
+// its tag, also from the threads the work starts when they take the tag of their starter.
+std::uint64_t log_thread_tag();
+void set_log_thread_tag(std::uint64_t tag);
 
 // "ERROR", "WARNING", ... for a priority.
 const char* log_priority_name(ACE_Log_Priority priority);

@@ -24,6 +24,9 @@ struct Job_Activity {
   std::uint64_t stored_size;          // bytes written to the storage pool
   std::int64_t start_time;            // seconds since the epoch; 0 when not started
   std::int64_t end_time;              // seconds since the epoch; 0 while running
+  std::uint64_t set_size;             // bytes of the backup sets the run made
+  std::uint64_t source_size;          // bytes of the protected data the run read
+  std::int64_t last_run_time;         // when a run last ended or was found to have nothing to do
 
   void reset();
   // Stores `text` in a text field of this record. False after one log line when it does not fit

@@ -26,11 +26,20 @@ const char* vm_job_state_name(std::int32_t state);
 // The state named `name`; pending for a name that is none of the above.
 std::int32_t vm_job_state_from_name(const std::string& name);
 
+class Job;
+
 // The agent's side of a running job. Called only from the job's own thread; implementations
 // must not throw.
 class Job_Event_Handler {
  public:
   virtual ~Job_Event_Handler() = default;
+
+  // A run passed its precondition and starts its pre-action and body.
+  virtual void handle_start_job(Job& job) {}
+  // The run ended: every step succeeded; the job was stopped (state 8); anything else.
+  virtual void handle_success(Job& job) {}
+  virtual void handle_canceled(Job& job) {}
+  virtual void handle_failure(Job& job) {}
 
   // The whole per-VM progress list of the job (same entries in the same order on every call) and
   // the job's activity state. `final` is set on the last call of a run, once every VM has ended.

@@ -55,6 +55,8 @@ class Module : public std::enable_shared_from_this<Module> {
   ~Module();
 
   const std::string& name() const { return name_; }
+  // The whole manifest, for sections other parts of the host read (jobs).
+  const JSON_Value& manifest() const { return manifest_; }
   // Methods in the manifest's "jsonrpc" map.
   std::vector<std::string> json_rpc_methods() const;
   // Methods in the manifest's "servant_jsonrpc" map.

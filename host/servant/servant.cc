@@ -125,6 +125,7 @@ void Servant::reset(const char* starter, const char* conf_path, const char* work
   program_ = program ? program : "";
   label_ = label && *label ? label : "servant";
   flags_ = 0;
+  stop_grace_ = 0;
   log_callback_ = nullptr;
   exit_status_ = -1;
 }
@@ -224,6 +225,8 @@ std::shared_ptr<JSON_RPC_Response> Servant::call(const std::string& method,
 
   Frame_Decoder decoder;
   const pid_t pid = pid_;
+  bool stopping = false;
+  auto stop_deadline = Clock::now();
   for (;;) {
     pollfd fds[2] = {{channel_.get(), POLLIN, 0}, {log_fd_.get(), POLLIN, 0}};
     int wait_ms = limited ? std::min(100, ms_left(deadline)) : 100;
@@ -267,7 +270,9 @@ std::shared_ptr<JSON_RPC_Response> Servant::call(const std::string& method,
         return std::static_pointer_cast<JSON_RPC_Response>(obj);
       }
     }
-    if (cancelled && cancelled()) {
+    if (!stopping && cancelled && cancelled())
+      stopping = true, stop_deadline = Clock::now() + std::chrono::seconds(stop_grace_);
+    if (stopping && Clock::now() >= stop_deadline) {
       LOG_MSG((LM_WARNING, "Servant '%s' (pid %d) stopped while running '%s'.\n", label_.c_str(),
                pid, method.c_str()));
       stop();

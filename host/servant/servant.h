@@ -52,6 +52,9 @@ class Servant {
   // Where the servant's log lines go; without one they go to this process's log.
   void set_log_msg_callback(Log_Msg_Callback callback);
   void set_flags(unsigned flags);
+  // Seconds a cancelled call still waits for the answer (0, the default: none), for a servant
+  // that sees the stop by itself and has to clean up before it answers.
+  void set_stop_grace(int seconds) { stop_grace_ = seconds; }
   // Environment and the rest of the start-up options; start() adds the command line and the
   // SERVANT_ENV_* variables.
   ACE_Process_Options& get_process_options();
@@ -59,9 +62,9 @@ class Servant {
   // Starts the process. False after one log line.
   bool start();
   // Sends one request and waits for its response, at most `timeout_seconds` (0: no limit) and
-  // only while `cancelled` (checked every 100 ms) says false. Null after one log line when the
-  // servant ended, did not answer in time, answered something that is not the response to this
-  // request, or was cancelled; the process has then been ended.
+  // only while `cancelled` (checked every 100 ms) says false, then for the stop grace. Null after
+  // one log line when the servant ended, did not answer in time, answered something that is not
+  // the response to this request, or was cancelled; the process has then been ended.
   std::shared_ptr<JSON_RPC_Response> call(const std::string& method, const JSON_Value& params,
                                           int timeout_seconds,
                                           const std::function<bool()>& cancelled = nullptr);
@@ -87,6 +90,7 @@ class Servant {
   std::unique_ptr<ACE_Process_Options> options_;
   std::string starter_, conf_path_, work_dir_, program_, label_;
   unsigned flags_ = 0;
+  int stop_grace_ = 0;
   Log_Msg_Callback log_callback_;
   pid_t pid_ = -1;
   int exit_status_ = -1;

@@ -85,8 +85,13 @@ bool Servant_Task_Scheduler::activate(int servants, Setup setup, Result_Handler 
   handler_ = std::move(handler);
   std::lock_guard<std::mutex> lock(mutex_);
   active_ = true;
+  // The workers log as the work that started them, so that its log has their lines too.
+  const std::uint64_t tag = log_thread_tag();
   for (int i = 0; i < servants; ++i)
-    threads_.emplace_back([this] { run(); });
+    threads_.emplace_back([this, tag] {
+      set_log_thread_tag(tag);
+      run();
+    });
   return true;
 }
 

@@ -3,13 +3,16 @@
 #include "host/core/unique_fd.h"
 #include "host/storage/pool_url.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <utility>
 
 namespace {
@@ -38,6 +41,62 @@ bool full_write(int fd, const char* data, std::size_t length) {
     length -= static_cast<std::size_t>(n);
   }
   return true;
+}
+
+// A short tag of this host's name (FNV-1a, in hex), which temporary names carry so that only
+// writers of this host are judged dead, without making long names longer than a name may be.
+const std::string& host_tag() {
+  static const std::string s_tag = [] {
+    char name[256] = {};
+    ::gethostname(name, sizeof name - 1);
+    std::uint32_t hash = 2166136261u;
+    for (const char* c = name; *c; ++c)
+      hash = (hash ^ static_cast<unsigned char>(*c)) * 16777619u;
+    char tag[9];
+    std::snprintf(tag, sizeof tag, "%08x", hash);
+    return std::string(tag);
+  }();
+  return s_tag;
+}
+
+// ".<object>.partial.<host tag>.<pid>.<n>": a write in progress, or left by a writer that died.
+std::string temporary_name(const std::string& base) {
+  static std::atomic<unsigned> s_counter{0};
+  return "." + base + ".partial." + host_tag() + "." + std::to_string(::getpid()) + "." +
+         std::to_string(s_counter++);
+}
+
+// Whether `name` is the temporary of a writer of this host that no longer runs.
+bool is_dead_partial(const std::string& name) {
+  const std::string::size_type mark = name.rfind(".partial.");
+  if (name.empty() || name[0] != '.' || mark == std::string::npos)
+    return false;
+  const std::string rest = name.substr(mark + 9);  // "<host tag>.<pid>.<n>"
+  const std::string::size_type counter = rest.rfind('.');
+  if (counter == std::string::npos || counter == 0)
+    return false;
+  const std::string::size_type pid_at = rest.rfind('.', counter - 1);
+  if (pid_at == std::string::npos || rest.compare(0, pid_at, host_tag()) != 0)
+    return false;
+  const std::string pid = rest.substr(pid_at + 1, counter - pid_at - 1);
+  if (pid.empty() || pid.find_first_not_of("0123456789") != std::string::npos || pid.size() > 9)
+    return false;
+  return ::kill(static_cast<pid_t>(std::stol(pid)), 0) != 0 && errno == ESRCH;
+}
+
+// Removes from folder `dir` the temporaries of writers that died (a killed process leaves its
+// write behind), so that a pool does not fill up with hidden partial objects. Best effort.
+void sweep_dead_partials(int dir) {
+  Unique_Fd fd(::openat(dir, ".", s_dir_flags));
+  DIR* listing = fd ? ::fdopendir(fd.get()) : nullptr;
+  if (!listing)
+    return;
+  fd.release();  // the listing owns it now
+  while (const dirent* entry = ::readdir(listing)) {
+    if (is_dead_partial(entry->d_name))
+      ::unlinkat(dir, entry->d_name, 0);
+  }
+  ::closedir(listing);
 }
 
 class File_Object : public Storage_Object {
@@ -168,9 +227,8 @@ class File_Driver : public Storage_Driver {
       return std::make_unique<File_Object>(std::move(dir), std::move(fd), path, base, "",
                                            static_cast<std::uint64_t>(st.st_size));
     }
-    static std::atomic<unsigned> s_counter{0};
-    const std::string temp =
-        "." + base + ".partial." + std::to_string(::getpid()) + "." + std::to_string(s_counter++);
+    sweep_dead_partials(dir.get());
+    const std::string temp = temporary_name(base);
     Unique_Fd fd(::openat(dir.get(), temp.c_str(),
                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!fd) {

@@ -5,7 +5,8 @@
 
 // An object is written under a hidden temporary name in its folder, fsync'd, renamed to its name
 // and the folder fsync'd, so a crash or a failed write never leaves a partial object under a
-// final name. Components below the pool folder are opened without following symbolic links, so
+// final name; the temporary of a writer of this host that died is removed by the next write into
+// its folder. Components below the pool folder are opened without following symbolic links, so
 // an object can never lie outside the pool. Missing folders are created on write.
 std::unique_ptr<Storage_Driver> make_file_storage_driver(const std::string& url,
                                                          const Client_IO_Base::Options& options,

@@ -8,6 +8,7 @@
 #include "host/core/service.h"
 #include "host/http/client.h"
 #include "host/http/server.h"
+#include "host/job/runs.h"
 #include "host/jsonrpc/router.h"
 #include "host/module/module.h"
 #include "programs/common/agent_files.h"
@@ -83,6 +84,65 @@ class Agent_Info_Handler : public JSON_RPC_Handler {
   JSON_Value info_;
 };
 
+// "job.run", "job.status", "job.stop", "job.list", "job.log": the agent's jobs.
+class Job_RPC_Handler : public JSON_RPC_Handler {
+ public:
+  Job_RPC_Handler(std::shared_ptr<Job_Runs> runs, std::string method)
+      : runs_(std::move(runs)), method_(std::move(method)) {}
+  int handle_object(std::shared_ptr<JSON_RPC_Channel> chn,
+                    std::shared_ptr<JSON_RPC_Object> obj) override {
+    const JSON_RPC_Request* req = answerable_request(chn, obj);
+    if (!req)
+      return -1;
+    if (!req->params().is_object() && !req->params().is_null())
+      return chn->send_error(JSON_RPC_INVALID_PARAMS, req->id(),
+                             "Invalid params: params type must be object.");
+    const JSON_Value params = req->params().is_null() ? JSON_Value::object() : req->params();
+    JSON_Value result;
+    std::string error;
+    try {
+      if (!call(params, result, error))
+        return chn->send_error(JSON_RPC_INVALID_PARAMS, req->id(), error.c_str());
+    } catch (const std::exception& e) {
+      return chn->send_error(JSON_RPC_INVALID_PARAMS, req->id(),
+                             (std::string("Invalid params: ") + e.what() + ".").c_str());
+    }
+    auto resp = JSON_RPC_Channel::create_response(*req);
+    if (!resp)
+      return chn->send_error(JSON_RPC_INTERNAL_ERROR, req->id(), "Internal error, out of memory.");
+    resp->set_result(std::move(result));
+    return chn->send(*resp);
+  }
+
+ private:
+  // Throws JSON_Error on missing or mistyped params.
+  bool call(const JSON_Value& params, JSON_Value& result, std::string& error) {
+    if (method_ == "job.list") {
+      result = {{"runs", runs_->list()}};
+      return true;
+    }
+    if (method_ == "job.run") {
+      JSON_Value def;
+      json_extract(params, "definition", def);
+      return runs_->run(def.is_string() ? def.get<std::string>() : def.dump(), result, error);
+    }
+    std::string run_id;
+    json_extract(params, "run_id", run_id);
+    if (method_ == "job.status")
+      return runs_->status(run_id, result, error);
+    if (method_ == "job.stop") {
+      result = {{"run_id", run_id}, {"stopping", true}};
+      return runs_->stop(run_id, error);
+    }
+    std::uint64_t offset = 0;
+    json_extract(params, "offset", offset, false);
+    return runs_->log(run_id, offset, result, error);
+  }
+
+  std::shared_ptr<Job_Runs> runs_;
+  std::string method_;
+};
+
 }  // namespace
 
 // Exit status: 0 stopped by a signal, 1 failed to start, 2 usage error.
@@ -140,6 +200,7 @@ int main(int argc, char** argv) {
   set_json_rpc_worker_threads(conf.threads);
 
   auto router = std::make_shared<JSON_RPC_Router>();
+  auto runs = std::make_shared<Job_Runs>();
   std::vector<std::shared_ptr<Module>> modules;
   std::vector<std::shared_ptr<Instance_Handler>> instance_handlers;
   JSON_Value info = {{"host_id", Host_ID::instance()->c_str()},
@@ -157,6 +218,13 @@ int main(int argc, char** argv) {
       router->add(method, handler);
       entry["methods"].push_back(method);
     }
+    Job_Module jobs;
+    if (Job_Module::load(*module, jobs)) {
+      entry["jobs"] = true;
+      runs->add_module(std::move(jobs));
+    } else if (module->manifest().contains("jobs")) {
+      return 1;
+    }
     if (auto ih = module->make_instance_handler()) {
       std::map<std::string, std::shared_ptr<Instance>> found;
       if (ih->init() == 0 && ih->probe_instances(found) == 0)
@@ -170,14 +238,18 @@ int main(int argc, char** argv) {
     LOG_MSG((LM_INFO, "Loaded module '%s' from '%s'.\n", module->name().c_str(), manifest.c_str()));
   }
   router->add("agent.info", std::make_shared<Agent_Info_Handler>(info));
+  for (const char* method : {"job.run", "job.status", "job.stop", "job.list", "job.log"})
+    router->add(method, std::make_shared<Job_RPC_Handler>(runs, method));
 
-  // Off loopback, callers prove themselves with this agent's access key.
-  HTTP_Authorizer authorize;
-  if (!is_loopback(opts.host))
-    authorize = [key = Host_Manager::instance()->access_key()](const HTTP_Server_Request& req) {
-      const std::string* given = req.headers.get(server_api::access_key_header);
-      return !key.empty() && given && secrets_equal(*given, key);
-    };
+  // Every caller, on loopback too, proves itself with this agent's access key: any local process
+  // could otherwise browse a CVM or run a job with the credentials the agent holds.
+  const std::string key = Host_Manager::instance()->access_key();
+  if (key.empty())
+    LOG_MSG((LM_WARNING, "The agent configuration gives no access key: every call is refused.\n"));
+  HTTP_Authorizer authorize = [key](const HTTP_Server_Request& req) {
+    const std::string* given = req.headers.get(server_api::access_key_header);
+    return !key.empty() && given && secrets_equal(*given, key);
+  };
   HTTP_Server server;
   serve_json_rpc(server, "/jsonrpc", router, conf.request_timeout, authorize);
   if (!server.start(opts))
@@ -198,6 +270,7 @@ int main(int argc, char** argv) {
   server.stop();
   stop_json_rpc_workers();
   router->clear();
+  runs.reset();  // the last holder: stops the runs still going and waits for them
   for (auto& ih : instance_handlers)
     ih->fini();
   instance_handlers.clear();

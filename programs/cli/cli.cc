@@ -28,18 +28,20 @@ struct Server_Peer {
 
 std::string agent_config;
 
-// The whole file, if only its owner may read it: it holds a key that may change the registry.
-bool read_private_file(const std::string& path, std::string& text, std::string& error) {
+// The whole file, if only its owner may read it: it holds a key that may change the registry or
+// run jobs. `what` names the file in messages ("CLI configuration").
+bool read_private_file(const std::string& path, const char* what, std::string& text,
+                       std::string& error) {
   Unique_Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat st {};
   if (!fd || fstat(fd.get(), &st) != 0) {
-    error = "cannot read the CLI configuration '" + path + "': " + std::strerror(errno);
+    error = std::string("cannot read the ") + what + " '" + path + "': " + std::strerror(errno);
     return false;
   }
   if ((st.st_mode & 077) != 0) {
     char mode[8];
     snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
-    error = "the CLI configuration '" + path + "' may be read by others (mode " + mode +
+    error = std::string("the ") + what + " '" + path + "' may be read by others (mode " + mode +
             "); make it readable by its owner only (chmod 600)";
     return false;
   }
@@ -49,7 +51,7 @@ bool read_private_file(const std::string& path, std::string& text, std::string& 
   while ((n = read(fd.get(), buf, sizeof buf)) > 0)
     text.append(buf, static_cast<std::size_t>(n));
   if (n < 0) {
-    error = "cannot read the CLI configuration '" + path + "': " + std::strerror(errno);
+    error = std::string("cannot read the ") + what + " '" + path + "': " + std::strerror(errno);
     return false;
   }
   return true;
@@ -63,7 +65,7 @@ bool load_admin_peer(Server_Peer& peer, std::string& error) {
     return true;
   }
   std::string path = cli_config_path(), text;
-  if (!read_private_file(path, text, error))
+  if (!read_private_file(path, "CLI configuration", text, error))
     return false;
   try {
     JSON_Value server;
@@ -87,10 +89,8 @@ bool load_agent_identity(std::string& error) {
   if (loaded)
     return true;
   std::string path = agent_config.empty() ? agent_files::default_config() : agent_config, text;
-  if (!read_file(path, text)) {
-    error = "cannot read the agent configuration '" + path + "'";
+  if (!read_private_file(path, "agent configuration", text, error))
     return false;
-  }
   try {
     if (!apply_agent_identity(JSON_Value::parse(text))) {
       error = "cannot read this agent's host id";

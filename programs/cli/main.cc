@@ -9,19 +9,24 @@
 #include "host/core/crypto.h"
 #include "host/core/log.h"
 #include "host/core/service.h"
+#include "programs/cli/backup.h"
 #include "programs/cli/catalog.h"
 #include "programs/cli/cli.h"
 #include "programs/cli/inventory.h"
+#include "programs/cli/jobs.h"
 #include "programs/cli/table.h"
 #include "programs/common/agent_files.h"
 
 #include <termios.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <iostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -164,6 +169,20 @@ const CLI::Validator a_value(
     [](std::string& value) { return value.rfind("--", 0) == 0 ? "needs a value" : std::string(); },
     "");
 
+// Options the agent reads as JSON integers.
+const CLI::Validator a_whole_number(
+    [](std::string& value) {
+      std::size_t end = 0;
+      try {
+        long n = std::stol(value, &end);
+        if (end == value.size() && n >= INT32_MIN && n <= INT32_MAX)
+          return std::string();
+      } catch (const std::exception&) {
+      }
+      return "'" + value + "' is not a whole number";
+    },
+    "INT");
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -172,8 +191,8 @@ int main(int argc, char** argv) {
   std::function<int()> run;
 
   CLI::App app(
-      "Registers CVMs and storage pools, tests logins, browses a CVM's inventory and "
-      "lists backup sets.",
+      "Registers CVMs and storage pools, tests logins, browses a CVM's inventory, backs "
+      "VMs up and lists backup sets.",
       "brimlet");
   app.require_subcommand(1);
   // Global flags may follow the command too: "brimlet cvm list --json".
@@ -281,6 +300,78 @@ int main(int argc, char** argv) {
           [&] { return sets_show(cli, set_uuid); })
       ->add_option("SET", set_uuid, "a backup set's uuid")
       ->required();
+
+  CLI::App* job = app.add_subcommand("job", "the agent's job runs");
+  job->require_subcommand(1);
+  std::string run_id, definition_file;
+  command(job, "run", "start a run of a job definition (JSON)",
+          [&] { return job_run(cli, definition_file); })
+      ->add_option("FILE", definition_file, "the definition; - for standard input")
+      ->required();
+  command(job, "list", "the runs since the agent started", [&] { return job_list(cli); });
+  for (auto [name, what, body] :
+       {std::tuple{"status", "a run's state and the progress of its VMs", &job_status},
+        std::tuple{"stop", "stop a run (it ends cancelled)", &job_stop},
+        std::tuple{"log", "a run's log", &job_log}})
+    command(job, name, what, [&cli, &run_id, body = body] { return body(cli, run_id); })
+        ->add_option("RUN", run_id, "the run's id")
+        ->required();
+
+  Backup_Args backup_args;
+  bool incremental = false, no_wait = false;
+  double interval = 2;
+  CLI::App* backup = command(&app, "backup", "back up a host's VMs or named VMs into a pool", [&] {
+    if (backup_args.host.empty() == backup_args.vms.empty())
+      return usage_error(cli, "give either --host HOST or VM names");
+    backup_args.wait = !no_wait;
+    backup_args.interval = std::chrono::milliseconds(static_cast<long>(interval * 1000));
+    return backup_run(cli, backup_args);
+  });
+  backup->add_option("CVM", backup_args.cvm, "uuid or name")->required();
+  backup->add_option("VM", backup_args.vms, "VM names");
+  backup->add_option("--host", backup_args.host, "every VM of this host (id or name)")
+      ->check(a_value);
+  backup->add_option("--pool", backup_args.pool, "the storage pool (name or uuid)")
+      ->check(a_value)
+      ->required();
+  CLI::Option* full = backup->add_flag("--full", backup_args.full, "a full backup");
+  backup
+      ->add_flag("--incremental", incremental,
+                 "only what changed since the last backup (the default; full when a VM has none)")
+      ->excludes(full);
+  backup->add_option("--options", backup_args.options_file, "backup options: a JSON object file")
+      ->check(a_value);
+  // The common options as flags, named as in the options file; they win over the file.
+  for (auto [flag, key, what] :
+       {std::tuple{"--compression", "compression", "zstd, lz4, zlib or none (default: the pool's)"},
+        std::tuple{"--compression-level,--level", "compression_level", "compression level"},
+        std::tuple{"--parallel-vms", "parallel_vms", "VMs backed up at once (1-64, default 2)"},
+        std::tuple{"--parallel-vms-per-host", "parallel_vms_per_host",
+                   "VMs of one host at once (default 2)"},
+        std::tuple{"--parallel-disks-per-vm", "parallel_disks_per_vm",
+                   "disks of a VM at once (1-5, default 1)"},
+        std::tuple{"--parallel-workers-per-disk", "parallel_workers_per_disk",
+                   "transfers per disk (1-5, default 1)"}}) {
+    std::string key_name = key;
+    CLI::Option* option = backup->add_option_function<std::string>(
+        flag,
+        [&backup_args, key_name](const std::string& value) {
+          if (key_name == "compression")
+            backup_args.option_flags[key_name] = value;
+          else
+            backup_args.option_flags[key_name] = std::stol(value);
+        },
+        what);
+    option->check(key_name == "compression"
+                      ? CLI::Validator(CLI::IsMember({"zstd", "lz4", "zlib", "none"}))
+                      : a_whole_number);
+  }
+  CLI::Option* wait =
+      backup->add_flag("--wait", "wait for the run to end, showing progress (the default)");
+  backup->add_flag("--no-wait", no_wait, "print the run's id and return")->excludes(wait);
+  backup->add_option("--interval", interval, "seconds between progress updates")
+      ->check(CLI::Range(0.1, 3600.0))
+      ->capture_default_str();
 
   app.footer(
       "CVM is a registered CVM's uuid or name. The backup server and its administrator "

@@ -1,10 +1,20 @@
 #include "sim/cas/control.h"
 
+#include "host/core/crypto.h"
 #include "host/core/log.h"
 #include "host/core/text.h"
 
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <vector>
 
 namespace cas_sim {
 
@@ -47,6 +57,15 @@ Control_Api::Control_Api(Simulator& sim) : sim_(sim) {
   routes_.add(HTTP_Method::POST, "/sim/nonces/expire", &Control_Api::expire_nonces);
   routes_.add(HTTP_Method::GET, "/sim/world", &Control_Api::get_world);
   routes_.add(HTTP_Method::POST, "/sim/tasks", &Control_Api::post_task);
+  routes_.add(HTTP_Method::POST, "/sim/disks/write", &Control_Api::write_disk);
+  routes_.add(HTTP_Method::POST, "/sim/disks/import", &Control_Api::import_disk);
+  routes_.add(HTTP_Method::GET, "/sim/disks/digest", &Control_Api::disk_digest);
+  routes_.add(HTTP_Method::PUT, "/sim/disks/size", &Control_Api::resize_disk);
+  routes_.add(HTTP_Method::GET, "/sim/leftovers", &Control_Api::get_leftovers);
+  routes_.add(HTTP_Method::POST, "/sim/cvd/fail_reads", &Control_Api::fail_reads);
+  routes_.add(HTTP_Method::POST, "/sim/cvd/drop", &Control_Api::drop_connections);
+  routes_.add(HTTP_Method::POST, "/sim/cvd/hold", &Control_Api::hold_reads);
+  routes_.add(HTTP_Method::GET, "/sim/cvd/hold", &Control_Api::get_holds);
 }
 
 void Control_Api::attach(HTTP_Server& server) {
@@ -149,6 +168,254 @@ void Control_Api::post_task(const HTTP_Server_Request& request, HTTP_Server_Resp
     return response.error(400, error);
   response.json(
       {{"msgId", sim_.tasks().start(std::chrono::milliseconds(duration_ms), std::move(outcome))}});
+}
+
+namespace {
+
+// Reads the body's members with the shared extractor; false after a 400 answer.
+template <class F>
+bool body_members(const HTTP_Server_Request& request, HTTP_Server_Response& response, F&& read) {
+  JSON_Value json;
+  if (!body_json(request, response, json))
+    return false;
+  try {
+    read(json_object(json));
+    return true;
+  } catch (const JSON_Error& e) {
+    response.error(400, e.what());
+    return false;
+  }
+}
+
+// Opens a disk to write as its guest does; false after a 404 or 500 answer.
+bool open_for_writing(Simulator& sim, const std::string& disk, HTTP_Server_Response& response,
+                      Disk_Store::Opened& opened) {
+  opened = sim.disks().open(disk, "", true);
+  if (opened.error == 0)
+    return true;
+  response.error(opened.error == -ENOENT ? 404 : 500, "cannot open disk '" + disk + "'");
+  return false;
+}
+
+bool all_zero(const char* data, std::size_t length) {
+  return length == 0 || (data[0] == 0 && memcmp(data, data + 1, length - 1) == 0);
+}
+
+}  // namespace
+
+// Guest data at an offset: given bytes (base64) or a pattern of a length.
+void Control_Api::write_disk(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
+  std::string disk, data, encoded, pattern = "random";
+  std::uint64_t offset = 0, length = 0, seed = 0;
+  int byte = 0;
+  bool given = false;
+  if (!body_members(request, response, [&](const JSON_Value& obj) {
+        json_extract(obj, "disk", disk);
+        json_extract(obj, "offset", offset);
+        given = json_extract(obj, "base64", encoded, false);
+        if (!given) {
+          json_extract(obj, "length", length);
+          json_extract(obj, "pattern", pattern, false);
+          json_extract(obj, "seed", seed, false);
+          json_extract(obj, "byte", byte, false);
+        }
+      }))
+    return;
+  if (given && !base64_decode(encoded, data))
+    return response.error(400, "'base64' is expected as base64 text");
+  if (!given) {
+    if (length > (256u << 20) || (pattern != "random" && pattern != "byte"))
+      return response.error(400, "'pattern' is expected as random or byte, up to 256 MiB");
+    data.assign(length, static_cast<char>(byte));
+    std::uint64_t state = seed;
+    for (std::size_t i = 0; pattern == "random" && i < length; i += 8) {
+      std::uint64_t z = (state += 0x9e3779b97f4a7c15);
+      z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
+      z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
+      z ^= z >> 31;
+      memcpy(&data[i], &z, std::min<std::size_t>(8, length - i));
+    }
+  }
+  Disk_Store::Opened opened;
+  if (!open_for_writing(sim_, disk, response, opened))
+    return;
+  int error = sim_.disks().write(opened, offset, data.data(), data.size());
+  if (error)
+    return response.error(error == -EINVAL ? 400 : 500, "cannot write disk '" + disk + "' there");
+  response.json({{"written", data.size()}});
+}
+
+// A whole raw image (a file system made with mkfs, ...) becomes the disk's content.
+void Control_Api::import_disk(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
+  std::string disk, file;
+  if (!body_members(request, response, [&](const JSON_Value& obj) {
+        json_extract(obj, "disk", disk);
+        json_extract(obj, "file", file);
+      }))
+    return;
+  Disk_Store::Opened opened;
+  if (!open_for_writing(sim_, disk, response, opened))
+    return;
+  Unique_Fd in(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat st = {};
+  if (!in || fstat(in.get(), &st) != 0 || static_cast<std::uint64_t>(st.st_size) > opened.size)
+    return response.error(400, "cannot import '" + file + "': unreadable or larger than the disk");
+  std::vector<char> piece(Disk_Store::block_size * 16), old(piece.size());
+  std::uint64_t written = 0;
+  for (std::uint64_t at = 0; at < opened.size; at += piece.size()) {
+    ssize_t n = pread(in.get(), piece.data(), piece.size(), static_cast<off_t>(at));
+    std::size_t length =
+        static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), opened.size - at));
+    if (n < 0)
+      return response.error(500, "cannot read '" + file + "'");
+    memset(piece.data() + n, 0, length - static_cast<std::size_t>(n));
+    // Zeros are written only over data, so that holes stay holes.
+    if (all_zero(piece.data(), length) &&
+        (sim_.disks().read(opened, at, old.data(), length) < 0 || all_zero(old.data(), length)))
+      continue;
+    if (sim_.disks().write(opened, at, piece.data(), length) != 0)
+      return response.error(500, "cannot write disk '" + disk + "'");
+    written += length;
+  }
+  response.json({{"written", written}});
+}
+
+// SHA-256 of the disk or of its snapshot over a range (default: all of it).
+void Control_Api::disk_digest(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
+  auto disk = request.query.find("disk");
+  auto snapshot = request.query.find("snapshot");
+  std::uint64_t offset = 0, length = UINT64_MAX;
+  if (disk == request.query.end() || !query_number(request, "offset", offset) ||
+      !query_number(request, "length", length))
+    return response.error(400, "'disk' is required, 'offset' and 'length' are byte counts");
+  Disk_Store::Opened opened = sim_.disks().open(
+      disk->second, snapshot == request.query.end() ? "" : snapshot->second, false);
+  if (opened.error)
+    return response.error(opened.error == -ENOENT ? 404 : 500,
+                          "cannot open disk '" + disk->second + "'");
+  offset = std::min(offset, opened.size);
+  length = std::min(length, opened.size - offset);
+  std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+  EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr);
+  std::vector<char> piece(4 << 20);
+  for (std::uint64_t done = 0; done < length;) {
+    long n = sim_.disks().read(
+        opened, offset + done, piece.data(),
+        static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), length - done)));
+    if (n <= 0)
+      return response.error(500, "cannot read disk '" + disk->second + "'");
+    EVP_DigestUpdate(ctx.get(), piece.data(), static_cast<std::size_t>(n));
+    done += static_cast<std::uint64_t>(n);
+  }
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int md_length = 0;
+  EVP_DigestFinal_ex(ctx.get(), md, &md_length);
+  static const char hex[] = "0123456789abcdef";
+  std::string text;
+  for (unsigned int i = 0; i < md_length; ++i)
+    text += {hex[md[i] >> 4], hex[md[i] & 15]};
+  response.json({{"sha256", text}, {"offset", offset}, {"length", length}});
+}
+
+// A disk grows, as when an administrator expands it: its CBTers become invalid.
+void Control_Api::resize_disk(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
+  std::string disk;
+  std::int64_t size_mib = 0;
+  if (!body_members(request, response, [&](const JSON_Value& obj) {
+        json_extract(obj, "disk", disk);
+        json_extract(obj, "size_mib", size_mib);
+      }))
+    return;
+  if (size_mib < 1)
+    return response.error(400, "'size_mib' is expected as a positive number");
+  if (!sim_.disks().resize(disk, static_cast<std::uint64_t>(size_mib) << 20))
+    return response.error(409, "cannot resize disk '" + disk + "'");
+  sim_.change_world([&](World& world) {
+    for (Host& host : world.hosts)
+      for (VM& vm : host.vms)
+        for (Disk& d : vm.disks)
+          if (d.path == disk)
+            d.size_mib = d.allocation_mib = size_mib;
+  });
+  response.json({{"disk", disk}, {"size_mib", size_mib}});
+}
+
+// What backups may leave behind: every snapshot of the world's VMs and every CBTer of a disk.
+void Control_Api::get_leftovers(const HTTP_Server_Request&, HTTP_Server_Response& response) {
+  JSON_Value snapshots = JSON_Value::array(), cbters = JSON_Value::array();
+  sim_.with_world([&](const World& world) {
+    std::function<void(const VM&, const std::vector<Snapshot>&)> walk =
+        [&](const VM& vm, const std::vector<Snapshot>& tree) {
+          for (const Snapshot& s : tree) {
+            snapshots.push_back(
+                {{"vm_id", vm.id}, {"vm", vm.name}, {"name", s.name}, {"internal", s.internal}});
+            walk(vm, s.children);
+          }
+        };
+    for (const Host& host : world.hosts)
+      for (const VM& vm : host.vms)
+        walk(vm, vm.snapshots);
+  });
+  for (const auto& [disk, names] : sim_.disks().leftovers().trackers)
+    for (const std::string& name : names)
+      cbters.push_back({{"disk", disk}, {"name", name}});
+  response.json({{"snapshots", std::move(snapshots)}, {"cbters", std::move(cbters)}});
+}
+
+// Reads of one disk through the disk service fail with -EIO while "fail" is true.
+void Control_Api::fail_reads(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
+  std::string disk;
+  bool fail = true;
+  if (!body_members(request, response, [&](const JSON_Value& obj) {
+        json_extract(obj, "disk", disk);
+        json_extract(obj, "fail", fail, false);
+      }))
+    return;
+  if (!sim_.disks().fail_reads(disk, fail))
+    return response.error(404, "no disk '" + disk + "'");
+  response.json({{"disk", disk}, {"fail", fail}});
+}
+
+// The next `count` connections that read (of "disk" when given) are dropped after `after_bytes`
+// bytes of disk data.
+void Control_Api::drop_connections(const HTTP_Server_Request& request,
+                                   HTTP_Server_Response& response) {
+  std::uint64_t after_bytes = 0;
+  int count = 1;
+  std::string disk;
+  if (!body_members(request, response, [&](const JSON_Value& obj) {
+        json_extract(obj, "after_bytes", after_bytes);
+        json_extract(obj, "count", count, false);
+        json_extract(obj, "disk", disk, false);
+      }))
+    return;
+  if (count < 0)
+    return response.error(400, "'count' is expected as a number of connections");
+  if (!sim_.disks().drop_connections(after_bytes, count, disk))
+    return response.error(404, "no disk '" + disk + "'");
+  response.json({{"after_bytes", after_bytes}, {"count", count}});
+}
+
+// Reads of one disk through the disk service block while "hold" is true.
+void Control_Api::hold_reads(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
+  std::string disk;
+  bool hold = true;
+  if (!body_members(request, response, [&](const JSON_Value& obj) {
+        json_extract(obj, "disk", disk);
+        json_extract(obj, "hold", hold, false);
+      }))
+    return;
+  if (!sim_.disks().hold_reads(disk, hold))
+    return response.error(404, "no disk '" + disk + "'");
+  response.json({{"disk", disk}, {"hold", hold}});
+}
+
+// The held disks, each with the number of readers waiting on it.
+void Control_Api::get_holds(const HTTP_Server_Request&, HTTP_Server_Response& response) {
+  JSON_Value held = JSON_Value::object();
+  for (const auto& [disk, waiting] : sim_.disks().held_readers())
+    held[disk] = waiting;
+  response.json({{"waiting", std::move(held)}});
 }
 
 }  // namespace cas_sim

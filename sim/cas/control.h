@@ -30,6 +30,16 @@ class Control_Api {
   void expire_nonces(const HTTP_Server_Request& request, HTTP_Server_Response& response);
   void get_world(const HTTP_Server_Request& request, HTTP_Server_Response& response);
   void post_task(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  // Guest data, digests, leftovers and disk service faults (disks of the world).
+  void write_disk(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void import_disk(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void disk_digest(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void resize_disk(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void get_leftovers(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void fail_reads(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void drop_connections(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void hold_reads(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void get_holds(const HTTP_Server_Request& request, HTTP_Server_Response& response);
 
   Simulator& sim_;
   Path_Router<Handler> routes_;

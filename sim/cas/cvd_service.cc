@@ -77,13 +77,12 @@ class Session {
   // cache: one copy fewer than reading into a buffer first, which made reads about a third faster
   // with two or more connections.
   struct Open_Disk {
-    Unique_Fd fd;
-    std::uint64_t size = 0;
+    Disk_Store::Opened opened;
     bool writable = false;
-    const char* data = nullptr;  // the mapping; null for an empty image
+    const char* data = nullptr;  // the mapping of the disk's own image; null for a snapshot
     ~Open_Disk() {
       if (data)
-        munmap(const_cast<char*>(data), size);
+        munmap(const_cast<char*>(data), opened.size);
     }
   };
 
@@ -97,6 +96,13 @@ class Session {
     if (size > capacity_) {
       buffer_.reset(new char[size]);
       capacity_ = size;
+    }
+  }
+
+  void reserve_read(std::size_t size) {
+    if (size > read_capacity_) {
+      read_buffer_.reset(new char[size]);
+      read_capacity_ = size;
     }
   }
 
@@ -162,21 +168,21 @@ class Session {
     if (opened.error)
       return reply(request, opened.error);
     auto disk = std::make_unique<Open_Disk>();
-    disk->fd = std::move(opened.fd);
-    disk->size = opened.size;
     disk->writable = writable;
-    if (disk->size) {
-      void* data = mmap(nullptr, disk->size, PROT_READ, MAP_SHARED, disk->fd.get(), 0);
+    if (opened.size && opened.fd >= 0) {
+      void* data = mmap(nullptr, opened.size, PROT_READ, MAP_SHARED, opened.fd, 0);
       if (data == MAP_FAILED) {
         LOG_MSG((LM_ERROR, "cvd-ds: failed to map disk '%s': %m.\n", path.c_str()));
         return reply(request, -EIO);
       }
       disk->data = static_cast<const char*>(data);
     }
+    std::uint64_t size = opened.size;
+    disk->opened = std::move(opened);
     std::uint32_t handle = ++last_handle_;
     disks_[handle] = std::move(disk);
     std::string payload;
-    Payload_Writer(payload).u32(handle).u64(opened.size);
+    Payload_Writer(payload).u32(handle).u64(size);
     return reply(request, 0, payload.data(), payload.size());
   }
 
@@ -191,9 +197,24 @@ class Session {
     if (it == disks_.end() || length > max_io)
       return reply(request, -EINVAL);
     const Open_Disk& disk = *it->second;
-    std::size_t wanted =
-        offset >= disk.size ? 0 : std::min<std::uint64_t>(length, disk.size - offset);
-    return reply(request, 0, wanted ? disk.data + offset : nullptr, wanted);
+    const std::uint64_t size = disk.opened.size;
+    std::size_t wanted = offset >= size ? 0 : std::min<std::uint64_t>(length, size - offset);
+    if (wanted && !drop_checked_)
+      dropping_ = sim_.disks().take_drop(disk.opened, drop_budget_), drop_checked_ = true;
+    if (dropping_ && sent_ + wanted > drop_budget_) {
+      broken("dropped by a fault after " + std::to_string(sent_) + " bytes");
+      return false;
+    }
+    sent_ += wanted;
+    sim_.disks().wait_while_held(disk.opened);
+    // Snapshots, and disks whose reads fail by a fault, are read through the store.
+    if (disk.data && !Disk_Store::reads_fail(disk.opened))
+      return reply(request, 0, wanted ? disk.data + offset : nullptr, wanted);
+    reserve_read(wanted);
+    long n = sim_.disks().read(disk.opened, offset, read_buffer_.get(), wanted);
+    if (n < 0)
+      return reply(request, static_cast<int>(n));
+    return reply(request, 0, read_buffer_.get(), static_cast<std::size_t>(n));
   }
 
   bool write(const Header& request, Payload_Reader& in) {
@@ -207,21 +228,10 @@ class Session {
     std::size_t length = request.payload_length - write_prefix;
     auto it = disks_.find(handle);
     const Open_Disk* disk = it == disks_.end() ? nullptr : it->second.get();
-    if (!disk || !disk->writable || offset > disk->size || length > disk->size - offset)
+    if (!disk || !disk->writable || offset > disk->opened.size ||
+        length > disk->opened.size - offset)
       return reply(request, -EINVAL);
-    for (std::size_t done = 0; done < length;) {
-      ssize_t n =
-          pwrite(disk->fd.get(), data + done, length - done, static_cast<off_t>(offset + done));
-      if (n < 0 && errno == EINTR)
-        continue;
-      if (n <= 0) {
-        LOG_MSG((LM_ERROR, "cvd-ds: failed to write disk %u of %s at %Q: %m.\n", handle,
-                 peer_.c_str(), static_cast<unsigned long long>(offset + done)));
-        return reply(request, -EIO);
-      }
-      done += static_cast<std::size_t>(n);
-    }
-    return reply(request, 0);
+    return reply(request, sim_.disks().write(disk->opened, offset, data, length));
   }
 
   bool close(const Header& request, Payload_Reader& in) {
@@ -241,6 +251,11 @@ class Session {
   std::uint32_t last_handle_ = 0;
   std::unique_ptr<char[]> buffer_;  // the payload received
   std::size_t capacity_ = 0;
+  std::unique_ptr<char[]> read_buffer_;  // the data of an answer read through the store
+  std::size_t read_capacity_ = 0;
+  // A fault may drop this connection once it has sent `drop_budget_` bytes of disk data.
+  bool drop_checked_ = false, dropping_ = false;
+  std::uint64_t drop_budget_ = 0, sent_ = 0;
 };
 
 }  // namespace
@@ -336,8 +351,9 @@ void CVD_Service::reap(bool all) {
 void CVD_Service::stop() {
   if (stopping_.exchange(true) || !listener_)
     return;
-  // Wakes the blocked accept() and every connection's poll() or recv().
+  // Wakes the blocked accept(), every connection's poll() or recv() and held reads.
   shutdown(listener_.get(), SHUT_RDWR);
+  sim_.disks().release_holds();
   acceptor_.join();
   {
     std::lock_guard<std::mutex> lock(mutex_);

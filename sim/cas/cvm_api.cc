@@ -127,6 +127,7 @@ CVM_Api::CVM_Api(Simulator& sim) : sim_(sim) {
   routes_.add(HTTP_Method::GET, "/cas/casrs/operator/operatorInfoList", &CVM_Api::operator_list);
   routes_.add(HTTP_Method::GET, "/cas/casrs/datacenter/casVersion", &CVM_Api::cas_version);
   add_inventory_routes();
+  add_vm_routes();
 }
 
 void CVM_Api::attach(HTTP_Server& server) {
@@ -182,7 +183,7 @@ bool CVM_Api::answer_i(const HTTP_Server_Request& request, HTTP_Server_Response&
   }
 
   Fault fault;
-  if (sim_.take_fault(request.method_text, request.path, fault))
+  if (sim_.take_fault(request.method_text, request.path, request.body, fault))
     return apply_fault_i(fault, request, response);
 
   const Handler* handler = nullptr;

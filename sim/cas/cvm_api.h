@@ -65,6 +65,17 @@ class CVM_Api {
   void port_profile_list(const Call& call, HTTP_Server_Response& response);
   void task_progress(const Call& call, HTTP_Server_Response& response);
 
+  // Snapshots, CBTers, block lists and power (cvm_vm.cc).
+  void add_vm_routes();
+  void snapshot_create(const Call& call, HTTP_Server_Response& response);
+  void snapshot_delete(const Call& call, HTTP_Server_Response& response);
+  void data_blocks(const Call& call, HTTP_Server_Response& response);
+  void changed_blocks(const Call& call, HTTP_Server_Response& response);
+  void tracker_create(const Call& call, HTTP_Server_Response& response);
+  void tracker_info(const Call& call, HTTP_Server_Response& response);
+  void tracker_delete(const Call& call, HTTP_Server_Response& response);
+  void vm_power(const Call& call, HTTP_Server_Response& response);
+
   Simulator& sim_;
   HTTP_Server* server_ = nullptr;
   Path_Router<Handler> routes_;

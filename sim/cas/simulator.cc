@@ -14,7 +14,27 @@ Simulator::Simulator(World world, std::string data_dir)
 
 World Simulator::world() const {
   std::lock_guard<std::mutex> lock(mutex_);
+  settle_i();
   return world_;
+}
+
+void Simulator::change_status_at(std::int64_t vm_id, std::string status,
+                                 std::chrono::steady_clock::time_point when) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  status_changes_.push_back({vm_id, std::move(status), when});
+}
+
+void Simulator::settle_i() const {
+  auto now = std::chrono::steady_clock::now();
+  auto due = [&](const Status_Change& c) { return c.when <= now; };
+  for (const Status_Change& c : status_changes_)
+    if (due(c))
+      for (Host& host : world_.hosts)
+        for (VM& vm : host.vms)
+          if (vm.id == c.vm_id)
+            vm.status = c.status;
+  status_changes_.erase(std::remove_if(status_changes_.begin(), status_changes_.end(), due),
+                        status_changes_.end());
 }
 
 Knobs Simulator::knobs() const {
@@ -58,10 +78,13 @@ std::int64_t Simulator::add_fault(Fault fault) {
   return last_fault_id_;
 }
 
-bool Simulator::take_fault(const std::string& method, const std::string& path, Fault& fault) {
+bool Simulator::take_fault(const std::string& method, const std::string& path,
+                           const std::string& body, Fault& fault) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = std::find_if(world_.faults.begin(), world_.faults.end(), [&](const Fault& f) {
-    return path.compare(0, f.path.size(), f.path) == 0 && (f.method.empty() || f.method == method);
+    return path.compare(0, f.path.size(), f.path) == 0 &&
+           (f.method.empty() || f.method == method) &&
+           body.find(f.request_contains) != std::string::npos;
   });
   if (it == world_.faults.end())
     return false;

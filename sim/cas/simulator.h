@@ -9,6 +9,7 @@
 #include "sim/cas/tasks.h"
 #include "sim/cas/world.h"
 
+#include <chrono>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -26,8 +27,19 @@ class Simulator {
   template <class F>
   auto with_world(F&& f) const {
     std::lock_guard<std::mutex> lock(mutex_);
+    settle_i();
     return f(static_cast<const World&>(world_));
   }
+  // The same for a change of the world (the CVM's own operations).
+  template <class F>
+  auto change_world(F&& f) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    settle_i();
+    return f(world_);
+  }
+  // The status of VM `vm_id` becomes `status` at `when`: state changes take time on a CVM.
+  void change_status_at(std::int64_t vm_id, std::string status,
+                        std::chrono::steady_clock::time_point when);
   Knobs knobs() const;
   std::string version() const;
   std::vector<Operator> operators() const;
@@ -40,7 +52,8 @@ class Simulator {
   std::int64_t add_fault(Fault fault);
   // The first fault (in the order added) that matches the request, counting the hit; a fault
   // whose count runs out is removed.
-  bool take_fault(const std::string& method, const std::string& path, Fault& fault);
+  bool take_fault(const std::string& method, const std::string& path, const std::string& body,
+                  Fault& fault);
   // Removes one fault by id, or every fault for id 0; returns how many went.
   std::size_t remove_faults(std::int64_t id);
   std::vector<Fault> faults() const;
@@ -52,8 +65,17 @@ class Simulator {
   const std::string& data_dir() const { return data_dir_; }
 
  private:
+  // Applies the status changes that are due.
+  void settle_i() const;
+
   mutable std::mutex mutex_;
-  World world_;
+  mutable World world_;  // changes that come due are applied by readers too
+  struct Status_Change {
+    std::int64_t vm_id;
+    std::string status;
+    std::chrono::steady_clock::time_point when;
+  };
+  mutable std::vector<Status_Change> status_changes_;
   std::int64_t last_fault_id_ = 0;
   Digest_Verifier digest_;
   Request_Log requests_;

@@ -169,7 +169,7 @@ const char* kind_name(Fault::Kind kind) {
 Fault parse_fault(const JSON_Value& obj) {
   // "id" is written by dump_fault; the simulator numbers faults itself.
   check_keys(obj, {"id", "path", "method", "count", "kind", "status", "error_code", "error_message",
-                   "body"});
+                   "body", "request_contains"});
   Fault fault;
   json_extract(obj, "path", fault.path);
   if (fault.path.empty() || fault.path[0] != '/')
@@ -198,6 +198,7 @@ Fault parse_fault(const JSON_Value& obj) {
   json_extract(obj, "error_code", fault.error_code, false);
   json_extract(obj, "error_message", fault.error_message, false);
   json_extract(obj, "body", fault.body, false);
+  json_extract(obj, "request_contains", fault.request_contains, false);
   check_header_text("error_code", fault.error_code);
   check_header_text("error_message", fault.error_message);
   return fault;
@@ -247,11 +248,22 @@ Disk parse_disk(const JSON_Value& obj, const Inventory_Index& index) {
   disk.allocation_mib = disk.size_mib;
   extract_in_range<std::int64_t>(obj, "allocation_mib", disk.allocation_mib, 0, disk.size_mib);
   extract_choice(obj, "format", disk.format, {"raw", "qcow2"}, "raw or qcow2");
-  extract_choice(obj, "file_type", disk.file_type, {"file", "block"}, "file or block");
-  bool file = disk.file_type == "file";
+  extract_choice(obj, "file_type", disk.file_type, {"file", "block", "network"},
+                 "file, block or network");
+  // "network": an RBD image of a pool of type rbd.
+  bool file = disk.file_type != "block";
   if (json_extract(obj, "pool", disk.pool, file) && !index.pools.count(disk.pool))
     json_throw_type("pool", "the name of a pool");
-  extract_path(obj, "path", disk.path);
+  if (disk.file_type == "network") {
+    // An RBD image is named "<pool>/<image>", as CAS reports it.
+    json_extract(obj, "path", disk.path);
+    std::size_t slash = disk.path.find('/');
+    if (slash == 0 || slash == std::string::npos || slash + 1 == disk.path.size() ||
+        disk.path.find('/', slash + 1) != std::string::npos)
+      json_throw_type("path", "'<pool>/<image>' for a network disk");
+  } else {
+    extract_path(obj, "path", disk.path);
+  }
   json_extract(obj, "target_bus", disk.target_bus, false);
   json_extract(obj, "cache_type", disk.cache_type, false);
   // CAS reports a provisioning mode for image files only, unless told otherwise.
@@ -584,6 +596,8 @@ JSON_Value dump_fault(const Fault& fault) {
     out["error_message"] = fault.error_message;
   if (!fault.body.empty())
     out["body"] = fault.body;
+  if (!fault.request_contains.empty())
+    out["request_contains"] = fault.request_contains;
   return out;
 }
 

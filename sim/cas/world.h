@@ -44,7 +44,7 @@ struct Disk {
   std::int64_t size_mib = 0;
   std::int64_t allocation_mib = 0;
   std::string format = "qcow2";
-  std::string file_type = "file";  // "file": an image in a pool; "block": a device
+  std::string file_type = "file";  // "file": an image in a pool; "block": a device; "network": RBD
   std::string pool;                // empty: none
   std::string path;
   std::string target_bus = "virtio";
@@ -163,8 +163,9 @@ struct Fault {
   enum class Kind { STATUS, EMPTY, NOT_JSON, CLOSE };
   std::int64_t id = 0;  // given by the simulator when the fault is added
   std::string path;
-  std::string method;      // "GET", ...; empty: any method
-  std::int64_t count = 0;  // requests still to hit; 0: every request until removed
+  std::string method;            // "GET", ...; empty: any method
+  std::string request_contains;  // empty: any request body
+  std::int64_t count = 0;        // requests still to hit; 0: every request until removed
   Kind kind = Kind::STATUS;
   int status = 500;  // for STATUS
   std::string error_code;

@@ -26,6 +26,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
@@ -408,6 +409,35 @@ int cvd_deinit(void) {
   return inited ? 0 : -EINVAL;
 }
 
+namespace {
+
+// Where a CVK's disk service really is: the environment variable CVD_SIM_ADDRESS_MAP holds
+// "host:port=host:port" pairs separated by commas ("192.168.10.11:8192=127.0.0.1:41235"); a
+// left side "*" stands for any address. The first pair that matches wins; without one the address
+// is used as given.
+void map_address(std::string& host, int& port) {
+  const char* map = getenv("CVD_SIM_ADDRESS_MAP");
+  std::string from = host + ":" + std::to_string(port);
+  std::istringstream pairs(map ? map : "");
+  for (std::string pair; std::getline(pairs, pair, ',');) {
+    std::size_t equals = pair.find('='), colon = pair.rfind(':');
+    if (equals == std::string::npos || colon == std::string::npos || colon < equals)
+      continue;
+    if (pair.compare(0, equals, from) != 0 && pair.compare(0, equals, "*") != 0)
+      continue;
+    int to_port = atoi(pair.c_str() + colon + 1);
+    if (to_port < 1 || to_port > 65535)
+      continue;
+    log_line(LOG_DEBUG, "The disk service of %s is at %s.", from.c_str(),
+             pair.c_str() + equals + 1);
+    host = pair.substr(equals + 1, colon - equals - 1);
+    port = to_port;
+    return;
+  }
+}
+
+}  // namespace
+
 int cvd_connect(const cvd_connect_param* param, cvd_conn_t* conn) {
   return guarded([&] {
     if (!settings.inited || !param || !conn || !param->host || !valid_text(param->user) ||
@@ -420,6 +450,7 @@ int cvd_connect(const cvd_connect_param* param, cvd_conn_t* conn) {
     c->user = param->user;
     c->password = param->password;
     c->note = param->extra ? param->extra : "";
+    map_address(c->host, c->port);
     // The credentials are checked now; each disk opens a connection of its own later.
     Channel channel;
     int error = channel.dial(c->host, c->port);

@@ -13,7 +13,6 @@
 #include <vector>
 
 namespace {
-
 struct Memory_Reader : Image_Reader {
   Memory_Reader(std::string_view data, std::size_t buffer_size)
       : Image_Reader(buffer_size), rest_(data) {}
@@ -54,7 +53,6 @@ void write_seeds(const std::string& dir) {
     std::ofstream(dir + "/seed" + std::to_string(codec)) << w.bytes;
   }
 }
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {

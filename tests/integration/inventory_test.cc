@@ -8,7 +8,6 @@
 #include <vector>
 
 namespace {
-
 const std::string web01 = R"({"id": "101", "name": "web01", "title": "Web server",
   "status": "poweron", "host_id": "1", "host_name": "cvk01", "os": "Ubuntu 22.04", "cpu": 2,
   "memory_mbytes": 2048, "uuid": "4d7f6c3a-0000-4000-8000-000000000101"})";
@@ -30,12 +29,10 @@ JSON_Value tagged(const std::string& subtype, const std::string& records, bool e
 JSON_Value error(int code, const std::string& message) {
   return {{"code", code}, {"message", message}};
 }
-
 JSON_Value invalid(const char* key, const char* type = "string") {
   return error(-32602,
                std::string("Invalid params: '") + key + "' is expected as " + type + " in params.");
 }
-
 using Inventory = Lab_Test;
 
 TEST_F(Inventory, CliAndAgentListSearchVerifyAndNameWhatIsWrongOrFailed) {
@@ -120,44 +117,41 @@ web01  Web server  poweron  Ubuntu 22.04  2     2.0 GiB  cvk01
     JSON_Value listed = JSON_Value::parse(stack_.cli(args).out, nullptr, false);
     EXPECT_EQ(listed, tagged(subtype, records, line == "ls lab")) << line;
   }
-  struct {
-    std::string args;
-    int exit_code;
-    std::string err, command = "", out = "";  // usage errors point at the command's --help
-  } failures[] = {
+  // arguments, error, output; usage errors (exit status 2) point at their command's --help
+  const std::tuple<std::string, std::string, std::string, std::string> failures[] = {
       // The found VMs are listed, the missing ones named, and the status says so.
-      {"verify lab ghost App01 phantom", 1, "VMs not found: 'ghost', 'phantom'", "",
+      {"verify lab ghost App01 phantom", "VMs not found: 'ghost', 'phantom'", "",
        R"(NAME   TITLE        STATUS     OS  CPUS  MEMORY   HOST
 app01  Application  suspended      1     1.0 GiB  cvk02
 )"},
-      {"--json verify lab ghost", 1, "VMs not found: 'ghost'", "", "[]\n"},
-      {"ls lab vms cvk09", 1, "no host 'cvk09' on this CVM"},
-      {"ls lab pools edge", 1, "several hosts are named 'edge' (ids 3 4); give the host id"},
-      {"cvm add --host h --username u --password-stdin", 1, "no password given"},
-      {"cvm test wrong-password", 1, "login to 127.0.0.1 failed: Invalid CVM username or password"},
-      {"", 2, "A subcommand is required", " "},
-      {"--json cvm frobnicate", 2, "unknown command 'cvm frobnicate'", " cvm "},
-      {"cvm add --host h --username u --password x", 2,
+      {"--json verify lab ghost", "VMs not found: 'ghost'", "", "[]\n"},
+      {"ls lab vms cvk09", "no host 'cvk09' on this CVM", "", ""},
+      {"ls lab pools edge", "several hosts are named 'edge' (ids 3 4); give the host id", "", ""},
+      {"cvm add --host h --username u --password-stdin", "no password given", "", ""},
+      {"cvm test wrong-password", "login to 127.0.0.1 failed: Invalid CVM username or password", "",
+       ""},
+      {"", "A subcommand is required", " ", ""},
+      {"--json cvm frobnicate", "unknown command 'cvm frobnicate'", " cvm ", ""},
+      {"cvm add --host h --username u --password x",
        "passwords are never taken from the command line; use the prompt or --password-stdin",
-       " cvm add "},
-      {"cvm add --host h --username u --port 0", 2, "--port: Value 0 not in range 1 to 65535",
-       " cvm add "},
-      {"ls", 2, "CVM is required", " ls "},
-      {"ls lab datastores", 2, "unknown listing 'ls CVM datastores'", " ls "},
-      {"ls lab volumes cvk01", 2, "'ls CVM volumes' needs HOST POOL", " ls "},
-      {"ls lab vms", 2, "'ls CVM vms' needs HOST", " ls "},
-      {"ls lab profiles extra", 2, "unexpected argument 'extra'", " ls "},
-      {"search lab vms web --ip", 2, "--ip applies to host searches only", " search "},
-      {"search lab pools x", 2, "KIND: pools not in {hosts,vms}", " search "},
-      {"verify lab", 2, "NAME is required", " verify "},
+       " cvm add ", ""},
+      {"cvm add --host h --username u --port 0", "--port: Value 0 not in range 1 to 65535",
+       " cvm add ", ""},
+      {"ls", "CVM is required", " ls ", ""},
+      {"ls lab datastores", "unknown listing 'ls CVM datastores'", " ls ", ""},
+      {"ls lab volumes cvk01", "'ls CVM volumes' needs HOST POOL", " ls ", ""},
+      {"ls lab vms", "'ls CVM vms' needs HOST", " ls ", ""},
+      {"ls lab profiles extra", "unexpected argument 'extra'", " ls ", ""},
+      {"search lab vms web --ip", "--ip applies to host searches only", " search ", ""},
+      {"search lab pools x", "KIND: pools not in {hosts,vms}", " search ", ""},
+      {"verify lab", "NAME is required", " verify ", ""},
   };
   stack_.add_cvm("wrong-password", sim_port_, "intruder", "not it");
-  for (const auto& c : failures) {
-    Run_Result r = stack_.cli(words(c.args));
-    EXPECT_EQ(r.exit_code, c.exit_code) << c.args;
-    EXPECT_EQ(r.out, c.out) << c.args;
-    std::string hint = "Run 'brimlet" + c.command + "--help' for usage.\n";
-    EXPECT_EQ(r.err, "brimlet: " + c.err + "\n" + (c.command.empty() ? "" : hint)) << c.args;
+  for (const auto& [args, err, command, out] : failures) {
+    Run_Result r = stack_.cli(words(args));
+    EXPECT_EQ(std::tuple(r.exit_code, r.out), std::tuple(command.empty() ? 1 : 2, out)) << args;
+    std::string hint = "Run 'brimlet" + command + "--help' for usage.\n";
+    EXPECT_EQ(r.err, "brimlet: " + err + "\n" + (command.empty() ? "" : hint)) << args;
   }
   // Every CVM request failing once signed in.
   const JSON_Value e500 = {{"status", 500}, {"error_code", "500"}, {"error_message", "内部错误"}};
@@ -172,35 +166,33 @@ app01  Application  suspended      1     1.0 GiB  cvk02
   const char* hs = R"({"subtype": "HostSystem"})";
   const JSON_Value none = JSON_Value::array();
   // The sorted names of the records or the error, with the CVM answering `fault` if given.
-  struct {
-    std::string params;
-    JSON_Value expected, fault = nullptr;
-  } exchanges[] = {
-      {search("HostSystem", "CVK0"), {"cvk01", "cvk02"}},
-      {search("HostSystem", "10.1.0."), {"edge", "edge"}},              // by address too
-      {search("HostSystem", "cvk", R"(, "search_type": "ip")"), none},  // by address only
-      {search("VirtualMachine", "applic"), {"app01"}},                  // by title
-      {search("VirtualMachine", "数据库"), {"db01"}},
-      {search("VirtualMachine", ""), {"app01", "db01", "web01"}},
+  const std::tuple<std::string, JSON_Value, JSON_Value> exchanges[] = {
+      {search("HostSystem", "CVK0"), {"cvk01", "cvk02"}, nullptr},
+      {search("HostSystem", "10.1.0."), {"edge", "edge"}, nullptr},              // by address too
+      {search("HostSystem", "cvk", R"(, "search_type": "ip")"), none, nullptr},  // by address only
+      {search("VirtualMachine", "applic"), {"app01"}, nullptr},                  // by title
+      {search("VirtualMachine", "数据库"), {"db01"}, nullptr},
+      {search("VirtualMachine", ""), {"app01", "db01", "web01"}, nullptr},
       // Each existing VM once, whatever the case; names that are not strings are skipped.
       {R"({"subtype": "verify", "vms": ["WEB01", "ghost", 7, null, "app01", "web01", "App01"]})",
-       {"app01", "web01"}},
-      {R"({"subtype": "verify", "vms": []})", none},
-      {"[1, 2]", error(-32602, "Invalid params: params type must be object.")},
-      {R"({"uuid": 5, "subtype": "HostSystem"})", invalid("uuid")},
-      {R"({"subtype": true})", invalid("subtype")},
-      {R"({"subtype": "hostsystem"})", error(-32602, "Invalid value of params 'subtype'")},
-      {R"({"subtype": "VirtualMachine"})", invalid("host_id")},
-      {R"({"subtype": "HostSystemDetail", "host_id": 1})", invalid("host_id")},
-      {R"({"subtype": "StorageVolume", "host_id": "1"})", invalid("pool_name")},
-      {R"({"subtype": "search", "search": "x"})", invalid("type")},
-      {search("StoragePool", "x"), error(-32602, "Invalid value of params 'type'.")},
-      {R"({"subtype": "search", "type": "HostSystem"})", invalid("search")},
-      {R"({"subtype": "verify"})", invalid("vms", "array")},
-      {R"({"subtype": "verify", "vms": "web01"})", invalid("vms", "array")},
+       {"app01", "web01"},
+       nullptr},
+      {R"({"subtype": "verify", "vms": []})", none, nullptr},
+      {"[1, 2]", error(-32602, "Invalid params: params type must be object."), nullptr},
+      {R"({"uuid": 5, "subtype": "HostSystem"})", invalid("uuid"), nullptr},
+      {R"({"subtype": true})", invalid("subtype"), nullptr},
+      {R"({"subtype": "hostsystem"})", error(-32602, "Invalid value of params 'subtype'"), nullptr},
+      {R"({"subtype": "VirtualMachine"})", invalid("host_id"), nullptr},
+      {R"({"subtype": "HostSystemDetail", "host_id": 1})", invalid("host_id"), nullptr},
+      {R"({"subtype": "StorageVolume", "host_id": "1"})", invalid("pool_name"), nullptr},
+      {R"({"subtype": "search", "search": "x"})", invalid("type"), nullptr},
+      {search("StoragePool", "x"), error(-32602, "Invalid value of params 'type'."), nullptr},
+      {R"({"subtype": "search", "type": "HostSystem"})", invalid("search"), nullptr},
+      {R"({"subtype": "verify"})", invalid("vms", "array"), nullptr},
+      {R"({"subtype": "verify", "vms": "web01"})", invalid("vms", "array"), nullptr},
       // An entry the backup server does not hold.
       {R"({"uuid": "00000000-0000-0000-0000-000000000000", "subtype": "HostSystem"})",
-       error(-32603, "Failed to get CVM info from server.")},
+       error(-32603, "Failed to get CVM info from server."), nullptr},
       {hs, failed("list CAS hosts."), e500},
       {on1("HostSystemDetail"), failed("get CAS CVK details."), e500},
       {on1("VirtualMachine"), failed("list CAS virtual machines."), e500},
@@ -215,8 +207,8 @@ app01  Application  suspended      1     1.0 GiB  cvk02
       // A CVM answer of the wrong shape (the records' own checks are tested with them).
       {hs, failed("list CAS hosts."), {{"kind", "not_json"}}},
   };
-  for (const auto& c : exchanges) {
-    JSON_Value params = JSON_Value::parse(c.params), fault = c.fault;
+  for (const auto& [text, expected, fault_json] : exchanges) {
+    JSON_Value params = JSON_Value::parse(text), fault = fault_json;
     if (params.is_object() && !params.contains("uuid"))
       params["uuid"] = uuid_;
     if (!fault.is_null()) {
@@ -229,11 +221,11 @@ app01  Application  suspended      1     1.0 GiB  cvk02
     std::sort(got.begin(), got.end());
     if (answer.contains("error"))
       got = error(answer["error"].value("code", 0), answer["error"].value("message", ""));
-    EXPECT_EQ(got, c.expected) << fault << c.params << "\n" << answer;
+    EXPECT_EQ(got, expected) << fault << text << "\n" << answer;
     // Without the fault, it answers again.
     if (!fault.is_null()) {
       stack_.sim_control("sim", "DELETE", "/sim/faults");
-      EXPECT_TRUE(stack_.agent_call("h3ccas.list", params).contains("result")) << c.params;
+      EXPECT_TRUE(stack_.agent_call("h3ccas.list", params).contains("result")) << text;
     }
   }
   // The CLI says the same in one line (naming a host, it asks for the hosts first).
@@ -261,5 +253,4 @@ app01  Application  suspended      1     1.0 GiB  cvk02
   EXPECT_EQ(info["result"]["host_id"], Stack::agent_host_id()) << info;
   EXPECT_EQ(hosts["result"].size(), 4u) << hosts;
 }
-
 }  // namespace

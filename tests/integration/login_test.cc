@@ -8,7 +8,6 @@
 #include <filesystem>
 
 namespace {
-
 using Login = Lab_Test;
 
 TEST_F(Login, SucceedsRenegotiatesUsesTlsAndThePasswordIsWrittenNowhereWhateverTheCliDoes) {
@@ -80,6 +79,30 @@ TEST_F(Login, SucceedsRenegotiatesUsesTlsAndThePasswordIsWrittenNowhereWhateverT
   r = stack_.cli({"pool", "list"});
   EXPECT_EQ(r.exit_code, 1);
   EXPECT_EQ(r.err.rfind("brimlet: backup server answered 401", 0), 0u) << r.err;
+  // Every agent call needs the agent's key, on loopback too, and nothing runs without it; the CLI
+  // takes the key only from an agent configuration that only its owner may read.
+  JSON_Value def = {{"uid", "j1"}, {"type", 1}, {"source", {}}, {"options", {}}};
+  EXPECT_EQ(stack_.agent_status("job.run", {{"definition", def}}, ""), 401);
+  EXPECT_EQ(stack_.agent_status("h3ccas.test_login", JSON_Value::object(), "not-a-key"), 401);
+  EXPECT_EQ(stack_.agent_call("job.list", JSON_Value::object())["result"].dump(), R"({"runs":[]})");
+  def["type"] = 3;
+  EXPECT_EQ(stack_.agent_call("job.run", {{"definition", def}})["error"]["message"],
+            "invalid job definition: no module parses the 'source' of this type of jobs");
+  write_text_file(conf, text);
+  fs::permissions(conf, fs::perms::owner_read);
+  r = stack_.cli({"job", "status", "nope"});
+  EXPECT_EQ(std::tuple(r.exit_code, r.err),
+            std::tuple(1, "brimlet: agent error -32602: no run 'nope'\n"));
+  EXPECT_EQ(stack_.cli({"job", "list"}).out, "RUN  JOB  NAME  TYPE  STATE  STARTED  ENDED\n");
+  // The module parses backup definitions and makes their jobs.
+  def["type"] = 1;
+  EXPECT_EQ(stack_.agent_call("job.run", {{"definition", def}})["result"]["job_uid"], "j1");
+  conf = stack_.dir().path() + "/etc/opt/quorvex/brimlet5/agent.json";
+  fs::permissions(conf, fs::perms::group_read, fs::perm_options::add);
+  r = stack_.cli({"cvm", "test", "secure"});
+  EXPECT_EQ(r.err, "brimlet: the agent configuration '" + conf +
+                       "' may be read by others (mode 0640); make it readable by its owner only "
+                       "(chmod 600)\n");
   // Nothing the programs wrote (logs, database, configuration, outputs) holds the password.
   for (const auto& entry : std::filesystem::recursive_directory_iterator(stack_.dir().path())) {
     if (!entry.is_regular_file() || entry.path().filename() == "world.json")
@@ -89,5 +112,4 @@ TEST_F(Login, SucceedsRenegotiatesUsesTlsAndThePasswordIsWrittenNowhereWhateverT
     EXPECT_EQ(text.find("Adm1n pass"), std::string::npos) << entry.path();
   }
 }
-
 }  // namespace

@@ -26,10 +26,16 @@ std::uint16_t Stack::start_sim(const std::string& name, const std::string& world
     failed("cas-sim '" + name + "' did not start (see " + out + ")");
     return 0;
   }
+  cvd_ports_[name] = info.value("cvd_port", std::uint16_t{0});
   return (sims_[name] = {info.value("http_port", std::uint16_t{0}), std::move(process)}).first;
 }
 
-bool Stack::start_server_and_agent() {
+std::uint16_t Stack::cvd_port(const std::string& name) const {
+  auto it = cvd_ports_.find(name);
+  return it == cvd_ports_.end() ? 0 : it->second;
+}
+
+bool Stack::start_server_and_agent(const std::vector<std::string>& agent_env) {
   std::string data = dir_.file("server"), ready = dir_.file("server.ready");
   JSON_Value info;
   if (!server_.start(
@@ -51,19 +57,34 @@ bool Stack::start_server_and_agent() {
     (*conf)["access_key"] = key.out.substr(0, key.out.find_first_of("\r\n"));
   }
   std::string etc = dir_.path() + "/etc/opt/quorvex/brimlet5";
+  std::string sdk = dir_.path() + "/opt/quorvex/brimlet5/cvdsdk/1.0.0";
   std::error_code ec;
-  if (std::filesystem::create_directories(etc, ec), ec)
-    return failed("cannot create " + etc + ": " + ec.message());
+  for (const std::string& d : {etc + "/h3c-cas/servant", sdk})
+    if (std::filesystem::create_directories(d, ec), ec)
+      return failed("cannot create " + d + ": " + ec.message());
+  std::filesystem::create_symlink(std::string(BRIMLET_LIB_DIR) + "/libcvd.so", sdk + "/libcvd.so",
+                                  ec);
+  if (ec)
+    return failed("cannot install libcvd.so in " + sdk + ": " + ec.message());
   write_text_file(etc + "/host_id", std::string(agent_host_id()) + "\n");
-  write_text_file(etc + "/cli.json", JSON_Value{{"backup_server", admin}}.dump(2));
-  std::filesystem::permissions(
-      etc + "/cli.json", std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   JSON_Value conf = {{"listen", "127.0.0.1:0"}, {"backup_server", server}};
   conf.update({{"host_id_file", etc + "/host_id"}, {"log_file", dir_.file("agent.log")}});
   conf["modules"] = JSON_Value::array({std::string(BRIMLET_LIB_DIR) + "/h3ccas.module.json"});
-  write_text_file(etc + "/agent.json", conf.dump(2));
+  write_text_file(
+      etc + "/h3c-cas/servant/svc.conf",
+      JSON_Value{{"modules", conf["modules"]}, {"log_file", dir_.file("servant.log")}}.dump(2));
+  for (auto [name, text] : {std::pair{"/cli.json", JSON_Value{{"backup_server", admin}}.dump(2)},
+                            std::pair{"/agent.json", conf.dump(2)}}) {
+    write_text_file(etc + name, text);
+    std::filesystem::permissions(
+        etc + name, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  }
+  agent_key_ = server["access_key"];
   ready = dir_.file("agent.ready");
-  if (!agent_.start({"brimlet-agent", "--ready-file", ready}, env(), dir_.file("agent.out")) ||
+  std::vector<std::string> environment = env();
+  environment.insert(environment.end(), agent_env.begin(), agent_env.end());
+  if (!agent_.start({"brimlet-agent", "--ready-file", ready}, environment,
+                    dir_.file("agent.out")) ||
       !agent_.wait_ready(ready, info))
     return failed("brimlet-agent did not start (see " + dir_.file("agent.out") + ")");
   agent_port_ = info.value("port", std::uint16_t{0});
@@ -106,12 +127,30 @@ JSON_Value Stack::sim_control(const std::string& name, const std::string& method
   return nullptr;
 }
 
-JSON_Value Stack::agent_call(const std::string& method, const JSON_Value& params) const {
+namespace {
+
+void post_json_rpc(std::uint16_t port, const std::string& key, const std::string& method,
+                   const JSON_Value& params, HTTP_Response& resp) {
   std::string request =
       JSON_Value{{"jsonrpc", "2.0"}, {"id", 1}, {"method", method}, {"params", params}}.dump();
   HTTP_Request req(HTTP_Method::POST, "/jsonrpc");
+  if (!key.empty())
+    req.headers().put("X-Access-Key", key);
+  HTTP_Session_Factory::create("127.0.0.1", port, false)->send(req, &request, resp);
+}
+
+}  // namespace
+
+int Stack::agent_status(const std::string& method, const JSON_Value& params,
+                        const std::string& key) const {
   HTTP_Response resp;
-  HTTP_Session_Factory::create("127.0.0.1", agent_port_, false)->send(req, &request, resp);
+  post_json_rpc(agent_port_, key, method, params, resp);
+  return resp.status();
+}
+
+JSON_Value Stack::agent_call(const std::string& method, const JSON_Value& params) const {
+  HTTP_Response resp;
+  post_json_rpc(agent_port_, agent_key_, method, params, resp);
   JSON_Value answer = JSON_Value::parse(resp.body(), nullptr, false);
   if (resp.status() == 200 && answer.is_object())
     return answer;

@@ -23,8 +23,12 @@ class Stack {
   // A simulator named `name` on `world_file` (TLS given cert and key); its HTTP port, 0 on failure.
   std::uint16_t start_sim(const std::string& name, const std::string& world_file,
                           const std::string& tls_cert = "", const std::string& tls_key = "");
-  // brimlet-server and the agent, with its key, and an administrator's key in cli.json (0600).
-  bool start_server_and_agent();
+  // brimlet-server and the agent, with its key in agent.json, and an administrator's key in
+  // cli.json (both 0600); the servants' svc.conf and libcvd.so where the module looks for them.
+  // `agent_env` is added to the agent's environment (its servants inherit it).
+  bool start_server_and_agent(const std::vector<std::string>& agent_env = {});
+  // The port of a simulator's disk service (0 when unknown).
+  std::uint16_t cvd_port(const std::string& name) const;
   // The CLI with BRIMLET_ROOT set; `input` on its stdin.
   Run_Result cli(const std::vector<std::string>& args, const std::string& input = "") const;
   // `brimlet cvm add` of a CVM at 127.0.0.1:port; the uuid ("" on failure).
@@ -33,8 +37,12 @@ class Stack {
   // A request to a simulator's /sim/... control API; the parsed answer (null on failure).
   JSON_Value sim_control(const std::string& name, const std::string& method,
                          const std::string& path, const JSON_Value& body = nullptr) const;
-  // A JSON-RPC call on the agent: the whole answer (null when no JSON-RPC answer came).
+  // A JSON-RPC call on the agent with its key: the whole answer (null when no JSON-RPC answer
+  // came).
   JSON_Value agent_call(const std::string& method, const JSON_Value& params) const;
+  // The HTTP status of a JSON-RPC call given `key` ("": no key header).
+  int agent_status(const std::string& method, const JSON_Value& params,
+                   const std::string& key) const;
 
   const Temp_Dir& dir() const { return dir_; }
   std::vector<std::string> env() const { return {"BRIMLET_ROOT=" + dir_.path()}; }
@@ -47,8 +55,10 @@ class Stack {
   Report report_;
   Temp_Dir dir_;
   std::map<std::string, std::pair<std::uint16_t, std::unique_ptr<Test_Process>>> sims_;
+  std::map<std::string, std::uint16_t> cvd_ports_;
   Test_Process server_, agent_;
   std::uint16_t agent_port_ = 0;
+  std::string agent_key_;
 };
 
 // A self-signed certificate for "localhost" made with the openssl command; false on failure.

@@ -6,7 +6,6 @@ Log_Capture::Log_Capture() {
     lines_.emplace_back(priority, line);
   });
 }
-
 Log_Capture::~Log_Capture() {
   remove_log_sink(id_);
 }

@@ -1,5 +1,7 @@
 #include "tests/support/process.h"
 
+#include "host/core/paths.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -9,17 +11,15 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 extern char** environ;
 
 namespace {
-
+using S = std::string;
 using Clock = std::chrono::steady_clock;
 
-std::vector<char*> to_argv(std::vector<std::string>& items) {
+std::vector<char*> to_argv(std::vector<S>& items) {
   std::vector<char*> out;
   for (auto& s : items)
     out.push_back(&s[0]);
@@ -27,10 +27,10 @@ std::vector<char*> to_argv(std::vector<std::string>& items) {
   return out;
 }
 
-std::vector<std::string> merged_env(const std::vector<std::string>& extra) {
-  std::vector<std::string> env;
+std::vector<S> merged_env(const std::vector<S>& extra) {
+  std::vector<S> env;
   for (char** e = environ; *e; ++e) {
-    std::string entry = *e;
+    S entry = *e;
     bool overridden = false;
     for (const auto& x : extra)
       if (x.substr(0, x.find('=') + 1) == entry.substr(0, entry.find('=') + 1))
@@ -42,46 +42,40 @@ std::vector<std::string> merged_env(const std::vector<std::string>& extra) {
   return env;
 }
 
-std::string program_path(const std::string& name) {
-  return name.find('/') == std::string::npos ? bin_path(name) : name;
+S program_path(const S& name) {
+  return name.find('/') == S::npos ? bin_path(name) : name;
 }
 
 // Forks and execs; the child's stdin/stdout/stderr come from the given descriptors (-1: keep).
-pid_t spawn(const std::vector<std::string>& argv_in, const std::vector<std::string>& env_in,
-            int in_fd, int out_fd, int err_fd) {
-  std::vector<std::string> argv = argv_in;
+pid_t spawn(const std::vector<S>& argv_in, const std::vector<S>& env_in, int in_fd, int out_fd,
+            int err_fd) {
+  std::vector<S> argv = argv_in;
   argv[0] = program_path(argv[0]);
-  std::vector<std::string> env = merged_env(env_in);
+  std::vector<S> env = merged_env(env_in);
   auto a = to_argv(argv);
   auto e = to_argv(env);
   pid_t pid = fork();
   if (pid == 0) {
     setpgid(0, 0);
-    if (in_fd >= 0)
-      dup2(in_fd, 0);
-    if (out_fd >= 0)
-      dup2(out_fd, 1);
-    if (err_fd >= 0)
-      dup2(err_fd, 2);
+    for (int i : {0, 1, 2})
+      if (int fd = i == 0 ? in_fd : i == 1 ? out_fd : err_fd; fd >= 0)
+        dup2(fd, i);
     execve(a[0], a.data(), e.data());
     fprintf(stderr, "exec %s: %s\n", a[0], strerror(errno));
     _exit(127);
   }
   return pid;
 }
-
 }  // namespace
 
-std::string bin_path(const std::string& name) {
-  return std::string(BRIMLET_BIN_DIR) + "/" + name;
+S bin_path(const S& name) {
+  return S(BRIMLET_BIN_DIR) + "/" + name;
 }
-
 Test_Process::~Test_Process() {
   stop();
 }
 
-bool Test_Process::start(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-                         const std::string& log_file) {
+bool Test_Process::start(const std::vector<S>& argv, const std::vector<S>& env, const S& log_file) {
   int fd = -1;
   if (!log_file.empty())
     fd = open(log_file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
@@ -96,27 +90,20 @@ bool Test_Process::running() {
   if (pid_ <= 0)
     return false;
   int st = 0;
-  pid_t r = waitpid(pid_, &st, WNOHANG);
-  if (r == pid_) {
-    status_ = st;
-    pid_ = -1;
+  if (waitpid(pid_, &st, WNOHANG) == pid_) {
+    status_ = st, pid_ = -1;
     return false;
   }
   return true;
 }
 
-bool Test_Process::wait_ready(const std::string& ready_file, JSON_Value& ready,
-                              int timeout_seconds) {
+bool Test_Process::wait_ready(const S& ready_file, JSON_Value& ready, int timeout_seconds) {
   auto deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
   while (Clock::now() < deadline) {
-    std::ifstream in(ready_file);
-    if (in) {
-      std::stringstream ss;
-      ss << in.rdbuf();
-      ready = JSON_Value::parse(ss.str(), nullptr, false);
-      if (!ready.is_discarded())
-        return true;
-    }
+    S text;
+    if (read_file(ready_file, text) &&
+        !(ready = JSON_Value::parse(text, nullptr, false)).is_discarded())
+      return true;
     if (!running())
       return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -143,25 +130,21 @@ void Test_Process::kill_now() {
     return;
   kill(pid_, SIGKILL);
   int st = 0;
-  waitpid(pid_, &st, 0);
-  status_ = st;
-  pid_ = -1;
+  waitpid(pid_, &st, 0), status_ = st, pid_ = -1;
 }
 
-Run_Result run_program(const std::vector<std::string>& argv, const std::string& input,
-                       const std::vector<std::string>& env, int timeout_seconds) {
+Run_Result run_program(const std::vector<S>& argv, const S& input, const std::vector<S>& env,
+                       int timeout_seconds) {
   Run_Result result;
   int in_pipe[2], out_pipe[2], err_pipe[2];
   if (pipe2(in_pipe, O_CLOEXEC) || pipe2(out_pipe, O_CLOEXEC) || pipe2(err_pipe, O_CLOEXEC))
     return result;
   pid_t pid = spawn(argv, env, in_pipe[0], out_pipe[1], err_pipe[1]);
-  close(in_pipe[0]);
-  close(out_pipe[1]);
-  close(err_pipe[1]);
+  for (int fd : {in_pipe[0], out_pipe[1], err_pipe[1]})
+    close(fd);
   if (pid <= 0) {
-    close(in_pipe[1]);
-    close(out_pipe[0]);
-    close(err_pipe[0]);
+    for (int fd : {in_pipe[1], out_pipe[0], err_pipe[0]})
+      close(fd);
     return result;
   }
   // The input is small (passwords, answers): written up front, then stdin is closed.
@@ -173,7 +156,7 @@ Run_Result run_program(const std::vector<std::string>& argv, const std::string& 
   close(in_pipe[1]);
   auto deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
   pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
+  S* sinks[2] = {&result.out, &result.err};
   int open_fds = 2;
   while (open_fds > 0 && Clock::now() < deadline) {
     if (poll(fds, 2, 100) <= 0)
@@ -186,8 +169,7 @@ Run_Result run_program(const std::vector<std::string>& argv, const std::string& 
       if (n > 0) {
         sinks[i]->append(buf, static_cast<std::size_t>(n));
       } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
+        close(fds[i].fd), fds[i].fd = -1;
         --open_fds;
       }
     }

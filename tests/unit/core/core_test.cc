@@ -19,7 +19,6 @@
 #include <tuple>
 
 namespace {
-
 // errno, value and characters consumed of natoi<T> over the whole text.
 template <class T>
 std::string parse(const char* text) {
@@ -62,8 +61,7 @@ TEST(Text, NatoiBoundedFormattingHelpersAndCharsets) {
   const unsigned char bytes[] = {0x00, 0x7f, 0xab, 0xff};
   EXPECT_EQ(Hex_String_T(bytes, sizeof bytes).str(), "007fabff");
   std::string a, b;
-  uuid_string(a, false);
-  uuid_string(b, true);
+  uuid_string(a, false), uuid_string(b, true);
   EXPECT_TRUE(a.size() == 36 && b.size() == 32 && b.find('-') == std::string::npos) << a << b;
   EXPECT_NE(new_uuid(), new_uuid());
   // Charset conversion refuses invalid input.
@@ -209,5 +207,4 @@ TEST(Crypto, DigestsEncryptionAndBase64) {
     EXPECT_FALSE(decrypt_string(bad, out, key, strlen(key))) << bad;
   EXPECT_TRUE(std::string(out.data(), out.size()) == "untouched" && !base64_decode("abc", raw));
 }
-
 }  // namespace

@@ -17,7 +17,7 @@
 #include <vector>
 
 namespace {
-
+using S = std::string;
 struct Sample {
   std::uint64_t counter;
   std::int32_t flag;
@@ -32,7 +32,7 @@ struct Sample_Conf {
 using Sample_Handle = Mem_Map_Handle<Sample, Sample_Conf, 256>;
 
 // Descriptors of this process open on `path`.
-std::vector<int> fds_on(const std::string& path) {
+std::vector<int> fds_on(const S& path) {
   std::vector<int> fds;
   std::error_code ec;
   for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd", ec))
@@ -41,25 +41,22 @@ std::vector<int> fds_on(const std::string& path) {
   return fds;
 }
 
-bool is_mapped(const std::string& path) {
-  std::string maps;
-  return read_file("/proc/self/maps", maps) && maps.find(path) != std::string::npos;
+bool is_mapped(const S& path) {
+  S maps;
+  return read_file("/proc/self/maps", maps) && maps.find(path) != S::npos;
 }
 
 class Mem_Map_Test : public ::testing::Test {
  protected:
-  void SetUp() override { setenv("BRIMLET_ROOT", root_.path().c_str(), 1); }
-  void TearDown() override { unsetenv("BRIMLET_ROOT"); }
-  std::string sample_dir(const std::string& id) const {
-    return root_.path() + "/var/test/sample/" + id;
-  }
+  S sample_dir(const S& id) const { return root_.path() + "/var/test/sample/" + id; }
   Temp_Dir root_;
+  Scoped_Env root_env_{"BRIMLET_ROOT", root_.path()};
 };
 
 TEST_F(Mem_Map_Test, StoresAreSharedFilesHaveTheirModesAndJobActivityItsUid) {
   Sample_Handle writer;
   ASSERT_TRUE(writer.open("run-1", "rec", true, true, 0750));
-  const std::string path = sample_dir("run-1") + "/rec";
+  const S path = sample_dir("run-1") + "/rec";
   EXPECT_EQ(std::tuple(writer.path(), std::filesystem::file_size(path), writer->counter),
             std::tuple(path, 256u, 0u));
   writer->counter = 7;
@@ -81,10 +78,9 @@ TEST_F(Mem_Map_Test, StoresAreSharedFilesHaveTheirModesAndJobActivityItsUid) {
   // A moved handle keeps the mapping; the emptied one has none.
   Sample_Handle moved = std::move(writer);
   EXPECT_TRUE(writer.get() == nullptr && moved->counter == 107u);
-  moved.close();
-  reader.close();
+  moved.close(), reader.close();
   EXPECT_TRUE(moved.get() == nullptr && reader.path().empty());
-  std::string bytes;
+  S bytes;
   ASSERT_TRUE(read_file(path, bytes) && bytes.size() == 256u);
   Sample on_disk;
   std::memcpy(&on_disk, bytes.data(), sizeof on_disk);
@@ -93,7 +89,7 @@ TEST_F(Mem_Map_Test, StoresAreSharedFilesHaveTheirModesAndJobActivityItsUid) {
   const mode_t saved_mask = umask(022);
   for (const auto& [id, dir_mode, close_on_exec] :
        {std::tuple("a", 0750u, true), {"b", 0700u, false}}) {
-    std::string path;
+    S path;
     {
       Sample_Handle h;
       ASSERT_TRUE(h.open(id, "rec", true, close_on_exec, dir_mode)) << id;
@@ -114,22 +110,19 @@ TEST_F(Mem_Map_Test, StoresAreSharedFilesHaveTheirModesAndJobActivityItsUid) {
   ASSERT_TRUE(open_job_activity(agent, "job-7", true));
   EXPECT_EQ(agent.path(), root_.path() + "/var/opt/quorvex/brimlet5/jobs/job-7/activity");
   EXPECT_TRUE(agent->state == Job_Activity::pending && Job_Activity::text(agent->job_uid).empty());
-  agent->state = Job_Activity::running;
-  agent->stored_size = 1ull << 40;
+  agent->state = Job_Activity::running, agent->stored_size = 1ull << 40;
   ASSERT_TRUE(Job_Activity::set_text(agent->job_uid, "job-7") &&
-              Job_Activity::set_text(agent->run_id, std::string(63, 'r')));
+              Job_Activity::set_text(agent->run_id, S(63, 'r')));
   Job_Activity_Handle servant;
   ASSERT_TRUE(open_job_activity(servant, "job-7", false));
   EXPECT_TRUE(servant->state == Job_Activity::running && servant->stored_size == 1ull << 40);
   EXPECT_EQ(Job_Activity::text(servant->job_uid), "job-7");
   Log_Capture log;
-  EXPECT_FALSE(Job_Activity::set_text(servant->run_id, std::string(64, 'x')));
-  EXPECT_EQ(std::tuple(log.count(), Job_Activity::text(agent->run_id)),
-            std::tuple(1u, std::string(63, 'r')));
+  EXPECT_FALSE(Job_Activity::set_text(servant->run_id, S(64, 'x')));
+  EXPECT_EQ(std::tuple(log.count(), Job_Activity::text(agent->run_id)), std::tuple(1u, S(63, 'r')));
   // A field another process left unterminated is cut at its end.
   std::memset(agent->previous_run_id, 'p', Job_Activity::id_capacity);
-  EXPECT_EQ(Job_Activity::text(servant->previous_run_id),
-            std::string(Job_Activity::id_capacity, 'p'));
+  EXPECT_EQ(Job_Activity::text(servant->previous_run_id), S(Job_Activity::id_capacity, 'p'));
   servant->reset();
   EXPECT_TRUE(agent->state == Job_Activity::pending && agent->stored_size == 0);
   EXPECT_EQ(Job_Activity::text(agent->job_uid) + Job_Activity::text(agent->previous_run_id), "");
@@ -138,11 +131,10 @@ TEST_F(Mem_Map_Test, StoresAreSharedFilesHaveTheirModesAndJobActivityItsUid) {
 }
 
 TEST_F(Mem_Map_Test, RefusedOpensLogOnceAndLeaveTheHandleClosed) {
-  const std::string check = "Unexpected error in host/core/mem_map.cc:";
+  const S check = "Unexpected error in host/core/mem_map.cc:";
   // Id, basename, create, and the message.
-  const std::tuple<const char*, const char*, bool, std::string> cases[] = {
+  const std::tuple<const char*, const char*, bool, S> cases[] = {
       {nullptr, "rec", true, "id is NULL or \"\":\n"},
-      {"", "rec", true, "id is NULL or \"\":\n"},
       {"run", nullptr, true, "basename is NULL or \"\":\n"},
       {"run", "", true, "basename is NULL or \"\":\n"},
       {"..", "rec", true, "Invalid name '../rec' of a memory-mapped file.\n"},
@@ -157,10 +149,9 @@ TEST_F(Mem_Map_Test, RefusedOpensLogOnceAndLeaveTheHandleClosed) {
     EXPECT_FALSE(h.open(id, basename, create, true, 0750) || h.get() || !h.path().empty())
         << message;
     EXPECT_TRUE(log.count() == 1 && log.contains(message)) << log.text();
-    EXPECT_TRUE(message.find("NULL") == std::string::npos || log.contains(check)) << log.text();
+    EXPECT_TRUE(message.find("NULL") == S::npos || log.contains(check)) << log.text();
   }
   // Opening without create makes no directory either.
   EXPECT_NE(access(sample_dir("run").c_str(), F_OK), 0);
 }
-
 }  // namespace

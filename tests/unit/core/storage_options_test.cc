@@ -3,10 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 namespace {
-
 using Options = Client_IO_Base::Options;
 
 JSON_Value dumped(const Options& opts, JSON_Value target = JSON_Value::object()) {
@@ -46,16 +43,14 @@ TEST(Storage_Options, RoundTripsEveryMemberAndRefusesWrongTypesAndValues) {
       {R"({"extra": []})", "'extra' is expected as object"},
   };
   for (const auto& [json, message] : cases) {
-    opts = Options();
-    opts.retry_count_ = 4;
+    opts = Options(), opts.retry_count_ = 4;
     const JSON_Value before = dumped(opts);
     Log_Capture log;
     EXPECT_FALSE(opts << JSON_Value::parse(json)) << json;
-    EXPECT_EQ(log.count(), 1u) << json;
-    EXPECT_TRUE(log.contains(std::string("Invalid storage I/O options: ") + message + ".\n"))
+    EXPECT_TRUE(log.count() == 1 &&
+                log.contains(std::string("Invalid storage I/O options: ") + message + ".\n"))
         << log.text();
     EXPECT_EQ(dumped(opts), before) << json;
   }
 }
-
 }  // namespace

@@ -2,7 +2,6 @@
 // serving CVM's login-check answers as static files.
 
 #include "tests/support/process.h"
-#include "tests/support/temp_dir.h"
 #include "tests/unit/h3ccas/support.h"
 
 #include <pwd.h>
@@ -14,13 +13,12 @@
 
 namespace h3ccas {
 namespace {
-
 const char apache_binary[] = "/usr/sbin/apache2";
 
-std::string apache_config(const Temp_Dir& dir, std::uint16_t port) {
+S apache_config(const Temp_Dir& dir, std::uint16_t port) {
   // Root must hand the workers to another user; anyone else keeps its own.
   const passwd* nobody = getuid() == 0 ? getpwnam("nobody") : nullptr;
-  const std::string docs = dir.file("htdocs");
+  const S docs = dir.file("htdocs");
   std::ostringstream c;
   c << "ServerRoot \"" << dir.path() << "\"\nServerName 127.0.0.1\n"
     << "Listen 127.0.0.1:" << port << "\nPidFile \"" << dir.file("httpd.pid") << "\"\n"
@@ -46,14 +44,14 @@ TEST(Cas_Apache_Digest, LoginWithRightAndWrongPassword) {
   Temp_Dir dir;
   const std::uint16_t port = free_port();
   ASSERT_NE(port, 0);
-  const std::string casrs = dir.file("htdocs/cas/casrs");
+  const S casrs = dir.file("htdocs/cas/casrs");
   std::filesystem::create_directories(casrs + "/operator");
   std::filesystem::create_directories(casrs + "/datacenter");
   write_text_file(casrs + "/operator/operatorInfoList",
                   R"({"operator":[{"loginName":"admin","groupId":"1"}]})");
   write_text_file(casrs + "/datacenter/casVersion", R"({"data":"H3C CAS E0750"})");
   // What htdigest writes: user:realm:MD5(user:realm:password).
-  const std::string user_realm = std::string(cvm_user) + ":" + Digest_Peer::realm;
+  const S user_realm = S(cvm_user) + ":" + Digest_Peer::realm;
   write_text_file(dir.file("htdigest"),
                   user_realm + ":" + md5_hex(user_realm + ":" + cvm_password) + "\n");
   write_text_file(dir.file("httpd.conf"), apache_config(dir, port));
@@ -68,14 +66,12 @@ TEST(Cas_Apache_Digest, LoginWithRightAndWrongPassword) {
   JSON_Value pid;
   ASSERT_TRUE(apache.wait_ready(dir.file("httpd.pid"), pid));
   RESTful_Client client(make_cvm(port, cvm_user, cvm_password));
-  std::string error, version;
+  S error, version;
   EXPECT_TRUE(client.test_login(error, version)) << error;
-  EXPECT_EQ(error, "");
-  EXPECT_EQ(version, "E0750");
+  EXPECT_EQ(std::tuple(error, version), std::tuple("", "E0750"));
   RESTful_Client wrong(make_cvm(port, cvm_user, "Adm1n:p@sS"));
   EXPECT_FALSE(wrong.test_login(error, version));
   EXPECT_EQ(error, "Invalid CVM username or password");
 }
-
 }  // namespace
 }  // namespace h3ccas

@@ -1,7 +1,7 @@
 // A libcvd for the loader and connection tests: it appends each call to the file that
 // CVD_STUB_JOURNAL names, cvd_init returns CVD_STUB_INIT_RESULT (default 0), the host
 // "unreachable" refuses connections and the disk "/missing" does not exist. Reads return the
-// letters 'a'..'z' repeated from offset 0.
+// letters 'a'..'z' repeated from offset 0; reads of "/unreadable" fail from 64 KiB on.
 #include "h3ccas/servant/cvd_api.h"
 
 #include <cerrno>
@@ -18,7 +18,6 @@ struct cvd_disk {
 };
 
 namespace {
-
 void journal(const std::string& line) {
   const char* path = std::getenv("CVD_STUB_JOURNAL");
   if (FILE* f = path ? std::fopen(path, "a") : nullptr)
@@ -28,7 +27,6 @@ void journal(const std::string& line) {
 std::string text(const char* s) {
   return s ? s : "-";
 }
-
 }  // namespace
 
 extern "C" {
@@ -38,7 +36,6 @@ int cvd_init(const char* name, const char* log_path, const char* conf_path) {
   const char* result = std::getenv("CVD_STUB_INIT_RESULT");
   return result ? std::atoi(result) : 0;
 }
-
 int cvd_deinit(void) {
   journal("deinit");
   return 0;
@@ -77,6 +74,8 @@ int cvd_disk_close(cvd_disk_t disk) {
 }
 
 int64_t cvd_disk_read(cvd_disk_t disk, uint64_t offset, uint64_t length, void* buffer) {
+  if (disk->path == "/unreadable" && offset + length > 65536)
+    return -EIO;
   for (uint64_t i = 0; i < length; ++i)
     static_cast<char*>(buffer)[i] = static_cast<char>('a' + (offset + i) % 26);
   return static_cast<int64_t>(length);

@@ -7,10 +7,9 @@
 
 namespace h3ccas {
 namespace {
-
 class Cas_Login_Handler : public Cas_Peer {
  protected:
-  JSON_Value entry(const std::string& password) {
+  JSON_Value entry(const S& password) {
     JSON_Value entry = cvm().dump();
     entry["password"] = encrypt_for_agent(password);
     return entry;
@@ -52,26 +51,24 @@ TEST_F(Cas_Login_Handler, Replies) {
 TEST(Cas_Instance_Handler, AnnouncesTheProxyAndNeedsNoLogon) {
   Instance_Handler handler;
   auto old = std::make_shared<Instance>();
-  std::map<std::string, std::shared_ptr<Instance>> instances = {
-      {"H3C_CAS_Proxy", old}, {"Other", std::make_shared<Instance>()}};
+  std::map<S, std::shared_ptr<Instance>> instances = {{"H3C_CAS_Proxy", old},
+                                                      {"Other", std::make_shared<Instance>()}};
   EXPECT_EQ(handler.probe_instances(instances), 0);
   ASSERT_EQ(instances.size(), 2u);
   const auto& proxy = instances["H3C_CAS_Proxy"];
   ASSERT_NE(proxy, old);
   EXPECT_EQ(proxy->type + " " + proxy->name, "h3c-cas H3C_CAS_Proxy");
   EXPECT_EQ(proxy->options, JSON_Value({{"is_proxy", true}}));
-  std::string state;
+  S state;
   EXPECT_EQ(&handler.get_state("never-announced", state), &state);
   EXPECT_EQ(state, "enabled");
   EXPECT_EQ(handler.logon("H3C_CAS_Proxy", "anyone", "anything"), 0);
 }
 
-// The built module as the host sees it.
-const std::string kLibDir = BRIMLET_LIB_DIR;
-
-// The host fills the _gobble_ slot and destroys through it; null slots and objects are harmless.
+// The built module as the host sees it: the host fills the _gobble_ slot and destroys through it;
+// null slots and objects are harmless.
 TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
-  auto module = Module::load(kLibDir + "/h3ccas.module.json");
+  auto module = Module::load(S(BRIMLET_LIB_DIR) + "/h3ccas.module.json");
   ASSERT_NE(module, nullptr);
   EXPECT_TRUE(std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(
       module->make_servant_json_rpc_handler("h3ccas.exec")));
@@ -80,9 +77,10 @@ TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
         std::dynamic_pointer_cast<JSON_RPC_Thread_Handler>(module->make_json_rpc_handler(method)));
   auto instances = module->make_instance_handler();
   ASSERT_NE(instances, nullptr);
+  module.reset();  // the objects keep the library loaded
   EXPECT_EQ(instances->type(), "h3c-cas");
-  std::unique_ptr<void, int (*)(void*)> lib(dlopen((kLibDir + "/libh3ccas.so").c_str(), RTLD_NOW),
-                                            dlclose);
+  std::unique_ptr<void, int (*)(void*)> lib(
+      dlopen((S(BRIMLET_LIB_DIR) + "/libh3ccas.so").c_str(), RTLD_NOW), dlclose);
   ASSERT_NE(lib, nullptr) << dlerror();
   using Gobble = void (*)(::Instance_Handler*);
   auto make = reinterpret_cast<::Instance_Handler* (*)(Gobble*)>(
@@ -91,9 +89,7 @@ TEST(Cas_Module_Surface, LoadsThroughItsManifest) {
   ASSERT_TRUE(make && gobble);
   ::Instance_Handler* obj = make(nullptr);
   ASSERT_NE(obj, nullptr);
-  gobble(obj);
-  gobble(nullptr);
+  gobble(obj), gobble(nullptr);
 }
-
 }  // namespace
 }  // namespace h3ccas

@@ -4,9 +4,8 @@
 
 namespace h3ccas {
 namespace {
-
 // What both kinds of parameters hold.
-const std::string cvm_and_io_opts = R"({
+const S cvm_and_io_opts = R"({
   "cvm": {"host": "10.0.0.5", "port": 8443, "ssl": true, "username": "admin",
           "password": "clear-pass"},
   "io_opts": {"connect_timeout": 20, "io_timeout": 600, "retry_count": 5, "retry_interval": 15,
@@ -14,7 +13,7 @@ const std::string cvm_and_io_opts = R"({
               "encryption_key_id": "k1", "access_mode": "direct", "extra": {"a": 1}},)";
 
 // Every key the agent sends for a backup, none at its default.
-const std::string backup_params = cvm_and_io_opts + R"(
+const S backup_params = cvm_and_io_opts + R"(
   "host_id": "3", "host_name": "cvk-b", "host_ip": "10.0.1.3", "vm_id": "42", "vm_name": "web01",
   "vm_uuid": "5f0c-uuid", "def_id": "def-9", "pool_url": "file:///pools/a",
   "backup_type": "incremental", "resource_uuid": "res-1", "access_key": "ak",
@@ -26,7 +25,7 @@ const std::string backup_params = cvm_and_io_opts + R"(
 
 // Every key the agent sends for a restore, in the form dump() writes: a file disk and a block
 // disk, each with the key the other kind needs.
-const std::string restore_params = cvm_and_io_opts + R"(
+const S restore_params = cvm_and_io_opts + R"(
   "disks": [{"source_path": "/vms/images/web01", "target_pool_name": "defaultpool",
              "target_pool_path": "/vms/images", "target_pool_type": "dir",
              "provisioning_mode": "2", "target_volume_name": ""},
@@ -47,12 +46,12 @@ const std::string restore_params = cvm_and_io_opts + R"(
 
 // `params` changed by `patch` (a merge patch) fails to load, the last line logged `message`.
 template <class Params>
-void expect_refused(const std::string& params, const char* patch, const std::string& message) {
+void expect_refused(const S& params, const char* patch, const S& message) {
   JSON_Value value = json(params);
   value.merge_patch(json(patch));
   Log_Capture log;
   EXPECT_FALSE(Params().load(value)) << patch;
-  const std::string text = messages(log);
+  const S text = messages(log);
   EXPECT_EQ(text.substr(text.size() - std::min(text.size(), message.size() + 1)), message + "\n");
 }
 
@@ -62,8 +61,7 @@ TEST(Backup_Params, LoadsDumpsAndRefuses) {
   EXPECT_EQ(p.io_opts_.compression_, Client_IO_Base::Compression::Lz4);
   EXPECT_EQ(p.backup_type_, Job_Definition_Subtype::Incremental);
   EXPECT_EQ(p.opts_.no_cbt_, No_CBT_Opts::Skip_With_Alert);
-  EXPECT_EQ(p.host_id(), "3");
-  EXPECT_EQ(p.dump(), json(backup_params));
+  EXPECT_EQ(std::tuple(p.host_id(), p.dump()), std::tuple("3", json(backup_params)));
   // The agent validated the numbers; the servant takes them as they come.
   JSON_Value odd = json(backup_params);
   odd.merge_patch(json(R"({"backupd_port":70000,"no_cbt":7,"backup_type":"Full"})"));
@@ -72,8 +70,8 @@ TEST(Backup_Params, LoadsDumpsAndRefuses) {
   EXPECT_STREQ(no_cbt_opts_to_str(p.opts_.no_cbt_), "none");
   EXPECT_EQ(p.dump()["no_cbt"], 7);
   EXPECT_EQ(p.backup_type_, Job_Definition_Subtype::Unknown);
-  const std::string m = "Invalid CAS backup params: ";
-  const std::pair<const char*, std::string> cases[] = {
+  const S m = "Invalid CAS backup params: ";
+  const std::pair<const char*, S> cases[] = {
       {R"({"vm_uuid":null})", m + "missing key 'vm_uuid'."},
       {R"({"restart_vm":1})", m + "'restart_vm' is expected as boolean."},
       {R"({"io_opts":"zstd"})", m + "'io_opts' is expected as object."},
@@ -87,16 +85,16 @@ TEST(Backup_Params, LoadsDumpsAndRefuses) {
     expect_refused<VM_Backup_Params>(backup_params, patch, message);
 }
 
-TEST(Restore_Params, LoadsDumpsAndRefuses) {
+TEST(Restore_Params, LoadsDumpsAndRefusesDisksOnFileAndBlockStorage) {
   VM_Restore_Params p;
   ASSERT_TRUE(p.load(json(restore_params)));
   EXPECT_TRUE(p.io_opts_.encryption_);
   ASSERT_EQ(p.disks_.size(), 2u);
-  EXPECT_EQ(p.disks_[0].provisioning_mode_, THIN);
-  EXPECT_EQ(p.disks_[1].provisioning_mode_, UNKNOWN);
+  EXPECT_EQ(std::tuple(p.disks_[0].provisioning_mode_, p.disks_[1].provisioning_mode_),
+            std::tuple(THIN, UNKNOWN));
   EXPECT_EQ(p.dump(), json(restore_params));
-  const std::string m = "Invalid CAS restore params: ";
-  const std::pair<const char*, std::string> cases[] = {
+  const S m = "Invalid CAS restore params: ";
+  const std::pair<const char*, S> cases[] = {
       // The target host's name is the one key spelled with a trailing underscore.
       {R"({"target_host_name_":null,"target_host_name":"cvk-c"})",
        m + "missing key 'target_host_name_'."},
@@ -118,23 +116,19 @@ TEST(Restore_Params, LoadsDumpsAndRefuses) {
   VM_Restore_Params failed;
   Log_Capture log;
   EXPECT_FALSE(failed.load(params));
-  EXPECT_EQ(failed.disks_.size(), 1u);
-  EXPECT_TRUE(failed.nics_.empty());
-  EXPECT_EQ(log.count(), 1u);
+  EXPECT_EQ(std::tuple(failed.disks_.size(), failed.nics_.size(), log.count()),
+            std::tuple(1u, 0u, 1u));
   params["disks"] = JSON_Value::array();
   VM_Restore_Params empty;
   ASSERT_TRUE(empty.load(params));
-  EXPECT_TRUE(empty.disks_.empty());
-  EXPECT_EQ(empty.nics_.size(), 1u);
-}
-
-TEST(Restore_Params, DisksOnFileAndBlockStorage) {
+  EXPECT_EQ(std::tuple(empty.disks_.size(), empty.nics_.size()), std::tuple(0u, 1u));
   const char dir[] = R"({"source_path":"/a","target_pool_name":"p","target_pool_path":"/p",
                          "target_pool_type":"dir")";
   const char iscsi[] = R"({"source_path":"/a","target_pool_name":"p","target_pool_path":"/p",
                            "target_pool_type":"iscsi")";
-  // pool type, the rest of the entry, the mode loaded or the reason it is refused
-  const std::tuple<const char*, const char*, Provisioning_Mode, const char*> cases[] = {
+  // pool type, the rest of the entry, the mode loaded or the reason it is refused; each follows a
+  // good entry, which stays when a bad one stops the reading
+  const std::tuple<const char*, const char*, Provisioning_Mode, const char*> disk_cases[] = {
       // The code string names CAS's codes, an integer the mode itself.
       {dir, R"(,"provisioning_mode":"2"})", THIN, ""},
       {dir, R"(,"provisioning_mode":1})", THIN, ""},
@@ -150,39 +144,34 @@ TEST(Restore_Params, DisksOnFileAndBlockStorage) {
       {dir, R"(,"provisioning_mode":"2","target_volume_name":5})", UNKNOWN,
        "'target_volume_name' is expected as string"},
   };
-  for (const auto& [pool, rest, mode, message] : cases) {
-    const std::string disk = std::string(pool) + rest;
+  for (const auto& [pool, rest, mode, message] : disk_cases) {
+    const S disk = S(pool) + rest;
     SCOPED_TRACE(disk);
     VM_Restore_Params p;
     Log_Capture log;
-    // Entries come one after another; a bad one stops the reading, those before it stay.
     const JSON_Value disks = {json(R"({"source_path":"/b","target_pool_name":"p",
         "target_pool_path":"/p","target_pool_type":"fc","target_volume_name":"v"})"),
                               json(disk.c_str())};
     EXPECT_EQ(p.load_disks(disks), !*message);
     ASSERT_EQ(p.disks_.size(), *message ? 1u : 2u);
-    if (!*message) {
-      EXPECT_EQ(p.disks_[1].provisioning_mode_, mode);
-    }
-    EXPECT_EQ(
-        messages(log),
-        *message ? std::string("Invalid CAS VM restore params for disks: ") + message + ".\n" : "");
+    EXPECT_EQ(*message ? mode : p.disks_.back().provisioning_mode_, mode);
+    EXPECT_EQ(messages(log),
+              *message ? S("Invalid CAS VM restore params for disks: ") + message + ".\n" : "");
   }
-  VM_Restore_Params p;
-  Log_Capture log;
-  EXPECT_FALSE(p.load_disks(json(R"({"source_path":"/a"})")));
-  EXPECT_FALSE(p.load_nics(json(R"("vswitch0")")));
-  EXPECT_EQ(messages(log),
+  VM_Restore_Params bare;
+  Log_Capture log2;
+  EXPECT_FALSE(bare.load_disks(json(R"({"source_path":"/a"})")) ||
+               bare.load_nics(json(R"("vswitch0")")));
+  EXPECT_EQ(messages(log2),
             "Invalid CAS VM restore params for disks: 'disks' is expected as array.\n"
             "Invalid CAS VM restore params for networks: 'nics' is expected as array.\n");
-  EXPECT_TRUE(p.load_nics(json(restore_params)["nics"]));
-  EXPECT_TRUE(p.load_nics(json(restore_params)["nics"]));
-  EXPECT_EQ(p.nics_.size(), 2u);  // appended
+  EXPECT_TRUE(bare.load_nics(json(restore_params)["nics"]) &&
+              bare.load_nics(json(restore_params)["nics"]));
+  EXPECT_EQ(bare.nics_.size(), 2u);  // appended
 }
 
 TEST(VM_Histories, EjectEmptiesTheTable) {
   VM_Histories h;
-  EXPECT_EQ(h.eject(), JSON_Value::array());
   h.histories_["42"] = {"cvk-b", "web01", 100, 400, 90, true};
   h.histories_["43"] = {"cvk-c", "db01", 0, 0, 0, false};
   JSON_Value out = h.eject();
@@ -195,6 +184,5 @@ TEST(VM_Histories, EjectEmptiesTheTable) {
   EXPECT_TRUE(h.histories_.empty());
   EXPECT_EQ(h.eject(), JSON_Value::array());
 }
-
 }  // namespace
 }  // namespace h3ccas

@@ -7,10 +7,10 @@
 #include "host/http/server.h"
 #include "host/jsonrpc/jsonrpc.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -18,6 +18,9 @@
 #include <string>
 #include <vector>
 
+using S = std::string;
+using Req = const HTTP_Server_Request&;
+using Res = HTTP_Server_Response&;
 const char cvm_user[] = "admin";
 const char cvm_password[] = "Adm1n:p@ss";
 
@@ -32,23 +35,7 @@ JSON_Value json(const std::string& text);
 // The captured lines without their time, process, priority and source.
 std::string messages(const Log_Capture& log);
 
-// Sets (or, with nullopt, removes) an environment variable for the life of the object.
-struct Scoped_Env {
-  Scoped_Env(const char* name, const std::optional<std::string>& value) : name(name) {
-    if (const char* old_value = std::getenv(name))
-      old = old_value;
-    apply(value);
-  }
-  ~Scoped_Env() { apply(old); }
-  void apply(const std::optional<std::string>& v) {
-    v ? setenv(name, v->c_str(), 1) : unsetenv(name);
-  }
-  const char* name;
-  std::optional<std::string> old;
-};
-
 namespace h3ccas {
-
 // A CVM entry on 127.0.0.1 with a clear password.
 CVM_Info make_cvm(std::uint16_t port, const std::string& user, const std::string& password);
 
@@ -66,7 +53,6 @@ class Test_Client : public RESTful_Client {
   std::time_t now() const override { return clock; }
   void sleep_between_polls() override { on_sleep(++sleeps); }
 };
-
 }  // namespace h3ccas
 
 // RFC 2617 digest for cvm_user (qop "auth", nonce counts read as decimal and required to grow by
@@ -93,8 +79,8 @@ class Digest_Peer {
   ~Digest_Peer() { server_.stop(); }
   bool start();
   std::uint16_t port() const { return server_.port(); }
-  // The answer to signed requests on `path`; one set for a path with its query wins over the
-  // bare path. Unknown paths get 404.
+  // The answer to signed requests on `path`, which "METHOD " may prefix; the method wins over
+  // none, then a path with its query over the bare path. Unknown paths get 404.
   void set(const std::string& path, Answer answer);
   // What requests without credentials get instead of a challenge.
   void answer_unsigned(Answer answer);
@@ -131,7 +117,6 @@ class Capture_Channel : public JSON_RPC_Channel {
   std::vector<JSON_Value> sent;
 };
 
-// A running Digest_Peer per test.
 class Cas_Peer : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(peer_.start()); }

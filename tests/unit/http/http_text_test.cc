@@ -3,30 +3,28 @@
 #include <gtest/gtest.h>
 
 namespace {
-
-using Map = std::map<std::string, std::string>;
+using S = std::string;
+using Map = std::map<S, S>;
 
 TEST(Http_Text, UrlEncodingQueryStringsMethodsAndHeaders) {
   EXPECT_EQ(url_encode("AZaz09-_.~"), "AZaz09-_.~");
-  EXPECT_EQ(url_encode(std::string("a b+k=v&/?#%\xc3\xa9\0", 15)),
-            "a%20b%2Bk%3Dv%26%2F%3F%23%25%C3%A9%00");
-  std::string all, back;
+  EXPECT_EQ(url_encode(S("a b+k=v&/?#%\xc3\xa9\0", 15)), "a%20b%2Bk%3Dv%26%2F%3F%23%25%C3%A9%00");
+  S all, back;
   for (int c = 0; c < 256; ++c)
     all += static_cast<char>(c);
   EXPECT_TRUE(url_decode(url_encode(all), back) && back == all);
   EXPECT_TRUE(url_decode("a%20b+c%2b%c3%A9", back) && back == "a b c+\xc3\xa9") << back;
   for (const char* bad : {"%", "abc%4", "%g4", "%4g"}) {
-    std::string out = "untouched";
+    S out = "untouched";
     EXPECT_FALSE(url_decode(bad, out) || out != "untouched") << bad;
   }
   // Query strings replace the map only when they parse.
-  const std::pair<std::string, Map> rows[] = {
-      {"", {}},
-      {"a=1&a=2&b=", {{"a", "2"}, {"b", ""}}},
-      {"&&flag&", {{"flag", ""}}},
-      {"k%20y=v+w%26z&eq=a=b", {{"k y", "v w&z"}, {"eq", "a=b"}}},
-      {"a=1&b=%zz", {{"stale", "entry"}}},
-      {"%=1", {{"stale", "entry"}}}};
+  const std::pair<S, Map> rows[] = {{"", {}},
+                                    {"a=1&a=2&b=", {{"a", "2"}, {"b", ""}}},
+                                    {"&&flag&", {{"flag", ""}}},
+                                    {"k%20y=v+w%26z&eq=a=b", {{"k y", "v w&z"}, {"eq", "a=b"}}},
+                                    {"a=1&b=%zz", {{"stale", "entry"}}},
+                                    {"%=1", {{"stale", "entry"}}}};
   for (const auto& [in, expected] : rows) {
     Map out = {{"stale", "entry"}};
     EXPECT_EQ(parse_query_string(in, out), !expected.count("stale")) << in;
@@ -46,9 +44,7 @@ TEST(Http_Text, UrlEncodingQueryStringsMethodsAndHeaders) {
   for (const char* unknown : {"get", "PROPFIND", ""})
     EXPECT_EQ(http_method_from_string(unknown), HTTP_Method::UNKNOWN) << unknown;
   HTTP_Headers h;
-  h.add("Set-Cookie", "a=1");
-  h.add("set-cookie", "b=2");
-  h.add("Accept", "text/plain");
+  h.add("Set-Cookie", "a=1"), h.add("set-cookie", "b=2"), h.add("Accept", "text/plain");
   ASSERT_EQ(h.fields().size(), 3u);
   EXPECT_EQ(*h.get("SET-COOKIE"), "a=1");
   // put replaces every field of that name, in any spelling.
@@ -56,14 +52,12 @@ TEST(Http_Text, UrlEncodingQueryStringsMethodsAndHeaders) {
   h.remove("ACCEPT");
   EXPECT_EQ(h.get("accept"), nullptr);
   // Fields that would split the message are refused.
-  const std::pair<std::string, std::string> bad[] = {
-      {"X", "v\r\nX-Injected: 1"}, {"X", "v\nX"}, {"X", std::string("v\0", 2)},
-      {"Bad:Name", "v"},           {"", "v"},     {std::string("X\0Key", 5), "v"}};
+  const std::pair<S, S> bad[] = {{"X", "v\r\nX-Injected: 1"}, {"X", "v\nX"}, {"X", S("v\0", 2)},
+                                 {"Bad:Name", "v"},           {"", "v"},     {S("X\0Key", 5), "v"}};
   for (const auto& [name, value] : bad) {
     EXPECT_FALSE(h.put(name, value)) << name;
     h.add(name, value);
   }
   EXPECT_TRUE(h.fields().size() == 1 && *h.get("set-cookie") == "c=3");
 }
-
 }  // namespace

@@ -17,20 +17,20 @@
 #include <tuple>
 
 namespace {
-
+using S = std::string;
 using Req = const HTTP_Server_Request&;
 using Res = HTTP_Server_Response&;
 using M = HTTP_Method;
 
 // Writes `request` on a plain TCP connection; returns what arrives until the server closes.
-std::string raw_exchange(std::uint16_t port, const std::string& request) {
-  const std::string tcp = "exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port);
+S raw_exchange(std::uint16_t port, const S& request) {
+  const S tcp = "exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port);
   return run_program({"/bin/bash", "-c", tcp + " && cat >&3 && cat <&3"}, request, {}, 30).out;
 }
 
 // Answers what it was asked, as JSON.
 void echo(Req req, Res res) {
-  const std::string* type = req.headers.get("content-type");
+  const S* type = req.headers.get("content-type");
   JSON_Value out = {{"method", req.method_text}, {"path", req.path}, {"query", req.query}};
   out.update({{"body", req.body}, {"remote", req.remote}, {"tls", req.tls}});
   out["content_type"] = type ? *type : "";
@@ -39,37 +39,33 @@ void echo(Req req, Res res) {
 
 void add_routes(HTTP_Server& server) {
   server.route_prefix(M::UNKNOWN, "/echo", echo);
-  server.route(M::GET, "/close", [](Req req, Res res) {
-    echo(req, res);
-    res.headers.put("Connection", "close");
-  });
+  server.route(M::GET, "/close",
+               [](Req req, Res res) { echo(req, res), res.headers.put("Connection", "close"); });
   server.route(M::GET, "/text", [](Req, Res res) {
-    res.body = "plain words";
-    res.headers.put("Content-Type", "text/plain");
+    res.body = "plain words", res.headers.put("Content-Type", "text/plain");
   });
   server.route(M::DELETE, "/empty", [](Req, Res res) { res.status = 204; });
   server.route(M::UNKNOWN, "/keyed", [](Req req, Res res) {
-    const std::string* key = req.headers.get("X-Access-Key");
+    const S* key = req.headers.get("X-Access-Key");
     if (!key || *key != "k-123")
       return res.error(401, "unknown access key");
     echo(req, res);
   });
 }
 
-Run_Result curl(std::vector<std::string> args) {
+Run_Result curl(std::vector<S> args) {
   args.insert(args.begin(), {"/usr/bin/env", "curl", "-sS", "--max-time", "60"});
   return run_program(args);
 }
-
-std::string field(const HTTP_Response& resp, const char* name) {
-  const std::string* value = resp.headers().get(name);
+S field(const HTTP_Response& resp, const char* name) {
+  const S* value = resp.headers().get(name);
   return value ? *value : "";
 }
 
 // Fails the sends whose numbers (from 1) are listed, as a broken network would.
 struct Failing_Session : HTTP_Session_Wrapper {
   using HTTP_Session_Wrapper::HTTP_Session_Wrapper;
-  bool send(const HTTP_Request& req, const std::string* body, HTTP_Response& resp) override {
+  bool send(const HTTP_Request& req, const S* body, HTTP_Response& resp) override {
     if (!failing.count(++sends))
       return HTTP_Session_Wrapper::send(req, body, resp);
     resp.clear();
@@ -84,8 +80,7 @@ class Http_Transport : public ::testing::Test {
  protected:
   void start(HTTP_Server::Options options = {}) {
     add_routes(server_);
-    ASSERT_TRUE(server_.start(options));
-    ASSERT_NE(server_.port(), 0);
+    ASSERT_TRUE(server_.start(options) && server_.port() != 0);
   }
   std::shared_ptr<HTTP_Session> session(bool ssl = false, bool verify_peer = false,
                                         std::size_t max_response_bytes = 0, int io_timeout = 10) {
@@ -93,11 +88,11 @@ class Http_Transport : public ::testing::Test {
                                         verify_peer, 10, io_timeout, max_response_bytes);
   }
   // The echoed JSON of a GET (null when no answer).
-  JSON_Value get(HTTP_Session& s, const std::string& path) {
+  JSON_Value get(HTTP_Session& s, const S& path) {
     return send(s, M::GET, path) > 0 ? JSON_Value::parse(resp_.body(), nullptr, false) : nullptr;
   }
   // The status of the answer, left in resp_; -1 when the send fails.
-  int send(HTTP_Session& s, M method, const std::string& path, const std::string* body = nullptr) {
+  int send(HTTP_Session& s, M method, const S& path, const S* body = nullptr) {
     return s.send(HTTP_Request(method, path), body, resp_) ? resp_.status() : -1;
   }
   HTTP_Response resp_;
@@ -117,8 +112,7 @@ TEST_F(Http_Transport, RoundTripsOnKeptConnectionsAndReconnects) {
     ASSERT_TRUE(json.send(req, with_body ? &payload : nullptr, resp_, &out));
     EXPECT_EQ(std::tuple(resp_.status(), field(resp_, "server"), field(resp_, "content-length")),
               std::tuple(200, "brimlet", std::to_string(resp_.body().size())));
-    remotes.insert(out["remote"]);
-    out.erase("remote");
+    remotes.insert(out["remote"]), out.erase("remote");
     JSON_Value expected = {{"method", http_method_string(method)}, {"tls", false}};
     expected.update({{"path", "/echo/caf\xc3\xa9+x/y"}, {"body", with_body ? payload.dump() : ""}});
     expected["query"] = {{"name", "a b&c=d"}, {"flag", "true"}};
@@ -130,13 +124,13 @@ TEST_F(Http_Transport, RoundTripsOnKeptConnectionsAndReconnects) {
   EXPECT_TRUE(resp_.body().empty() && std::atoi(field(resp_, "Content-Length").c_str()) > 0);
   remotes.insert(get(json.session(), "/echo/after")["remote"]);
   EXPECT_EQ(remotes.size(), 1u);
-  const std::string base = "http://127.0.0.1:" + std::to_string(server_.port());
+  const S base = "http://127.0.0.1:" + std::to_string(server_.port());
   // curl sends no body before the 100 Continue, and keeps its connection.
   Run_Result r = curl({"-v", "--expect100-timeout", "30", "-w", "\n", "-X", "PUT", "-H",
                        "Expect: 100-continue", "-H", "Content-Type: application/json",
                        "--data-binary", "{\"x\":1}", base + "/echo/one", base + "/echo/two"});
   ASSERT_EQ(r.exit_code, 0) << r.err;
-  EXPECT_NE(r.err.find("< HTTP/1.1 100 Continue"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("< HTTP/1.1 100 Continue"), S::npos) << r.err;
   const std::size_t end = r.out.find('\n');
   JSON_Value one = JSON_Value::parse(r.out.substr(0, end), nullptr, false);
   JSON_Value two = JSON_Value::parse(r.out.substr(end + 1), nullptr, false);
@@ -201,15 +195,15 @@ TEST_F(Http_Transport, RoutesBadRequestsAndSilentHandlers) {
   for (const char* request :
        {"GARBAGE\r\n\r\n", "GET /echo/a%zz HTTP/1.1\r\n\r\n", "GET /echo?q=%4 HTTP/1.1\r\n\r\n",
         "GET echo HTTP/1.1\r\n\r\n", "POST /echo HTTP/1.1\r\nContent-Length: 1025\r\n\r\n"}) {
-    const std::string answer = raw_exchange(server_.port(), request);
-    const std::string status = request[0] == 'P' ? "413 Payload Too Large" : "400 Bad Request";
-    const std::string error = request[0] == 'P' ? "request too large" : "bad request";
+    const S answer = raw_exchange(server_.port(), request);
+    const S status = request[0] == 'P' ? "413 Payload Too Large" : "400 Bad Request";
+    const S error = request[0] == 'P' ? "request too large" : "bad request";
     EXPECT_EQ(answer.rfind("HTTP/1.1 " + status + "\r\n", 0), 0u) << answer;
-    EXPECT_NE(answer.find(R"({"error":")" + error + "\"}"), std::string::npos) << answer;
+    EXPECT_NE(answer.find(R"({"error":")" + error + "\"}"), S::npos) << answer;
   }
   // A body far larger than what the server reads before it answers: the answer must not be lost
   // to a reset. Then one that just fits.
-  const std::string huge(1 << 20, 'b'), fits(1024, 'f');
+  const S huge(1 << 20, 'b'), fits(1024, 'f');
   EXPECT_EQ(send(*s, M::POST, "/echo/upload", &huge), 413);
   EXPECT_EQ(send(*s, M::POST, "/echo/upload", &fits), 200);
   // The session's own I/O time-out, then the JSON layer's limit for the whole request, through a
@@ -227,19 +221,16 @@ TEST_F(Http_Transport, RoutesBadRequestsAndSilentHandlers) {
 TEST_F(Http_Transport, TlsServesCurlAndTheClientButNoPlainTextOrUnverifiedPeer) {
   Temp_Dir dir;
   HTTP_Server::Options options;
-  options.tls_cert = dir.file("cert.pem");
-  options.tls_key = dir.file("key.pem");
+  options.tls_cert = dir.file("cert.pem"), options.tls_key = dir.file("key.pem");
   const Run_Result made = run_program({"/usr/bin/env", "openssl", "req", "-x509", "-newkey",
                                        "rsa:2048", "-nodes", "-subj", "/CN=localhost", "-days", "2",
                                        "-keyout", options.tls_key, "-out", options.tls_cert});
   ASSERT_EQ(made.exit_code, 0) << made.err;
   start(options);
   Run_Result r = curl({"-k", "https://localhost:" + std::to_string(server_.port()) + "/echo"});
-  EXPECT_TRUE(r.exit_code == 0 && r.out.find("\"tls\":true") != std::string::npos)
-      << r.err << r.out;
+  EXPECT_TRUE(r.exit_code == 0 && r.out.find("\"tls\":true") != S::npos) << r.err << r.out;
   // Plain text fails the handshake and drops only that connection.
-  EXPECT_EQ(raw_exchange(server_.port(), "GET /echo HTTP/1.1\r\n\r\n").find("HTTP/1.1"),
-            std::string::npos);
+  EXPECT_EQ(raw_exchange(server_.port(), "GET /echo HTTP/1.1\r\n\r\n").find("HTTP/1.1"), S::npos);
   JSON_HTTP_Session json(session(true), 1, 30);
   const JSON_Value payload = {{"x", 1}};
   JSON_Value out;
@@ -256,12 +247,7 @@ TEST_F(Http_Transport, TlsServesCurlAndTheClientButNoPlainTextOrUnverifiedPeer) 
   EXPECT_TRUE(log.count() == 3 && log.contains("HTTPS needs both a certificate and a key file.") &&
               log.contains("TLS handshake with '127.0.0.1:"))
       << log.text();
-  // The ready file holds an object only.
-  const JSON_Value ready = {{"host", "127.0.0.1"}, {"port", 8443}, {"jsonrpc_port", 9000}};
-  std::string text;
-  ASSERT_TRUE(write_ready_file(dir.file("ready.json"), ready) &&
-              read_file(dir.file("ready.json"), text));
-  EXPECT_EQ(JSON_Value::parse(text), ready);
+  // A ready file holds an object only (the programs' own are read back by their tests).
   EXPECT_FALSE(write_ready_file(dir.file("list.json"), JSON_Value::array({1, 2})));
 }
 
@@ -307,7 +293,7 @@ TEST_F(Http_Transport, ClientsRetryOnlyWhatMayBeRepeatedGiveStatusZeroAndLogNoSe
   EXPECT_EQ((std::tuple{send(*s, M::GET, "/echo/too-large"), resp_.status()}), std::tuple(-1, 0));
   EXPECT_EQ(send(*s, M::DELETE, "/empty"), 204);
   // No server any more: only requests that may be repeated are sent again (one line per send).
-  const std::string port = std::to_string(server_.port());
+  const S port = std::to_string(server_.port());
   server_.stop();
   server_.stop();  // idempotent
   s->headers().put("Authorization", "Basic c2VjcmV0");
@@ -335,7 +321,7 @@ TEST_F(Http_Transport, UpstreamClientServesConcurrentCallersAndLogsFailuresWitho
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([&, t] {
       for (int i = 0; i < 20; ++i) {
-        const std::string id = std::to_string(t) + "-" + std::to_string(i);
+        const S id = std::to_string(t) + "-" + std::to_string(i);
         HTTP_Request req(M::POST, "/keyed");
         HTTP_Query_String_Builder(req.query()).append("id", id);
         const JSON_Value body = {{"id", id}};
@@ -356,9 +342,7 @@ TEST_F(Http_Transport, UpstreamClientServesConcurrentCallersAndLogsFailuresWitho
   EXPECT_TRUE(log.contains("'DELETE /keyed?uuid=u-1' to the backup server failed (status 401)") &&
               !log.contains("wrong-key-456"))
       << log.text();
-  // send() counts every answer.
   EXPECT_TRUE(up.send(req, nullptr, resp_, out));
   EXPECT_EQ(std::tuple(resp_.status(), out["error"]), std::tuple(401, "unknown access key"));
 }
-
 }  // namespace

@@ -8,7 +8,6 @@
 #include <tuple>
 
 namespace {
-
 // Answers {"sum": a + b}; "block" holds the answer until the test ends; "silent" answers nothing.
 struct Sum_Handler : JSON_RPC_Thread_Handler {
   int handle_object_i(std::shared_ptr<JSON_RPC_Channel> chn,
@@ -59,7 +58,6 @@ TEST(JSON_RPC, ParsesAndAnswersOverHttpWithTheirCodes) {
   auto notification =
       parse_json_rpc(JSON_Value::parse(R"({"jsonrpc":"2.0","method":"m"})"), code, message);
   EXPECT_TRUE(static_cast<JSON_RPC_Request&>(*notification).is_notification());
-  // Over HTTP.
   std::promise<void> release;
   HTTP_Server server;
   auto router = std::make_shared<JSON_RPC_Router>();
@@ -109,5 +107,4 @@ TEST(JSON_RPC, ParsesAndAnswersOverHttpWithTheirCodes) {
   }
   release.set_value();
 }
-
 }  // namespace

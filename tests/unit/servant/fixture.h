@@ -9,9 +9,7 @@
 #include <signal.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <map>
-#include <optional>
+#include <list>
 #include <string>
 
 // The test module's manifest in `dir` ("agent.only" its one agent method) and a service
@@ -29,7 +27,6 @@ inline void write_servant_conf(const Temp_Dir& dir, const std::string& conf_path
   write_text_file(conf_path, JSON_Value{{"modules", {manifest}}}.dump());
 }
 
-// The process has ended and been reaped.
 inline bool process_gone(pid_t pid) {
   return kill(pid, 0) != 0 && errno == ESRCH;
 }
@@ -38,17 +35,13 @@ class Servant_Fixture : public ::testing::Test {
  protected:
   void SetUp() override { write_servant_conf(dir_, conf_), set_env("BRIMLET_ROOT", dir_.path()); }
   void TearDown() override {
-    for (const auto& [name, value] : saved_env_)
-      value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
+    while (!env_.empty())  // the latest first, so the oldest value comes back
+      env_.pop_back();
   }
   // Sets a variable of this process until the test ends.
-  void set_env(const char* name, const std::string& value) {
-    const char* old = getenv(name);
-    saved_env_.emplace(name, old ? std::optional<std::string>(old) : std::nullopt);
-    setenv(name, value.c_str(), 1);
-  }
+  void set_env(const char* name, const std::string& value) { env_.emplace_back(name, value); }
 
   Temp_Dir dir_;
   const std::string conf_ = dir_.file("svc.json");
-  std::map<std::string, std::optional<std::string>> saved_env_;
+  std::list<Scoped_Env> env_;
 };

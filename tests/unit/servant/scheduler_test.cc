@@ -12,7 +12,6 @@
 #include <mutex>
 
 namespace {
-
 class Scheduler_Test : public Servant_Fixture {
  protected:
   // Pid and tag of each "hang" servant that reached its request.
@@ -66,8 +65,7 @@ TEST_F(Scheduler_Test, SettingsAreCheckedAndTheHandlerDecidesRetriesWithinTheCou
       1, [](Servant&, const Servant_Task&) { return false; }, handler([](bool) { return 2; })));
   ASSERT_TRUE(refused.enqueue_task(JSON_Value::object(), "cvk1"));
   refused.wait();
-  EXPECT_EQ(answered_, "-");
-  EXPECT_EQ(refused.failed(), 1);
+  EXPECT_EQ(std::tuple(answered_, refused.failed()), std::tuple("-", 1));
   sched.wait();
   // The handler answers 0 for an answer, else `on_failure` (2: may run again).
   const std::tuple<const char*, JSON_Value, int, const char*, const char*, int, int> cases[] = {
@@ -80,8 +78,7 @@ TEST_F(Scheduler_Test, SettingsAreCheckedAndTheHandlerDecidesRetriesWithinTheCou
       {"hang", JSON_Value::object(), 1, "vm:0 ", "-", 0, 1},
   };
   for (const auto& [method, params, on_failure, runs, answered, succeeded, failed] : cases) {
-    runs_.clear();
-    answered_.clear();
+    runs_.clear(), answered_.clear();
     Servant_Task_Scheduler sched(method);
     ASSERT_TRUE(sched.enable_retry(2, 0) && sched.set_time_limit(1));
     const int retry = on_failure;
@@ -100,8 +97,7 @@ TEST_F(Scheduler_Test, SettingsAreCheckedAndTheHandlerDecidesRetriesWithinTheCou
 TEST_F(Scheduler_Test, KeepsToTheLimitsAndTheStopCallbackEndsEverything) {
   ASSERT_EQ(mkdir(markers_.c_str(), 0700), 0);
   Servant_Task_Scheduler sched("hang");
-  ASSERT_TRUE(sched.enable_owner_limit(2));
-  ASSERT_TRUE(sched.enable_retry(3, 0));
+  ASSERT_TRUE(sched.enable_owner_limit(2) && sched.enable_retry(3, 0));
   ASSERT_TRUE(sched.register_stop_callback([this] { return hung().size() >= 3; }));
   ASSERT_TRUE(sched.activate(3, setup(), handler([](bool) { return 2; })));
   for (const char* owner : {"cvk1", "cvk1", "cvk1", "cvk2", "cvk2", "cvk2"})
@@ -109,8 +105,7 @@ TEST_F(Scheduler_Test, KeepsToTheLimitsAndTheStopCallbackEndsEverything) {
   EXPECT_TRUE(sched.is_running());
   sched.wait();
   EXPECT_FALSE(sched.is_running());
-  EXPECT_EQ(answered_, "---");
-  EXPECT_EQ(sched.failed(), 3);
+  EXPECT_EQ(std::tuple(answered_, sched.failed()), std::tuple("---", 3));
   EXPECT_EQ(std::count(runs_.begin(), runs_.end(), ':'), 3) << runs_;
   EXPECT_NE(runs_.find("cvk2:0"), std::string::npos) << runs_;
   std::string tags;
@@ -122,5 +117,4 @@ TEST_F(Scheduler_Test, KeepsToTheLimitsAndTheStopCallbackEndsEverything) {
   EXPECT_NE(tags.find("cvk2"), std::string::npos) << tags;
   EXPECT_FALSE(sched.enqueue_task(JSON_Value::object(), "cvk1"));
 }
-
 }  // namespace

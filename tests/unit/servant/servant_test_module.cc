@@ -18,7 +18,6 @@
 #include <string>
 
 namespace {
-
 [[noreturn]] void crash() {
   rlimit none{0, 0};
   setrlimit(RLIMIT_CORE, &none);
@@ -80,7 +79,6 @@ class Test_Handler : public JSON_RPC_Thread_Handler {
     return chn->send(*resp);
   }
 };
-
 }  // namespace
 
 MODULE_EXPORT void _gobble_Servant_Test_Handler(JSON_RPC_Handler* p) {

@@ -23,7 +23,6 @@
 #include <tuple>
 
 namespace {
-
 using namespace brimlet_server;
 using S = std::string;
 using Strings = std::vector<S>;
@@ -43,21 +42,17 @@ JSON_Value cvm_body(const S& host = "cvm.example", int port = 8080, const S& use
   b.update({{"name", "lab"}, {"ssl", false}, {"extended_attrs", {{"zone", "a"}}}});
   return b;
 }
-
 // `o` with `v` under `k`, or without `k` when `v` is null.
 JSON_Value with(JSON_Value o, const char* k, const JSON_Value& v) {
   v.is_null() ? void(o.erase(k)) : void(o[k] = v);
   return o;
 }
-
 const auto contains = [](const S& s, const S& part) { return s.find(part) != S::npos; };
-
 S file_bytes(const S& path) {
   S bytes;
   read_file(path, bytes);  // a missing file reads as empty
   return bytes;
 }
-
 Strings uuids(const JSON_Value& array) {
   Strings out;
   for (const auto& s : array)
@@ -67,7 +62,6 @@ Strings uuids(const JSON_Value& array) {
 
 class Server_Test : public ::testing::Test {
  protected:
-  // brimlet-server with the words of `line`.
   Run_Result run(const S& line) {
     std::istringstream in(line);
     Strings argv = {"brimlet-server"};
@@ -75,11 +69,9 @@ class Server_Test : public ::testing::Test {
       argv.push_back(word);
     return run_program(argv, "", env);
   }
-
   S enroll(const S& id, const S& role = "agent") {
     return run("enroll --data " + data + " --host-id " + id + " --role " + role).out.substr(0, 64);
   }
-
   bool start(const S& listen = "127.0.0.1:0") {
     S rf = tmp.file("ready" + std::to_string(++starts));
     // The command line's address must win over the file's, which would not start.
@@ -91,9 +83,7 @@ class Server_Test : public ::testing::Test {
     port = up ? r.at("port").get<std::uint16_t>() : 0;
     return up;
   }
-
   void stop() { EXPECT_EQ(server.stop(), 0); }  // SIGTERM must end the server cleanly
-
   // A request by curl; a string body is sent as it is, any other value as JSON.
   Answer call(const S& method, const S& target, const S* key, const JSON_Value& body = nullptr) {
     Strings argv = {"/usr/bin/curl", "-sS", "-D", "-", "-w", "\n%{http_code}", "-X", method};
@@ -111,13 +101,11 @@ class Server_Test : public ::testing::Test {
     return {std::stoi(r.out.substr(nl + 1)), r.out.substr(0, head), text,
             JSON_Value::parse(text, nullptr, false)};
   }
-
   S create(const S& route, const S& key, const JSON_Value& body) {
     Answer a = call("POST", route, &key, body);
     EXPECT_EQ(a.status, 201) << a.text;
     return a.body.is_object() ? a.body.value("uuid", "") : "";
   }
-
   // The password of entry `uuid` asked for host `host_id`, decrypted as the agent does.
   S password(const S& key, const S& uuid, const S& host_id) {
     Answer a = call("GET", cvms + "?uuid=" + uuid + "&with_password=" + host_id, &key);
@@ -127,7 +115,6 @@ class Server_Test : public ::testing::Test {
     EXPECT_TRUE(cipher.empty() || decrypt_string(cipher, plain, seal_key, sizeof seal_key - 1));
     return S(plain.data(), plain.size());
   }
-
   // A set of VM `vm` on CVK "cvk-1" in pool "p1"; a full set when `base` is empty.
   JSON_Value make_set(const S& uuid, const S& base, std::int64_t start_time, const S& vm = "vm-1",
                       const S& resource = "res-1") {
@@ -145,9 +132,7 @@ class Server_Test : public ::testing::Test {
     s["storages"] = {{{"pool_uuid", pool}, {"size", 3000}, {"extra", nullptr}}};
     return s;
   }
-
   void commit(const JSON_Value& set) { committed[create(commits, agent, set)] = set; }
-
   Temp_Dir tmp;
   const Strings env = {"BRIMLET_ROOT=" + tmp.path()};
   const S url = "file://" + tmp.path();  // a pool's: a directory that exists
@@ -195,7 +180,6 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
   Answer put = call("PUT", pools, &admin, JSON_Value::object());
   EXPECT_EQ(put.said(), R"(405 {"error":"method not allowed"})");
   EXPECT_TRUE(contains(put.headers, "Allow: GET, POST")) << put.headers;
-
   JSON_Value c = cvm_body(), x1 = make_set("x1", "", 200), i1 = make_set("i1", "f1", 200),
              p = {{"name", "x"}, {"url", url}}, f1 = committed["f1"];
   const S& v = views;
@@ -253,13 +237,11 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
   Strings listed = uuids(call("GET", pools, &agent).body.at("rows"));
   EXPECT_TRUE(listed.size() == 2 && listed[0] == pool) << listed.size();
   EXPECT_EQ(uuids(call("GET", sets, &agent).body.at("rows")), (Strings{"f9", "f1"}));
-
   JSON_Value one = call("GET", pools + "?uuid=" + pool, &agent).body;
   EXPECT_TRUE(one.at("created").is_number_integer());
   JSON_Value expected = {{"uuid", pool}, {"name", "p1"}, {"url", url}};
   EXPECT_EQ(with(one, "created", nullptr), with(expected, "io_options", {{"compression", "lz4"}}));
   EXPECT_EQ(call("POST", pools, &admin, {{"name", "P1"}, {"url", url}}).body["uuid"], pool);
-
   // Two chains of vm-1 (f1 <- i1 <- i2, f2 <- j1), one set of vm-2 and one of another resource.
   const char* const chains[][4] = {{"i1", "f1", "vm-1", "res-1"}, {"g1", "", "vm-2", "res-1"},
                                    {"i2", "i1", "vm-1", "res-1"}, {"f2", "", "vm-1", "res-1"},
@@ -268,7 +250,6 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
     commit(make_set(c[0], c[1], 100 * committed.size(), c[2], c[3]));
   EXPECT_EQ(call("POST", commits, &agent, committed["i1"]).said(),
             R"(200 {"created":false,"uuid":"i1"})");
-
   RESTful_Catalog_Operator op("127.0.0.1", port, false, agent, -1, 5);
   JSON_Value got, vm = {{"resource_uuid", "res-1"}, {"host_id", "cvk-1"}, {"vm_id", "vm-1"}};
   ASSERT_TRUE(op.get_view("h3ccas", "base_catalog", vm, got));
@@ -279,10 +260,8 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
   for (const Strings& chain : {Strings{"f1"}, Strings{"f1", "i1", "i2"}, Strings{"f2", "j1"}}) {
     JSON_Value which = {{"resource_uuid", "res-1"}, {"set_uuid", chain.back()}};
     ASSERT_TRUE(op.get_view("h3ccas", "restore", which, got));
-    EXPECT_EQ(uuids(got), chain);
-    EXPECT_EQ(got.back(), committed[chain.back()]);
+    EXPECT_EQ(std::tuple(uuids(got), got.back()), std::tuple(chain, committed[chain.back()]));
   }
-
   JSON_Value rows = call("GET", sets + "?vm_id=vm-1&host_uuid=cvm-1", &admin).body.at("rows");
   EXPECT_EQ(uuids(rows), (Strings{"r1", "j1", "f2", "i2", "i1", "f1"}));
   expected = {{"storage_size", 3000}, {"chain", {"f1", "i1", "i2"}}};
@@ -295,12 +274,9 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
   EXPECT_EQ(one["chain"], JSON_Value::array({"f1", "i1"}));
   EXPECT_TRUE(one.at("committed").is_number_integer());
   EXPECT_EQ(with(with(one, "chain", nullptr), "committed", nullptr), committed["i1"]);
-
   H3C_CAS_Backup_Set set;
   set.uuid_ = set.base_ = set.incarnation_ = "c1";
-  set.backup_type_ = "full";
-  set.pool_uuid_ = pool;
-  set.host_uuid_ = "cvm-1";
+  set.backup_type_ = "full", set.pool_uuid_ = pool, set.host_uuid_ = "cvm-1";
   set.add_piece("/h/v/disk_0", 512, "/vms/d.qcow2");
   set.add_storage(pool, 700, {{"code_name", "reborn"}});
   ASSERT_TRUE(op.commit(set) && op.commit(set));
@@ -311,13 +287,11 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
   EXPECT_EQ(Backup_Set_Storage_Selector(stored["storages"], 1).pool_uuid(), pool);
   set.pool_uuid_ = "elsewhere";
   EXPECT_FALSE(op.commit(set));  // other content
-
   JSON_Value js = JSON_Value::parse(R"(["junk", {"size": 5}, {"pool_uuid": "", "size": 9},
       {"pool_uuid": "a", "size": 10}, {"pool_uuid": "b", "size": 30}, {"pool_uuid": "c"}])");
   EXPECT_EQ(Backup_Set_Storage_Selector(js, 1).pool_uuid(), "a");
   EXPECT_EQ(Backup_Set_Storage_Selector(js, 2).pool_uuid(), "b");
   EXPECT_EQ(Backup_Set_Storage_Selector(JSON_Value::object(), 1).pool_uuid(), "");
-
   auto* upstream = Upstream_JSON_RESTful_Client::instance();
   upstream->configure("127.0.0.1", port, false, agent);
   Pool_Info info;
@@ -332,33 +306,28 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
   info.io_options = {{"compression", "zlib"}, {"compression_level", 99}};
   EXPECT_FALSE(set_options_by_pool(opts, info));  // and the options left alone
   EXPECT_EQ(opts.compression_, Client_IO_Base::Compression::Lz4);
-
   stop();
   JSON_Value answer;
   for (int retry_seconds : {0, 1})
     EXPECT_FALSE(RESTful_Catalog_Operator("127.0.0.1", port, false, agent, -1, retry_seconds)
                      .get_view("h3ccas", "base_catalog", JSON_Value::object(), answer));
-
   // A commit's first attempt meets a listener that hangs up; a later one the server back.
   int listener = socket(AF_INET, SOCK_STREAM, 0), on = 1;
   sockaddr_in addr = {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
   setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   ASSERT_EQ(listen(listener, 4), 0);
-  set.uuid_ = set.base_ = set.incarnation_ = "b1";
-  set.pool_uuid_ = pool;
+  set.uuid_ = set.base_ = set.incarnation_ = "b1", set.pool_uuid_ = pool;
   auto client = std::async(std::launch::async, [&] {
     return RESTful_Catalog_Operator("127.0.0.1", port, false, agent, -1, 60).commit(set);
   });
   pollfd pfd = {listener, POLLIN, 0};
   bool met = poll(&pfd, 1, 60000) == 1;  // bounds a hang: the client connects at once
-  close(accept(listener, nullptr, nullptr));
-  close(listener);
+  close(accept(listener, nullptr, nullptr)), close(listener);
   bool restarted = start("127.0.0.1:" + std::to_string(port));
   ASSERT_TRUE(met && restarted);
   EXPECT_TRUE(client.get());
   EXPECT_EQ(call("GET", sets + "?uuid=b1", &agent).status, 200);
-
   S uuid = create(cvms, admin, cvm_body());
   JSON_Value entry = call("GET", cvms, &admin).body.at("rows").at(1);  // after other.example
   EXPECT_TRUE(entry.at("created").is_number_integer());
@@ -366,24 +335,20 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
             with(with(cvm_body(), "password", nullptr), "uuid", uuid));
   EXPECT_EQ(call("GET", cvms + "?uuid=" + uuid, &admin).body["rows"][0], entry);
   EXPECT_EQ(call("GET", cvms + "?uuid=0bad", &admin).text, R"({"rows":[]})");
-
   // Only the agent itself gets a usable copy.
   EXPECT_EQ(password(agent, uuid, "agent-a"), secret);
   EXPECT_EQ(password(agent_b, uuid, "agent-a"), "");
   EXPECT_EQ(password(admin, uuid, "agent-a"), "");
-
   // Host names compare without case, as DNS does.
   const char* const exists = "a CVM entry for this host, port and username exists already";
   EXPECT_EQ(call("POST", cvms, &admin, cvm_body("CVM.Example")).said(),
             "409 " + JSON_Value({{"error", exists}, {"uuid", uuid}}).dump());
   S kept = create(cvms, admin, cvm_body("cvm.example", 8080, "operator"));
   create(cvms, admin, cvm_body("cvm.example", 65535));
-
   EXPECT_EQ(call("DELETE", cvms + "?uuid=" + uuid, &admin).text, R"({"deleted":1})");
   EXPECT_EQ(call("DELETE", cvms + "?uuid=" + uuid, &admin).said(),
             "404 {\"error\":\"no CVM entry '" + uuid + "'\"}");
   EXPECT_EQ(call("DELETE", cvms, &admin).text, R"({"error":"missing query key 'uuid'"})");
-
   std::vector<std::thread> threads;  // one of concurrent registrations of an entry wins
   std::vector<int> statuses(6);
   for (auto& s : statuses)
@@ -392,7 +357,6 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
     t.join();
   std::sort(statuses.begin(), statuses.end());
   EXPECT_EQ(statuses, (std::vector<int>{201, 409, 409, 409, 409, 409}));
-
   stop();
   ASSERT_TRUE(start());
   EXPECT_EQ(password(agent, kept, "agent-a"), secret);
@@ -412,7 +376,6 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
   EXPECT_FALSE(start());
   EXPECT_TRUE(contains(file_bytes(out_file), "is missing, and database"));
   EXPECT_NE(stat(key_file.c_str(), &st), 0);  // never made anew
-
   // Each bad option: exit status 2 and one line naming the problem, with a hint for usage errors.
   const S conf = tmp.file("conf.json"), d2 = tmp.file("d2"), d = " --data " + d2;
   auto hint = [](const S& cmd) { return "\nRun 'brimlet-server" + cmd + " --help' for usage.\n"; };
@@ -436,7 +399,6 @@ TEST_F(Server_Test, ServesEachRoleItsRoutesSurvivesARestartAndRefusesBadOptions)
   EXPECT_NE(access(d2.c_str(), F_OK), 0);  // refused before the database was made
   Run_Result help = run("enroll --help");
   EXPECT_TRUE(help.exit_code == 0 && contains(help.out, "Usage: brimlet-server enroll [OPTIONS]"));
-
   // The configuration's data directory serves unless the command line names another.
   write_text_file(conf, JSON_Value({{"data_dir", d2}}).dump());
   EXPECT_EQ(run("enroll --host-id console --role admin --config " + conf).out.size(), 65u);
@@ -462,5 +424,4 @@ TEST_F(Server_Test, DatabaseMigratesStepByStepAndRefusesANewerSchema) {
   }
   EXPECT_TRUE(Connection::open(path)->prepare("INSERT INTO t (x, y) VALUES (1, 'a')").run());
 }
-
 }  // namespace

@@ -9,7 +9,6 @@
 #include <string>
 
 namespace {
-
 // The demo's world and the listing benchmark's, as shipped.
 TEST(Cas_Sim_Worlds, ShippedWorldsLoadAndABadWorldFailsWithOneClearLine) {
   for (const char* name : {"default.json", "large.json"}) {
@@ -27,5 +26,4 @@ TEST(Cas_Sim_Worlds, ShippedWorldsLoadAndABadWorldFailsWithOneClearLine) {
   EXPECT_NE(run.err.find("operators[0]: missing key 'password'"), std::string::npos) << run.err;
   EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
 }
-
 }  // namespace

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -14,7 +15,6 @@
 #include <vector>
 
 namespace {
-
 const char kLibrary[] = BRIMLET_LIB_DIR "/libcvd.so";
 const char kWorld[] = R"({
   "operators": [{"id": 1, "login_name": "admin", "password": "Adm1n pass", "group_id": 1}],
@@ -27,8 +27,7 @@ constexpr std::uint64_t kDataSize = 24 << 20, kScratchSize = 16 << 20;
 
 std::string slurp(const std::string& path) {
   std::string text;
-  read_file(path, text);
-  return text;
+  return read_file(path, text), text;
 }
 
 class Libcvd_Test : public ::testing::Test {
@@ -44,6 +43,7 @@ class Libcvd_Test : public ::testing::Test {
     JSON_Value ready;
     ASSERT_TRUE(sim_.wait_ready(dir_.file("ready.json"), ready)) << slurp(dir_.file("sim.out"));
     port_ = ready.value("cvd_port", 0);
+    http_ = "http://127.0.0.1:" + std::to_string(ready.value("http_port", 0));
     ASSERT_GT(port_, 0);
     write_text_file(dir_.file("cvd.conf"), conf);
     ASSERT_EQ(cvd_init("cvd-test", log_file().c_str(), dir_.file("cvd.conf").c_str()), 0);
@@ -63,8 +63,19 @@ class Libcvd_Test : public ::testing::Test {
   Temp_Dir dir_;
   Test_Process sim_;
   int port_ = 0;
+  std::string http_;
   bool inited_ = false;
 };
+
+// One call of the simulator's HTTP API through curl: its status.
+std::string call(const std::string& method, const std::string& url, const std::string& body) {
+  std::vector<std::string> argv = {
+      "/usr/bin/curl", "-s", "-o", "/dev/null", "-w", "%{http_code}", "-X", method,
+      "--data-binary", body, url};
+  if (url.find("/cas/") != std::string::npos)
+    argv.insert(argv.begin() + 2, {"--digest", "-u", "admin:Adm1n pass"});
+  return run_program(argv, "", {}, 30).out;
+}
 
 TEST_F(Libcvd_Test, ReadsSeededContentRoundTripsWritesAndServesManyHandles) {
   start();
@@ -114,10 +125,8 @@ TEST_F(Libcvd_Test, ReadsSeededContentRoundTripsWritesAndServesManyHandles) {
   std::string whole(kScratchSize, '\0');
   EXPECT_EQ(cvd_disk_read(reader, 0, kScratchSize, &whole[0]),
             static_cast<std::int64_t>(kScratchSize));
-  EXPECT_TRUE(whole == shadow);
-  EXPECT_TRUE(image("/p1/scratch") == shadow);
-  EXPECT_EQ(cvd_disk_close(writer), 0);
-  EXPECT_EQ(cvd_disk_close(reader), 0);
+  EXPECT_TRUE(whole == shadow && image("/p1/scratch") == shadow);
+  EXPECT_EQ(cvd_disk_close(writer) | cvd_disk_close(reader), 0);
   std::vector<std::string> parts(8);
   std::vector<std::thread> threads;
   // One connection, a handle per thread, each thread reading its eighth of the disk.
@@ -153,10 +162,8 @@ TEST_F(Libcvd_Test, RefusesWrongCredentialsAndUnknownDisksAndReportsAServiceThat
   }
   cvd_conn_t conn = nullptr;
   ASSERT_EQ(connect(&conn), 0);
-  const struct {
-    const char *path, *snapshot;
-    int flags, error;
-  } opens[] = {
+  const std::tuple<const char*, const char*, int, int> opens[] = {
+      // path, snapshot, flags, error
       {"/p1/absent", nullptr, CVD_OPEN_READ, -ENOENT},
       {"rbd:p2/data", nullptr, CVD_OPEN_READ, -ENOENT},
       {"/p1/data", "never-taken", CVD_OPEN_READ, -ENOENT},
@@ -164,10 +171,10 @@ TEST_F(Libcvd_Test, RefusesWrongCredentialsAndUnknownDisksAndReportsAServiceThat
       {"/p1/data", nullptr, 3, -EINVAL},
       {"", nullptr, CVD_OPEN_READ, -EINVAL},
   };
-  for (const auto& c : opens) {
+  for (const auto& [path, snapshot, flags, error] : opens) {
     cvd_disk_t disk = nullptr;
-    EXPECT_EQ(cvd_disk_open(conn, c.path, c.snapshot, c.flags, &disk), c.error) << c.path;
-    EXPECT_EQ(disk, nullptr) << c.path;
+    EXPECT_EQ(cvd_disk_open(conn, path, snapshot, flags, &disk), error) << path;
+    EXPECT_EQ(disk, nullptr) << path;
   }
   cvd_disk_t disk = open(conn, "/p1/data", CVD_OPEN_READ);
   ASSERT_NE(disk, nullptr);
@@ -182,6 +189,50 @@ TEST_F(Libcvd_Test, RefusesWrongCredentialsAndUnknownDisksAndReportsAServiceThat
   EXPECT_EQ(connect(&other), -ECONNREFUSED);
   EXPECT_EQ(other, nullptr);
   EXPECT_EQ(cvd_disk_close(disk), 0);
+  EXPECT_EQ(cvd_disconnect(conn), 0);
+}
+
+TEST_F(Libcvd_Test, ReachesTheServiceByTheAddressMapReadsFrozenSnapshotsAndMeetsFaults) {
+  start();
+  // The module connects to port 8192 of a CVK; the map sends it to the simulator.
+  std::string map = "10.9.9.9:1=127.0.0.1:1,*=127.0.0.1:" + std::to_string(port_);
+  ASSERT_EQ(setenv("CVD_SIM_ADDRESS_MAP", map.c_str(), 1), 0);
+  cvd_connect_param param = {"192.0.2.1", 8192, "admin", "Adm1n pass", "vm v", 0};
+  cvd_conn_t conn = nullptr;
+  ASSERT_EQ(cvd_connect(&param, &conn), 0);
+  unsetenv("CVD_SIM_ADDRESS_MAP");
+  ASSERT_EQ(call("POST", http_ + "/cas/casrs/vm/snapshot",
+                 R"({"vmId": "1", "name": "s1", "snapshotMode": "1"})"),
+            "200");
+  // The guest writes on while the snapshot is read: it keeps the bytes of its time.
+  const std::string before = image("/p1/data");  // seeded by the snapshot
+  ASSERT_EQ(before.size(), kDataSize);
+  cvd_disk_t writer = open(conn, "/p1/data", CVD_OPEN_READ_WRITE);
+  cvd_disk_t frozen = nullptr, by_name = nullptr;
+  ASSERT_EQ(cvd_disk_open(conn, "/p1/data", "s1", CVD_OPEN_READ, &frozen), 0);
+  ASSERT_EQ(cvd_disk_open(conn, "rbd:p1/data@s1", nullptr, CVD_OPEN_READ, &by_name), 0);
+  std::string noise(kDataSize / 2, '\x5a'), read(kDataSize, '\0'), again(kDataSize, '\0');
+  std::thread guest([&] {
+    EXPECT_EQ(cvd_disk_write(writer, kDataSize / 4, noise.size(), noise.data()),
+              static_cast<std::int64_t>(noise.size()));
+  });
+  EXPECT_EQ(cvd_disk_read(frozen, 0, kDataSize, &read[0]), static_cast<std::int64_t>(kDataSize));
+  guest.join();
+  EXPECT_EQ(cvd_disk_read(by_name, 0, kDataSize, &again[0]), static_cast<std::int64_t>(kDataSize));
+  EXPECT_TRUE(read == before && again == before);
+  EXPECT_EQ(image("/p1/data").substr(kDataSize / 4, noise.size()), noise);
+  // Faults: reads of one disk fail; a connection is dropped after so many bytes, once.
+  ASSERT_EQ(call("POST", http_ + "/sim/cvd/fail_reads", R"({"disk": "/p1/data"})"), "200");
+  EXPECT_EQ(cvd_disk_read(frozen, 0, 4096, &read[0]), -EIO);
+  EXPECT_EQ(cvd_disk_read(writer, 0, 4096, &read[0]), -EIO);
+  ASSERT_EQ(call("POST", http_ + "/sim/cvd/fail_reads", R"({"disk": "/p1/data", "fail": false})"),
+            "200");
+  ASSERT_EQ(call("POST", http_ + "/sim/cvd/drop", R"({"after_bytes": 1048576})"), "200");
+  cvd_disk_t dropped = open(conn, "/p1/scratch", CVD_OPEN_READ);
+  EXPECT_EQ(cvd_disk_read(dropped, 0, 4 << 20, &read[0]), -ECONNRESET);
+  EXPECT_EQ(cvd_disk_read(frozen, 0, 4 << 20, &read[0]), 4 << 20);
+  for (cvd_disk_t d : {writer, frozen, by_name, dropped})
+    EXPECT_EQ(cvd_disk_close(d), 0);
   EXPECT_EQ(cvd_disconnect(conn), 0);
 }
 
@@ -227,5 +278,4 @@ TEST_F(Libcvd_Test, InitReadsTheConfigurationOnceAndTheLibraryExportsOnlyItsInte
   EXPECT_EQ(needed.out.find("brimlet"), std::string::npos) << needed.out;
   EXPECT_EQ(needed.out.find("ACE"), std::string::npos) << needed.out;
 }
-
 }  // namespace

@@ -8,12 +8,10 @@
 #include <tuple>
 
 namespace {
-
 using cas_sim::Digest_Verdict;
 
 const char kRealm[] = "VMC RESTful Web Services";
 const char kTarget[] = "/cas/casrs/vm/vmList?hostId=1";
-
 std::string nonce_of(const std::string& challenge) {
   std::size_t at = challenge.find("nonce=\"") + 7;
   return challenge.substr(at, challenge.find('"', at) - at);
@@ -118,5 +116,4 @@ TEST_F(Digest_Test, CountsRefusesParsesHashesAndAges) {
   EXPECT_EQ(verifier_.expire_issued(), 1u);
   EXPECT_EQ(next(), Digest_Verdict::STALE_NONCE);
 }
-
 }  // namespace

@@ -2,6 +2,7 @@
 #include "host/storage/file_driver.h"
 #include "host/storage/image.h"
 #include "host/storage/pool_url.h"
+#include "tests/support/faulty_storage.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -22,7 +23,6 @@
 #include <vector>
 
 namespace {
-
 using Compression = Client_IO_Base::Compression;
 using Names = std::set<std::string>;
 using Ranges = std::vector<std::pair<std::uint64_t, std::uint64_t>>;  // offset, length
@@ -260,6 +260,8 @@ class Client_IO_Test : public testing::Test {
   Client_IO_Ex io_;
 };
 
+// A killed writer leaves no object; the next write into its folder sweeps its hidden temporary,
+// and only it: a live writer's and another host's stay.
 TEST_F(Client_IO_Test, WriterKilledBeforeCloseLeavesNoObject) {
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
@@ -275,11 +277,21 @@ TEST_F(Client_IO_Test, WriterKilledBeforeCloseLeavesNoObject) {
   }
   char ok = 0;
   const bool told = pid > 0 && close(ready[1]) == 0 && ::read(ready[0], &ok, 1) == 1;
+  const Names left = list_dir(pool_ + "/vm");
+  Client_IO_Ex live;  // still writing when the next write sweeps
+  ASSERT_TRUE(live.connect("file://" + pool_, opts_) && live.open("vm/live", Client_IO_Ex::Write));
   int status = 0;
   ASSERT_TRUE(pid > 0 && kill(pid, SIGKILL) == 0 && waitpid(pid, &status, 0) == pid);
-  ASSERT_TRUE(told && ok && WIFSIGNALED(status) && close(ready[0]) == 0);
+  ASSERT_TRUE(told && ok && WIFSIGNALED(status) && close(ready[0]) == 0 && left.size() == 1);
   EXPECT_FALSE(io_.open("/vm/disk", Client_IO_Ex::Read));
   EXPECT_EQ(io_.error(), "Cannot open '" + pool_ + "/vm/disk': " + strerror(ENOENT));
+  std::ofstream(pool_ + "/vm/.disk.partial.elsewhere." + std::to_string(pid) + ".0") << "x";
+  Names kept = list_dir(pool_ + "/vm");
+  ASSERT_EQ(kept.size(), 3u);
+  ASSERT_TRUE(put("vm/next", "y"));
+  kept.erase(*left.begin());
+  kept.insert("next");
+  EXPECT_EQ(list_dir(pool_ + "/vm"), kept);
 }
 
 TEST_F(Client_IO_Test, ErrorsNameTheObjectAndNothingLeadsOutOfThePool) {
@@ -369,8 +381,8 @@ TEST_F(Client_IO_Test, ObjectsAndJSONDocumentsReadBack) {
   ASSERT_TRUE(put("vm/empty", "") && get("vm/disk_1", back)) << io_.error();
   EXPECT_TRUE(back == data && io_.storage_size() == data.size());
   EXPECT_TRUE(get("vm/empty", back) && back.empty());
-  EXPECT_FALSE(!io_.open("vm/disk_1", Client_IO_Ex::Read) || io_.write("x", 1));
-  EXPECT_FALSE(!io_.open("vm/other", Client_IO_Ex::Write) || io_.read(&back[0], 1) != -1);
+  EXPECT_FALSE(!io_.open("vm/disk_1", Client_IO_Ex::Read) || io_.write("x", 1) ||
+               !io_.open("vm/other", Client_IO_Ex::Write) || io_.read(&back[0], 1) != -1);
   // Removing the object being written abandons the write.
   ASSERT_TRUE(io_.open("vm/gone", Client_IO_Ex::Write) && io_.write("abc", 3));
   EXPECT_FALSE(!io_.remove("/vm/gone") || io_.is_open() || io_.close());
@@ -418,50 +430,6 @@ TEST_F(Client_IO_Test, ObjectsAndJSONDocumentsReadBack) {
   }
 }
 
-// Breaks one step of writing an object, LevelDB style: "open", "write N" (the Nth write of an
-// object), "full N" (half of it reaches the disk first, as when it fills up), "sync", "commit".
-class Faulty_Driver : public Storage_Driver_Wrapper {
- public:
-  Faulty_Driver(std::unique_ptr<Storage_Driver> target, std::string fault)
-      : Storage_Driver_Wrapper(std::move(target)), fault_(std::move(fault)) {}
-  std::unique_ptr<Storage_Object> open(const std::string& name, int mode,
-                                       std::string& error) override {
-    if (mode == Client_IO_Ex::Write && fails("open", error))
-      return nullptr;
-    auto object = Storage_Driver_Wrapper::open(name, mode, error);
-    return object ? std::make_unique<Object>(std::move(object), *this, mode) : nullptr;
-  }
-  static std::string reason(const std::string& fault) {
-    return fault + ": " + strerror(fault[0] == 'f' ? ENOSPC : EIO);
-  }
-
- private:
-  struct Object : Storage_Object_Wrapper {
-    Object(std::unique_ptr<Storage_Object> target, const Faulty_Driver& driver, int mode)
-        : Storage_Object_Wrapper(std::move(target)), driver(driver), writing(mode == 2) {}
-    bool write(const void* data, std::size_t length, std::string& error) override {
-      const std::string nth = std::to_string(++writes);
-      if (driver.fault_ == "full " + nth)
-        Storage_Object_Wrapper::write(data, length / 2, error);
-      return !driver.fails("write " + nth, error) && !driver.fails("full " + nth, error) &&
-             Storage_Object_Wrapper::write(data, length, error);
-    }
-    bool sync(std::string& error) override {
-      return !driver.fails("sync", error) && Storage_Object_Wrapper::sync(error);
-    }
-    bool commit(std::string& error) override {
-      return !(writing && driver.fails("commit", error)) && Storage_Object_Wrapper::commit(error);
-    }
-    const Faulty_Driver& driver;
-    const bool writing;
-    int writes = 0;
-  };
-  bool fails(const std::string& step, std::string& error) const {
-    return fault_ == step && (error = reason(step), true);
-  }
-  std::string fault_;
-};
-
 // An image of 3 MiB of the disk from an offset set by `version` (3+ writes), or a JSON document.
 bool write_object(Client_IO_Ex& io, const std::string& name, bool image, int version) {
   if (!image)
@@ -504,5 +472,4 @@ TEST_F(Client_IO_Test, FailureAtAnyStepOfAWriteLeavesNothingNew) {
     }
   }
 }
-
 }  // namespace
