@@ -7,13 +7,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <future>
 
 #include <filesystem>
 #include <regex>
 #include <set>
+#include <thread>
 
 namespace {
+
+using namespace std::chrono_literals;
 
 // One running VM on three qcow2 disks, so that backups go through a snapshot and CBT.
 const char backup_world[] = R"({"knobs": {"task_duration_ms": 0},
@@ -173,11 +178,27 @@ TEST(Backup, FullThenIncrementalOfARunningVm) {
   EXPECT_EQ(sets[1]["backup_type"], "full");
   EXPECT_EQ(sets[0]["base"], sets[1]["uuid"]);
   EXPECT_EQ(sets[0]["chain"], JSON_Value::array({sets[1]["uuid"], sets[0]["uuid"]}));
-
-  // A new full set starts a chain: the CBTers of the old one go.
-  r = stack.cli({"backup", "lab", "--pool", "nas", "--full", "--interval", "0.1", "web01"});
-  ASSERT_EQ(r.exit_code, 0) << r.err << r.out;
-  EXPECT_EQ(leftovers(stack), cbters("full"));
   EXPECT_LT(sets[0]["storage_size"].get<std::uint64_t>(),
             sets[1]["storage_size"].get<std::uint64_t>() / 4);
+
+  // A new full set while the guest rewrites a disk under it: the set holds the disk as the
+  // snapshot froze it, and the CBTers of the old chain go.
+  const std::string frozen = sim_digest(stack, disks[1]);
+  stack.sim_control("sim", "POST", "/sim/cvd/hold", {{"disk", disks[1]}, {"hold", true}});
+  auto full = std::async(std::launch::async, [&] {
+    return stack.cli({"backup", "lab", "--pool", "nas", "--full", "--interval", "0.1", "web01"});
+  });
+  bool reading = false;
+  for (int i = 0; i < 1500 && !reading; ++i, std::this_thread::sleep_for(20ms))
+    reading = stack.sim_control("sim", "GET", "/sim/cvd/hold")["waiting"].value(disks[1], 0) > 0;
+  // The guest writes where the disk is now: an external snapshot moved it into an overlay.
+  JSON_Value now = stack.sim_control("sim", "GET", "/sim/world")["hosts"][0]["vms"][0]["disks"][1];
+  JSON_Value write = {{"disk", now["path"]}, {"offset", 0}, {"length", disk_bytes[1]}};
+  EXPECT_TRUE(stack.sim_control("sim", "POST", "/sim/disks/write", write).is_object());
+  stack.sim_control("sim", "POST", "/sim/cvd/hold", {{"disk", disks[1]}, {"hold", false}});
+  r = full.get();
+  ASSERT_TRUE(reading && r.exit_code == 0) << r.err << r.out;
+  EXPECT_NE(sim_digest(stack, disks[1]), frozen);
+  EXPECT_EQ(rebuilt_digest(pool, vm_dir, 1), frozen);
+  EXPECT_EQ(leftovers(stack), cbters("full"));
 }
