@@ -246,44 +246,81 @@ void print_summary(std::ostream& out, const JSON_Value& status, bool full) {
   table.print(out);
 }
 
+namespace {
+
+// One line of a run's log: "date time program[pid:tid] LEVEL file:line message"; a line of
+// another shape is all message.
+struct Log_Line {
+  std::string program, level, message;
+  bool is_error() const {
+    return level == "ERROR" || level == "CRITICAL" || level == "ALERT" || level == "EMERGENCY";
+  }
+};
+
+std::vector<Log_Line> parse_log(const std::string& log) {
+  std::vector<Log_Line> lines;
+  std::istringstream in(log);
+  std::string text;
+  while (std::getline(in, text)) {
+    Log_Line line{"", "", text};
+    if (auto at = text.find("] "); at != std::string::npos) {
+      std::istringstream head(text.substr(0, text.rfind('[', at)));
+      std::string date, time;
+      head >> date >> time;
+      std::getline(head >> std::ws, line.program);
+      std::string where;
+      std::istringstream rest(text.substr(at + 2));
+      rest >> line.level >> where;
+      std::getline(rest >> std::ws, line.message);
+    }
+    lines.push_back(std::move(line));
+  }
+  return lines;
+}
+
+// The last error said of VM `name`, by its servant or naming it: the one that ended its backup
+// (earlier ones may have been got over, as a missing base is by a full backup).
+std::string last_error_of(const std::vector<Log_Line>& lines, const std::string& name) {
+  std::string last;
+  for (const Log_Line& line : lines)
+    if (line.is_error() && (line.program == "brimlet-servant " + name + " " ||
+                            line.message.find("'" + name + "'") != std::string::npos))
+      last = line.message;
+  return last;
+}
+
+}  // namespace
+
 std::string failure_reason(const JSON_Value& status, const std::string& log) {
   std::string state = status.value("state", "");
   if (state == "stopped" || state == "aborted")
     return "the run was stopped";
   if (state == "precondition_failed")
     return "the job's precondition failed";
-  std::vector<std::string> failed;
-  std::size_t vms = 0;
+  const std::vector<Log_Line> lines = parse_log(log);
+  std::string failed;
+  std::size_t vms = 0, failures = 0;
   for (const auto& vm : status.value("vms", JSON_Value::array())) {
     ++vms;
     const JSON_Value* h = history_of(status, vm.value("uuid", ""));
-    if (!(h && h->value("succeed", false)))
-      failed.push_back(vm.value("name", ""));
+    if (h && h->value("succeed", false))
+      continue;
+    const std::string name = vm.value("name", "");
+    const std::string why = last_error_of(lines, name);
+    failed += (failures++ ? "; " : "") + name + (why.empty() ? "" : ": " + why);
   }
-  if (!failed.empty()) {
-    std::string names;
-    for (const auto& name : failed)
-      names += (names.empty() ? "" : ", ") + name;
-    return std::to_string(failed.size()) + " of " + std::to_string(vms) + " VMs failed: " + names;
-  }
+  if (failures)
+    return std::to_string(failures) + " of " + std::to_string(vms) + " VMs failed: " + failed;
   // Failed before any VM: the last error the job logged, else its last line other than the
   // run's own end.
   std::string own = " run " + status.value("run_id", "") + " ";
-  std::istringstream in(log);
-  std::string line, last, last_error;
-  while (std::getline(in, line)) {
-    // "date time program[pid:tid] LEVEL file:line message"
-    std::string level, where, message = line;
-    if (auto at = line.find("] "); at != std::string::npos) {
-      std::istringstream head(line.substr(at + 2));
-      head >> level >> where;
-      std::getline(head >> std::ws, message);
-    }
-    if (message.empty() || line.find(own) != std::string::npos)
+  std::string last, last_error;
+  for (const Log_Line& line : lines) {
+    if (line.message.empty() || line.message.find(own) != std::string::npos)
       continue;
-    last = message;
-    if (level == "ERROR" || level == "CRITICAL" || level == "ALERT" || level == "EMERGENCY")
-      last_error = message;
+    last = line.message;
+    if (line.is_error())
+      last_error = line.message;
   }
   if (!last_error.empty())
     return last_error;

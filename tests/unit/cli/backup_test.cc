@@ -98,6 +98,14 @@ TEST(Backup_Command, SummaryAndFailureReason) {
   EXPECT_EQ(failure_reason(run, ""), "the run was stopped");
   run["state"] = "idle";
   EXPECT_EQ(failure_reason(run, ""), "1 of 2 VMs failed: db");
+  // A failed VM's reason: the last error its servant said, or one naming it.
+  const std::string day = "2026-01-02 03:04:05.006 ";
+  for (std::string program : {"brimlet-servant db [7:8] ", "brimlet-agent [1:2] "}) {
+    std::string log = day + program + "ERROR a.cc:1 Lost 'db'.\n" + day + program +
+                      "ERROR a.cc:2 Then 'db'.\n" + day + program + "WARNING a.cc:3 Slow 'db'.\n" +
+                      day + "brimlet-servant web [3:4] ERROR a.cc:4 No.\n";
+    EXPECT_EQ(failure_reason(run, log), "1 of 2 VMs failed: db: Then 'db'.");
+  }
   run["vms"] = JSON_Value::array();
   // Before any VM: the job's last error, else its last line, never the run's own end.
   const char* prefix = "2026-01-02 03:04:05.006 brimlet-agent [1:2] ";
