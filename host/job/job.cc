@@ -203,8 +203,8 @@ void Job::register_thread() {
   set_log_thread_tag(log_tag_);
   if (log_sink_ < 0 && log_callback_)
     log_sink_ = add_log_sink([this, tag = log_tag_](ACE_Log_Priority, const std::string& line) {
-      // Sinks run on the logging thread: lines of this job's thread and its helpers belong to
-      // its run.
+      // Sinks run on the logging thread: lines of this job's thread and of the threads that
+      // took its tag belong to its run.
       if (log_thread_tag() == tag)
         log_callback_(line);
     });
