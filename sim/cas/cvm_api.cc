@@ -107,11 +107,23 @@ JSON_Value cas_list(const std::string& key, std::vector<JSON_Value> members) {
 
 // CAS's own error numbers are not modelled: the code is the HTTP status. The messages are in
 // Chinese, as a CVM in its default locale sends them.
-void cas_error(HTTP_Server_Response& response, int status, const char* message) {
+void cas_error(HTTP_Server_Response& response, int status, const char* message, const char* code) {
   response.status = status;
   response.body.clear();
-  response.headers.put("Error-Code", std::to_string(status));
+  response.headers.put("Error-Code", code ? code : std::to_string(status));
   response.headers.put("Error-Message", message);
+}
+
+const char* provisioning_code(const std::string& provisioning) {
+  if (provisioning == "lazy_zeroed")
+    return "0";
+  if (provisioning == "eager_zeroed")
+    return "1";
+  return "2";
+}
+
+double volume_allocation_mib(const Volume& volume) {
+  return volume.provisioning == "thin" ? 0 : volume.size_mib;
 }
 
 void cas_json(HTTP_Server_Response& response, const JSON_Value& value) {
@@ -127,6 +139,7 @@ CVM_Api::CVM_Api(Simulator& sim) : sim_(sim) {
   routes_.add(HTTP_Method::GET, "/cas/casrs/operator/operatorInfoList", &CVM_Api::operator_list);
   routes_.add(HTTP_Method::GET, "/cas/casrs/datacenter/casVersion", &CVM_Api::cas_version);
   add_inventory_routes();
+  add_restore_routes();
   add_vm_routes();
 }
 

@@ -19,8 +19,15 @@ std::string cas_number(std::int64_t n);
 std::string cas_mib(double mib);
 JSON_Value cas_members(std::vector<JSON_Value> members);  // null when empty
 JSON_Value cas_list(const std::string& key, std::vector<JSON_Value> members);
-// An error is told in the Error-Code and Error-Message headers, without a body.
-void cas_error(HTTP_Server_Response& response, int status, const char* message);
+// An error is told in the Error-Code and Error-Message headers, without a body. The code is the
+// status unless CAS has a number of its own for the case ("1001": no such VM).
+void cas_error(HTTP_Server_Response& response, int status, const char* message,
+               const char* code = nullptr);
+// CAS's provisioning codes do not follow the order of the modes: "0" lazy zeroed, "1" eager
+// zeroed, "2" thin (also for anything else).
+const char* provisioning_code(const std::string& provisioning);
+// Space a volume takes in its pool: all of it unless thin.
+double volume_allocation_mib(const Volume& volume);
 // A null value is an answer without a body.
 void cas_json(HTTP_Server_Response& response, const JSON_Value& value);
 
@@ -75,6 +82,14 @@ class CVM_Api {
   void tracker_info(const Call& call, HTTP_Server_Response& response);
   void tracker_delete(const Call& call, HTTP_Server_Response& response);
   void vm_power(const Call& call, HTTP_Server_Response& response);
+
+  // What a restore makes: VMs, volumes and disk attachment (cvm_restore.cc).
+  void add_restore_routes();
+  void vm_add(const Call& call, HTTP_Server_Response& response);
+  void vm_delete(const Call& call, HTTP_Server_Response& response);
+  void disk_attach(const Call& call, HTTP_Server_Response& response);
+  void volume_create(const Call& call, HTTP_Server_Response& response);
+  void volume_delete(const Call& call, HTTP_Server_Response& response);
 
   Simulator& sim_;
   HTTP_Server* server_ = nullptr;

@@ -44,15 +44,6 @@ const char* cas_bool(bool value) {
   return value ? "true" : "false";
 }
 
-// CAS's provisioning codes do not follow the order of the modes: "2" is thin.
-const char* provisioning_code(const std::string& provisioning) {
-  if (provisioning == "lazy_zeroed")
-    return "0";
-  if (provisioning == "eager_zeroed")
-    return "1";
-  return "2";
-}
-
 JSON_Value host_json(const Host& host) {
   return {{"id", cas_number(host.id)},
           {"name", host.name},
@@ -222,12 +213,20 @@ void CVM_Api::vm_detail(const Call& call, HTTP_Server_Response& response) {
     JSON_Value basic = vm_json(*host, *vm);
     basic.erase("cpu");
     basic.erase("memory");
+    basic["architecture"] = vm->architecture;
+    basic["system"] = vm->system;
+    basic["blkiotune"] = cas_number(vm->blkiotune);
+    basic["autoMigrate"] = vm->auto_migrate;
+    if (!vm->os_version.empty())
+      basic["osVersion"] = vm->os_version;
     JSON_Value out = {{"id", cas_number(vm->id)},
                       {"status", vm->status},
                       {"basic", std::move(basic)},
                       {"cpu",
                        {{"cpuSockets", cas_number(vm->cpu_sockets)},
-                        {"cpuCores", cas_number(vm->cpus / vm->cpu_sockets)}}},
+                        {"cpuCores", cas_number(vm->cpus / vm->cpu_sockets)},
+                        {"cpuShares", cas_number(vm->cpu_shares)},
+                        {"maxCpuNum", cas_number(vm->max_cpus)}}},
                       {"memory", {{"size", cas_number(vm->memory_mib)}}}};
     std::vector<JSON_Value> networks, storages;
     for (const Nic& nic : vm->networks) {
@@ -306,18 +305,29 @@ void CVM_Api::volume_list(const Call& call, HTTP_Server_Response& response) {
       return refuse(404, "存储池不存在");
     std::vector<JSON_Value> members;
     auto add = [&](const std::string& name, const std::string& path, const std::string& size,
-                   const std::string& users) {
-      members.push_back({{"name", name}, {"path", path}, {"size", size}, {"users", users}});
+                   const std::string& allocation, const std::string& users,
+                   const std::string& format, const std::string& provisioning) {
+      JSON_Value out = {{"name", name},
+                        {"path", path},
+                        {"size", size},
+                        {"allocation", allocation},
+                        {"users", users}};
+      if (!format.empty())
+        out["format"] = format;
+      if (!provisioning.empty())
+        out["mode"] = provisioning_code(provisioning);
+      members.push_back(std::move(out));
     };
     for (const Volume& volume : pool->volumes)
-      add(volume.name, pool->path + "/" + volume.name, cas_mib(volume.size_mib), volume.users);
+      add(volume.name, pool->path + "/" + volume.name, cas_mib(volume.size_mib),
+          cas_mib(volume_allocation_mib(volume)), volume.users, volume.format, volume.provisioning);
     // Every disk image in the pool is one of its volumes, used by its VM.
     for (const Host& host : world.hosts)
       for (const VM& vm : host.vms)
         for (const Disk& disk : vm.disks)
           if (disk.pool == pool->name)
             add(disk.path.substr(disk.path.rfind('/') + 1), disk.path, cas_number(disk.size_mib),
-                vm.name);
+                cas_number(disk.allocation_mib), vm.name, disk.format, disk.provisioning);
     return Answer(cas_list("storageVolume", std::move(members)));
   }));
 }

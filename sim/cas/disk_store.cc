@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -194,6 +195,13 @@ bool find_image(const World& world, const std::string& name, Image& out) {
           snapshot_names(vm.snapshots, out.snapshots);
           return contained(disk.path);
         }
+  // A volume no VM uses yet (one made for a restore), by its path in the pool.
+  for (const Pool& pool : world.pools)
+    for (const Volume& volume : pool.volumes)
+      if (!rbd && name == pool.path + "/" + volume.name) {
+        out = {name, static_cast<std::uint64_t>(std::ceil(volume.size_mib * 1048576)), {}, {}};
+        return contained(name);
+      }
   return false;
 }
 
@@ -317,6 +325,27 @@ std::string Disk_Store::file_of(const std::string& path) const {
     return "";
   // RBD images ("<pool>/<image>") live apart from the files of the pools.
   return sim_.data_dir() + (path[0] == '/' ? "/disks" : "/disks/rbd/") + path;
+}
+
+void Disk_Store::forget(const std::string& path) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto moved = moved_.find(path);
+  const std::string first = moved == moved_.end() ? path : moved->second;
+  auto it = states_.find(first);
+  if (it != states_.end()) {
+    // Readers that hold the disk keep their descriptors; the files go now.
+    std::unique_lock<std::shared_mutex> disk_lock(it->second->mutex);
+    for (const auto& f : it->second->snapshots)
+      unlink(f->file.c_str());
+    states_.erase(it);
+  }
+  for (auto m = moved_.begin(); m != moved_.end();)
+    m = m->second == first ? moved_.erase(m) : std::next(m);
+  for (auto f = frozen_.begin(); f != frozen_.end();)
+    f = f->second.first == first ? frozen_.erase(f) : std::next(f);
+  std::string file = file_of(first);
+  if (!file.empty() && unlink(file.c_str()) != 0 && errno != ENOENT)
+    LOG_MSG((LM_WARNING, "cvd-ds: failed to remove image '%s': %m.\n", file.c_str()));
 }
 
 int Disk_Store::resolve(const std::string& name, const std::string& snapshot, Resolved& out) {

@@ -91,6 +91,9 @@ class Disk_Store {
                         std::vector<Extent>& out);
   // Grows the image (never while it has snapshots); every tracker of the disk becomes invalid.
   bool resize(const std::string& name, std::uint64_t size);
+  // The disk at `path` is deleted: its image, snapshots and trackers go, so that a disk made
+  // again at that path starts empty (also after a restart with the same data folder).
+  void forget(const std::string& path);
   // Snapshots and trackers the store holds, by the disk's first path.
   struct Leftovers {
     std::map<std::string, std::vector<std::string>> snapshots, trackers;

@@ -292,8 +292,10 @@ Snapshot parse_snapshot(const JSON_Value& obj, std::set<std::string>& names) {
 }
 
 VM parse_vm(const JSON_Value& obj, const Host& host, Inventory_Index& index) {
-  check_keys(obj, {"id", "uuid", "name", "title", "status", "os", "cpus", "cpu_sockets",
-                   "memory_mib", "disks", "networks", "capabilities", "snapshots"});
+  check_keys(obj, {"id",         "uuid",         "name",        "title",        "status",
+                   "os",         "cpus",         "cpu_sockets", "memory_mib",   "disks",
+                   "networks",   "capabilities", "snapshots",   "architecture", "system",
+                   "os_version", "cpu_shares",   "max_cpus",    "blkiotune",    "auto_migrate"});
   VM vm;
   extract_id(obj, vm.id);
   insert_unique(index.vm_ids, vm.id, "VM id " + std::to_string(vm.id));
@@ -311,6 +313,13 @@ VM parse_vm(const JSON_Value& obj, const Host& host, Inventory_Index& index) {
   if (vm.cpus % vm.cpu_sockets != 0)
     json_throw_type("cpus", "a multiple of cpu_sockets");
   extract_in_range<std::int64_t>(obj, "memory_mib", vm.memory_mib, 1, max_mib);
+  json_extract(obj, "architecture", vm.architecture, false);
+  json_extract(obj, "system", vm.system, false);
+  json_extract(obj, "os_version", vm.os_version, false);
+  json_extract(obj, "auto_migrate", vm.auto_migrate, false);
+  extract_in_range(obj, "cpu_shares", vm.cpu_shares, 1, 1 << 20);
+  extract_in_range(obj, "max_cpus", vm.max_cpus, 1, 4096);
+  extract_in_range(obj, "blkiotune", vm.blkiotune, 1, 1000);
 
   std::set<std::string> devices;
   for_each_member(obj, "disks", [&](const JSON_Value& member) {
@@ -409,7 +418,7 @@ Pool parse_pool(const JSON_Value& obj) {
   json_extract(obj, "active", pool.active, false);
   std::set<std::string> names;
   for_each_member(obj, "volumes", [&](const JSON_Value& member) {
-    check_keys(member, {"name", "size_mib", "users"});
+    check_keys(member, {"name", "size_mib", "users", "format", "provisioning", "cluster_size"});
     Volume volume;
     extract_name(member, "name", volume.name);
     insert_unique(names, volume.name, "volume name " + in_quotes(volume.name));
@@ -417,6 +426,10 @@ Pool parse_pool(const JSON_Value& obj) {
     if (!(volume.size_mib >= 0 && volume.size_mib <= max_mib))
       json_throw_type("size_mib", "number from 0 to 2^40");
     json_extract(member, "users", volume.users, false);
+    extract_choice(member, "format", volume.format, {"raw", "qcow2"}, "raw or qcow2");
+    extract_choice(member, "provisioning", volume.provisioning,
+                   {"thin", "lazy_zeroed", "eager_zeroed"}, "thin, lazy_zeroed or eager_zeroed");
+    extract_in_range<std::int64_t>(member, "cluster_size", volume.cluster_size, 0, 1 << 30);
     pool.volumes.push_back(std::move(volume));
   });
   return pool;
@@ -650,6 +663,12 @@ JSON_Value dump_vm(const VM& vm) {
                     {"cpus", vm.cpus},
                     {"cpu_sockets", vm.cpu_sockets},
                     {"memory_mib", vm.memory_mib},
+                    {"architecture", vm.architecture},
+                    {"system", vm.system},
+                    {"cpu_shares", vm.cpu_shares},
+                    {"max_cpus", vm.max_cpus},
+                    {"blkiotune", vm.blkiotune},
+                    {"auto_migrate", vm.auto_migrate},
                     {"disks", JSON_Value::array()},
                     {"networks", JSON_Value::array()},
                     {"capabilities",
@@ -658,6 +677,7 @@ JSON_Value dump_vm(const VM& vm) {
                       {"external_snapshot", vm.capabilities.external_snapshot},
                       {"external_cbt", vm.capabilities.external_cbt}}}};
   put_text(out, "os", vm.os);
+  put_text(out, "os_version", vm.os_version);
   for (const Disk& disk : vm.disks)
     out["disks"].push_back(dump_disk(disk));
   for (const Nic& nic : vm.networks) {
@@ -712,6 +732,10 @@ JSON_Value dump_pool(const Pool& pool) {
   for (const Volume& volume : pool.volumes) {
     JSON_Value v = {{"name", volume.name}, {"size_mib", volume.size_mib}};
     put_text(v, "users", volume.users);
+    put_text(v, "format", volume.format);
+    put_text(v, "provisioning", volume.provisioning);
+    if (volume.cluster_size > 0)
+      v["cluster_size"] = volume.cluster_size;
     out["volumes"].push_back(std::move(v));
   }
   return out;

@@ -89,6 +89,15 @@ struct VM {
   std::vector<Nic> networks;
   Capabilities capabilities;
   std::vector<Snapshot> snapshots;  // the first level of the snapshot tree
+  // What CAS keeps of a VM's definition and shows in its detail, so that a VM made again from
+  // its saved detail comes back alike.
+  std::string architecture = "x86_64";  // "osBit" when created
+  std::string system = "1";
+  std::string os_version;  // empty: not told
+  int cpu_shares = 512;
+  int max_cpus = 8;
+  int blkiotune = 300;
+  std::string auto_migrate = "0";
 };
 
 struct VSwitch {
@@ -127,6 +136,9 @@ struct Volume {
   std::string name;
   double size_mib = 0;  // CAS reports volume sizes with a fraction
   std::string users;
+  std::string format;        // "raw", "qcow2"; empty: not told
+  std::string provisioning;  // as a disk's; empty: not told (the space counts as allocated)
+  std::int64_t cluster_size = 0;
 };
 
 // Pools are shared: every host sees every pool.
