@@ -148,6 +148,22 @@ TEST_F(Libcvd_Test, ReadsSeededContentRoundTripsWritesAndServesManyHandles) {
     all += parts[t];
   }
   EXPECT_TRUE(all == image("/p1/data"));
+  // A volume made as a restore makes it takes writes by its path, and the control API digests them.
+  ASSERT_EQ(call("POST", http_ + "/cas/casrs/storage/volume",
+                 R"({"hostId": "1", "spName": "p1", "volName": "new", "capacity": "2"})"),
+            "200");
+  cvd_disk_t fresh = open(conn, "/p1/new", CVD_OPEN_READ_WRITE);
+  EXPECT_EQ(cvd_disk_write(fresh, (2 << 20) - 5, 5, "hello"), 5);
+  EXPECT_EQ(cvd_disk_write(fresh, (2 << 20) - 4, 5, "hello"), -EINVAL);
+  EXPECT_EQ(cvd_disk_close(fresh), 0);
+  const std::string digest =
+      run_program({"/usr/bin/curl", "-s", http_ + "/sim/disks/digest?disk=/p1/new&offset=2097147"},
+                  "", {}, 30)
+          .out;
+  EXPECT_EQ(
+      digest,
+      R"({"length":5,"offset":2097147,"sha256":"2cf24dba5fb0a30e26e83b2ac5b9e29e1b161e5c1fa7425e73043362938b9824"})");
+  EXPECT_EQ(image("/p1/new").size(), 2u << 20);
   EXPECT_EQ(cvd_disconnect(conn), 0);
 }
 

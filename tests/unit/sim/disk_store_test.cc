@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -225,6 +226,52 @@ bool includes(const JSON_Value& got, const JSON_Value& want) {
   return true;
 }
 
+using Row = std::tuple<S, S, int, S>;
+
+// Sends each row to the simulator at `base` with curl. A refusal's `want`, when given, is its
+// "Error-Code Error-Message".
+template <std::size_t N>
+void expect_answers(const S& base, const Row (&rows)[N]) {
+  for (const auto& [request, body, status, want] : rows) {
+    const S method = request.substr(0, request.find(' ')),
+            target = request.substr(method.size() + 1);
+    // The control API asks for no credentials; curl would send a first digest request bare.
+    const S url = base + (target[0] == '/' ? "" : "/cas/casrs/") + target;
+    std::vector<S> argv = {"/usr/bin/curl",
+                           "-s",
+                           "-X",
+                           method,
+                           "-w",
+                           "\n%{http_code} %header{error-code} %header{error-message}",
+                           url};
+    if (target[0] != '/')
+      argv.insert(argv.begin() + 2, {"--digest", "-u", "admin:pw"});
+    if (!body.empty())
+      argv.insert(argv.end() - 1, {"--data-binary", body});
+    Run_Result run = run_program(argv, "", {}, 30);
+    std::size_t newline = run.out.rfind('\n');
+    ASSERT_NE(newline, S::npos) << request << ": " << run.err;
+    const S last = run.out.substr(newline + 1);
+    EXPECT_EQ(last.substr(0, 3), std::to_string(status)) << request;
+    if (status != 200) {
+      EXPECT_TRUE(want.empty() || last.substr(4) == want) << request << ": " << last;
+      continue;
+    }
+    JSON_Value got = JSON_Value::parse(run.out.substr(0, newline), nullptr, false);
+    EXPECT_TRUE(includes(got, JSON_Value::parse(want))) << request << ": " << run.out;
+  }
+}
+
+// Starts cas-sim on the world in `dir`; answers the base URL of its HTTP API.
+S start_sim(Test_Process& sim, const Temp_Dir& dir) {
+  JSON_Value ready;
+  EXPECT_TRUE(sim.start({"cas-sim", "--world", dir.file("world.json"), "--ready-file",
+                         dir.file("ready.json"), "--cvd-listen", "127.0.0.1:0", "--data",
+                         dir.file("data")}) &&
+              sim.wait_ready(dir.file("ready.json"), ready));
+  return "http://127.0.0.1:" + std::to_string(ready.value("http_port", 0));
+}
+
 TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes) {
   Temp_Dir dir;
   write_text_file(dir.file("world.json"), R"({"knobs": {"task_duration_ms": 0},
@@ -240,12 +287,7 @@ TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes
           "format": "raw", "file_type": "network", "pool": "p1", "path": "p1/n"}]}]}]})");
   write_text_file(dir.file("fs.img"), "hello");
   Test_Process sim;
-  ASSERT_TRUE(sim.start({"cas-sim", "--world", dir.file("world.json"), "--ready-file",
-                         dir.file("ready.json"), "--cvd-listen", "127.0.0.1:0", "--data",
-                         dir.file("data")}));
-  JSON_Value ready;
-  ASSERT_TRUE(sim.wait_ready(dir.file("ready.json"), ready));
-  const std::string base = "http://127.0.0.1:" + std::to_string(ready.value("http_port", 0));
+  const S base = start_sim(sim, dir);
   const std::string snap = R"({"vmId": "1", "name": "s1", "snapMem": "false",
       "noStopVirtSnapMem": "false", "snapshotMode": "2", "snapshotTimeOut": 1,
       "keepBitmap": "true", "snapBlock": "true"})";
@@ -254,7 +296,7 @@ TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes
           HELLO = sha + "3733cd977ff8eb18b987357e22ced99f46097f31ecb239e878ae63760e83e4d5\"}";
   const auto msg = [](const char* id) { return R"({"msgId": ")" + S(id) + "\"}"; };
   const S tracker = "vm/disk/changedBlockTracker?vmName=v&name=c1";
-  const std::tuple<S, S, int, S> rows[] = {
+  const Row rows[] = {
       {"POST /sim/disks/write", R"({"disk": "/p1/a", "offset": 0, "base64": "aGVsbG8="})", 200,
        R"({"written": 5})"},
       {"POST " + tracker + "&subordinateOnly=true", "", 200, msg("1")},
@@ -324,24 +366,117 @@ TEST(Cas_Sim_VM_Ops, SnapshotsTrackersBlocksPowerAndControlRoutesAnswerAsCasDoes
       {"GET message/11", "", 200, R"({"completed": "false"})"},
       {"GET vm/detail/3", "", 200, R"({"status": "running"})"},
   };
-  for (const auto& [request, body, status, want] : rows) {
-    const S method = request.substr(0, request.find(' ')),
-            target = request.substr(method.size() + 1);
-    // The control API asks for no credentials; curl would send a first digest request bare.
-    const S url = base + (target[0] == '/' ? "" : "/cas/casrs/") + target;
-    std::vector<S> argv = {"/usr/bin/curl", "-s", "-X", method, "-w", "\n%{http_code}", url};
-    if (target[0] != '/')
-      argv.insert(argv.begin() + 2, {"--digest", "-u", "admin:pw"});
-    if (!body.empty())
-      argv.insert(argv.end() - 1, {"--data-binary", body});
-    Run_Result run = run_program(argv, "", {}, 30);
-    std::size_t newline = run.out.rfind('\n');
-    ASSERT_NE(newline, S::npos) << request << ": " << run.err;
-    EXPECT_EQ(run.out.substr(newline + 1), std::to_string(status)) << request;
-    if (status != 200)
-      continue;
-    JSON_Value got = JSON_Value::parse(run.out.substr(0, newline), nullptr, false);
-    EXPECT_TRUE(includes(got, JSON_Value::parse(want))) << request << ": " << run.out;
-  }
+  expect_answers(base, rows);
+}
+
+// What a restore makes, in its order: a VM, its volumes, their attachment, data, and the removal
+// of all of it.
+TEST(Cas_Sim_Restore_Ops, VmsVolumesAndDisksAreMadeAndRemovedAsOnCas) {
+  Temp_Dir dir;
+  write_text_file(dir.file("world.json"), R"({"knobs": {"task_duration_ms": 0},
+      "operators": [{"id": 1, "login_name": "admin", "password": "pw", "group_id": 1}],
+      "pools": [{"name": "p1", "path": "/p1", "capacity_mib": 100},
+        {"name": "lun", "type": "iscsi", "path": "/dev/lun", "capacity_mib": 10,
+         "volumes": [{"name": "l0", "size_mib": 10}]}],
+      "port_profiles": [{"id": 1, "name": "Default"}],
+      "hosts": [{"id": 1, "name": "h", "ip": "127.0.0.1", "vswitches": [{"id": 5, "name": "vs0"}],
+        "vms": [{"id": 1, "uuid": "u1", "name": "v",
+          "disks": [{"device_name": "vda", "size_mib": 4, "pool": "p1", "path": "/p1/a"}]}]}]})");
+  Test_Process sim;
+  const S base = start_sim(sim, dir);
+  const S add = R"({"name": "r1", "title": "R", "hostId": "1", "memory": "2048",
+      "cpuSockets": "2", "cpuCores": "2", "cpuShares": "1024", "maxCpuSocket": "16",
+      "blkiotune": "500", "autoMigrate": "1", "formatEnable": "1", "osBit": "x86_64",
+      "storage": [{"device": "floppy", "targetBus": "fdc"}], "system": "0", "osVersion": "W",
+      "network": {"vsId": "5", "vsName": "vs0", "profileId": "1", "isKernelAccelerated": "1",
+                  "deviceModel": "virtio"}})",
+          vol = R"({"hostId": "1", "spName": "p1", "clusterSize": "65536", "volName": )",
+          attach = R"({"id": "2", "name": "r1", "storage": {"device": "disk", "path": )",
+          ok = R"({"result": "0"})", sha = R"({"sha256": ")";
+  const auto msg = [](int id) { return R"({"msgId": ")" + std::to_string(id) + "\"}"; };
+  const auto failed = [](const char* text) {
+    return R"({"result": "1", "failMsg": ")" + S(text) + "\"}";
+  };
+  const Row rows[] = {
+      {"POST vm/add", add, 200, msg(1)},
+      {"GET message/1", "", 200, R"({"result": "0", "targetId": "2"})"},
+      {"GET vm/detail/2", "", 200, R"({"status": "shutOff", "basic": {"name": "r1", "title": "R",
+         "hostId": "1", "architecture": "x86_64", "system": "0", "osVersion": "W",
+         "blkiotune": "500", "autoMigrate": "1"}, "cpu": {"cpuSockets": "2", "cpuCores": "2",
+         "cpuShares": "1024", "maxCpuNum": "16"}, "memory": {"size": "2048"},
+         "network": {"mac": "0c:da:41:00:02:00", "vsName": "vs0", "profileName": "Default"}})"},
+      {"POST vm/add", add, 200, msg(2)},
+      {"GET message/2", "", 200, failed("虚拟机名称已存在")},
+      {"POST vm/add", R"({"name": "x", "hostId": "1", "network": [{"vsName": "vs9"}]})", 200,
+       msg(3)},
+      {"GET message/3", "", 200, failed("虚拟交换机不存在")},
+      {"POST vm/add", R"({"name": "x", "hostId": "9"})", 404, "404 主机不存在"},
+      {"POST vm/add", R"({"name": "x", "hostId": "1", "memory": "1.5"})", 400, "400 参数错误"},
+      {"POST storage/volume", vol + R"("r1-vda", "capacity": 8, "mode": "1"})", 200, msg(4)},
+      {"POST storage/volume", vol + R"("r1-vdb", "capacity": "8", "mode": "2", "format": "raw"})",
+       200, msg(5)},
+      {"POST storage/volume", vol + R"("r1-vda", "capacity": "8", "mode": "0"})", 500,
+       "2005 存储卷已存在"},
+      {"POST storage/volume", vol + R"("big", "capacity": "93", "mode": "0"})", 200, msg(6)},
+      {"GET message/6", "", 200, failed("存储池空间不足")},
+      {"POST storage/volume", vol + R"("x", "capacity": "1", "mode": "3"})", 400, "400 参数错误"},
+      {"POST storage/volume", R"({"hostId": "1", "spName": "p9", "volName": "x", "capacity": "1"})",
+       404, "404 存储池不存在"},
+      {"GET storage/volume?hostId=1&poolName=p1", "", 200, R"({"storageVolume": [
+         {"name": "r1-vda", "path": "/p1/r1-vda", "size": "8", "allocation": "8", "users": "",
+          "format": "qcow2", "mode": "1"},
+         {"name": "r1-vdb", "path": "/p1/r1-vdb", "size": "8", "allocation": "0", "users": "",
+          "format": "raw", "mode": "2"},
+         {"name": "a", "path": "/p1/a", "size": "4", "allocation": "4", "users": "v",
+          "format": "qcow2", "mode": "2"}]})"},
+      {"PUT vm/addDevice", attach + R"("/p1/r1-vda", "fileType": "qcow2", "targetBus": "virtio",
+         "deviceName": "vda", "cacheType": "none", "size": 8}})",
+       200, msg(7)},
+      {"GET message/7", "", 200, R"({"result": "0", "targetId": "2"})"},
+      {"PUT vm/addDevice", attach + R"("/p1/r1-vda"}})", 200, msg(8)},
+      {"GET message/8", "", 200, failed("存储卷已被虚拟机使用")},
+      {"PUT vm/addDevice", attach + R"("/p1/none"}})", 200, msg(9)},
+      {"GET message/9", "", 200, failed("存储卷不存在")},
+      {"PUT vm/addDevice", attach + R"("/dev/lun/l0", "fileType": "raw"}})", 200, msg(10)},
+      {"GET message/10", "", 200, ok},
+      {"PUT vm/addDevice", R"({"id": "9", "storage": {"path": "/p1/r1-vdb"}})", 404,
+       "404 虚拟机不存在"},
+      {"GET vm/detail/2", "", 200, R"({"storage": [{"device": "disk", "deviceName": "vda",
+         "fileType": "file", "path": "/p1/r1-vda", "format": "qcow2", "targetBus": "virtio",
+         "size": "8", "allocation": "8", "cacheType": "none", "isShareStorage": "0", "mode": "1",
+         "clusterSize": "65536", "storagePool": "p1"}, {"device": "disk", "deviceName": "vdb",
+         "fileType": "block", "path": "/dev/lun/l0", "format": "raw", "targetBus": "virtio",
+         "size": "10", "allocation": "10", "cacheType": "directsync", "isShareStorage": "0",
+         "storagePool": "lun"}]})"},
+      {"POST /sim/disks/write", R"({"disk": "/p1/r1-vdb", "offset": 0, "base64": "aGVsbG8="})", 200,
+       R"({"written": 5})"},
+      {"GET /sim/disks/digest?disk=/p1/r1-vdb&length=5", "", 200,
+       sha + "2cf24dba5fb0a30e26e83b2ac5b9e29e1b161e5c1fa7425e73043362938b9824\"}"},
+      {"POST /sim/disks/write", R"({"disk": "/p1/r1-vdb", "offset": 8388608, "length": 1})", 400,
+       ""},
+      {"DELETE storage/volume/delete/1/p1/r1-vda", "", 200, msg(11)},
+      {"GET message/11", "", 200, failed("存储卷已被虚拟机使用")},
+      {"DELETE vm/delete/2", "", 200, msg(12)},
+      {"GET message/12", "", 200, R"({"result": "0", "targetId": "2"})"},
+      {"DELETE vm/delete/2", "", 500, "1001 虚拟机不存在"},
+      {"GET vm/detail/2", "", 404, "404 虚拟机不存在"},
+      {"DELETE storage/volume/delete/1/p1/r1-vda", "", 200, msg(13)},
+      {"GET message/13", "", 200, ok},
+      {"DELETE storage/volume/delete/1/p1/r1-vda", "", 404, "404 存储卷不存在"},
+      {"DELETE storage/volume/delete/1/p1/r1-vdb", "", 200, msg(14)},
+      {"POST storage/volume", vol + R"("r1-vdb", "capacity": "8"})", 200, msg(15)},
+      {"GET /sim/disks/digest?disk=/p1/r1-vdb&length=5", "", 200,
+       sha + "8855508aade16ec573d21e6a485dfd0a7624085c1a14b5ecdd6485de0c6839a4\"}"},
+      {"DELETE vm/delete/1?deleteDisk=true", "", 200, msg(16)},
+      {"GET storage/volume?hostId=1&poolName=p1", "", 200, R"({"storageVolume": {"name": "r1-vdb",
+         "size": "8", "allocation": "0", "format": "qcow2", "mode": "2"}})"},
+      {"GET storage/volume?hostId=1&poolName=lun", "", 200, R"({"storageVolume": {"name": "l0",
+         "path": "/dev/lun/l0", "size": "10", "format": "raw"}})"},
+      {"POST /sim/faults", R"({"path": "/cas/casrs/vm/add", "status": 500, "error_code": "1",
+         "error_message": "x", "count": 1})",
+       200, "{}"},
+      {"POST vm/add", add, 500, "1 x"},
+  };
+  expect_answers(base, rows);
 }
 }  // namespace
