@@ -94,6 +94,7 @@ class CVM_Api {
   Simulator& sim_;
   HTTP_Server* server_ = nullptr;
   Path_Router<Handler> routes_;
+  std::int64_t last_vm_id_ = 0;  // the last VM made; changed under the world's lock
 };
 
 }  // namespace cas_sim

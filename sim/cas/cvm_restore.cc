@@ -40,11 +40,14 @@ bool member_text(const JSON_Value& body, const char* key, std::string& out, bool
   return v && !bad;
 }
 
+// Sizes and counts beyond this are refused, as the world file refuses them.
+constexpr std::int64_t max_count = std::int64_t(1) << 40;
+
 // A positive decimal count such as "2048"; false for anything else.
 bool parse_count(const std::string& text, std::int64_t& out) {
   const char* stop = nullptr;
   out = natoi<std::int64_t>(text.data(), text.data() + text.size(), &stop);
-  return errno == 0 && stop == text.data() + text.size() && out > 0;
+  return errno == 0 && stop == text.data() + text.size() && out > 0 && out <= max_count;
 }
 
 // A member read as a count, keeping `out` when absent; false when present and not a count.
@@ -165,7 +168,8 @@ void CVM_Api::vm_add(const Call& call, HTTP_Server_Response& response) {
       !member_text(body, "hostId", host_id, bad) || !member_count(body, "memory", memory) ||
       !member_count(body, "cpuSockets", sockets) || !member_count(body, "cpuCores", cores) ||
       !member_count(body, "cpuShares", shares) || !member_count(body, "maxCpuSocket", max_cpus) ||
-      !member_count(body, "blkiotune", blkiotune) || sockets * cores > 4096)
+      !member_count(body, "blkiotune", blkiotune) || sockets > 64 || cores > 4096 ||
+      sockets * cores > 4096)
     return cas_error(response, 400, bad_request);
   vm.title = vm.name;
   member_text(body, "title", vm.title, bad);
@@ -190,6 +194,8 @@ void CVM_Api::vm_add(const Call& call, HTTP_Server_Response& response) {
     Host* host = host_by_id(world, host_id);
     if (!host)
       return false;
+    // Ids are not given twice, even after the VM that had one was deleted.
+    vm.id = last_vm_id_ + 1;
     for (const Host& h : world.hosts)
       for (const VM& v : h.vms)
         vm.id = std::max(vm.id, v.id + 1);
@@ -205,8 +211,10 @@ void CVM_Api::vm_add(const Call& call, HTTP_Server_Response& response) {
       refusal = "虚拟机名称已存在";
     else
       refusal = make_nics(world, *host, vm.id, members_of(network), vm.networks);
-    if (!refusal)
+    if (!refusal) {
       host->vms.push_back(vm);
+      last_vm_id_ = vm.id;
+    }
     return true;
   });
   if (!known)
