@@ -179,6 +179,9 @@ bool contained(const std::string& path) {
 
 bool find_image(const World& world, const std::string& name, Image& out) {
   bool rbd = name.compare(0, 4, "rbd:") == 0;
+  // An RBD image may also be named by its path in the pool, as a restore names its target.
+  if (rbd && name.size() > 4 && name[4] == '/')
+    return find_image(world, name.substr(4), out);
   std::string pool, tail;
   if (rbd) {
     std::size_t slash = name.find('/', 4);

@@ -441,7 +441,7 @@ TEST(Cas_Sim_Restore_Ops, VmsVolumesAndDisksAreMadeAndRemovedAsOnCas) {
          "storagePool": "lun"}]})"},
       {"POST /sim/disks/write", R"({"disk": "/p1/r1-vdb", "offset": 0, "base64": "aGVsbG8="})", 200,
        R"({"written": 5})"},
-      {"GET /sim/disks/digest?disk=/p1/r1-vdb&length=5", "", 200,
+      {"GET /sim/disks/digest?disk=rbd:/p1/r1-vdb&length=5", "", 200,
        sha + "2cf24dba5fb0a30e26e83b2ac5b9e29e1b161e5c1fa7425e73043362938b9824\"}"},
       {"DELETE storage/volume/delete/1/p1/r1-vda", "", 200, msg(10)},
       {"GET message/10", "", 200, failed("存储卷已被虚拟机使用")},
