@@ -234,9 +234,13 @@ void CVM_Api::vm_delete(const Call& call, HTTP_Server_Response& response) {
         // Image files stay in their pools as volumes unless deleted with the VM.
         for (const Disk& disk : vm->disks) {
           Pool* pool = disk.device == "disk" ? pool_by_name(world, disk.pool) : nullptr;
-          if (!pool || disk.path.compare(0, pool->path.size() + 1, pool->path + "/") != 0)
+          const std::string prefix = pool ? pool->path + "/" : "";
+          if (!pool || disk.path.compare(0, prefix.size(), prefix) != 0 ||
+              disk.path.find('/', prefix.size()) != std::string::npos ||
+              std::any_of(pool->volumes.begin(), pool->volumes.end(),
+                          [&](const Volume& v) { return prefix + v.name == disk.path; }))
             continue;
-          Volume volume{disk.path.substr(disk.path.rfind('/') + 1),
+          Volume volume{disk.path.substr(prefix.size()),
                         static_cast<double>(disk.size_mib),
                         "",
                         disk.format,
@@ -280,7 +284,7 @@ void CVM_Api::disk_attach(const Call& call, HTTP_Server_Response& response) {
   if (bad || device != "disk" || (!format.empty() && format != "raw" && format != "qcow2"))
     return cas_error(response, 400, bad_request);
   // Without a device name the next free one is taken; a name given must be free.
-  const bool deviceless = !name.empty();
+  const bool named = !name.empty();
   const char* refusal = nullptr;
   bool known = sim_.change_world([&](World& world) {
     VM* vm = const_cast<VM*>(find_vm(world, vm_id));
@@ -298,7 +302,7 @@ void CVM_Api::disk_attach(const Call& call, HTTP_Server_Response& response) {
       return std::any_of(vm->disks.begin(), vm->disks.end(),
                          [&](const Disk& d) { return d.device_name == n; });
     };
-    for (char c = 'a'; c <= 'z' && (name.empty() || taken(name)) && !deviceless; ++c)
+    for (char c = 'a'; c <= 'z' && (name.empty() || taken(name)) && !named; ++c)
       name = std::string("vd") + c;
     if (user_of(world, path))
       refusal = "存储卷已被虚拟机使用";
