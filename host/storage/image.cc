@@ -294,8 +294,8 @@ Image_Reader::Fill Image_Reader::fill_i(std::size_t size) {
   std::memmove(in_.data(), in_.data() + in_begin_, in_end_ - in_begin_);
   in_end_ -= in_begin_;
   in_begin_ = 0;
-  if (in_.size() < size)
-    in_.resize(size);
+  if (in_.size() < size)  // a record larger than the reads: room for it and as much again
+    in_.resize(2 * size);
   while (in_end_ < size) {
     ssize_t got = read_i(in_.data() + in_end_, in_.size() - in_end_);
     if (got < 0)
@@ -385,8 +385,6 @@ bool Image_Reader::read_blocks(const Block_Callback& callback) {
   if (!read_superblock_i())
     return false;
   const std::uint32_t block_size = superblock_.block_size;
-  for (Compression c : {Compression::Zstd, Compression::Lz4, Compression::Zlib})
-    in_.resize(std::max(in_.size(), image_format::record_size + codec_bound(c, block_size)));
   out_.resize(std::max<std::size_t>(buffer_size_, block_size));
 
   for (;;) {
