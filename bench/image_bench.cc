@@ -357,12 +357,21 @@ int run(const Options& opts) {
   double zstd_vs_cli = at_threads("image write zstd-1", 2) / best("zstd -1 -T2");
   printf("image write lz4-1 / cp:                  %5.0f%% (aim >= 80%%)\n", lz4_vs_cp * 100);
   printf("image write zstd-1, 2 threads / zstd -1 -T2: %5.0f%% (aim >= 80%%)\n", zstd_vs_cli * 100);
+  // A restore reads every object: it should not be slower than the backup that wrote them.
+  JSON_Value read_vs_write = JSON_Value::object();
+  for (const char* codec : {"none", "lz4-1", "zstd-1"}) {
+    double v = at_threads(std::string("image read ") + codec, 1) /
+               at_threads(std::string("image write ") + codec, 1);
+    read_vs_write[codec] = v;
+    printf("image read / write, 1 thread, %-6s   %5.0f%% (aim >= 100%%)\n", codec, v * 100);
+  }
 
   JSON_Value out = {{"benchmark", "image"},
                     {"size_mib", opts.size_mib},
                     {"results", JSON_Value::array()},
                     {"lz4_write_vs_cp", lz4_vs_cp},
-                    {"zstd1_write_2_threads_vs_zstd_cli", zstd_vs_cli}};
+                    {"zstd1_write_2_threads_vs_zstd_cli", zstd_vs_cli},
+                    {"read_vs_write_1_thread", read_vs_write}};
   for (const auto& r : results)
     out["results"].push_back({{"operation", r.operation},
                               {"threads", r.threads},
