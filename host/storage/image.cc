@@ -19,6 +19,8 @@ enum Record_Type : std::uint8_t { data_record = 1, zero_record = 2, end_record =
 
 // Records are written in pieces of about this size, so that the sink sees few large writes.
 constexpr std::size_t out_chunk = 1u << 20;
+// And read in pieces of at least this size.
+constexpr std::size_t in_chunk = 1u << 20;
 
 void put32(std::uint8_t* p, std::uint32_t v) {
   for (int i = 0; i < 4; ++i)
@@ -285,47 +287,33 @@ bool Image_Reader::corrupt_i(std::uint64_t at, const char* why) {
   return false;
 }
 
-Image_Reader::Fill Image_Reader::fill_i(void* data, std::size_t size) {
-  std::uint8_t* p = static_cast<std::uint8_t*>(data);
-  while (size) {
-    if (in_begin_ == in_end_) {
-      if (size >= in_.size()) {  // large reads bypass the input buffer
-        ssize_t got = read_i(p, size);
-        if (got < 0)
-          return Fill::Failed;
-        if (got == 0)
-          return Fill::End;
-        p += got;
-        size -= got;
-        position_ += got;
-        continue;
-      }
-      ssize_t got = read_i(in_.data(), in_.size());
-      if (got < 0)
-        return Fill::Failed;
-      if (got == 0)
-        return Fill::End;
-      in_begin_ = 0;
-      in_end_ = static_cast<std::size_t>(got);
-    }
-    std::size_t n = std::min(size, in_end_ - in_begin_);
-    std::memcpy(p, in_.data() + in_begin_, n);
-    in_begin_ += n;
-    p += n;
-    size -= n;
-    position_ += n;
+Image_Reader::Fill Image_Reader::fill_i(std::size_t size) {
+  if (in_end_ - in_begin_ >= size)
+    return Fill::Ok;
+  // The unconsumed tail moves to the front, so that the bytes wanted end up in one piece.
+  std::memmove(in_.data(), in_.data() + in_begin_, in_end_ - in_begin_);
+  in_end_ -= in_begin_;
+  in_begin_ = 0;
+  if (in_.size() < size)  // a record larger than the reads: room for it and as much again
+    in_.resize(2 * size);
+  while (in_end_ < size) {
+    ssize_t got = read_i(in_.data() + in_end_, in_.size() - in_end_);
+    if (got < 0)
+      return Fill::Failed;
+    if (got == 0)
+      return Fill::End;
+    in_end_ += static_cast<std::size_t>(got);
   }
   return Fill::Ok;
 }
 
-bool Image_Reader::read_exact_i(void* data, std::size_t size, const char* what) {
-  std::uint64_t at = position_;
-  switch (fill_i(data, size)) {
+bool Image_Reader::need_i(std::size_t size, const char* what) {
+  switch (fill_i(size)) {
     case Fill::Ok:
       return true;
     case Fill::End:
       LOG_MSG((LM_ERROR, "Truncated image object '%s' at offset %Q: %s is incomplete.\n",
-               name_i().c_str(), static_cast<ACE_UINT64>(at), what));
+               name_i().c_str(), static_cast<ACE_UINT64>(position_), what));
       return false;
     case Fill::Failed:
       return false;
@@ -333,10 +321,17 @@ bool Image_Reader::read_exact_i(void* data, std::size_t size, const char* what) 
   return false;
 }
 
+const std::uint8_t* Image_Reader::take_i(std::size_t size) {
+  const std::uint8_t* p = in_.data() + in_begin_;
+  in_begin_ += size;
+  position_ += size;
+  return p;
+}
+
 bool Image_Reader::read_superblock_i() {
-  std::uint8_t p[image_format::superblock_size];
-  if (!read_exact_i(p, sizeof p, "the superblock"))
+  if (!need_i(image_format::superblock_size, "the superblock"))
     return false;
+  const std::uint8_t* p = take_i(image_format::superblock_size);
   if (std::memcmp(p, magic, 8) != 0)
     return corrupt_i(0, "not an image object");
   if (get64(p + 64) != XXH3_64bits(p, 64) || get32(p + 60) != 0)
@@ -357,12 +352,12 @@ bool Image_Reader::read_superblock_i() {
     return corrupt_i(12, "invalid superblock parameters");
   if (extra_size) {
     std::uint64_t at = position_;
-    std::vector<std::uint8_t> extra(extra_size + 8);
-    if (!read_exact_i(extra.data(), extra.size(), "the superblock"))
+    if (!need_i(extra_size + 8, "the superblock"))
       return false;
-    if (get64(extra.data() + extra_size) != XXH3_64bits(extra.data(), extra_size))
+    const std::uint8_t* extra = take_i(extra_size + 8);
+    if (get64(extra + extra_size) != XXH3_64bits(extra, extra_size))
       return corrupt_i(at, "superblock extra data checksum mismatch");
-    s.extra.assign(reinterpret_cast<const char*>(extra.data()), extra_size);
+    s.extra.assign(reinterpret_cast<const char*>(extra), extra_size);
   }
   return true;
 }
@@ -384,30 +379,25 @@ bool Image_Reader::hand_over_i(const Block_Callback& callback) {
 bool Image_Reader::read_blocks(const Block_Callback& callback) {
   stopped_ = false;
   records_ = plain_bytes_ = position_ = 0;
-  in_.resize(256u << 10);
+  in_.resize(in_chunk);
   in_begin_ = in_end_ = 0;
   out_used_ = 0;
   if (!read_superblock_i())
     return false;
   const std::uint32_t block_size = superblock_.block_size;
-  scratch_.resize(0);
-  for (Compression c : {Compression::Zstd, Compression::Lz4, Compression::Zlib})
-    scratch_.resize(std::max(scratch_.size(), codec_bound(c, block_size)));
   out_.resize(std::max<std::size_t>(buffer_size_, block_size));
 
   for (;;) {
     std::uint64_t at = position_;
-    std::uint8_t head[image_format::record_size];
-    if (!read_exact_i(head, sizeof head, "a record header"))
+    if (!need_i(image_format::record_size, "a record header"))
       return false;
     Record r;
-    if (!decode(head, r))
+    if (!decode(take_i(image_format::record_size), r))
       return corrupt_i(at, "record header checksum mismatch");
     if (r.type == end_record) {
       if (r.offset != records_ || r.checksum != plain_bytes_ || r.codec || r.length || r.stored)
         return corrupt_i(at, "end record does not match the records read");
-      std::uint8_t more;
-      switch (fill_i(&more, 1)) {
+      switch (fill_i(1)) {
         case Fill::End:
           return hand_over_i(callback);
         case Fill::Ok:
@@ -441,10 +431,12 @@ bool Image_Reader::read_blocks(const Block_Callback& callback) {
     if (r.type == zero_record) {
       std::memset(dst, 0, r.length);
     } else {
-      bool plain = codec == Compression::None;
-      if (!read_exact_i(plain ? dst : scratch_.data(), r.stored, "a record's data"))
+      if (!need_i(r.stored, "a record's data"))
         return false;
-      if (!plain && !decompressor_->decompress(codec, scratch_.data(), r.stored, dst, r.length))
+      const std::uint8_t* stored = take_i(r.stored);
+      if (codec == Compression::None)
+        std::memcpy(dst, stored, r.length);
+      else if (!decompressor_->decompress(codec, stored, r.stored, dst, r.length))
         return corrupt_i(at, "data does not decompress");
       if (XXH3_64bits(dst, r.length) != r.checksum)
         return corrupt_i(at, "data checksum mismatch");

@@ -144,8 +144,12 @@ class Image_Reader {
 
  private:
   enum class Fill { Ok, End, Failed };
-  Fill fill_i(void* data, std::size_t size);
-  bool read_exact_i(void* data, std::size_t size, const char* what);
+  // Makes `size` bytes of the object available in one piece at in_[in_begin_], unconsumed.
+  Fill fill_i(std::size_t size);
+  // The same, but the end of the object is reported as `what` being truncated.
+  bool need_i(std::size_t size, const char* what);
+  // Consumes `size` available bytes; the pointer holds until the next fill.
+  const std::uint8_t* take_i(std::size_t size);
   bool read_superblock_i();
   bool corrupt_i(std::uint64_t at, const char* why);
   bool hand_over_i(const Block_Callback& callback);
@@ -153,10 +157,11 @@ class Image_Reader {
   std::size_t buffer_size_;
   Superblock superblock_;
   std::unique_ptr<Codec_Decompressor> decompressor_;
-  std::vector<std::uint8_t> in_;  // raw bytes from read_i
+  // Raw bytes from read_i, large enough for a whole record, so that stored bytes are used where
+  // they were read.
+  std::vector<std::uint8_t> in_;
   std::size_t in_begin_ = 0, in_end_ = 0;
-  std::vector<std::uint8_t> scratch_;  // stored bytes of one record
-  std::vector<std::uint8_t> out_;      // verified plain data not yet handed over
+  std::vector<std::uint8_t> out_;  // verified plain data not yet handed over
   std::size_t out_used_ = 0;
   std::uint64_t out_offset_ = 0;
   std::uint64_t position_ = 0;  // bytes of the object consumed

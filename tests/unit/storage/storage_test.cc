@@ -140,6 +140,13 @@ TEST(Image, RoundTripsEveryCodecAndShape) {
       EXPECT_TRUE(empty.read() && empty.handed == 0 && empty.blocks() == 0);
     }
   }
+  // Records larger than the reader's reads of 1 MiB.
+  Memory_Writer big;
+  std::vector<std::uint8_t> buffer(3 << 20);
+  ASSERT_TRUE(big.init(4 << 20, 512, 1, 0) && big.write_superblock(set_id, image_id) &&
+              big.add_block(5, 3 << 20) && big.write_blocks(disk_reader(buffer), nullptr));
+  Memory_Reader large(big.bytes, 1 << 20);
+  EXPECT_TRUE(large.read() && large.handed == 3u << 20);
 }
 
 // A flip in a plain image is found, none of its record handed over; a compressed one may decode
