@@ -10,10 +10,12 @@
 //
 //   backup_bench [--disk-mib N] [--out FILE]
 #include "bench/results.h"
+#include "host/core/command_line.h"
 #include "host/core/crypto.h"
 #include "host/core/paths.h"
 #include "host/core/text.h"
 #include "host/core/unique_fd.h"
+#include "sim/cas/mix.h"
 #include "tests/integration/stack.h"
 
 #include <dirent.h>
@@ -23,9 +25,9 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -54,16 +56,7 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// splitmix64: fast, and the same bytes on every run.
-struct Mix {
-  std::uint64_t state;
-  std::uint64_t next() {
-    std::uint64_t z = (state += 0x9e3779b97f4a7c15);
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
-    return z ^ (z >> 31);
-  }
-};
+using cas_sim::Mix;
 
 // Disks are laid out in units of one kind each: a hole, log-like text or random bytes (such as
 // compressed or encrypted files), about 30/40/30 %.
@@ -603,23 +596,18 @@ int Bench::run() {
 int main(int argc, char** argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);  // each run's line as it ends
   Options opts;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (i + 1 >= argc || (arg != "--disk-mib" && arg != "--out")) {
-      fprintf(stderr, "usage: backup_bench [--disk-mib N] [--out FILE]\n");
-      return 2;
-    }
-    std::string value = argv[++i];
-    if (arg == "--out") {
-      opts.out = value;
-      continue;
-    }
-    const char* stop = nullptr;
-    opts.disk_mib = natoi<int>(value.data(), value.data() + value.size(), &stop);
-    if (errno || stop != value.data() + value.size() || opts.disk_mib < 4 || opts.disk_mib % 4) {
-      fprintf(stderr, "backup_bench: --disk-mib needs a positive multiple of 4\n");
-      return 2;
-    }
-  }
+  CLI::App app("Backs up a VM of two disks beside zstd, restic and cp on the same bytes.",
+               "backup_bench");
+  app.add_option("--disk-mib", opts.disk_mib, "size of each disk, a multiple of 4")
+      ->capture_default_str()
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            const int mib = std::atoi(text.c_str());
+            return mib >= 4 && mib % 4 == 0 ? "" : "a positive multiple of 4 is needed";
+          },
+          "MULTIPLE OF 4"));
+  app.add_option("--out", opts.out, "the results file")->capture_default_str();
+  if (int status = parse_command_line(app, argc, argv); status >= 0)
+    return status;
   return Bench(opts).run();
 }

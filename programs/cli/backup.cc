@@ -112,19 +112,13 @@ bool find_vms(const std::string& cvm_uuid, const std::vector<std::string>& names
 }
 
 bool find_pool(const std::string& key, Backup_Target& target, std::string& error) {
-  HTTP_Request req(HTTP_Method::GET, server_api::pool_route);
-  JSON_Value out;
-  if (!server_call(req, nullptr, out, error))
+  JSON_Value pool;
+  if (!find_row(server_api::pool_route, key, "storage pool", pool, error))
     return false;
-  for (const auto& pool : out.value("rows", JSON_Value::array()))
-    if (pool.value("uuid", "") == key || pool.value("name", "") == key) {
-      target.pool_uuid = pool.value("uuid", "");
-      target.pool_name = pool.value("name", "");
-      target.pool_io = pool.value("io_options", JSON_Value::object());
-      return true;
-    }
-  error = "no storage pool '" + key + "'";
-  return false;
+  target.pool_uuid = pool.value("uuid", "");
+  target.pool_name = pool.value("name", "");
+  target.pool_io = pool.value("io_options", JSON_Value::object());
+  return true;
 }
 
 bool read_options(const std::string& file, JSON_Value& options, std::string& error) {

@@ -203,16 +203,21 @@ bool agent_call(const std::string& method, const JSON_Value& params, JSON_Value&
   return true;
 }
 
-bool find_cvm(const std::string& key, JSON_Value& entry, std::string& error) {
-  HTTP_Request req(HTTP_Method::GET, server_api::cvm_route);
+bool find_row(const char* route, const std::string& key, const char* what, JSON_Value& row,
+              std::string& error) {
+  HTTP_Request req(HTTP_Method::GET, route);
   JSON_Value out;
   if (!server_call(req, nullptr, out, error))
     return false;
-  for (const auto& row : out.value("rows", JSON_Value::array()))
-    if (row.value("uuid", "") == key || row.value("name", "") == key) {
-      entry = row;
+  for (const auto& r : out.value("rows", JSON_Value::array()))
+    if (r.value("uuid", "") == key || r.value("name", "") == key) {
+      row = r;
       return true;
     }
-  error = "no registered CVM '" + key + "'";
+  error = std::string("no ") + what + " '" + key + "'";
   return false;
+}
+
+bool find_cvm(const std::string& key, JSON_Value& entry, std::string& error) {
+  return find_row(server_api::cvm_route, key, "registered CVM", entry, error);
 }

@@ -40,5 +40,9 @@ std::string agent_host_id();
 bool agent_call(const std::string& method, const JSON_Value& params, JSON_Value& result,
                 std::string& error);
 
+// Finds the row of the server's list at `route` whose uuid or name is `key`; `what` names the
+// kind in the error ("no <what> '<key>'").
+bool find_row(const char* route, const std::string& key, const char* what, JSON_Value& row,
+              std::string& error);
 // Finds a registered CVM by uuid or name.
 bool find_cvm(const std::string& key, JSON_Value& entry, std::string& error);

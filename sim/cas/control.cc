@@ -3,6 +3,7 @@
 #include "host/core/crypto.h"
 #include "host/core/log.h"
 #include "host/core/text.h"
+#include "sim/cas/mix.h"
 
 #include <fcntl.h>
 #include <openssl/evp.h>
@@ -201,6 +202,22 @@ bool all_zero(const char* data, std::size_t length) {
   return length == 0 || (data[0] == 0 && memcmp(data, data + 1, length - 1) == 0);
 }
 
+// {"disk", `flag`: true by default} handed to `set`, which is false for an unknown disk.
+template <class Set>
+void set_disk_flag(const HTTP_Server_Request& request, HTTP_Server_Response& response,
+                   const char* flag, Set set) {
+  std::string disk;
+  bool on = true;
+  if (!body_members(request, response, [&](const JSON_Value& obj) {
+        json_extract(obj, "disk", disk);
+        json_extract(obj, flag, on, false);
+      }))
+    return;
+  if (!set(disk, on))
+    return response.error(404, "no disk '" + disk + "'");
+  response.json({{"disk", disk}, {flag, on}});
+}
+
 }  // namespace
 
 // Guest data at an offset: given bytes (base64) or a pattern of a length.
@@ -227,12 +244,9 @@ void Control_Api::write_disk(const HTTP_Server_Request& request, HTTP_Server_Res
     if (length > (256u << 20) || (pattern != "random" && pattern != "byte"))
       return response.error(400, "'pattern' is expected as random or byte, up to 256 MiB");
     data.assign(length, static_cast<char>(byte));
-    std::uint64_t state = seed;
+    Mix mix{seed};
     for (std::size_t i = 0; pattern == "random" && i < length; i += 8) {
-      std::uint64_t z = (state += 0x9e3779b97f4a7c15);
-      z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
-      z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
-      z ^= z >> 31;
+      const std::uint64_t z = mix.next();
       memcpy(&data[i], &z, std::min<std::size_t>(8, length - i));
     }
   }
@@ -364,16 +378,9 @@ void Control_Api::get_leftovers(const HTTP_Server_Request&, HTTP_Server_Response
 
 // Reads of one disk through the disk service fail with -EIO while "fail" is true.
 void Control_Api::fail_reads(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
-  std::string disk;
-  bool fail = true;
-  if (!body_members(request, response, [&](const JSON_Value& obj) {
-        json_extract(obj, "disk", disk);
-        json_extract(obj, "fail", fail, false);
-      }))
-    return;
-  if (!sim_.disks().fail_reads(disk, fail))
-    return response.error(404, "no disk '" + disk + "'");
-  response.json({{"disk", disk}, {"fail", fail}});
+  set_disk_flag(request, response, "fail", [this](const std::string& disk, bool on) {
+    return sim_.disks().fail_reads(disk, on);
+  });
 }
 
 // The next `count` connections that read (of "disk" when given) are dropped after `after_bytes`
@@ -398,16 +405,9 @@ void Control_Api::drop_connections(const HTTP_Server_Request& request,
 
 // Reads of one disk through the disk service block while "hold" is true.
 void Control_Api::hold_reads(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
-  std::string disk;
-  bool hold = true;
-  if (!body_members(request, response, [&](const JSON_Value& obj) {
-        json_extract(obj, "disk", disk);
-        json_extract(obj, "hold", hold, false);
-      }))
-    return;
-  if (!sim_.disks().hold_reads(disk, hold))
-    return response.error(404, "no disk '" + disk + "'");
-  response.json({{"disk", disk}, {"hold", hold}});
+  set_disk_flag(request, response, "hold", [this](const std::string& disk, bool on) {
+    return sim_.disks().hold_reads(disk, on);
+  });
 }
 
 // The held disks, each with the number of readers waiting on it.

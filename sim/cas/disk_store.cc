@@ -2,6 +2,7 @@
 
 #include "host/core/log.h"
 #include "host/core/paths.h"
+#include "sim/cas/mix.h"
 #include "sim/cas/simulator.h"
 
 #include <fcntl.h>
@@ -27,17 +28,6 @@ namespace {
 constexpr std::uint64_t unit_size = 64 << 10;
 // Units written by one pwrite while seeding.
 constexpr std::uint64_t units_per_write = 64;
-
-// splitmix64: fast, and the same numbers on every platform and library.
-struct Mix {
-  std::uint64_t state;
-  std::uint64_t next() {
-    std::uint64_t z = (state += 0x9e3779b97f4a7c15);
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
-    return z ^ (z >> 31);
-  }
-};
 
 // The bytes of unit `index` depend on the seed and the index only.
 void fill_unit(const Disk_Content& content, std::uint64_t index, char* out, std::size_t length) {
