@@ -1,11 +1,11 @@
-// VM backup throughput: one running VM with two disks of mixed content (holes, text-like, random)
-// on cas-sim, backed up in full through the brimlet CLI, the agent, its servants and a file pool,
-// with lz4 and with zstd level 1; beside it, on the same raw bytes, `zstd -1 -T2`, `restic backup`
-// and a plain copy. Then 5 % of the 64 KiB blocks change (in the simulator's disks and in the raw
-// files alike), and an incremental backup runs beside restic's second run. The raw bytes are
-// generated once, imported into the simulator's disks and kept in files for the other tools.
-// Everything lives in one temporary folder of one file system and the page cache is left warm;
-// each row's output is flushed to disk within its time (the pool and restic flush what they
+// VM backup and restore throughput: one running VM with two disks of mixed content (holes,
+// text-like, random) on cas-sim, backed up in full through the brimlet CLI, the agent, its servants
+// and a file pool, with lz4 and with zstd level 1; beside it, on the same raw bytes, `zstd -1 -T2`,
+// `restic backup` and a plain copy. Then 5 % of the 64 KiB blocks change (in the simulator's disks
+// and in the raw files alike), and an incremental backup runs beside restic's second run. The raw
+// bytes are generated once, imported into the simulator's disks and kept in files for the other
+// tools. Everything lives in one temporary folder of one file system and the page cache is left
+// warm; each row's output is flushed to disk within its time (the pool and restic flush what they
 // write, zstd's and cp's outputs get `sync`). Prints a table and writes the numbers as JSON.
 //
 //   backup_bench [--disk-mib N] [--out FILE]
@@ -250,6 +250,8 @@ struct Row {
   double planning = -1, transfer = -1, catalog = -1;
   int task_polls = -1;  // polls of CAS tasks
   long servant_peak_kib = -1;
+  bool restore = false;
+  std::string set{};  // the backup set a product's backup made, or restored
   double mb_per_second() const { return static_cast<double>(disk_bytes) / 1e6 / seconds; }
 };
 
@@ -283,21 +285,35 @@ class Bench {
   bool start();
   bool product(const std::string& method, const std::string& pool,
                const std::vector<std::string>& flags, bool full);
-  bool tool(const std::string& method, const std::string& output, const std::string& script);
+  bool tool(const std::string& method, const std::string& output, const std::string& script,
+            bool restore = false);
   bool change_blocks();
+  bool backups(const std::string& restic);
+  bool restores(const std::string& restic);
+  bool restore(const std::string& method, const Row* from, const std::string& vm,
+               const std::map<std::string, std::string>& source);
+  bool new_set(std::string& uuid);
+  std::string digest(const std::string& disk) const;
+  bool source_digests(std::map<std::string, std::string>& out) const;
+  bool vm_disks(const std::string& vm, std::map<std::string, std::string>& paths) const;
+  bool remove(const std::string& name) const;
   std::string path(const std::string& name) const { return stack_.dir().file(name); }
-  const Row* find(const std::string& method) const;
+  const Row* find(const std::string& method, bool restore = false) const;
   std::uint64_t data_bytes() const;
   JSON_Value aims() const;
   void print() const;
+  void print_restores() const;
 
   Options opts_;
   Stack stack_;
   std::uint64_t disk_size_ = 0;
   std::vector<Disk> disks_;
   std::vector<Row> rows_;
-  std::uint64_t changed_ = 0;  // bytes rewritten before the incremental
-  const int threads_ = 2;      // one per disk: --parallel-disks-per-vm
+  std::uint64_t changed_ = 0;   // bytes rewritten before the incremental
+  std::set<std::string> sets_;  // the backup sets of the VM seen so far
+  // SHA-256 of each source disk (by device) at the full and at the incremental backup.
+  std::map<std::string, std::string> at_full_, at_incremental_;
+  const int threads_ = 2;  // one per disk: --parallel-disks-per-vm
   const int read_buffer_ = 1 << 20;
 };
 
@@ -359,7 +375,7 @@ bool Bench::product(const std::string& method, const std::string& pool,
   args.insert(args.end(), flags.begin(), flags.end());
   args.push_back(full ? "--full" : "--incremental");
   args.push_back("bench-vm");
-  run_program({"sync"});
+  run_program({"/bin/sync"});
   std::uint64_t before = stored_bytes(path(pool));
   if (stack_.sim_control("sim", "DELETE", "/sim/requests").is_null())
     return false;
@@ -394,14 +410,17 @@ bool Bench::product(const std::string& method, const std::string& pool,
   row.task_polls = 0;
   for (const JSON_Value& r : requests.value("requests", JSON_Value::array()))
     row.task_polls += r.value("target", "").rfind("/cas/casrs/message/", 0) == 0;
+  if (!new_set(row.set))
+    return false;
   rows_.push_back(row);
   printf("  %-34s %8.1f s\n", method.c_str(), row.seconds);
   return true;
 }
 
 // `script` run by the shell in the temporary folder, timed; what `output` grew by is stored.
-bool Bench::tool(const std::string& method, const std::string& output, const std::string& script) {
-  run_program({"sync"});
+bool Bench::tool(const std::string& method, const std::string& output, const std::string& script,
+                 bool restore) {
+  run_program({"/bin/sync"});
   std::uint64_t before = stored_bytes(path(output));
   auto start = Clock::now();
   Run_Result r =
@@ -410,6 +429,7 @@ bool Bench::tool(const std::string& method, const std::string& output, const std
   if (r.exit_code != 0)
     return report(method + " failed: " + r.err), false;
   row.stored = stored_bytes(path(output)) - before;
+  row.restore = restore;
   rows_.push_back(row);
   printf("  %-34s %8.1f s\n", method.c_str(), row.seconds);
   return true;
@@ -453,9 +473,96 @@ bool Bench::change_blocks() {
   return true;
 }
 
-const Row* Bench::find(const std::string& method) const {
+// The one backup set of the VM that was not there before.
+bool Bench::new_set(std::string& uuid) {
+  Run_Result r = stack_.cli({"--json", "sets", "list", "--vm", "bench-vm"});
+  JSON_Value rows = JSON_Value::parse(r.out, nullptr, false);
+  if (r.exit_code != 0 || !rows.is_array())
+    return report("sets list failed: " + r.err + r.out), false;
+  std::vector<std::string> fresh;
+  for (const JSON_Value& set : rows)
+    if (sets_.insert(set.value("uuid", "")).second)
+      fresh.push_back(set.value("uuid", ""));
+  if (fresh.size() != 1)
+    return report(std::to_string(fresh.size()) + " new backup sets after a backup"), false;
+  uuid = fresh.front();
+  return true;
+}
+
+// SHA-256 of a simulator's disk, from its control API ("" on failure).
+std::string Bench::digest(const std::string& disk) const {
+  JSON_Value answer = stack_.sim_control("sim", "GET", "/sim/disks/digest?disk=" + disk);
+  return answer.is_object() ? answer.value("sha256", "") : "";
+}
+
+bool Bench::source_digests(std::map<std::string, std::string>& out) const {
+  for (const Disk& disk : disks_)
+    if ((out[disk.name] = digest(disk.path)).empty())
+      return false;
+  return true;
+}
+
+// The disks of the simulator's VM named `vm`: device name -> path.
+bool Bench::vm_disks(const std::string& vm, std::map<std::string, std::string>& paths) const {
+  JSON_Value world = stack_.sim_control("sim", "GET", "/sim/world");
+  for (const JSON_Value& host : world.value("hosts", JSON_Value::array()))
+    for (const JSON_Value& v : host.value("vms", JSON_Value::array()))
+      if (v.value("name", "") == vm)
+        for (const JSON_Value& disk : v.value("disks", JSON_Value::array()))
+          paths[disk.value("device_name", "")] = disk.value("path", "");
+  if (paths.empty())
+    return report("no VM '" + vm + "' with disks in the simulator"), false;
+  return true;
+}
+
+bool Bench::remove(const std::string& name) const {
+  return run_program({"/bin/rm", "-rf", "--", path(name)}).exit_code == 0 ||
+         (report("cannot remove " + path(name)), false);
+}
+
+// A restore of the set made by the backup row `from` to the new VM `vm` through the CLI, timed
+// from the CLI's start until the restored images are flushed; every restored disk must then
+// have the digest the source had at that point.
+bool Bench::restore(const std::string& method, const Row* from, const std::string& vm,
+                    const std::map<std::string, std::string>& source) {
+  std::vector<std::string> args = {bin_path("brimlet"), "--json", "restore", from->set};
+  args.insert(args.end(), {"--name", vm, "--parallel-disks", std::to_string(threads_)});
+  args.insert(args.end(), {"--interval", "0.1"});
+  run_program({"/bin/sync"});
+  Watcher watcher(stack_, path("pool-zstd"));
+  auto start = Clock::now();
+  Run_Result cli = run_program(args, "", stack_.env(), 7200);
+  watcher.finish();
+  std::map<std::string, std::string> paths;
+  if (cli.exit_code != 0)
+    return report(method + " failed: " + cli.err + cli.out), false;
+  if (!vm_disks(vm, paths))
+    return false;
+  std::vector<std::string> images = {"/bin/sync"};
+  for (const auto& [device, disk] : paths)
+    images.push_back(path("sim-data/disks") + disk);
+  if (run_program(images).exit_code != 0)
+    return report("cannot flush the images of " + vm), false;
+  Row row{method, seconds_since(start), disk_size_ * disks_.size()};
+  row.restore = true;
+  row.set = from->set;
+  row.servant_peak_kib = watcher.servant_peak_kib();
+  for (const auto& [device, want] : source) {
+    auto disk = paths.find(device);
+    const std::string got = disk == paths.end() ? "no such disk" : digest(disk->second);
+    if (got != want)
+      return report(method + ": disk " + device + " of " + vm + " is " + got + ", the source was " +
+                    want),
+             false;
+  }
+  rows_.push_back(row);
+  printf("  %-34s %8.1f s, every disk equal to the source\n", method.c_str(), row.seconds);
+  return true;
+}
+
+const Row* Bench::find(const std::string& method, bool restore) const {
   for (const Row& row : rows_)
-    if (row.method == method)
+    if (row.method == method && row.restore == restore)
       return &row;
   return nullptr;
 }
@@ -474,6 +581,11 @@ const char zstd_cli[] = "zstd -1 -T2";
 const char restic_first[] = "restic backup, first run";
 const char restic_second[] = "restic backup, second run";
 const char copy[] = "cp";
+const char restore_full[] = "brimlet restore, full set";
+const char restore_chain[] = "brimlet restore, full + incremental";
+const char zstd_decompress[] = "zstd -d -T2";
+const char restic_restore_first[] = "restic restore, first snapshot";
+const char restic_restore_second[] = "restic restore, second snapshot";
 
 // Each aim: what it asks, the numbers, and whether they meet it. An incremental is in proportion
 // when its share of the full's time and stored bytes is at most twice the share of the full's
@@ -505,6 +617,17 @@ JSON_Value Bench::aims() const {
                      changed * 100, time * 100, copying * 100, inc->seconds - inc->transfer,
                      inc->task_polls, inc->task_polls, stored * 100),
       time <= 2 * changed && stored <= 2 * changed);
+  const Row *back_full = find(restore_full, true), *back_chain = find(restore_chain, true),
+            *restic_full = find(restic_restore_first, true),
+            *restic_chain = find(restic_restore_second, true);
+  aim("restore of the full set at least as fast as the full backup with zstd level 1",
+      string_sprintf("%.0f vs %.0f MB/s", back_full->mb_per_second(), full->mb_per_second()),
+      back_full->mb_per_second() >= full->mb_per_second());
+  const double ratio_full = back_full->mb_per_second() / restic_full->mb_per_second(),
+               ratio_chain = back_chain->mb_per_second() / restic_chain->mb_per_second();
+  aim("restore at least 1.2x restic restore, at both points",
+      string_sprintf("full set %.2fx, full + incremental %.2fx", ratio_full, ratio_chain),
+      ratio_full >= 1.2 && ratio_chain >= 1.2);
   long peak = -1;
   for (const Row& row : rows_)
     peak = std::max(peak, row.servant_peak_kib);
@@ -526,20 +649,75 @@ void Bench::print() const {
          "copy s", "catalog s", "polls", "servant MiB");
   auto optional = [](double v) { return v < 0 ? std::string("-") : string_sprintf("%.2f", v); };
   for (const Row& r : rows_)
-    printf(
-        "%-34s %7.0f %7.2f %10.1f %7s %7s %9s %6s %12s\n", r.method.c_str(), r.mb_per_second(),
-        r.seconds, static_cast<double>(r.stored) / (1 << 20), optional(r.planning).c_str(),
-        optional(r.transfer).c_str(), optional(r.catalog).c_str(),
-        r.task_polls < 0 ? "-" : std::to_string(r.task_polls).c_str(),
-        r.servant_peak_kib < 0 ? "-" : string_sprintf("%.1f", r.servant_peak_kib / 1024.0).c_str());
+    if (!r.restore)
+      printf("%-34s %7.0f %7.2f %10.1f %7s %7s %9s %6s %12s\n", r.method.c_str(), r.mb_per_second(),
+             r.seconds, static_cast<double>(r.stored) / (1 << 20), optional(r.planning).c_str(),
+             optional(r.transfer).c_str(), optional(r.catalog).c_str(),
+             r.task_polls < 0 ? "-" : std::to_string(r.task_polls).c_str(),
+             r.servant_peak_kib < 0 ? "-"
+                                    : string_sprintf("%.1f", r.servant_peak_kib / 1024.0).c_str());
   printf(
       "plan: from the CLI's start to the copying threads; copy: to the VM configuration object "
       "written after the last chunk; catalog: the set's commit and the removal of the snapshot "
       "(and of the previous tracker), to the VM's result. polls: of CAS tasks, a second each.\n");
+}
+
+void Bench::print_restores() const {
+  printf("\nVM restore: the same disks back into new files, flushed; MB/s of logical disk bytes\n");
+  printf("%-34s %7s %7s %12s  %s\n", "method", "MB/s", "s", "servant MiB", "restored disks");
+  for (const Row& r : rows_)
+    if (r.restore)
+      printf("%-34s %7.0f %7.2f %12s  %s\n", r.method.c_str(), r.mb_per_second(), r.seconds,
+             r.servant_peak_kib < 0 ? "-"
+                                    : string_sprintf("%.1f", r.servant_peak_kib / 1024.0).c_str(),
+             r.set.empty() ? "-" : "equal to the source at that point (SHA-256)");
   printf("Aims:\n");
   for (const JSON_Value& aim : aims())
     printf("  %-4s %s: %s\n", aim["met"].get<bool>() ? "met" : "MISS",
            aim["aim"].get<std::string>().c_str(), aim["numbers"].get<std::string>().c_str());
+}
+
+// The backup rows: both full backups beside zstd, restic and cp, then the incremental after the
+// guest's writes beside restic's second run. zstd's outputs stay for the restore rows.
+bool Bench::backups(const std::string& restic) {
+  return product(full_lz4, "pool-lz4", {"--compression", "lz4"}, true) &&
+         product(full_zstd, "pool-zstd", {"--compression", "zstd", "--level", "1"}, true) &&
+         source_digests(at_full_) &&
+         tool(zstd_cli, "zstd-out",
+              "mkdir zstd-out && zstd -1 -T2 -q --output-dir-flat zstd-out raw/* && "
+              "sync zstd-out/*") &&
+         run_program({"/bin/sh", "-c", "cd \"$0\" && " + restic + "init", stack_.dir().path()})
+                 .exit_code == 0 &&
+         tool(restic_first, "restic-repo", restic + "backup --tag full raw") &&
+         tool(copy, "copy", "mkdir copy && cp --reflink=never raw/* copy/ && sync copy/*") &&
+         remove("copy") && change_blocks() &&
+         product(incremental, "pool-zstd", {"--compression", "zstd", "--level", "1"}, false) &&
+         source_digests(at_incremental_) &&
+         tool(restic_second, "restic-repo", restic + "backup --tag incremental raw");
+}
+
+// The restore rows: the same bytes by cp (the raw files as they are now), zstd (the full point)
+// and restic (both points), then both points of the chain through the product. Each tool writes
+// into a fresh folder, flushed within its time and removed after it.
+bool Bench::restores(const std::string& restic) {
+  auto restic_restore = [&](const std::string& tag, const std::string& into) {
+    return restic + "restore latest --tag " + tag + " --target " + into + " && find " + into +
+           " -type f -exec sync {} +";
+  };
+  return tool(copy, "copy", "mkdir copy && cp --reflink=never raw/* copy/ && sync copy/*", true) &&
+         remove("copy") &&
+         tool(zstd_decompress, "unzstd",
+              "mkdir unzstd && zstd -d -T2 -q --output-dir-flat unzstd zstd-out/* && "
+              "sync unzstd/*",
+              true) &&
+         remove("unzstd") && remove("zstd-out") &&
+         tool(restic_restore_first, "restic-first", restic_restore("full", "restic-first"), true) &&
+         remove("restic-first") &&
+         tool(restic_restore_second, "restic-second",
+              restic_restore("incremental", "restic-second"), true) &&
+         remove("restic-second") &&
+         restore(restore_full, find(full_zstd), "bench-vm-full", at_full_) &&
+         restore(restore_chain, find(incremental), "bench-vm-chain", at_incremental_);
 }
 
 int Bench::run() {
@@ -550,24 +728,10 @@ int Bench::run() {
   write_text_file(path("restic-password"), "bench restic password\n");
   const std::string restic =
       "restic -q -r restic-repo --password-file restic-password --cache-dir restic-cache ";
-  const bool ok =
-      product(full_lz4, "pool-lz4", {"--compression", "lz4"}, true) &&
-      product(full_zstd, "pool-zstd", {"--compression", "zstd", "--level", "1"}, true) &&
-      tool(
-          zstd_cli, "zstd-out",
-          "mkdir zstd-out && zstd -1 -T2 -q --output-dir-flat zstd-out raw/* && sync zstd-out/*") &&
-      run_program({"/bin/sh", "-c", "rm -rf \"$0\"", path("zstd-out")}).exit_code == 0 &&
-      run_program({"/bin/sh", "-c", "cd \"$0\" && " + restic + "init", stack_.dir().path()})
-              .exit_code == 0 &&
-      tool(restic_first, "restic-repo", restic + "backup raw") &&
-      tool(copy, "copy", "mkdir copy && cp --reflink=never raw/* copy/ && sync copy/*") &&
-      run_program({"/bin/sh", "-c", "rm -rf \"$0\"", path("copy")}).exit_code == 0 &&
-      change_blocks() &&
-      product(incremental, "pool-zstd", {"--compression", "zstd", "--level", "1"}, false) &&
-      tool(restic_second, "restic-repo", restic + "backup raw");
-  if (!ok)
+  if (!backups(restic) || !restores(restic))
     return 1;
   print();
+  print_restores();
   JSON_Value out = {{"benchmark", "backup"},
                     {"disks", disks_.size()},
                     {"disk_bytes", disk_size_},
@@ -580,6 +744,7 @@ int Bench::run() {
                     {"results", JSON_Value::array()}};
   for (const Row& r : rows_)
     out["results"].push_back({{"method", r.method},
+                              {"restore", r.restore},
                               {"seconds", r.seconds},
                               {"mb_per_second", r.mb_per_second()},
                               {"stored_bytes", r.stored},
