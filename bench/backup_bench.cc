@@ -287,6 +287,8 @@ class Bench {
                const std::vector<std::string>& flags, bool full);
   bool tool(const std::string& method, const std::string& output, const std::string& script,
             bool restore = false);
+  void run_log(Row& row, Clock::time_point start, const std::string& run_id,
+               const std::string& kind, Clock::time_point copied) const;
   bool change_blocks();
   bool backups(const std::string& restic);
   bool restores(const std::string& restic);
@@ -321,9 +323,12 @@ bool Bench::start() {
   disk_size_ = static_cast<std::uint64_t>(opts_.disk_mib) << 20;
   JSON_Value world = JSON_Value::parse(R"({"knobs": {"task_duration_ms": 0},
     "operators": [{"id": 1, "login_name": "admin", "password": "Bench pass", "group_id": 1}],
+    "port_profiles": [{"id": 1, "name": "Default"}],
     "pools": [{"name": "defaultpool", "type": "dir", "path": "/vms/images",
       "capacity_mib": 8388608}],
-    "hosts": [{"id": 1, "name": "cvk01", "ip": "192.168.10.11", "vms": [{"id": 101, "uuid":
+    "hosts": [{"id": 1, "name": "cvk01", "ip": "192.168.10.11",
+      "vswitches": [{"id": 1, "name": "vswitch0", "types": ["management"]}],
+      "vms": [{"id": 101, "uuid":
       "4d7f6c3a-0000-4000-8000-00000000b101", "name": "bench-vm", "status": "running",
       "disks": []}]}]})");
   std::filesystem::create_directories(path("raw"));
@@ -391,30 +396,41 @@ bool Bench::product(const std::string& method, const std::string& pool,
   row.servant_peak_kib = watcher.servant_peak_kib();
   // Planning ends where the servant starts its copying threads, copying where the configuration
   // object appears, and the catalog (with the snapshot's removal) where the VM's result comes.
-  const std::string run_id = status.value("run_id", "");
+  run_log(row, start, status.value("run_id", ""), "backup", watcher.copied);
+  if (!new_set(row.set))
+    return false;
+  rows_.push_back(row);
+  printf("  %-34s %8.1f s\n", method.c_str(), row.seconds);
+  return true;
+}
+
+// From the log of a run of `kind` (backup, restore) started at `start`: planning until the copying
+// threads start, copying until `copied` (when known, else until the VM's result), and from there
+// to the VM's result. Then the CAS task polls of the run, which the simulator logged.
+void Bench::run_log(Row& row, Clock::time_point start, const std::string& run_id,
+                    const std::string& kind, Clock::time_point copied) const {
   JSON_Value log = stack_.agent_call("job.log", {{"run_id", run_id}});
   std::string text = log.is_object() ? log["result"].value("text", "") : "";
   Clock::time_point copying, ended;
   auto span = [](Clock::time_point from, Clock::time_point to) {
     return std::chrono::duration<double>(to - from).count();
   };
-  if (marked(text, "thread(s) to backup the VM", copying))
+  const bool result = marked(text, "CAS VM " + kind + " result", ended),
+             given = copied != Clock::time_point();
+  if (!given && result)
+    copied = ended;
+  if (marked(text, "thread(s) to " + kind + " the VM", copying))
     row.planning = span(start, copying);
-  if (row.planning >= 0 && watcher.copied != Clock::time_point())
-    row.transfer = span(copying, watcher.copied);
-  if (row.transfer >= 0 && marked(text, "CAS VM backup result", ended))
-    row.catalog = span(watcher.copied, ended);
+  if (row.planning >= 0 && copied != Clock::time_point())
+    row.transfer = span(copying, copied);
+  if (given && row.transfer >= 0 && result)
+    row.catalog = span(copied, ended);
   // CAS changes VMs in asynchronous tasks, which the module polls once a second, pausing after
   // the poll that sees the task done too: each poll is a second of the run's fixed costs.
   JSON_Value requests = stack_.sim_control("sim", "GET", "/sim/requests");
   row.task_polls = 0;
   for (const JSON_Value& r : requests.value("requests", JSON_Value::array()))
     row.task_polls += r.value("target", "").rfind("/cas/casrs/message/", 0) == 0;
-  if (!new_set(row.set))
-    return false;
-  rows_.push_back(row);
-  printf("  %-34s %8.1f s\n", method.c_str(), row.seconds);
-  return true;
 }
 
 // `script` run by the shell in the temporary folder, timed; what `output` grew by is stored.
@@ -529,12 +545,15 @@ bool Bench::restore(const std::string& method, const Row* from, const std::strin
   args.insert(args.end(), {"--name", vm, "--parallel-disks", std::to_string(threads_)});
   args.insert(args.end(), {"--interval", "0.1"});
   run_program({"/bin/sync"});
+  if (stack_.sim_control("sim", "DELETE", "/sim/requests").is_null())
+    return false;
   Watcher watcher(stack_, path("pool-zstd"));
   auto start = Clock::now();
   Run_Result cli = run_program(args, "", stack_.env(), 7200);
   watcher.finish();
   std::map<std::string, std::string> paths;
-  if (cli.exit_code != 0)
+  JSON_Value status = JSON_Value::parse(cli.out, nullptr, false);
+  if (cli.exit_code != 0 || !status.is_object())
     return report(method + " failed: " + cli.err + cli.out), false;
   if (!vm_disks(vm, paths))
     return false;
@@ -547,6 +566,7 @@ bool Bench::restore(const std::string& method, const Row* from, const std::strin
   row.restore = true;
   row.set = from->set;
   row.servant_peak_kib = watcher.servant_peak_kib();
+  run_log(row, start, status.value("run_id", ""), "restore", Clock::time_point());
   for (const auto& [device, want] : source) {
     auto disk = paths.find(device);
     const std::string got = disk == paths.end() ? "no such disk" : digest(disk->second);
@@ -664,13 +684,20 @@ void Bench::print() const {
 
 void Bench::print_restores() const {
   printf("\nVM restore: the same disks back into new files, flushed; MB/s of logical disk bytes\n");
-  printf("%-34s %7s %7s %12s  %s\n", "method", "MB/s", "s", "servant MiB", "restored disks");
+  printf("%-34s %7s %7s %7s %7s %6s %12s  %s\n", "method", "MB/s", "s", "plan s", "copy s", "polls",
+         "servant MiB", "restored disks");
+  auto optional = [](double v) { return v < 0 ? std::string("-") : string_sprintf("%.2f", v); };
   for (const Row& r : rows_)
     if (r.restore)
-      printf("%-34s %7.0f %7.2f %12s  %s\n", r.method.c_str(), r.mb_per_second(), r.seconds,
+      printf("%-34s %7.0f %7.2f %7s %7s %6s %12s  %s\n", r.method.c_str(), r.mb_per_second(),
+             r.seconds, optional(r.planning).c_str(), optional(r.transfer).c_str(),
+             r.task_polls < 0 ? "-" : std::to_string(r.task_polls).c_str(),
              r.servant_peak_kib < 0 ? "-"
                                     : string_sprintf("%.1f", r.servant_peak_kib / 1024.0).c_str(),
              r.set.empty() ? "-" : "equal to the source at that point (SHA-256)");
+  printf(
+      "plan: from the CLI's start to the copying threads (the VM and its volumes made); copy: "
+      "to the VM's result; the rest is flushing the restored images.\n");
   printf("Aims:\n");
   for (const JSON_Value& aim : aims())
     printf("  %-4s %s: %s\n", aim["met"].get<bool>() ? "met" : "MISS",
