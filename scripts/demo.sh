@@ -144,6 +144,8 @@ def table():
     if bad or not rows:
         sys.exit("%d of %d restored disks differ from their source" % (bad, len(rows)))
     print("Every restored disk equals its source at the point restored (SHA-256 of all its bytes).")
+    print("MB/S: the VM's disk bytes over its whole restore, the CVM's tasks (a second each) "
+          "included.")
 
 
 globals()[sys.argv[1]](*sys.argv[2:])
@@ -281,7 +283,7 @@ for point in full inc; do
     set_uuid=$(demo set_of "$point" "$vm")
     step "brimlet restore $set_uuid --name $vm-$point ($vm as at its $point backup, to a new VM)"
     start=$(date +%s.%N)
-    "$bin/brimlet" restore "$set_uuid" --name "$vm-$point"
+    "$bin/brimlet" restore "$set_uuid" --name "$vm-$point" --interval 0.5
     end=$(date +%s.%N)
     demo restored "$point" "$vm" "$vm-$point" "$(awk "BEGIN {print $end - $start}")"
   done
