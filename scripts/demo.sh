@@ -22,7 +22,9 @@ pids=()
 cleanup() {
   for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
   wait 2>/dev/null || true
-  echo "Demo files are in $BRIMLET_ROOT"
+  # The disk images and the pool take gigabytes; the logs and configuration stay to be read.
+  rm -rf "$BRIMLET_ROOT/sim/disks" "$BRIMLET_ROOT/pool"
+  echo "Demo logs are in $BRIMLET_ROOT"
 }
 trap cleanup EXIT
 
