@@ -6,7 +6,11 @@
 // bytes are generated once, imported into the simulator's disks and kept in files for the other
 // tools. Everything lives in one temporary folder of one file system and the page cache is left
 // warm; each row's output is flushed to disk within its time (the pool and restic flush what they
-// write, zstd's and cp's outputs get `sync`). Prints a table and writes the numbers as JSON.
+// write, zstd's and cp's outputs get `sync`). Then the full set and the incremental one (its chain)
+// are restored through the CLI to new VMs, every restored disk checked against the source's digest
+// at that point, beside `cp` of the raw files, `zstd -d -T2` of zstd's outputs and `restic restore`
+// of restic's two snapshots, each flushed within its time. Prints the backup and restore tables
+// and writes the numbers as JSON.
 //
 //   backup_bench [--disk-mib N] [--out FILE]
 #include "bench/results.h"
@@ -304,6 +308,7 @@ class Bench {
   std::uint64_t data_bytes() const;
   JSON_Value aims() const;
   void print() const;
+  void print_backups() const;
   void print_restores() const;
 
   Options opts_;
@@ -659,7 +664,7 @@ JSON_Value Bench::aims() const {
   return out;
 }
 
-void Bench::print() const {
+void Bench::print_backups() const {
   printf(
       "\nVM backup: one VM, %zu disks of %d MiB (%.0f MiB of data, the rest holes), %d copying "
       "threads, read buffer %d KiB, page cache warm; MB/s of logical disk bytes\n",
@@ -698,6 +703,11 @@ void Bench::print_restores() const {
   printf(
       "plan: from the CLI's start to the copying threads (the VM and its volumes made); copy: "
       "to the VM's result; the rest is flushing the restored images.\n");
+}
+
+void Bench::print() const {
+  print_backups();
+  print_restores();
   printf("Aims:\n");
   for (const JSON_Value& aim : aims())
     printf("  %-4s %s: %s\n", aim["met"].get<bool>() ? "met" : "MISS",
@@ -758,7 +768,6 @@ int Bench::run() {
   if (!backups(restic) || !restores(restic))
     return 1;
   print();
-  print_restores();
   JSON_Value out = {{"benchmark", "backup"},
                     {"disks", disks_.size()},
                     {"disk_bytes", disk_size_},
@@ -772,6 +781,7 @@ int Bench::run() {
   for (const Row& r : rows_)
     out["results"].push_back({{"method", r.method},
                               {"restore", r.restore},
+                              {"backup_set", r.set},
                               {"seconds", r.seconds},
                               {"mb_per_second", r.mb_per_second()},
                               {"stored_bytes", r.stored},
