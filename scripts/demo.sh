@@ -280,6 +280,9 @@ demo point inc "${vms[@]}"
 step "brimlet sets list --cvm lab"
 "$bin/brimlet" sets list --cvm lab
 
+step "brimlet sets verify --all --pool demo (every object read and checked, nothing written)"
+"$bin/brimlet" sets verify --all --pool demo --interval 0.5
+
 for point in full inc; do
   for vm in "${vms[@]}"; do
     set_uuid=$(demo set_of "$point" "$vm")
