@@ -4,6 +4,8 @@
 #include "h3ccas/servant/vm_backup.h"
 #include "h3ccas/servant/vm_restore.h"
 
+#include <memory>
+#include <new>
 #include <string>
 
 namespace h3ccas {
@@ -54,12 +56,14 @@ int Exec_Handler::restore(JSON_RPC_Channel& chn, const JSON_RPC_Request& req, bo
   auto response = JSON_RPC_Channel::create_response(req);
   if (!response)
     return chn.send_error(JSON_RPC_INTERNAL_ERROR, req.id(), "Out of memory.");
+  std::unique_ptr<VM_Restore> engine(new (std::nothrow) VM_Restore(std::move(params)));
+  if (!engine)
+    return chn.send_error(JSON_RPC_INTERNAL_ERROR, req.id(), "Internal error, out of memory.");
   JSON_Value result;
-  VM_Restore engine(std::move(params));
   if (verify)
-    engine.verify(result);
+    engine->verify(result);
   else
-    engine.restore(result);
+    engine->restore(result);
   response->set_result(std::move(result));
   return chn.send(*response);
 }

@@ -626,6 +626,10 @@ bool VM_Restore::run_disks_i(const Disk_Plans& disks, const char* name, const Di
   if (!scheduler.activate(threads, task))
     return false;
   scheduler.wait();
+  if (is_canceled()) {
+    LOG_MSG((LM_WARNING, "Restore of CAS VM '%s' stopped.\n", params_.source_vm_name_.c_str()));
+    return false;
+  }
   return succeeded_disk_ == static_cast<std::uint64_t>(count);
 }
 

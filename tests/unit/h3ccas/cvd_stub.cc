@@ -6,6 +6,7 @@
 // holding "unwritable" fail.
 #include "h3ccas/servant/cvd_api.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -89,8 +90,7 @@ int64_t cvd_disk_read(cvd_disk_t disk, uint64_t offset, uint64_t length, void* b
 int64_t cvd_disk_write(cvd_disk_t disk, uint64_t offset, uint64_t length, const void* buffer) {
   journal("write " + disk->path + " " + std::to_string(offset) + " " + std::to_string(length));
   std::string file = disk->path;
-  for (char& c : file)
-    c = c == '/' ? '_' : c;
+  std::replace(file.begin(), file.end(), '/', '_');
   const char* dir = std::getenv("CVD_STUB_DISKS");
   int fd = dir ? ::open((dir + ("/" + file)).c_str(), O_WRONLY | O_CREAT, 0644) : -1;
   int64_t n = fd < 0 ? static_cast<int64_t>(length)

@@ -6,22 +6,20 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 namespace h3ccas {
 namespace {
 const S full = "11111111-1111-1111-1111-111111111111", inc = "22222222-2222-2222-2222-222222222222",
         disk1 = "/vms/a/disk1.qcow2";
 
-// A CVM past its digest challenge: tasks that succeed and make object "42"; 500 for the requests
-// ("METHOD path") in `broken`, CAS's "volume exists" for a volume named in `taken`. Changes are
-// kept in `log` as "METHOD path[ volName]" lines.
+// A CVM past its digest challenge: tasks that make object "42"; 500 for the requests in `broken`,
+// "volume exists" for the volumes in `taken`. Changes go to `log` as "METHOD path[ volName]".
 struct Fake_CVM : HTTP_Session {
   bool send(const HTTP_Request& req, const S* body, HTTP_Response& resp) override {
     resp.clear(), resp.set_status(200);
-    const S line = S(http_method_string(req.method())) + " " + req.path();
     const JSON_Value b = body ? json(*body) : JSON_Value::object();
-    const S vol = b.value("volName", "");
+    const S line = S(http_method_string(req.method())) + " " + req.path(),
+            vol = b.value("volName", "");
     if (!req.headers().get("Authorization")) {
       resp.set_status(401),
           resp.headers().put("WWW-Authenticate", R"(Digest realm="r", nonce="n")");
@@ -52,22 +50,21 @@ struct Client : Test_Client {
 class Restore : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(loader_.init() && open_job_activity(act_, "j1", true));
-    ASSERT_TRUE(progress_.open("j1", "7", true, true, 0750));
-    catalog_.route(HTTP_Method::GET, "/k4/r/catalog/h3ccas/view/restore",
-                   [&](Req, Res r) { r.json(view_); });
-    catalog_.route(HTTP_Method::GET, "/k4/r/storage/pool", [&](Req, Res r) {
-      r.json({{"uuid", "p1"}, {"name", "one"}, {"url", "file://" + dir_.path()}});
+    ASSERT_TRUE(loader_.init() && open_job_activity(act_, "j1", true) &&
+                progress_.open("j1", "7", true, true, 0750));
+    catalog_.route_prefix(HTTP_Method::GET, "/k4/r/", [&](Req q, Res r) {  // the view, pool p1
+      r.json(q.path.find("/pool") == S::npos
+                 ? view_
+                 : json(R"({"uuid":"p1","name":"one","url":"file://)" + dir_.path() + "\"}"));
     });
     ASSERT_TRUE(catalog_.start(HTTP_Server::Options()));
     reset();
   }
   void reset() {
     *cvm_ = Fake_CVM(), act_->state = Job_Activity::running;
-    std::filesystem::remove_all(dir_.file("disks"));
-    std::filesystem::create_directory(dir_.file("disks"));
-    put("/f0", 0x11, {{0, S(4096, 'A')}, {65536, S(512, 'B')}});
-    put("/i0", 0x22, {{512, S(512, 'C')}, {131072, S(512, 'D')}});
+    std::filesystem::remove_all(dir_.file("disks")), std::filesystem::create_directory(disks_);
+    put("/f0", 0x11, {{0, 4096}, {65536, 512}}, image(1 << 20, false));
+    put("/i0", 0x22, {{512, 512}, {131072, 512}}, image(1 << 20));
     Client_IO_Ex io;
     ASSERT_TRUE(io.connect("file://" + dir_.file("cvm"), {}) &&
                 client_io_write_json(io, "c.json",
@@ -77,27 +74,20 @@ class Restore : public ::testing::Test {
     view_ = {set(full, full, {piece("/f0", 4608), piece("/c.json", 0, "")}),
              set(inc, full, {piece("/i0", 1024), piece("/x", 5, "/vms/gone")})};
   }
-  // Object `path` of the set whose id bytes are all `id`: `blocks` at their disk offsets.
-  void put(const S& path, std::uint8_t id, std::map<std::uint64_t, S> blocks) {
-    Client_IO_Base::Options plain;
-    plain.compression_ = Client_IO_Base::Compression::None;
+  // Object `path` of the set whose id bytes are all `id`: `blocks` of `disk`.
+  void put(const S& path, std::uint8_t id, std::vector<Block> blocks, const S& disk) {
     Client_IO_Ex io;
-    ASSERT_TRUE(io.connect("file://" + dir_.file("cvm"), plain) && io.open(path, 2));
+    ASSERT_TRUE(io.connect("file://" + dir_.file("cvm"), {}) && io.open(path, 2));
     Image_Block_Writer w(&io);
-    std::uint8_t set[16];
-    std::fill(set, set + 16, id);
-    ASSERT_TRUE(w.init(65536, 512, 1, 0) && w.write_superblock(set, set));
-    for (const auto& [offset, data] : blocks)
-      ASSERT_TRUE(w.add_block(offset, data.size()));
-    ASSERT_TRUE(w.write_blocks(
-                    [&](std::uint64_t at, std::size_t wanted, const void*& data) {
-                      auto b = std::prev(blocks.upper_bound(at));
-                      data = b->second.data() + (at - b->first);
-                      return static_cast<ssize_t>(
-                          std::min(wanted, b->second.size() - (at - b->first)));
-                    },
-                    [](std::uint64_t) {}) &&
-                io.close());
+    const std::vector<std::uint8_t> set(16, id);
+    ASSERT_TRUE(w.init(65536, 512, 1, 0) && w.write_superblock(set.data(), set.data()) &&
+                w.set_compression(Client_IO_Base::Compression::None, 0));
+    for (const Block& b : blocks)
+      ASSERT_TRUE(w.add_block(b.offset_, b.length_));
+    auto read = [&](std::uint64_t at, std::size_t n, const void*& data) {
+      return data = disk.data() + at, static_cast<ssize_t>(n);
+    };
+    ASSERT_TRUE(w.write_blocks(read, [](std::uint64_t) {}) && io.close());
   }
   static JSON_Value piece(const S& path, int size, const S& object = disk1) {
     return {{"object", object}, {"size", size}, {"path", path}};
@@ -105,16 +95,11 @@ class Restore : public ::testing::Test {
   static JSON_Value set(const S& uuid, const S& base, const JSON_Value& pieces) {
     VM_Disk d;
     d.path_ = disk1, d.format_ = "raw", d.total_bytes_ = 1 << 20, d.pool_type_ = "dir";
-    return {{"uuid", uuid},
-            {"backup_type", uuid == base ? "full" : "incremental"},
-            {"base", base},
-            {"incarnation", full},
-            {"uri", "cvm"},
-            {"storages", json(R"([{"pool_uuid":"p1"}])")},
-            {"pieces", pieces},
-            {"source_size", 1 << 20},
-            {"vm_config_path", "/c.json"},
-            {"vm_disks", JSON_Value::array({d.dump()})}};
+    JSON_Value s = json(R"({"uri":"cvm","storages":[{"pool_uuid":"p1"}],"source_size":1048576,)"
+                        R"("vm_config_path":"/c.json","backup_type":"incremental"})");
+    s["uuid"] = uuid, s["base"] = base, s["incarnation"] = full, s["pieces"] = pieces;
+    s["vm_disks"] = JSON_Value::array({d.dump()});
+    return uuid == base ? (s["backup_type"] = "full", s) : s;
   }
   VM_Restore_Params params() {
     VM_Restore_Params p;
@@ -129,20 +114,20 @@ class Restore : public ::testing::Test {
   bool run(VM_Restore_Params p, JSON_Value& result) {
     return VM_Restore(std::move(p), std::make_unique<Client>(cvm_)).restore(result);
   }
-  // The bytes of the chain over `size` bytes of zeros, and the bytes a stub disk holds.
-  static S image(std::size_t size) {
+  // The disk's first `size` bytes after the full set, or the whole chain; the bytes of a file.
+  static S image(std::size_t size, bool chain = true) {
     S d(size, '\0');
     d.replace(0, 4096, S(4096, 'A')).replace(65536, 512, S(512, 'B'));
-    return d.replace(512, 512, S(512, 'C')).replace(131072, 512, S(512, 'D'));
+    return chain ? d.replace(512, 512, S(512, 'C')).replace(131072, 512, S(512, 'D')) : d;
   }
   S read(const S& name) {
-    std::stringstream in;
-    return in << std::ifstream(dir_.file(name)).rdbuf(), in.str();
+    std::ifstream in(dir_.file(name));
+    return {std::istreambuf_iterator<char>(in), {}};
   }
   Temp_Dir dir_;
-  Scoped_Env root_{"BRIMLET_ROOT", dir_.path()}, sdk_{"CAS_CVD_SDK_PATH", S(CVD_STUB_PATH)};
-  Scoped_Env journal_{"CVD_STUB_JOURNAL", std::nullopt},
-      disks_{"CVD_STUB_DISKS", dir_.file("disks")};
+  const S disks_ = dir_.file("disks");
+  Scoped_Env root_{"BRIMLET_ROOT", dir_.path()}, sdk_{"CAS_CVD_SDK_PATH", S(CVD_STUB_PATH)},
+      disks_env_{"CVD_STUB_DISKS", disks_}, journal_{"CVD_STUB_JOURNAL", std::nullopt};
   CVD_Loader loader_;
   Job_Activity_Handle act_;
   VM_Progress_Info_Handle progress_;
@@ -158,17 +143,13 @@ TEST_F(Restore, ChainIntoVolumes) {
   JSON_Value result;
   Log_Capture log;
   ASSERT_TRUE(run(params(), result)) << messages(log);
-  EXPECT_EQ(cvm_->log,
-            "POST /cas/casrs/vm/add\nPOST /cas/casrs/storage/volume disk1.qcow2\nPOST "
-            "/cas/casrs/storage/volume disk1.qcow2_0\nPOST /cas/casrs/storage/volume "
-            "disk1.qcow2_1\nPUT /cas/casrs/vm/addDevice\n");
-  EXPECT_TRUE(
-      log.contains("Storage volume 'disk1.qcow2_0' existed, retry with volume name "
-                   "'/pool2/disk1.qcow2_1'.\n"));
+  const S vol = "\nPOST /cas/casrs/storage/volume disk1.qcow2";
+  EXPECT_EQ(cvm_->log, "POST /cas/casrs/vm/add" + vol + vol + "_0" + vol +
+                           "_1\nPUT /cas/casrs/vm/addDevice\n");
   EXPECT_EQ(read("disks/_pool2_disk1.qcow2_1"), image(131072 + 512));
-  EXPECT_EQ(result, json(R"({"code":0,"set_size":5632,"source_size":2097152,"storage_size":6016,)"
-                         R"("vm_id":"42"})"));
-  EXPECT_EQ(act_->state, Job_Activity::completed);
+  EXPECT_EQ(
+      result.dump() + std::to_string(act_->state),
+      R"({"code":0,"set_size":5632,"source_size":2097152,"storage_size":6016,"vm_id":"42"}2)");
   EXPECT_EQ(cvm_->bodies["POST /cas/casrs/vm/add"].dump(),
             R"({"autoMigrate":"0","blkiotune":"300","cpuCores":"1","cpuShares":"512",)"
             R"("cpuSockets":"1","formatEnable":"1","hostId":"1","maxCpuSocket":"16",)"
@@ -181,47 +162,34 @@ TEST_F(Restore, ChainIntoVolumes) {
   auto p = params();
   p.disks_ = {{disk1, "lun", "/iscsi", "iscsi", "lun1", UNKNOWN}}, p.opts_.start_vm_ = true;
   cvm_->broken = {"PUT /cas/casrs/vm/start/42"};
-  Log_Capture log2;
-  ASSERT_TRUE(run(p, result)) << messages(log2);
+  ASSERT_TRUE(run(p, result)) << messages(log);
   EXPECT_EQ(read("disks/_iscsi_lun1"), image(1 << 20));
   EXPECT_EQ(cvm_->log,
             "POST /cas/casrs/vm/add\nPUT /cas/casrs/vm/addDevice\nPUT /cas/casrs/vm/start/42\n");
-  EXPECT_TRUE(log2.contains("Failed to start restored CAS VM 'new'.\n"));
+  EXPECT_TRUE(log.contains("Failed to start restored CAS VM 'new'.\n"));
 }
 
-// Each fault fails the restore with its one error line; once the VM exists, it and its volumes go.
+// Each fault fails the restore with its one error line; once the VM exists, it and its volume go.
 TEST_F(Restore, FaultsCleanUp) {
-  const S made =
-              "POST /cas/casrs/vm/add\nPOST /cas/casrs/storage/volume disk1.qcow2\nPUT "
-              "/cas/casrs/vm/addDevice\n",
-          gone =
-              "DELETE /cas/casrs/vm/delete/42\nDELETE "
-              "/cas/casrs/storage/volume/delete/1/pool2/disk1.qcow2\n",
-          vm = " of CAS VM 'w' ";
-  const std::tuple<S, S, S> cases[] = {
-      {"write", "Failed to write data to CAS VM 'new'.\n", made + gone},
-      {"corrupt", "Corrupt image object '/i0' at offset 72: data checksum mismatch.\n",
-       made + gone},
-      {"missing", "Failed to open '/f0' on storage pool: Cannot open '" + dir_.file("cvm/f0"),
-       made + gone},
-      {"foreign",
-       "Image object '/f0' was written for backup set " + S(32, '3') + ", not for set '" + full +
-           "'.\n",
-       made + gone},
-      {"base",
-       "Backup set '" + inc + "' (incremental)" + vm + "does not continue the chain after set '" +
-           full + "'.\n",
-       ""},
+  const S add = "POST /cas/casrs/vm/add\nPOST /cas/casrs/storage/volume disk1.qcow2\n",
+          del = "DELETE /cas/casrs/vm/delete/42\n", vm = " of CAS VM 'w' ",
+          all = add + "PUT /cas/casrs/vm/addDevice\n" + del +
+                "DELETE /cas/casrs/storage/volume/delete/1/pool2/disk1.qcow2\n";
+  const std::pair<S, S> cases[] = {
+      {"write", "Failed to write data to CAS VM 'new'.\n"},
+      {"corrupt", "Corrupt image object '/i0' at offset 72: data checksum mismatch.\n"},
+      {"missing", "Failed to open '/f0' on storage pool: Cannot open '" + dir_.file("cvm/f0")},
+      {"foreign", "Image object '/f0' was written for backup set " + S(32, '3') +
+                      ", not for set '" + full + "'.\n"},
+      {"base", "Backup set '" + inc + "' (incremental)" + vm +
+                   "does not continue the chain after set '" + full + "'.\n"},
       {"first",
-       "Backup chain" + vm + "does not start with a full set: set '" + inc + "' is incremental.\n",
-       ""},
-      {"chosen", "Backup chain" + vm + "ends with set '" + inc + "', not with set 'x'.\n", ""},
+       "Backup chain" + vm + "does not start with a full set: set '" + inc + "' is incremental.\n"},
+      {"chosen", "Backup chain" + vm + "ends with set '" + inc + "', not with set 'x'.\n"},
       {"volume",
-       "Failed to create volume '/pool2/disk1.qcow2' on CVK(id=1) 'cvk1' on pool 'pool2'.\n",
-       "POST /cas/casrs/vm/add\nPOST /cas/casrs/storage/volume disk1.qcow2\n"
-       "DELETE /cas/casrs/vm/delete/42\n"},
+       "Failed to create volume '/pool2/disk1.qcow2' on CVK(id=1) 'cvk1' on pool 'pool2'.\n"},
   };
-  for (const auto& [fault, line, changes] : cases) {
+  for (const auto& [fault, line] : cases) {
     reset();
     auto p = params();
     if (fault == "write")
@@ -231,7 +199,7 @@ TEST_F(Restore, FaultsCleanUp) {
     else if (fault == "missing")
       std::filesystem::remove(dir_.file("cvm/f0"));
     else if (fault == "foreign")
-      put("/f0", 0x33, {{0, S(512, 'A')}});
+      put("/f0", 0x33, {{0, 512}}, image(1 << 20));
     else if (fault == "base")
       view_[1]["base"] = inc;
     else if (fault == "first")
@@ -243,11 +211,9 @@ TEST_F(Restore, FaultsCleanUp) {
     JSON_Value result;
     Log_Capture log;
     EXPECT_FALSE(run(p, result));
-    EXPECT_EQ(result, json(R"({"code":1})"));
-    EXPECT_EQ(log.count(LM_ERROR), 1u) << messages(log);
-    EXPECT_TRUE(log.contains(line)) << messages(log);
-    EXPECT_EQ(cvm_->log, changes) << fault;
-    EXPECT_EQ(act_->state, Job_Activity::failed);
+    EXPECT_TRUE(log.count(LM_ERROR) == 1 && log.contains(line)) << messages(log);
+    EXPECT_EQ(cvm_->log, fault == "volume" ? add + del : line[0] == 'B' ? "" : all) << fault;
+    EXPECT_EQ(result.dump() + std::to_string(act_->state), R"({"code":1}3)");
   }
 }
 
@@ -255,33 +221,25 @@ TEST_F(Restore, FaultsCleanUp) {
 // runs it without libcvd.
 TEST_F(Restore, Verify) {
   Scoped_Env journal("CVD_STUB_JOURNAL", dir_.file("journal")), sdk("CAS_CVD_SDK_PATH", "/none");
-  JSON_Value params = this->params().dump();
+  JSON_Value params = this->params().dump(), result;
   params["action"] = "verify";
   auto chn = std::make_shared<Capture_Channel>();
   CVD_Loader loader;
-  Exposed<Exec_Handler> handler(loader);
-  ASSERT_EQ(
-      handler.handle_object_i(chn, std::make_shared<JSON_RPC_Request>("h3ccas.exec", params, 7)),
-      0);
-  JSON_Value result = chn->sent.at(0)["result"];
-  result.erase("storage_size");
-  EXPECT_EQ(result, json(R"({"bad_objects":[],"code":0,"set_size":5632,"source_size":2097152,)"
-                         R"("vm_id":"7"})"));
+  auto req = std::make_shared<JSON_RPC_Request>("h3ccas.exec", params, 7);
+  ASSERT_EQ(Exposed<Exec_Handler>(loader).handle_object_i(chn, req), 0);
+  EXPECT_EQ(chn->sent.at(0)["result"].dump(),
+            R"({"bad_objects":[],"code":0,"set_size":5632,"source_size":2097152,)"
+            R"("storage_size":6016,"vm_id":"7"})");
   std::filesystem::remove(dir_.file("cvm/i0"));
   std::fstream(dir_.file("cvm/f0"), std::ios::in | std::ios::out).seekp(4000).put('c');
   Log_Capture log;
   EXPECT_FALSE(VM_Restore(this->params(), std::make_unique<Client>(cvm_)).verify(result));
-  EXPECT_EQ(
-      result["bad_objects"],
-      (JSON_Value{{{"object", "/f0"},
-                   {"error", "Corrupt image object '/f0' at offset 72: data checksum mismatch."}},
-                  {{"object", "/i0"},
-                   {"error", "Failed to open '/i0' on storage pool: Cannot open '" +
-                                 dir_.file("cvm/i0") + "': No such file or directory"}}}));
-  EXPECT_EQ(log.count(LM_ERROR), 2u);
-  EXPECT_EQ(result["code"], 1);
-  EXPECT_EQ(cvm_->log + read("journal"), "");
-  EXPECT_TRUE(std::filesystem::is_empty(dir_.file("disks")));
+  EXPECT_EQ(result["bad_objects"].dump(),
+            R"([{"error":"Corrupt image object '/f0' at offset 72: data checksum mismatch.",)"
+            R"("object":"/f0"},{"error":"Failed to open '/i0' on storage pool: Cannot open ')" +
+                dir_.file("cvm/i0") + R"(': No such file or directory","object":"/i0"}])");
+  EXPECT_EQ(result["code"].dump() + std::to_string(log.count(LM_ERROR)), "12");
+  EXPECT_EQ(cvm_->log + read("journal"), "");  // nothing on CAS, no cvd connection
   EXPECT_EQ(act_->state, Job_Activity::failed);
 }
 }  // namespace
