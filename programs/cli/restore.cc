@@ -298,7 +298,7 @@ int sets_verify(const Cli& cli, const std::string& uuid, bool all, const std::st
                        [&](auto* s) { return s->value("vm_id", "") == set.value("vm_id", ""); }))
         break;
     if (run == runs.end())
-      run = runs.insert(runs.end(), {});
+      run = runs.emplace(runs.end());
     run->push_back(&set);
   }
   if (runs.empty())

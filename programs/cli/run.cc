@@ -179,12 +179,12 @@ std::vector<Log_Line> parse_log(const std::string& log) {
   return lines;
 }
 
-// The last error said of VM `name`, by its servant or naming it: the one that ended its backup
-// (earlier ones may have been got over, as a missing base is by a full backup).
+// The last error said of VM `name` (empty: any), by its servant or naming it: the one that ended
+// its backup (earlier ones may have been got over, as a missing base is by a full backup).
 std::string last_error_of(const std::vector<Log_Line>& lines, const std::string& name) {
   std::string last;
   for (const Log_Line& line : lines)
-    if (line.is_error() && (line.program == "brimlet-servant " + name + " " ||
+    if (line.is_error() && (name.empty() || line.program == "brimlet-servant " + name + " " ||
                             line.message.find("'" + name + "'") != std::string::npos))
       last = line.message;
   return last;
@@ -207,7 +207,10 @@ std::string failure_reason(const JSON_Value& status, const std::string& log) {
     if (h && h->value("succeed", false))
       continue;
     const std::string name = vm.value("name", "");
-    const std::string why = last_error_of(lines, name);
+    std::string why = last_error_of(lines, name);
+    // In a run of one VM, an error naming none is that VM's.
+    if (why.empty() && status["vms"].size() == 1)
+      why = last_error_of(lines, "");
     failed += (failures++ ? "; " : "") + name + (why.empty() ? "" : ": " + why);
   }
   if (failures)
