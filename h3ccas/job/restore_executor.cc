@@ -189,6 +189,13 @@ int Restore_Executor::handle_vm_result(const std::string& vm_id,
   return fold_servant_result(results_, vm_id, response, action(), is_canceled());
 }
 
+Servant_Run Restore_Executor::servant_run() const {
+  // Retried at once, up to 3 times, whatever the definition says: a restore that failed left
+  // nothing behind to wait for.
+  return {action(), "source_vm_id",           parallel_vms_,     parallel_vms_per_host_, 3,
+          0,        cvd_sdk_network_timeout_, cvd_sdk_log_level_};
+}
+
 bool Restore_Executor::run_vms(const Job_Args*) {
   std::vector<VM_Task> tasks;
   for (auto& [host_id, vms] : vm_entries_)
@@ -210,11 +217,7 @@ bool Restore_Executor::run_vms(const Job_Args*) {
       }
       tasks.push_back(std::move(task));
     }
-  // Retried at once, up to 3 times, whatever the definition says: a restore that failed left
-  // nothing behind to wait for.
-  Servant_Run run{action(), "source_vm_id",           parallel_vms_,     parallel_vms_per_host_, 3,
-                  0,        cvd_sdk_network_timeout_, cvd_sdk_log_level_};
-  return run_servants(tasks, run, [this](const std::string& vm_id, const auto& response) {
+  return run_servants(tasks, servant_run(), [this](const std::string& vm_id, const auto& response) {
     return handle_vm_result(vm_id, response);
   });
 }

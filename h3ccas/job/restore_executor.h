@@ -39,6 +39,8 @@ class Restore_Executor : public Executor_Base<Restore_Source, Restore_Options> {
   // Completes the record of one VM with what the job gives every VM, and its servant request.
   bool make_vm_request(VM_Restore_Params& params, JSON_Value& request);
   const char* action() const { return verify_ ? "verify" : "restore"; }
+  // How the job's servants run.
+  Servant_Run servant_run() const;
 
   using Entries = std::vector<std::shared_ptr<VM_Restore_Params>>;
 
