@@ -1,14 +1,20 @@
 // A libcvd for the loader and connection tests: it appends each call to the file that
 // CVD_STUB_JOURNAL names, cvd_init returns CVD_STUB_INIT_RESULT (default 0), the host
 // "unreachable" refuses connections and the disk "/missing" does not exist. Reads return the
-// letters 'a'..'z' repeated from offset 0; reads of "/unreadable" fail from 64 KiB on.
+// letters 'a'..'z' repeated from offset 0; reads of "/unreadable" fail from 64 KiB on. Writes land
+// in the folder CVD_STUB_DISKS names, a file per disk ('/' in its path made '_'); those to a path
+// holding "unwritable" fail.
 #include "h3ccas/servant/cvd_api.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 struct cvd_connection {
   std::string host;
@@ -83,7 +89,15 @@ int64_t cvd_disk_read(cvd_disk_t disk, uint64_t offset, uint64_t length, void* b
 
 int64_t cvd_disk_write(cvd_disk_t disk, uint64_t offset, uint64_t length, const void* buffer) {
   journal("write " + disk->path + " " + std::to_string(offset) + " " + std::to_string(length));
-  return static_cast<int64_t>(length);
+  std::string file = disk->path;
+  std::replace(file.begin(), file.end(), '/', '_');
+  const char* dir = std::getenv("CVD_STUB_DISKS");
+  int fd = dir ? ::open((dir + ("/" + file)).c_str(), O_WRONLY | O_CREAT, 0644) : -1;
+  int64_t n = fd < 0 ? static_cast<int64_t>(length)
+                     : ::pwrite(fd, buffer, length, static_cast<off_t>(offset));
+  if (fd >= 0)
+    ::close(fd);
+  return file.find("unwritable") == std::string::npos ? n : -EIO;
 }
 
 }  // extern "C"
