@@ -28,6 +28,8 @@ class Restore_Faults : public Restore_World {
  protected:
   void SetUp() override {
     Restore_World::SetUp();
+    if (HasFatalFailure())
+      return;
     backup(true);
     set_ = set_uuids("web01").at(0);
     before_ = inventory();
@@ -42,18 +44,18 @@ class Restore_Faults : public Restore_World {
   static std::string error_of(const Run_Result& r) {
     return std::regex_replace(r.err, std::regex("run \\S+ failed"), "run R failed");
   }
-  // A restore that worked: the VM's disks hold the source's data, and only its own volumes
+  // A restore that worked: the VM's disks hold the source's data, and only its own disks
   // were added.
-  void expect_restored(const std::string& name, std::size_t volumes) const {
+  void expect_restored(const std::string& name, std::size_t disks) const {
     EXPECT_EQ(digests(name), digests("web01"));
-    EXPECT_EQ(volume_count(), volumes);
+    EXPECT_EQ(disk_count(), disks);
   }
   void hold_all(bool hold) const {
     stack_.sim_control("sim", "POST", "/sim/cvd/hold", {{"disk", "*"}, {"hold", hold}});
   }
   bool writer_waits() const {
-    for (const auto& [disk, waiting] :
-         stack_.sim_control("sim", "GET", "/sim/cvd/hold")["waiting"].items())
+    const JSON_Value holds = stack_.sim_control("sim", "GET", "/sim/cvd/hold");
+    for (const auto& [disk, waiting] : holds["waiting"].items())
       if (waiting.get<int>() > 0)
         return true;
     return false;
@@ -105,16 +107,16 @@ TEST_F(Restore_Faults, DamagedObjectsAreNamedAndLeaveNothingBehind) {
   }
   EXPECT_EQ(stack_.cli({"sets", "verify", set_}).exit_code, 0);
   EXPECT_EQ(start_restore("web01-copy").get().exit_code, 0);
-  expect_restored("web01-copy", 2);
+  expect_restored("web01-copy", 4);
 }
 
 // A CAS or disk-service failure that passes is retried at once and the VM is restored with
 // nothing of the failed attempt left; one that lasts fails the run naming why, leaving nothing.
 TEST_F(Restore_Faults, CasAndDiskServiceFailures) {
-  auto fault = [&](const char* path, int count) {
+  auto fault = [&](const char* method, const char* path, int count) {
     return [=] {
       stack_.sim_control("sim", "POST", "/sim/faults",
-                         {{"path", path}, {"method", "POST"}, {"count", count}, {"status", 500}});
+                         {{"path", path}, {"method", method}, {"count", count}, {"status", 500}});
     };
   };
   struct Row {
@@ -122,16 +124,16 @@ TEST_F(Restore_Faults, CasAndDiskServiceFailures) {
     std::function<void()> plant;
     const char* reason;  // nullptr: the restore succeeds
   } rows[] = {
-      {"r1", fault("/cas/casrs/vm/add", 1), nullptr},
-      {"r2", fault("/cas/casrs/vm/add", 99), "Failed to create CAS VM 'r2' on CVK 'cvk01'."},
+      {"r1", fault("POST", "/cas/casrs/vm/add", 1), nullptr},
+      {"r2", fault("POST", "/cas/casrs/vm/add", 99), "Failed to create CAS VM 'r2' on CVK 'cvk01'."},
       {"r3",
        [&] {
          stack_.sim_control("sim", "POST", "/sim/cvd/drop", {{"after_bytes", 1 << 20}});
        },
        nullptr},
-      {"r4", fault("/cas/casrs/vm/addDevice", 99), "Failed to create disk for CAS VM 'r4'."},
+      {"r4", fault("PUT", "/cas/casrs/vm/addDevice", 99), "Failed to create disk for CAS VM 'r4'."},
   };
-  std::size_t volumes = volume_count();
+  std::size_t disks = disk_count();
   for (const Row& row : rows) {
     SCOPED_TRACE(row.vm);
     row.plant();
@@ -139,7 +141,7 @@ TEST_F(Restore_Faults, CasAndDiskServiceFailures) {
     stack_.sim_control("sim", "DELETE", "/sim/faults");
     if (!row.reason) {
       EXPECT_EQ(r.exit_code, 0) << r.err;
-      expect_restored(row.vm, volumes += 2);
+      expect_restored(row.vm, disks += 2);
     } else {
       EXPECT_EQ(error_of(r), std::string("brimlet: restore run R failed: 1 of 1 VMs failed: ") +
                                  row.vm + ": " + row.reason + "\n");
@@ -155,8 +157,8 @@ TEST_F(Restore_Faults, StopMidRun) {
   auto restore = start_restore("web01-copy");
   ASSERT_TRUE(eventually([&] { return writer_waits(); }));
   JSON_Value runs = stack_.agent_call("job.list", JSON_Value::object())["result"]["runs"];
-  ASSERT_EQ(runs.size(), 1u) << runs.dump();
-  EXPECT_EQ(stack_.cli({"job", "stop", runs[0]["run_id"]}).exit_code, 0);
+  ASSERT_EQ(runs.size(), 2u) << runs.dump();  // the backup's and the restore's
+  EXPECT_EQ(stack_.cli({"job", "stop", runs[1]["run_id"]}).exit_code, 0);
   hold_all(false);
   Run_Result r = restore.get();
   EXPECT_EQ(std::tuple(r.exit_code, error_of(r)),
@@ -182,5 +184,5 @@ TEST_F(Restore_Faults, ServantKilledMidRunIsRetried) {
   hold_all(false);
   Run_Result r = restore.get();
   EXPECT_EQ(r.exit_code, 0) << r.err;
-  expect_restored("web01-copy", 2);
+  expect_restored("web01-copy", 4);
 }

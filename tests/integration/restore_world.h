@@ -22,7 +22,8 @@ class Restore_World : public ::testing::Test {
   "hosts": [{"id": 1, "name": "cvk01", "ip": "192.168.10.11", "vswitches": [{"id": 1, "name":
     "vswitch0", "pnic": "eth0", "address": "192.168.10.11", "types": ["management"]}], "vms": [
     {"id": 101, "uuid": "4d7f6c3a-0000-4000-8000-000000000101", "name": "web01", "status":
-     "running", "networks": [{"vswitch": "vswitch0", "profile": "Default"}], "disks": [
+     "running", "networks": [{"mac": "0c:da:41:1d:00:01",
+     "vswitch": "vswitch0", "profile": "Default"}], "disks": [
      {"device_name": "vda", "size_mib": 8, "pool": "defaultpool", "path": "/vms/images/web01-vda",
       "content": {"pattern": "random", "allocated_percent": 60, "seed": 1}},
      {"device_name": "vdb", "size_mib": 4, "pool": "defaultpool", "path": "/vms/images/web01-vdb",
@@ -64,7 +65,8 @@ class Restore_World : public ::testing::Test {
 
   // {"host": its host's name, "vm": the VM as the simulator shows it}, or null.
   JSON_Value find_vm(const std::string& name) const {
-    for (const JSON_Value& host : stack_.sim_control("sim", "GET", "/sim/world")["hosts"])
+    const JSON_Value world = stack_.sim_control("sim", "GET", "/sim/world");
+    for (const JSON_Value& host : world["hosts"])
       for (const JSON_Value& vm : host["vms"])
         if (vm["name"] == name)
           return {{"host", host["name"]}, {"vm", vm}};
@@ -101,22 +103,29 @@ class Restore_World : public ::testing::Test {
     return out;
   }
 
-  // Each VM by host and each volume by pool: what a failed restore must leave as it was.
+  // Each VM by host with its disks, and each volume by pool: what a failed restore must leave as
+  // it was.
   std::string inventory() const {
     const JSON_Value world = stack_.sim_control("sim", "GET", "/sim/world");
     std::string out;
     for (const JSON_Value& host : world["hosts"])
       for (const JSON_Value& vm : host["vms"])
-        out += host["name"].get<std::string>() + ": " + vm["name"].get<std::string>() + "\n";
+        out += host["name"].get<std::string>() + ": " + vm["name"].get<std::string>() + " " +
+               vm["disks"].dump() + "\n";
     for (const JSON_Value& pool : world["pools"])
       for (const JSON_Value& volume : pool["volumes"])
         out += pool["name"].get<std::string>() + "/" + volume["name"].get<std::string>() + "\n";
     return out;
   }
-  std::size_t volume_count() const {
+  // Volumes in pools and disks of VMs.
+  std::size_t disk_count() const {
+    const JSON_Value world = stack_.sim_control("sim", "GET", "/sim/world");
     std::size_t n = 0;
-    for (const JSON_Value& pool : stack_.sim_control("sim", "GET", "/sim/world")["pools"])
+    for (const JSON_Value& pool : world["pools"])
       n += pool["volumes"].size();
+    for (const JSON_Value& host : world["hosts"])
+      for (const JSON_Value& vm : host["vms"])
+        n += vm["disks"].size();
     return n;
   }
 
