@@ -65,7 +65,7 @@ class VM_Results {
   JSON_Value eject();
 
  private:
-  std::mutex mutex_;  // guards histories_
+  std::mutex mutex_;  // guards histories_ and bad_objects_
   VM_Histories histories_;
   std::unordered_map<std::string, JSON_Value> bad_objects_;
   std::atomic<int> succeeded_{0};

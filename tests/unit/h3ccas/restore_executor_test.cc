@@ -63,7 +63,7 @@ class Restore_Executor_Test : public Cas_Peer {
   HTTP_Server server_;
 };
 
-TEST_F(Restore_Executor_Test, ResolvesEntriesAndChecksOptionsInOrder) {
+TEST_F(Restore_Executor_Test, ResolvesEntriesChecksOptionsInOrderAndRetriesAtOnce) {
   const std::tuple<const char*, const char*, S> cases[] = {
       // source, options (null: removed), the last message ("": resolved)
       {R"({"entry":{"target_vm_name":null}})", "{}",
@@ -72,9 +72,7 @@ TEST_F(Restore_Executor_Test, ResolvesEntriesAndChecksOptionsInOrder) {
       {R"({"verify":true,"entry":{"target_host_id":null,"disks":null}})",
        R"({"start_vm":null,"original_restore":null,"overwrite_vm":null})", ""},
       {"{}", R"({"original_restore":true})", "nightly) definition: missing key 'reserve_mac'.\n"},
-      {"{}", R"({"start_vm":null})",
-       "Invalid options in CAS job(uuid=j-1, name=nightly) "
-       "definition: missing key 'start_vm'.\n"},
+      {"{}", R"({"start_vm":null})", "nightly) definition: missing key 'start_vm'.\n"},
       {"{}", R"({"write_buffer_size":69633,"parallel_vms":65})", "69633' of option 'write_buf"},
       {"{}", R"({"parallel_vms":65,"parallel_disks_per_vm":6})", "65' of option 'parallel_vms'"},
       {"{}", R"({"parallel_disks_per_vm":6,"cvd_sdk_log_level":"x"})", "6' of option 'parallel_d"},
@@ -86,8 +84,7 @@ TEST_F(Restore_Executor_Test, ResolvesEntriesAndChecksOptionsInOrder) {
     Probe e(*j);
     Log_Capture log;
     const bool ok = e.init() && e.resolve_entries() && e.resolve_options();
-    const Servant_Run run = e.servant_run();  // retries fixed: 3, at once
-    EXPECT_EQ(std::tuple(run.retry_count, run.retry_interval), std::tuple(3, 0));
+    EXPECT_EQ(e.servant_run().retry_count * 100 + e.servant_run().retry_interval, 300);
     EXPECT_EQ(ok, message.empty()) << source << options;
     EXPECT_EQ(log.count(LM_ERROR), message.empty() ? 0u : 1u) << log.text();
     EXPECT_NE(messages(log).find(message), S::npos) << messages(log);
@@ -100,7 +97,6 @@ TEST_F(Restore_Executor_Test, ChecksTargetNamesAndBuildsRequests) {
     const bool verify = S(patch).find("verify") != S::npos;
     auto j = job(verify ? patch : "{}", verify ? "{}" : patch);
     Probe e(*j);
-    Log_Capture log;
     ASSERT_TRUE(e.init() && e.resolve_entries() && e.resolve_options());
     JSON_Value r;
     auto& vm = *e.vm_entries_[verify ? "1" : "2"].at(0);
@@ -113,22 +109,27 @@ TEST_F(Restore_Executor_Test, ChecksTargetNamesAndBuildsRequests) {
               verify ? R"(["verify","web","","","cvm-1","j-1"])"
                      : S(R"(["restore","Web01",")") + (named ? "9" : "") +
                            R"(","10.0.0.2","cvm-1","j-1"])");
-    EXPECT_EQ(log.contains("CAS VM 'Web01', the case insensitive name has been used.\n"), !named);
   }
 }
 
-// Web01 is refused: no servant starts, and the job fails.
+// Web01 is refused: no servant starts, and the job fails. A verify checks no name.
 TEST_F(Restore_Executor_Test, RefusedNamesFailTheJob) {
-  Log_Capture log;
-  auto refused = job("{}");
-  ASSERT_EQ(refused->start(), 0);
-  refused->wait();
-  EXPECT_EQ(refused->state(), JOB_FAILED);
-  EXPECT_TRUE(log.contains("CAS VM restore result (succeeded/total): 0/1.\n")) << log.text();
-  EXPECT_EQ(log.text().find("servant"), S::npos) << log.text();
-  EXPECT_EQ(refused->result()["h3c-cas"].dump(),
-            R"([{"host":"10.0.0.2","name":"Web01","set_size":0,"size":0,"storaged_size":0,)"
-            R"("succeed":false,"uuid":"7"}])");
+  for (const char* source : {"{}", R"({"verify":true,"entry":{"source_vm_name":"Web01"}})"}) {
+    const bool verify = source[1] == '"';
+    Log_Capture log;
+    auto j = job(source);
+    ASSERT_EQ(j->start(), 0);
+    j->wait();
+    EXPECT_EQ(j->state(), JOB_FAILED);
+    EXPECT_TRUE(
+        log.contains(S(verify ? "verify" : "restore") + " result (succeeded/total): 0/1.\n"));
+    EXPECT_EQ(log.contains("CAS VM 'Web01', the case insensitive name has been used.\n"), !verify);
+    EXPECT_EQ(log.text().find("servant") != S::npos, verify) << log.text();
+    EXPECT_EQ(j->result()["h3c-cas"].dump(),
+              R"([{"host":")" + S(verify ? "" : "10.0.0.2") +
+                  R"(","name":"Web01","set_size":0,"size":0,"storaged_size":0,"succeed":false,)"
+                  R"("uuid":"7"}])");
+  }
 }
 
 }  // namespace
