@@ -89,7 +89,7 @@ class Restore : public ::testing::Test {
   }
   static JSON_Value set(const S& uuid, const S& base, const JSON_Value& pieces) {
     VM_Disk d;
-    d.path_ = disk1, d.format_ = "raw", d.total_bytes_ = 1 << 20, d.pool_type_ = "dir";
+    d.path_ = disk1, d.format_ = "raw", d.total_bytes_ = 1 << 20, d.file_type_ = "block";
     JSON_Value s = json(R"({"uri":"cvm","storages":[{"pool_uuid":"p1"}],"source_size":1048576,)"
                         R"("vm_config_path":"/c.json","backup_type":"incremental"})");
     s["uuid"] = uuid, s["base"] = base, s["incarnation"] = full, s["pieces"] = pieces;
@@ -134,14 +134,14 @@ class Restore : public ::testing::Test {
 // The chain applied in order into a new volume whose first names are taken, then onto an existing
 // block volume, which is left without a stale byte; a VM that does not start is still restored.
 TEST_F(Restore, ChainIntoVolumes) {
-  cvm_->taken = {"disk1.qcow2", "disk1.qcow2_0"};
+  cvm_->taken = {"blk_disk1.qcow2", "blk_disk1.qcow2_0"};
   JSON_Value result;
   Log_Capture log;
   ASSERT_TRUE(run(params(), result)) << messages(log);
-  const S vol = "\nPOST /cas/casrs/storage/volume disk1.qcow2";
+  const S vol = "\nPOST /cas/casrs/storage/volume blk_disk1.qcow2";
   EXPECT_EQ(cvm_->log, "POST /cas/casrs/vm/add" + vol + vol + "_0" + vol +
                            "_1\nPUT /cas/casrs/vm/addDevice\n");
-  EXPECT_EQ(read("disks/disk1.qcow2_1"), image(131072 + 512));
+  EXPECT_EQ(read("disks/blk_disk1.qcow2_1"), image(131072 + 512));
   EXPECT_EQ(
       result.dump() + std::to_string(act_->state),
       R"({"code":0,"set_size":5632,"source_size":2097152,"storage_size":6016,"vm_id":"42"}2)");
@@ -167,9 +167,9 @@ TEST_F(Restore, ChainIntoVolumes) {
 // Each fault fails the restore with its one error line; once the VM exists, it and its volume go.
 TEST_F(Restore, FaultsCleanUp) {
   const S all =
-      "POST /cas/casrs/vm/add\nPOST /cas/casrs/storage/volume disk1.qcow2\nPUT "
+      "POST /cas/casrs/vm/add\nPOST /cas/casrs/storage/volume blk_disk1.qcow2\nPUT "
       "/cas/casrs/vm/addDevice\nDELETE /cas/casrs/vm/delete/42\nDELETE "
-      "/cas/casrs/storage/volume/delete/1/pool2/disk1.qcow2\n";
+      "/cas/casrs/storage/volume/delete/1/pool2/blk_disk1.qcow2\n";
   const std::pair<S, std::function<void(VM_Restore_Params&)>> cases[] = {
       {"Failed to write data to CAS VM 'new'.\n",
        [](auto& p) { p.disks_[0].pool_path_ = "/unwritable"; }},
