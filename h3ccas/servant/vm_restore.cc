@@ -578,8 +578,10 @@ bool VM_Restore::create_volume(Disk_Restore_Param& disk) {
                      {"volName", base_name(target)},
                      {"capacity", mib_text(src.total_bytes_)},
                      {"format", src.format_},
-                     {"mode", provision_mode_to_str(disk.provisioning_mode_)},
-                     {"clusterSize", std::to_string(src.cluster_bytes_)}};
+                     {"mode", provision_mode_to_str(disk.provisioning_mode_)}};
+  // A disk whose cluster size CAS did not report gets the pool's default.
+  if (src.cluster_bytes_ > 0)
+    body["clusterSize"] = std::to_string(src.cluster_bytes_);
   for (int retries = 0; !client_->create_storage_volume(disk.provisioning_mode_, body); ++retries) {
     const std::string& code = client_->last_error_code();
     if ((code != "2005" && code != "55") || retries == 10) {
