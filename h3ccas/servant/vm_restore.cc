@@ -660,7 +660,16 @@ bool VM_Restore::read_piece_i(const Disk_Restore_Param::Piece& piece, Client_IO_
   });
   if (read) {
     io.close();
-    return checked || check();
+    if (!checked && !check())
+      return false;
+    // An intact object of the right set may still be another piece than the catalog lists.
+    if (reader.plain_bytes() != piece.source_size_) {
+      LOG_MSG((LM_ERROR, "Image object '%s' holds %Q bytes of disk data, not the %Q of its set.\n",
+               piece.remote_path_.c_str(), static_cast<ACE_UINT64>(reader.plain_bytes()),
+               static_cast<ACE_UINT64>(piece.source_size_)));
+      return false;
+    }
+    return true;
   }
   // The reader has named a damaged object, the check a foreign one, the sink its own failure.
   if (!foreign && !reader.stopped() && !is_canceled() && !io.error().empty())

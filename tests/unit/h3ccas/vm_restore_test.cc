@@ -184,6 +184,8 @@ TEST_F(Restore, FaultsCleanUp) {
        [&](auto&) {
          put("/f0", 0x33, {{0, 512}}, image(1 << 20));
        }},
+      {"Image object '/f0' holds 4608 bytes of disk data, not the 4000 of its set.\n",
+       [&](auto&) { view_[0]["pieces"][0]["size"] = 4000; }},
       {"Backup set '" + inc + "' (incremental)" + vm + "does not continue the chain after set '" +
            full + "'.\n",
        [&](auto&) { view_[1]["base"] = inc; }},
