@@ -685,8 +685,11 @@ bool VM_Restore::read_disk_i(const Disk_Restore_Param& disk,
   const Storage_Pool* connected = nullptr;
   bool base = true, ok = true;
   for (const Disk_Restore_Param::Piece& piece : disk.pieces_) {
-    if (base && !piece.base_ && !(base = false, base_done()))
-      return false;
+    if (base && !piece.base_) {
+      base = false;
+      if (!base_done())
+        return false;
+    }
     if (piece.source_size_ == 0 && !bad)
       continue;
     if (piece.pool_ != connected) {
