@@ -578,8 +578,10 @@ bool VM_Restore::create_volume(Disk_Restore_Param& disk) {
                      {"volName", base_name(target)},
                      {"capacity", mib_text(src.total_bytes_)},
                      {"format", src.format_},
-                     {"mode", provision_mode_to_str(disk.provisioning_mode_)},
-                     {"clusterSize", std::to_string(src.cluster_bytes_)}};
+                     {"mode", provision_mode_to_str(disk.provisioning_mode_)}};
+  // A disk whose cluster size CAS did not report gets the pool's default.
+  if (src.cluster_bytes_ > 0)
+    body["clusterSize"] = std::to_string(src.cluster_bytes_);
   for (int retries = 0; !client_->create_storage_volume(disk.provisioning_mode_, body); ++retries) {
     const std::string& code = client_->last_error_code();
     if ((code != "2005" && code != "55") || retries == 10) {
@@ -658,7 +660,16 @@ bool VM_Restore::read_piece_i(const Disk_Restore_Param::Piece& piece, Client_IO_
   });
   if (read) {
     io.close();
-    return checked || check();
+    if (!checked && !check())
+      return false;
+    // An intact object of the right set may still be another piece than the catalog lists.
+    if (reader.plain_bytes() != piece.source_size_) {
+      LOG_MSG((LM_ERROR, "Image object '%s' holds %Q bytes of disk data, not the %Q of its set.\n",
+               piece.remote_path_.c_str(), static_cast<ACE_UINT64>(reader.plain_bytes()),
+               static_cast<ACE_UINT64>(piece.source_size_)));
+      return false;
+    }
+    return true;
   }
   // The reader has named a damaged object, the check a foreign one, the sink its own failure.
   if (!foreign && !reader.stopped() && !is_canceled() && !io.error().empty())
@@ -674,8 +685,11 @@ bool VM_Restore::read_disk_i(const Disk_Restore_Param& disk,
   const Storage_Pool* connected = nullptr;
   bool base = true, ok = true;
   for (const Disk_Restore_Param::Piece& piece : disk.pieces_) {
-    if (base && !piece.base_ && !(base = false, base_done()))
-      return false;
+    if (base && !piece.base_) {
+      base = false;
+      if (!base_done())
+        return false;
+    }
     if (piece.source_size_ == 0 && !bad)
       continue;
     if (piece.pool_ != connected) {
