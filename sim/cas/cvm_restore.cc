@@ -57,13 +57,6 @@ bool member_count(const JSON_Value& body, const char* key, std::int64_t& out) {
   return !member_text(body, key, text, bad) ? !bad : parse_count(text, out);
 }
 
-// "clusterSize" of a new volume: a count, or "0" (as a VM's detail without one gives it) for the
-// format's own.
-bool member_cluster_size(const JSON_Value& body, std::int64_t& out) {
-  const JSON_Value* v = json_find(body, "clusterSize");
-  return (v && *v == "0") || member_count(body, "clusterSize", out);
-}
-
 // CAS sends a list of one as a bare object.
 std::vector<JSON_Value> members_of(const JSON_Value* list) {
   if (!list)
@@ -354,7 +347,7 @@ void CVM_Api::volume_create(const Call& call, HTTP_Server_Response& response) {
       !member_text(body, "hostId", host_id, bad) || !member_text(body, "spName", pool_name, bad) ||
       !member_text(body, "volName", volume.name, bad) ||
       !member_text(body, "capacity", capacity_text, bad) || !parse_count(capacity_text, capacity) ||
-      !member_cluster_size(body, cluster) || volume.name.empty() ||
+      !member_count(body, "clusterSize", cluster) || volume.name.empty() ||
       volume.name.find('/') != std::string::npos || volume.name == "." || volume.name == "..")
     return cas_error(response, 400, bad_request);
   member_text(body, "format", volume.format, bad);
