@@ -294,7 +294,7 @@ bool Backup_Executor::make_vm_request(VM_Backup_Params& params, JSON_Value& requ
 
 int Backup_Executor::handle_vm_result(const std::string& vm_id,
                                       const std::shared_ptr<JSON_RPC_Object>& response) {
-  return fold_servant_result(results_, vm_id, response, "backup", is_canceled());
+  return fold_servant_result(results_, vm_id, response, "backup", is_canceled(), false);
 }
 
 bool Backup_Executor::run_vms(const Job_Args*) {

@@ -100,12 +100,12 @@ JSON_Value VM_Results::eject() {
 
 int fold_servant_result(VM_Results& results, const std::string& vm_id,
                         const std::shared_ptr<JSON_RPC_Object>& response, const char* action,
-                        bool canceled) {
+                        bool canceled, bool retry_lost) {
   JSON_Value result;
   // No response: the servant ended, hung or was stopped, which the scheduler has said.
   if (!response || !get_servant_result(response, result)) {
     results.record(vm_id, false, 0, 0, 0);
-    return 1;
+    return retry_lost && !canceled ? 2 : 1;
   }
   std::uint64_t storage_size = 0, source_size = 0, set_size = 0;
   try {

@@ -73,12 +73,12 @@ class VM_Results {
 };
 
 // Folds the servant's `response` for VM `vm_id` into `results`: 0 succeeded, 2 failed and may be
-// retried, 1 failed for good (no answer, a job being stopped, damaged objects, which another try
-// reads the same, or a result without "storage_size", "source_size", "set_size" and "vm_id",
-// logged as "Unrecognized CAS VM <action> response: %s.\n").
+// retried, 1 failed for good (a job being stopped, damaged objects, which another try reads the
+// same, a result without "storage_size", "source_size", "set_size" and "vm_id", logged as
+// "Unrecognized CAS VM <action> response: %s.\n", or no answer unless `retry_lost`).
 int fold_servant_result(VM_Results& results, const std::string& vm_id,
                         const std::shared_ptr<JSON_RPC_Object>& response, const char* action,
-                        bool canceled);
+                        bool canceled, bool retry_lost);
 
 // One VM of a run.
 struct VM_Task {

@@ -186,7 +186,8 @@ bool Restore_Executor::make_vm_request(VM_Restore_Params& params, JSON_Value& re
 
 int Restore_Executor::handle_vm_result(const std::string& vm_id,
                                        const std::shared_ptr<JSON_RPC_Object>& response) {
-  return fold_servant_result(results_, vm_id, response, action(), is_canceled());
+  // A servant that died is tried again: the next one removes what it left on CAS.
+  return fold_servant_result(results_, vm_id, response, action(), is_canceled(), true);
 }
 
 Servant_Run Restore_Executor::servant_run() const {

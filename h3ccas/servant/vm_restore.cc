@@ -1,33 +1,28 @@
 #include "h3ccas/servant/vm_restore.h"
 
+#include "h3ccas/servant/chunk_transfer.h"
 #include "h3ccas/servant/cvd_connection.h"
 #include "h3ccas/servant/cvd_loader.h"
+#include "h3ccas/servant/scope_exit.h"
 #include "host/catalog/catalog.h"
 #include "host/catalog/pool_info.h"
 #include "host/core/log.h"
+#include "host/core/paths.h"
 #include "host/core/text.h"
 #include "host/storage/client_io.h"
 
 #include <algorithm>
-#include <cctype>
+#include <cstring>
 #include <ctime>
 #include <map>
 #include <thread>
 #include <utility>
 
+#include <unistd.h>
+
 namespace h3ccas {
 
 namespace {
-
-// Runs `fn` when the scope is left, whichever way.
-template <class F>
-struct Scope_Exit {
-  explicit Scope_Exit(F fn) : fn_(std::move(fn)) {}
-  ~Scope_Exit() { fn_(); }
-  Scope_Exit(const Scope_Exit&) = delete;
-  Scope_Exit& operator=(const Scope_Exit&) = delete;
-  F fn_;
-};
 
 // Used when the job names no write buffer: a one-byte buffer would hand the disk a byte at a time.
 constexpr std::size_t default_buffer_size = 4u << 20;
@@ -64,17 +59,6 @@ class Error_Line {
   std::string text_;
   int sink_;
 };
-
-// The 32 hexadecimal digits a set id takes in an image superblock: the uuid's hex digits in order
-// (others skipped), lower case, padded with zeros, as the backup writes it.
-std::string set_id_hex(const std::string& uuid) {
-  std::string hex;
-  for (char c : uuid)
-    if (std::isxdigit(static_cast<unsigned char>(c)) && hex.size() < 32)
-      hex += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  hex.resize(32, '0');
-  return hex;
-}
 
 // The last component of a path.
 std::string base_name(const std::string& path) {
@@ -132,7 +116,43 @@ bool VM_Restore::init() {
   progress_->reset();
   progress_->state = VM_Progress_Info::running;
   progress_->start_time = std::time(nullptr);
+  // Beside the progress record, whose open has vetted both names.
+  made_path_ = Path_Conf((std::string(VM_Progress_Info_Conf::dir_pattern) + "/" + job).c_str(),
+                         VM_Progress_Info_Conf::component, "")
+                   .dir() +
+               "/" + params_.source_vm_id_ + ".made";
   return true;
+}
+
+bool VM_Restore::record_made_i() const {
+  JSON_Value volumes = JSON_Value::array();
+  for (const Volume& v : created_volumes_)
+    volumes.push_back({{"name", v.name_}, {"pool", v.pool_name_}});
+  return write_file_atomic(
+      made_path_, JSON_Value({{"vm_id", target_vm_id_}, {"volumes", volumes}}).dump(), 0600);
+}
+
+void VM_Restore::remove_left_by_dead_attempt_i() {
+  std::string text;
+  if (access(made_path_.c_str(), F_OK) != 0 || !read_file(made_path_, text))
+    return;
+  try {
+    const JSON_Value made = JSON_Value::parse(text);
+    made.at("vm_id").get_to(target_vm_id_);
+    for (const JSON_Value& v : made.at("volumes"))
+      created_volumes_.push_back(
+          {v.at("name").get<std::string>(), v.at("pool").get<std::string>()});
+  } catch (const JSON_Value::exception& e) {
+    LOG_MSG((LM_WARNING, "Ignoring unreadable '%s': %s\n", made_path_.c_str(), e.what()));
+  }
+  LOG_MSG((LM_WARNING,
+           "Removing CAS VM '%s' (id=%s) and %d volume(s) left by an earlier attempt.\n",
+           params_.target_vm_name_.c_str(), target_vm_id_.c_str(),
+           static_cast<int>(created_volumes_.size())));
+  remove_residuals_i();
+  target_vm_id_.clear();
+  created_volumes_.clear();
+  unlink(made_path_.c_str());
 }
 
 void VM_Restore::finish_i(bool ok) {
@@ -157,6 +177,8 @@ bool VM_Restore::restore(JSON_Value& result) {
     return false;
   bool ok = false;
   Scope_Exit end([&] { finish_i(ok); });
+  // A servant of this job that died mid-restore left its VM and volumes: they go first.
+  remove_left_by_dead_attempt_i();
   JSON_Value catalogs;
   Disk_Plans disks;
   VM_Detail detail;
@@ -166,8 +188,9 @@ bool VM_Restore::restore(JSON_Value& result) {
   Scope_Exit residual([&] {
     if (!ok)
       remove_residuals_i();
+    unlink(made_path_.c_str());
   });
-  if (!create_disks(disks) || !restore_disks(disks))
+  if (!record_made_i() || !create_disks(disks) || !restore_disks(disks))
     return false;
   if (params_.opts_.start_vm_ && !client_->start_vm(target_vm_id_, params_.target_vm_name_))
     LOG_MSG((LM_ERROR, "Failed to start restored CAS VM '%s'.\n", params_.target_vm_name_.c_str()));
@@ -600,7 +623,7 @@ bool VM_Restore::create_volume(Disk_Restore_Param& disk) {
     body["volName"] = base_name(target);
   }
   created_volumes_.push_back({base_name(target), disk.cas_pool_name_});
-  return true;
+  return record_made_i();
 }
 
 bool VM_Restore::restore_disks(const Disk_Plans& disks) {
@@ -648,11 +671,14 @@ bool VM_Restore::read_piece_i(const Disk_Restore_Param::Piece& piece, Client_IO_
   bool checked = false, foreign = false;
   auto check = [&] {
     checked = true;
-    const std::string id = Hex_String_T(reader.superblock().set_id, 16).str();
-    foreign = id != set_id_hex(piece.set_uuid_);
+    std::uint8_t expected[16];
+    image_set_id(piece.set_uuid_, expected);
+    foreign = std::memcmp(reader.superblock().set_id, expected, sizeof expected) != 0;
     if (foreign)
       LOG_MSG((LM_ERROR, "Image object '%s' was written for backup set %s, not for set '%s'.\n",
-               piece.remote_path_.c_str(), id.c_str(), piece.set_uuid_.c_str()));
+               piece.remote_path_.c_str(),
+               Hex_String_T(reader.superblock().set_id, 16).str().c_str(),
+               piece.set_uuid_.c_str()));
     return !foreign;
   };
   const bool read = reader.read_blocks([&](const void* data, std::size_t n, std::uint64_t at) {

@@ -132,8 +132,13 @@ class VM_Restore {
   // Runs at the end of restore and verify: the outcome into the progress and activity records.
   void finish_i(bool ok);
   void remove_residuals_i();
+  // What this restore made on CAS is kept in a file while the restore runs, so that the job's
+  // next attempt removes it when this servant dies: write_file_atomic's false after one log line.
+  bool record_made_i() const;
+  void remove_left_by_dead_attempt_i();
   std::size_t buffer_size() const;
 
+  std::string made_path_;
   mutable std::mutex mutex_;
   mutable std::vector<Bad_Object> bad_objects_;  // under mutex_
 };
