@@ -146,7 +146,7 @@ bool restore_entry(const JSON_Value& set, const Restore_Args& args,
            {"source_host_name", set.value("host_name", "")},
            {"source_vm_id", set.value("vm_id", "")},
            {"source_vm_name", set.value("vm_name", "")},
-           {"timepoint", std::to_string(set.value("start_time", 0ll))},
+           {"timepoint", time_text(set.value("start_time", JSON_Value(0)))},
            {"catalog_uuid", set.value("uuid", "")},
            {"bak_resource_uuid", set.value("resource_uuid", "")}};
   if (args.original || !inventory)

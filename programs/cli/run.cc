@@ -13,11 +13,6 @@
 #include <sstream>
 #include <thread>
 
-std::string size_text(std::uint64_t bytes) {
-  std::string out;
-  return Pretty_Formatter(1).size_formatter(bytes, out);
-}
-
 std::uint64_t bytes_of(const JSON_Value& record, const char* key) {
   auto at = record.find(key);
   return at != record.end() && at->is_number_unsigned() ? at->get<std::uint64_t>() : 0;

@@ -1,9 +1,9 @@
-// What the commands that run a job on the agent share: the lookups they make first, the run
-// itself watched until it ends (live progress per VM, then a summary and one failure line), and
-// the texts of sizes and times.
+// What the commands that run a job on the agent share: the lookups they make first and the run
+// itself watched until it ends (live progress per VM, then a summary and one failure line).
 #pragma once
 
 #include "programs/cli/cli.h"
+#include "programs/cli/table.h"
 
 #include <chrono>
 #include <cstdint>
@@ -12,7 +12,6 @@
 #include <ostream>
 #include <string>
 
-std::string size_text(std::uint64_t bytes);
 // An unsigned number (bytes) or an integer (seconds) of a record; 0 when absent or of another
 // type.
 std::uint64_t bytes_of(const JSON_Value& record, const char* key);
