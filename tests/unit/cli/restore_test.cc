@@ -1,4 +1,5 @@
 #include "programs/cli/restore.h"
+#include "programs/cli/table.h"
 
 #include <gtest/gtest.h>
 
@@ -64,7 +65,8 @@ TEST(Restore_Command, EntryMapsDisksAndNetworksOntoTheHost) {
   ASSERT_TRUE(restore_entry(json(set), original, &inv, entry, error));
   EXPECT_EQ(entry.dump(), R"({"bak_resource_uuid":"c1","catalog_uuid":"s2","source_host_id":"1",)"
                           R"("source_host_name":"cvk1","source_vm_id":"7","source_vm_name":"web",)"
-                          R"("timepoint":"1700"})");
+                          R"("timepoint":")" +
+                              time_text(1700) + R"("})");
   const JSON_Value def =
       restore_definition(json(set), {}, true, restore_options(original, json(R"({"x":1})")), "u");
   EXPECT_EQ(def["source"].dump() + def["options"].dump() + def["host_id"].dump(),
