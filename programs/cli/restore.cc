@@ -76,11 +76,11 @@ bool check_name_free(const std::string& cvm, const std::string& name, bool overw
 }
 
 // One NIC on VSWITCH[/PROFILE]; without a profile "Default", else the CVM's first.
-bool map_network(const std::string& spec, const Restore_Inventory& inv, JSON_Value& nic,
+bool map_network(const std::string& mapping, const Restore_Inventory& inv, JSON_Value& nic,
                  std::string& error) {
   const std::string host = inv.host.value("name", "");
-  const std::size_t slash = spec.find('/');
-  const std::string vswitch = spec.substr(0, slash);
+  const std::size_t slash = mapping.find('/');
+  const std::string vswitch = mapping.substr(0, slash);
   const JSON_Value* vs = vswitch.empty() && !inv.vswitches.empty()
                              ? &inv.vswitches.front()
                              : named(inv.vswitches, "name", vswitch);
@@ -91,8 +91,8 @@ bool map_network(const std::string& spec, const Restore_Inventory& inv, JSON_Val
   }
   const JSON_Value* profile = nullptr;
   if (slash != std::string::npos) {
-    if (!(profile = named(inv.profiles, "name", spec.substr(slash + 1)))) {
-      error = "no port profile '" + spec.substr(slash + 1) + "' on this CVM";
+    if (!(profile = named(inv.profiles, "name", mapping.substr(slash + 1)))) {
+      error = "no port profile '" + mapping.substr(slash + 1) + "' on this CVM";
       return false;
     }
   } else if (!(profile = named(inv.profiles, "name", "Default")) && !inv.profiles.empty()) {
