@@ -1,18 +1,12 @@
 #include "h3ccas/job/backup_executor.h"
 
-#include "h3ccas/job/progress_reporter.h"
 #include "h3ccas/servant/utils.h"
 #include "host/core/identity.h"
 #include "host/core/log.h"
-#include "host/servant/task_scheduler.h"
 #include "host/storage/client_io.h"
 #include "host/storage/codec.h"
 
 #include <fnmatch.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <ctime>
 
 namespace h3ccas {
 
@@ -24,15 +18,6 @@ bool matches_any(const std::vector<std::string>& patterns, const std::string& te
       return true;
   return false;
 }
-
-// Removes the libcvd configuration file however the run ends.
-struct File_Remover {
-  std::string path;
-  ~File_Remover() {
-    if (!path.empty())
-      ::unlink(path.c_str());
-  }
-};
 
 }  // namespace
 
@@ -309,102 +294,29 @@ bool Backup_Executor::make_vm_request(VM_Backup_Params& params, JSON_Value& requ
 
 int Backup_Executor::handle_vm_result(const std::string& vm_id,
                                       const std::shared_ptr<JSON_RPC_Object>& response) {
-  JSON_Value result;
-  // No response: the servant ended, hung or was stopped, which the scheduler has said.
-  if (!response || !get_servant_result(response, result)) {
-    results_.record(vm_id, false, 0, 0, 0);
-    return 1;
-  }
-  std::uint64_t storage_size = 0, source_size = 0, set_size = 0;
-  try {
-    int code = 0;
-    json_extract(result, "code", code);
-    if (code != 0) {
-      results_.record(vm_id, false, 0, 0, 0);
-      return is_canceled() ? 1 : 2;
-    }
-    std::string id;
-    json_extract(result, "storage_size", storage_size);
-    json_extract(result, "source_size", source_size);
-    json_extract(result, "set_size", set_size);
-    json_extract(result, "vm_id", id);
-  } catch (const JSON_Error&) {
-    LOG_MSG((LM_ERROR, "Unrecognized CAS VM backup response: %s.\n", result.dump().c_str()));
-    results_.record(vm_id, false, 0, 0, 0);
-    return 1;
-  }
-  results_.record(vm_id, true, storage_size, source_size, set_size);
-  return 0;
+  return fold_servant_result(results_, vm_id, response, "backup", is_canceled(), false);
 }
 
 bool Backup_Executor::run_vms(const Job_Args*) {
-  if (!act_.get())
-    return check_failed(__FILE__, __LINE__, "act_.get() is NULL");
-  // Stopped while resolving: no servant starts.
-  if (is_canceled())
-    return false;
-  Progress_Reporter progress(handler_, *act_.get());
-  Servant_Task_Scheduler scheduler("h3ccas.exec");
-  if (!scheduler.register_stop_callback([this] { return is_canceled(); }) ||
-      !scheduler.enable_owner_limit(parallel_vms_per_host_) ||
-      !scheduler.enable_retry(static_cast<int>(def_->retry_count),
-                              static_cast<int>(def_->retry_interval)))
-    return false;
-  File_Remover conf;
-  if (!create_cvd_sdk_conf(cvd_sdk_network_timeout_, cvd_sdk_log_level_, conf.path))
-    return false;
-
-  // Every VM is known to the results and to the progress before the first servant starts, so
-  // that result handlers only ever update entries that exist.
-  std::vector<std::pair<std::string, JSON_Value>> requests;  // CVK id, request
+  std::vector<VM_Task> tasks;
   for (auto& [host_id, vms] : vm_entries_)
     for (auto& [vm_id, params] : vms) {
-      JSON_Value request;
-      if (!results_.add(vm_id, {params->host_ip_, params->vm_name_}) ||
-          !progress.add_vm(vm_id, params->vm_name_) || !make_vm_request(*params, request))
+      VM_Task task{host_id, vm_id, params->vm_name_, {params->host_ip_, params->vm_name_}, {}, {}};
+      if (!make_vm_request(*params, task.request))
         return false;
-      requests.emplace_back(host_id, std::move(request));
+      tasks.push_back(std::move(task));
     }
-  if (!progress.activate(def_->uid))
-    return false;
-
-  const Job_Log_Callback& log = job_.log_callback();
-  auto setup = [&conf, &log](Servant& servant, const Servant_Task& task) {
-    const JSON_Value* name = json_find(task.params, "vm_name");
-    const std::string label = name && name->is_string() ? name->get<std::string>() : "CAS";
-    return init_servant(servant, label.c_str(), log, conf.path);
-  };
-  auto handler = [this](const Servant_Task& task, std::shared_ptr<JSON_RPC_Response> response) {
-    return handle_vm_result(task.params.value("vm_id", ""), response);
-  };
-  if (!scheduler.activate(parallel_vms_, setup, handler))
-    return false;
-  for (auto& [host_id, request] : requests)
-    if (!scheduler.enqueue_task(std::move(request), host_id))
-      return false;
-
-  // Progress goes out every 10 seconds; the end of the servants or a stop is seen sooner.
-  auto next_push = std::chrono::steady_clock::now();
-  while (scheduler.is_running() && !is_canceled()) {
-    if (std::chrono::steady_clock::now() >= next_push) {
-      progress.push_update();
-      next_push += std::chrono::seconds(10);
-    }
-    job_.wait_state_event(std::chrono::milliseconds(100));
-  }
-  scheduler.wait();
-  progress.flush();
-
-  const int succeeded = results_.succeeded();
-  LOG_MSG((LM_INFO, "CAS VM backup result (succeeded/total): %d/%d.\n", succeeded, total_vm_));
-  if (Job_Activity* act = act_.get()) {
-    act->stored_size = results_.storage_size();
-    act->set_size = results_.set_size();
-    act->source_size = results_.source_size();
-    act->last_run_time = std::time(nullptr);
-  }
-  job_.set_result("h3c-cas", results_.eject());
-  return succeeded == total_vm_;
+  Servant_Run run{"backup",
+                  "vm_id",
+                  parallel_vms_,
+                  parallel_vms_per_host_,
+                  static_cast<int>(def_->retry_count),
+                  static_cast<int>(def_->retry_interval),
+                  cvd_sdk_network_timeout_,
+                  cvd_sdk_log_level_};
+  return run_servants(tasks, run, [this](const std::string& vm_id, const auto& response) {
+    return handle_vm_result(vm_id, response);
+  });
 }
 
 }  // namespace h3ccas

@@ -1,7 +1,14 @@
 #include "h3ccas/job/executor_base.h"
 
+#include "h3ccas/job/progress_reporter.h"
+#include "h3ccas/servant/utils.h"
 #include "host/core/log.h"
+#include "host/servant/task_scheduler.h"
 #include "host/storage/codec.h"
+
+#include <unistd.h>
+
+#include <ctime>
 
 namespace h3ccas {
 
@@ -74,9 +81,145 @@ bool VM_Results::record(const std::string& vm_id, bool succeeded, std::uint64_t 
   return true;
 }
 
+void VM_Results::record_bad_objects(const std::string& vm_id, JSON_Value objects) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  bad_objects_[vm_id] = std::move(objects);
+}
+
 JSON_Value VM_Results::eject() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return histories_.eject();
+  JSON_Value out = histories_.eject();
+  for (auto& entry : out) {
+    auto bad = bad_objects_.find(entry.value("uuid", ""));
+    if (bad != bad_objects_.end())
+      entry["bad_objects"] = std::move(bad->second);
+  }
+  bad_objects_.clear();
+  return out;
+}
+
+int fold_servant_result(VM_Results& results, const std::string& vm_id,
+                        const std::shared_ptr<JSON_RPC_Object>& response, const char* action,
+                        bool canceled, bool retry_lost) {
+  JSON_Value result;
+  // No response: the servant ended, hung or was stopped, which the scheduler has said.
+  if (!response || !get_servant_result(response, result)) {
+    results.record(vm_id, false, 0, 0, 0);
+    return retry_lost && !canceled ? 2 : 1;
+  }
+  std::uint64_t storage_size = 0, source_size = 0, set_size = 0;
+  try {
+    int code = 0;
+    json_extract(result, "code", code);
+    JSON_Value bad = JSON_Value::array();
+    json_extract_array(result, "bad_objects", bad, false);
+    const bool damaged = !bad.empty();
+    if (damaged)
+      results.record_bad_objects(vm_id, std::move(bad));
+    if (code != 0) {
+      results.record(vm_id, false, 0, 0, 0);
+      // Damaged objects read the same on another try.
+      return canceled || damaged ? 1 : 2;
+    }
+    std::string id;
+    json_extract(result, "storage_size", storage_size);
+    json_extract(result, "source_size", source_size);
+    json_extract(result, "set_size", set_size);
+    json_extract(result, "vm_id", id);
+  } catch (const JSON_Error&) {
+    LOG_MSG((LM_ERROR, "Unrecognized CAS VM %s response: %s.\n", action, result.dump().c_str()));
+    results.record(vm_id, false, 0, 0, 0);
+    return 1;
+  }
+  results.record(vm_id, true, storage_size, source_size, set_size);
+  return 0;
+}
+
+namespace {
+
+// Removes the libcvd configuration file however the run ends.
+struct File_Remover {
+  std::string path;
+  ~File_Remover() {
+    if (!path.empty())
+      ::unlink(path.c_str());
+  }
+};
+
+}  // namespace
+
+bool run_servants(Job& job, Job_Event_Handler& handler, VM_Results& results,
+                  std::vector<VM_Task>& tasks, const Servant_Run& run,
+                  const VM_Result_Handler& handle) {
+  Job_Activity* act = job.activity().get();
+  if (!act)
+    return check_failed(__FILE__, __LINE__, "act_.get() is NULL");
+  auto canceled = [&job] { return job.state() == JOB_STOPPED; };
+  // Stopped while resolving: no servant starts.
+  if (canceled())
+    return false;
+  Progress_Reporter progress(handler, *act);
+  Servant_Task_Scheduler scheduler("h3ccas.exec");
+  if (!scheduler.register_stop_callback(canceled) ||
+      !scheduler.enable_owner_limit(run.parallel_vms_per_host) ||
+      !scheduler.enable_retry(run.retry_count, run.retry_interval))
+    return false;
+  File_Remover conf;
+  if (!create_cvd_sdk_conf(run.cvd_sdk_network_timeout, run.cvd_sdk_log_level, conf.path))
+    return false;
+
+  // Every VM is known to the results and to the progress before the first servant starts, so
+  // that result handlers only ever update entries that exist.
+  std::unordered_map<std::string, std::string> names;  // VM id -> name, the servants' labels
+  for (const VM_Task& task : tasks) {
+    const bool refused = task.request.is_null();
+    if (!results.add(task.vm_id, task.history) ||
+        !progress.add_vm(task.vm_id, task.vm_name, refused ? "failed" : ""))
+      return false;
+    names[task.vm_id] = task.vm_name;
+  }
+  if (!progress.activate(job.definition().uid))
+    return false;
+
+  const Job_Log_Callback& log = job.log_callback();
+  auto vm_of = [&run](const Servant_Task& task) { return task.params.value(run.id_key, ""); };
+  auto setup = [&conf, &log, &names, &vm_of](Servant& servant, const Servant_Task& task) {
+    auto name = names.find(vm_of(task));
+    const std::string label = name != names.end() ? name->second : "CAS";
+    return init_servant(servant, label.c_str(), log, conf.path);
+  };
+  auto on_result = [&handle, &vm_of](const Servant_Task& task,
+                                     std::shared_ptr<JSON_RPC_Response> response) {
+    return handle(vm_of(task), response);
+  };
+  if (!scheduler.activate(run.parallel_vms, setup, on_result))
+    return false;
+  for (VM_Task& task : tasks)
+    if (!task.request.is_null() &&
+        !scheduler.enqueue_task(std::move(task.request), task.owner,
+                                task.label.empty() ? nullptr : task.label.c_str()))
+      return false;
+
+  // Progress goes out every 10 seconds; the end of the servants or a stop is seen sooner.
+  auto next_push = std::chrono::steady_clock::now();
+  while (scheduler.is_running() && !canceled()) {
+    if (std::chrono::steady_clock::now() >= next_push) {
+      progress.push_update();
+      next_push += std::chrono::seconds(10);
+    }
+    job.wait_state_event(std::chrono::milliseconds(100));
+  }
+  scheduler.wait();
+  progress.flush();
+
+  const int succeeded = results.succeeded(), total = static_cast<int>(tasks.size());
+  LOG_MSG((LM_INFO, "CAS VM %s result (succeeded/total): %d/%d.\n", run.action, succeeded, total));
+  act->stored_size = results.storage_size();
+  act->set_size = results.set_size();
+  act->source_size = results.source_size();
+  act->last_run_time = std::time(nullptr);
+  job.set_result("h3c-cas", results.eject());
+  return succeeded == total;
 }
 
 }  // namespace h3ccas

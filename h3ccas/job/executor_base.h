@@ -9,8 +9,14 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
+#include <vector>
+
+class JSON_RPC_Object;
 
 namespace h3ccas {
 
@@ -48,6 +54,9 @@ class VM_Results {
   // for a VM that was never added.
   bool record(const std::string& vm_id, bool succeeded, std::uint64_t storage_size,
               std::uint64_t source_size, std::uint64_t set_size);
+  // The objects a VM's servant found damaged, [{"object", "error"}]: its entry of the job result
+  // lists them under "bad_objects".
+  void record_bad_objects(const std::string& vm_id, JSON_Value objects);
   int succeeded() const { return succeeded_; }
   std::uint64_t storage_size() const { return storage_size_; }
   std::uint64_t source_size() const { return source_size_; }
@@ -56,11 +65,52 @@ class VM_Results {
   JSON_Value eject();
 
  private:
-  std::mutex mutex_;  // guards histories_
+  std::mutex mutex_;  // guards histories_ and bad_objects_
   VM_Histories histories_;
+  std::unordered_map<std::string, JSON_Value> bad_objects_;
   std::atomic<int> succeeded_{0};
   std::atomic<std::uint64_t> storage_size_{0}, source_size_{0}, set_size_{0};
 };
+
+// Folds the servant's `response` for VM `vm_id` into `results`: 0 succeeded, 2 failed and may be
+// retried, 1 failed for good (a job being stopped, damaged objects, which another try reads the
+// same, a result without "storage_size", "source_size", "set_size" and "vm_id", logged as
+// "Unrecognized CAS VM <action> response: %s.\n", or no answer unless `retry_lost`).
+int fold_servant_result(VM_Results& results, const std::string& vm_id,
+                        const std::shared_ptr<JSON_RPC_Object>& response, const char* action,
+                        bool canceled, bool retry_lost);
+
+// One VM of a run.
+struct VM_Task {
+  std::string owner;  // the CVK whose servants the per-host limit counts
+  std::string vm_id;  // the VM in the results and the progress file its servant writes
+  std::string vm_name;
+  VM_History history;
+  JSON_Value request;  // null: refused before any servant, and failed
+  std::string label;   // of the scheduler's task; empty: none
+};
+
+// How a run's servants are run.
+struct Servant_Run {
+  const char* action;  // "backup", "restore", "verify": the summary line's word
+  const char* id_key;  // the request's key of VM_Task::vm_id
+  int parallel_vms = 1;
+  int parallel_vms_per_host = 1;
+  int retry_count = 0;
+  int retry_interval = 0;  // seconds
+  int cvd_sdk_network_timeout = 0;
+  std::string cvd_sdk_log_level;
+};
+
+using VM_Result_Handler =
+    std::function<int(const std::string& vm_id, const std::shared_ptr<JSON_RPC_Object>& response)>;
+
+// Runs a servant ("h3ccas.exec") per task with a request until each has ended or `job` is stopped,
+// pushing the VMs' progress every 10 seconds, then sets the job's totals and its "h3c-cas"
+// result. True when every task's VM succeeded.
+bool run_servants(Job& job, Job_Event_Handler& handler, VM_Results& results,
+                  std::vector<VM_Task>& tasks, const Servant_Run& run,
+                  const VM_Result_Handler& handle);
 
 // S and O are the job's source and options records, H its event handler.
 template <class S, class O, class H = Job_Event_Handler>
@@ -102,6 +152,11 @@ class Executor_Base : public Job_Executor_T<S, O, H> {
   }
   bool check_compression_level(int method, int level) const {
     return h3ccas::check_compression_level(*this->def_, method, level);
+  }
+
+  bool run_servants(std::vector<VM_Task>& tasks, const Servant_Run& run,
+                    const VM_Result_Handler& handle) {
+    return h3ccas::run_servants(this->job_, this->handler_, results_, tasks, run, handle);
   }
 
   VM_Results results_;

@@ -14,13 +14,10 @@
 
 namespace h3ccas {
 
-namespace {
-
-// The 16 bytes of a textual uuid (hyphens skipped); zeros where the text is not hexadecimal.
-void uuid_binary(const std::string& text, std::uint8_t out[16]) {
+void image_set_id(const std::string& uuid, std::uint8_t out[16]) {
   std::fill(out, out + 16, 0);
   int digits = 0;
-  for (char c : text) {
+  for (char c : uuid) {
     if (c == '-' || !std::isxdigit(static_cast<unsigned char>(c)) || digits == 32)
       continue;
     int v = std::isdigit(static_cast<unsigned char>(c))
@@ -30,6 +27,8 @@ void uuid_binary(const std::string& text, std::uint8_t out[16]) {
     ++digits;
   }
 }
+
+namespace {
 
 // Removes a chunk's object unless the chunk got through: neither a partial object nor one whose
 // commit failed may stay under a name the catalog could come to point at.
@@ -126,7 +125,7 @@ bool Backup_Transfer::init_image_writer(const Chunk& chunk, Image_Block_Writer& 
     return false;
   }
   std::uint8_t id[16];
-  uuid_binary(bset_uuid_, id);
+  image_set_id(bset_uuid_, id);
   if (!writer.write_superblock(id, id)) {
     LOG_MSG((LM_ERROR, "Failed to write image super block for CAS disk '%s'.\n",
              chunk.disk_path_.c_str()));

@@ -21,6 +21,10 @@ class Image_Block_Writer;
 
 namespace h3ccas {
 
+// The 16 bytes naming backup set `uuid` in the superblocks of its image objects: the uuid's
+// hexadecimal digits (hyphens skipped), zeros where the text is not hexadecimal.
+void image_set_id(const std::string& uuid, std::uint8_t out[16]);
+
 // The backup flow derives from it, sets the run's identity (set uuid, job and run, progress
 // record) and calls backup_disks, then save_catalog when that succeeded.
 class Backup_Transfer : public Backup_Plan {

@@ -2,7 +2,10 @@
 
 #include "h3ccas/common.h"
 #include "h3ccas/servant/vm_backup.h"
+#include "h3ccas/servant/vm_restore.h"
 
+#include <memory>
+#include <new>
 #include <string>
 
 namespace h3ccas {
@@ -20,14 +23,16 @@ int Exec_Handler::handle_object_i(std::shared_ptr<JSON_RPC_Channel> chn,
   if (!action || !action->is_string())
     return chn->send_error(JSON_RPC_INVALID_PARAMS, req.id(),
                            "Invalid params: 'action' is expected as string in params.");
+  const std::string& name = action->get_ref<const std::string&>();
+  if (name == "verify")
+    return restore(*chn, req, true);
   if (!loader_.inited() && !loader_.init())
     return chn->send_error(JSON_RPC_INTERNAL_ERROR, req.id(), "Failed to load CAS libcvd.");
 
-  const std::string& name = action->get_ref<const std::string&>();
   if (name == "backup")
     return backup(*chn, req);
   if (name == "restore")
-    return restore(*chn, req);
+    return restore(*chn, req, false);
   return chn->send_error(JSON_RPC_INVALID_PARAMS, req.id(), "Invalid value on params.action.");
 }
 
@@ -44,12 +49,23 @@ int Exec_Handler::backup(JSON_RPC_Channel& chn, const JSON_RPC_Request& req) {
   return chn.send(*response);
 }
 
-int Exec_Handler::restore(JSON_RPC_Channel& chn, const JSON_RPC_Request& req) {
+int Exec_Handler::restore(JSON_RPC_Channel& chn, const JSON_RPC_Request& req, bool verify) {
   VM_Restore_Params params;
   if (!params.load(req.params()))
     return chn.send_error(JSON_RPC_INVALID_PARAMS, req.id(), "");
-  // No restore engine is built into the module yet.
-  return chn.send_error(JSON_RPC_INTERNAL_ERROR, req.id(), "VM restore is not available yet.");
+  auto response = JSON_RPC_Channel::create_response(req);
+  if (!response)
+    return chn.send_error(JSON_RPC_INTERNAL_ERROR, req.id(), "Out of memory.");
+  std::unique_ptr<VM_Restore> engine(new (std::nothrow) VM_Restore(std::move(params)));
+  if (!engine)
+    return chn.send_error(JSON_RPC_INTERNAL_ERROR, req.id(), "Internal error, out of memory.");
+  JSON_Value result;
+  if (verify)
+    engine->verify(result);
+  else
+    engine->restore(result);
+  response->set_result(std::move(result));
+  return chn.send(*response);
 }
 
 }  // namespace h3ccas

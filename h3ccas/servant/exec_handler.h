@@ -1,5 +1,6 @@
 // The servant's JSON-RPC service "h3ccas.exec": backs up or restores one VM. Params: the dumped
-// VM_Backup_Params or VM_Restore_Params plus "action" ("backup" or "restore").
+// VM_Backup_Params or VM_Restore_Params plus "action": "backup", "restore", or "verify" (reads
+// every object of the set a restore would read, writes nothing and needs no libcvd).
 #pragma once
 
 #include "h3ccas/servant/cvd_loader.h"
@@ -21,7 +22,7 @@ class Exec_Handler : public JSON_RPC_Thread_Handler {
 
  private:
   int backup(JSON_RPC_Channel& chn, const JSON_RPC_Request& req);
-  int restore(JSON_RPC_Channel& chn, const JSON_RPC_Request& req);
+  int restore(JSON_RPC_Channel& chn, const JSON_RPC_Request& req, bool verify);
 
   CVD_Loader& loader_;
 };

@@ -1,5 +1,6 @@
 #include "h3ccas/servant/vm_backup.h"
 
+#include "h3ccas/servant/scope_exit.h"
 #include "host/core/log.h"
 #include "host/core/text.h"
 #include "host/job/subtype.h"
@@ -11,16 +12,6 @@
 namespace h3ccas {
 
 namespace {
-
-// Runs `fn` when the scope is left, whichever way.
-template <class F>
-struct Scope_Exit {
-  explicit Scope_Exit(F fn) : fn_(std::move(fn)) {}
-  ~Scope_Exit() { fn_(); }
-  Scope_Exit(const Scope_Exit&) = delete;
-  Scope_Exit& operator=(const Scope_Exit&) = delete;
-  F fn_;
-};
 
 bool starts_with(const std::string& text, const char* prefix) {
   return text.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;

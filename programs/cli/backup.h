@@ -2,11 +2,10 @@
 // until it ends: live progress per VM, then a summary table.
 #pragma once
 
-#include "programs/cli/cli.h"
+#include "programs/cli/run.h"
 
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -37,26 +36,7 @@ JSON_Value backup_options(const JSON_Value& pool_io, const JSON_Value& from_file
 JSON_Value backup_definition(const Backup_Target& target, bool full, const JSON_Value& options,
                              const std::string& uid);
 
-// One VM of a job.status answer as a progress line at `now` (seconds since the epoch).
-std::string progress_line(const JSON_Value& vm, std::int64_t now);
-
-// Progress of a run's VMs: redrawn in place on a terminal, otherwise one line whenever a VM's
-// state or byte count changes.
-class Progress_View {
- public:
-  Progress_View(std::ostream& out, bool terminal) : out_(out), terminal_(terminal) {}
-  void update(const JSON_Value& status, std::int64_t now);
-
- private:
-  std::ostream& out_;
-  bool terminal_;
-  std::size_t drawn_ = 0;                    // lines on screen (terminal)
-  std::map<std::string, std::string> seen_;  // VM uuid -> its last state and bytes
-};
-
 // The table of a finished run: VM, type, source size, copied, stored, time, result.
 void print_summary(std::ostream& out, const JSON_Value& status, bool full);
-// Why a finished run failed, in one line; `log` is the run's log text.
-std::string failure_reason(const JSON_Value& status, const std::string& log);
 
 int backup_run(const Cli& cli, const Backup_Args& args);

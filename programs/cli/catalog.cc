@@ -15,25 +15,6 @@
 
 namespace {
 
-std::string size_text(const JSON_Value& value) {
-  if (!value.is_number_unsigned())
-    return cell_text(value);
-  std::string out;
-  return Pretty_Formatter(1).size_formatter(value.get<std::uint64_t>(), out);
-}
-
-// Seconds since the epoch as local time.
-std::string time_text(const JSON_Value& value) {
-  if (!value.is_number_integer())
-    return cell_text(value);
-  std::time_t t = value.get<std::time_t>();
-  std::tm local{};
-  char buf[32];
-  if (!localtime_r(&t, &local) || !std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &local))
-    return cell_text(value);
-  return buf;
-}
-
 // The compression a pool's objects get: its I/O options over the defaults, as the pool's
 // clients read them.
 std::string compression_text(const JSON_Value& io_options) {

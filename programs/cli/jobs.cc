@@ -11,23 +11,6 @@
 
 namespace {
 
-std::string time_text(const JSON_Value& value) {
-  std::time_t t = value.is_number_integer() ? value.get<std::time_t>() : 0;
-  std::tm local{};
-  char buf[32];
-  if (t == 0 || !localtime_r(&t, &local) ||
-      !std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &local))
-    return "";
-  return buf;
-}
-
-std::string size_text(const JSON_Value& value) {
-  std::string out;
-  return value.is_number_unsigned()
-             ? Pretty_Formatter(1).size_formatter(value.get<std::uint64_t>(), out)
-             : cell_text(value);
-}
-
 // One agent call printed as JSON (--json) or by `print`.
 template <class Print>
 int call(const Cli& cli, const char* method, const JSON_Value& params, Print print) {

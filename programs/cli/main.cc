@@ -14,6 +14,7 @@
 #include "programs/cli/cli.h"
 #include "programs/cli/inventory.h"
 #include "programs/cli/jobs.h"
+#include "programs/cli/restore.h"
 #include "programs/cli/table.h"
 #include "programs/common/agent_files.h"
 
@@ -192,7 +193,7 @@ int main(int argc, char** argv) {
 
   CLI::App app(
       "Registers CVMs and storage pools, tests logins, browses a CVM's inventory, backs "
-      "VMs up and lists backup sets.",
+      "VMs up, lists, verifies and restores backup sets.",
       "brimlet");
   app.require_subcommand(1);
   // Global flags may follow the command too: "brimlet cvm list --json".
@@ -300,6 +301,29 @@ int main(int argc, char** argv) {
           [&] { return sets_show(cli, set_uuid); })
       ->add_option("SET", set_uuid, "a backup set's uuid")
       ->required();
+  bool verify_all = false;
+  std::string verify_pool;
+  double verify_interval = 2;
+  CLI::App* sets_verify_cmd = command(
+      sets, "verify",
+      "read and check every object of a set's chain, writing nothing (exit status 1 when an "
+      "object is bad)",
+      [&] {
+        if (set_uuid.empty() == !verify_all)
+          return usage_error(cli, "give either SET or --all");
+        if (!verify_pool.empty() && !verify_all)
+          return usage_error(cli, "--pool goes with --all");
+        return sets_verify(cli, set_uuid, verify_all, verify_pool,
+                           std::chrono::milliseconds(static_cast<long>(verify_interval * 1000)));
+      });
+  sets_verify_cmd->add_option("SET", set_uuid, "a backup set's uuid");
+  sets_verify_cmd->add_flag("--all", verify_all,
+                            "every set (of the pool): the newest set of each chain is read");
+  sets_verify_cmd->add_option("--pool", verify_pool, "a storage pool's name or uuid")
+      ->check(a_value);
+  sets_verify_cmd->add_option("--interval", verify_interval, "seconds between progress updates")
+      ->check(CLI::Range(0.1, 3600.0))
+      ->capture_default_str();
 
   CLI::App* job = app.add_subcommand("job", "the agent's job runs");
   job->require_subcommand(1);
@@ -370,6 +394,55 @@ int main(int argc, char** argv) {
       backup->add_flag("--wait", "wait for the run to end, showing progress (the default)");
   backup->add_flag("--no-wait", no_wait, "print the run's id and return")->excludes(wait);
   backup->add_option("--interval", interval, "seconds between progress updates")
+      ->check(CLI::Range(0.1, 3600.0))
+      ->capture_default_str();
+
+  Restore_Args restore_args;
+  bool restore_no_wait = false;
+  double restore_interval = 2;
+  CLI::App* restore =
+      command(&app, "restore", "restore a backup set to a new VM or over the VM it came from", [&] {
+        restore_args.wait = !restore_no_wait;
+        restore_args.interval =
+            std::chrono::milliseconds(static_cast<long>(restore_interval * 1000));
+        return restore_run(cli, restore_args);
+      });
+  restore->add_option("SET", restore_args.set, "a backup set's uuid (brimlet sets list)")
+      ->required();
+  restore->add_flag("--latest", restore_args.latest, "the newest set of SET's chain instead");
+  CLI::Option* original = restore->add_flag("--original", restore_args.original,
+                                            "over the source VM: same name and host");
+  for (auto [flag, value, what] :
+       {std::tuple{"--name", &restore_args.name, "the new VM's name (required without --original)"},
+        std::tuple{"--host", &restore_args.host, "target host id or name (default: the source's)"},
+        std::tuple{"--pool", &restore_args.pool,
+                   "CAS storage pool on the target host (default: each disk's own)"}})
+    restore->add_option(flag, *value, what)->check(a_value)->excludes(original);
+  restore
+      ->add_option("--network", restore_args.networks,
+                   "VSWITCH[/PROFILE] by name, once per NIC (default: the host's first "
+                   "vswitch, profile Default or the CVM's first)")
+      ->check(a_value)
+      ->excludes(original);
+  for (auto [flag, value, what] :
+       {std::tuple{"--cpus", &restore_args.cpus, "CPU sockets (default: the source's)"},
+        std::tuple{"--cores", &restore_args.cores, "cores per socket (default: the source's)"}})
+    restore->add_option(flag, *value, what)->check(CLI::Range(1, 64));
+  restore
+      ->add_option("--parallel-disks", restore_args.parallel_disks,
+                   "disks of the VM restored at once (default 1)")
+      ->check(CLI::Range(1, 5));
+  restore->add_option("--memory-mib", restore_args.memory_mib, "memory (default: the source's)")
+      ->check(CLI::Range(1, 1 << 24));
+  restore->add_flag("--overwrite", restore_args.overwrite,
+                    "replace a VM of the target name (needed with --original while it exists)");
+  restore->add_flag("--reserve-mac", restore_args.reserve_mac, "keep the NICs' MAC addresses")
+      ->needs(original);
+  restore->add_flag("--start", restore_args.start, "start the VM once restored");
+  restore->add_option("--options", restore_args.options_file, "restore options: a JSON object file")
+      ->check(a_value);
+  restore->add_flag("--no-wait", restore_no_wait, "print the run's id and return");
+  restore->add_option("--interval", restore_interval, "seconds between progress updates")
       ->check(CLI::Range(0.1, 3600.0))
       ->capture_default_str();
 

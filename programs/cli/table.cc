@@ -1,6 +1,9 @@
 #include "programs/cli/table.h"
 
+#include "host/core/text.h"
+
 #include <algorithm>
+#include <ctime>
 #include <cwchar>
 
 namespace {
@@ -65,4 +68,25 @@ std::string cell_text(const JSON_Value& value) {
     return out;
   }
   return value.dump();
+}
+
+std::string size_text(std::uint64_t bytes) {
+  std::string out;
+  return Pretty_Formatter(1).size_formatter(bytes, out);
+}
+
+std::string size_text(const JSON_Value& value) {
+  return value.is_number_unsigned() ? size_text(value.get<std::uint64_t>()) : cell_text(value);
+}
+
+std::string time_text(const JSON_Value& value) {
+  if (!value.is_number_integer())
+    return cell_text(value);
+  std::time_t t = value.get<std::time_t>();
+  std::tm local{};
+  char buf[32];
+  if (t == 0 || !localtime_r(&t, &local) ||
+      !std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &local))
+    return "";
+  return buf;
 }

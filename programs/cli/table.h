@@ -3,6 +3,7 @@
 
 #include "host/core/json.h"
 
+#include <cstdint>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -23,3 +24,9 @@ class Table {
 // Any value as table text: strings as they are, booleans as yes/no, arrays joined by commas,
 // null as nothing, objects as compact JSON.
 std::string cell_text(const JSON_Value& value);
+// A byte count as "1.5 GiB"; any other value as cell_text says.
+std::string size_text(std::uint64_t bytes);
+std::string size_text(const JSON_Value& value);
+// Seconds since the epoch as local time, "YYYY-MM-DD HH:MM:SS"; 0 (not yet) as nothing; any other
+// value as cell_text says.
+std::string time_text(const JSON_Value& value);

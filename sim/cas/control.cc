@@ -65,7 +65,7 @@ Control_Api::Control_Api(Simulator& sim) : sim_(sim) {
   routes_.add(HTTP_Method::GET, "/sim/leftovers", &Control_Api::get_leftovers);
   routes_.add(HTTP_Method::POST, "/sim/cvd/fail_reads", &Control_Api::fail_reads);
   routes_.add(HTTP_Method::POST, "/sim/cvd/drop", &Control_Api::drop_connections);
-  routes_.add(HTTP_Method::POST, "/sim/cvd/hold", &Control_Api::hold_reads);
+  routes_.add(HTTP_Method::POST, "/sim/cvd/hold", &Control_Api::hold);
   routes_.add(HTTP_Method::GET, "/sim/cvd/hold", &Control_Api::get_holds);
 }
 
@@ -383,8 +383,8 @@ void Control_Api::fail_reads(const HTTP_Server_Request& request, HTTP_Server_Res
   });
 }
 
-// The next `count` connections that read (of "disk" when given) are dropped after `after_bytes`
-// bytes of disk data.
+// The next `count` connections that read or write (of "disk" when given) are dropped after
+// `after_bytes` bytes of disk data.
 void Control_Api::drop_connections(const HTTP_Server_Request& request,
                                    HTTP_Server_Response& response) {
   std::uint64_t after_bytes = 0;
@@ -403,17 +403,16 @@ void Control_Api::drop_connections(const HTTP_Server_Request& request,
   response.json({{"after_bytes", after_bytes}, {"count", count}});
 }
 
-// Reads of one disk through the disk service block while "hold" is true.
-void Control_Api::hold_reads(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
-  set_disk_flag(request, response, "hold", [this](const std::string& disk, bool on) {
-    return sim_.disks().hold_reads(disk, on);
-  });
+// Reads and writes of one disk ("*": of all) through the disk service block while "hold" is true.
+void Control_Api::hold(const HTTP_Server_Request& request, HTTP_Server_Response& response) {
+  set_disk_flag(request, response, "hold",
+                [this](const std::string& disk, bool on) { return sim_.disks().hold(disk, on); });
 }
 
-// The held disks, each with the number of readers waiting on it.
+// The held disks, each with the number of reads and writes waiting on it.
 void Control_Api::get_holds(const HTTP_Server_Request&, HTTP_Server_Response& response) {
   JSON_Value held = JSON_Value::object();
-  for (const auto& [disk, waiting] : sim_.disks().held_readers())
+  for (const auto& [disk, waiting] : sim_.disks().held_waiters())
     held[disk] = waiting;
   response.json({{"waiting", std::move(held)}});
 }

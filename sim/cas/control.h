@@ -38,7 +38,7 @@ class Control_Api {
   void get_leftovers(const HTTP_Server_Request& request, HTTP_Server_Response& response);
   void fail_reads(const HTTP_Server_Request& request, HTTP_Server_Response& response);
   void drop_connections(const HTTP_Server_Request& request, HTTP_Server_Response& response);
-  void hold_reads(const HTTP_Server_Request& request, HTTP_Server_Response& response);
+  void hold(const HTTP_Server_Request& request, HTTP_Server_Response& response);
   void get_holds(const HTTP_Server_Request& request, HTTP_Server_Response& response);
 
   Simulator& sim_;

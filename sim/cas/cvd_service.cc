@@ -199,14 +199,8 @@ class Session {
     const Open_Disk& disk = *it->second;
     const std::uint64_t size = disk.opened.size;
     std::size_t wanted = offset >= size ? 0 : std::min<std::uint64_t>(length, size - offset);
-    if (wanted && !drop_checked_)
-      dropping_ = sim_.disks().take_drop(disk.opened, drop_budget_), drop_checked_ = true;
-    if (dropping_ && sent_ + wanted > drop_budget_) {
-      broken("dropped by a fault after " + std::to_string(sent_) + " bytes");
+    if (!may_move(disk, wanted))
       return false;
-    }
-    sent_ += wanted;
-    sim_.disks().wait_while_held(disk.opened);
     // Snapshots, and disks whose reads fail by a fault, are read through the store.
     if (disk.data && !Disk_Store::reads_fail(disk.opened))
       return reply(request, 0, wanted ? disk.data + offset : nullptr, wanted);
@@ -231,7 +225,23 @@ class Session {
     if (!disk || !disk->writable || offset > disk->opened.size ||
         length > disk->opened.size - offset)
       return reply(request, -EINVAL);
+    if (!may_move(*disk, length))
+      return false;
     return reply(request, sim_.disks().write(disk->opened, offset, data, length));
+  }
+
+  // Counts `length` bytes of disk data about to be read or written; false when a drop fault
+  // ends the connection first. Waits while the disk is held.
+  bool may_move(const Open_Disk& disk, std::size_t length) {
+    if (length && !drop_checked_)
+      dropping_ = sim_.disks().take_drop(disk.opened, drop_budget_), drop_checked_ = true;
+    if (dropping_ && moved_ + length > drop_budget_) {
+      broken("dropped by a fault after " + std::to_string(moved_) + " bytes");
+      return false;
+    }
+    moved_ += length;
+    sim_.disks().wait_while_held(disk.opened);
+    return true;
   }
 
   bool close(const Header& request, Payload_Reader& in) {
@@ -253,9 +263,9 @@ class Session {
   std::size_t capacity_ = 0;
   std::unique_ptr<char[]> read_buffer_;  // the data of an answer read through the store
   std::size_t read_capacity_ = 0;
-  // A fault may drop this connection once it has sent `drop_budget_` bytes of disk data.
+  // A fault may drop this connection once it has moved `drop_budget_` bytes of disk data.
   bool drop_checked_ = false, dropping_ = false;
-  std::uint64_t drop_budget_ = 0, sent_ = 0;
+  std::uint64_t drop_budget_ = 0, moved_ = 0;
 };
 
 }  // namespace

@@ -301,8 +301,8 @@ struct Disk_State {
   std::vector<std::unique_ptr<Frozen>> snapshots;
   std::vector<Tracker> trackers;
   std::atomic<bool> fail_reads{false};
-  std::atomic<bool> reads_held{false};
-  int waiting = 0;  // readers blocked by the hold, under the store's hold mutex
+  std::atomic<bool> held{false};
+  int waiting = 0;  // reads and writes blocked by the hold, under the store's hold mutex
 };
 
 struct Disk_Store::Resolved {
@@ -725,23 +725,23 @@ bool Disk_Store::take_drop(const Opened& opened, std::uint64_t& bytes) {
   return true;
 }
 
-bool Disk_Store::hold_reads(const std::string& name, bool hold) {
-  std::shared_ptr<Disk_State> d = state_of(name, "hold reads of");
-  if (!d)
+bool Disk_Store::hold(const std::string& name, bool hold) {
+  std::shared_ptr<Disk_State> d = name == "*" ? nullptr : state_of(name, "hold");
+  if (!d && name != "*")
     return false;
   std::lock_guard<std::mutex> lock(hold_mutex_);
-  d->reads_held = hold;
+  (d ? d->held : hold_all_) = hold;
   hold_changed_.notify_all();
   return true;
 }
 
 void Disk_Store::wait_while_held(const Opened& opened) {
   Disk_State& d = *opened.disk;
-  if (!d.reads_held)
+  if (!d.held && !hold_all_)
     return;
   std::unique_lock<std::mutex> lock(hold_mutex_);
   ++d.waiting;
-  hold_changed_.wait(lock, [&] { return !d.reads_held || holds_released_; });
+  hold_changed_.wait(lock, [&] { return (!d.held && !hold_all_) || holds_released_; });
   --d.waiting;
 }
 
@@ -751,12 +751,12 @@ void Disk_Store::release_holds() {
   hold_changed_.notify_all();
 }
 
-std::map<std::string, int> Disk_Store::held_readers() {
+std::map<std::string, int> Disk_Store::held_waiters() {
   std::map<std::string, int> out;
   std::lock_guard<std::mutex> lock(mutex_);
   std::lock_guard<std::mutex> hold_lock(hold_mutex_);
   for (const auto& [first, d] : states_)
-    if (d->reads_held)
+    if (d->held || (hold_all_ && d->waiting))
       out[first] = d->waiting;
   return out;
 }

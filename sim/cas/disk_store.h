@@ -13,6 +13,7 @@
 
 #include "sim/cvd/protocol.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -103,21 +104,21 @@ class Disk_Store {
   // cvd-ds faults: reads of the disk at `name` fail with -EIO while set.
   bool fail_reads(const std::string& name, bool fail);
   static bool reads_fail(const Opened& opened);
-  // The next `count` connections that read (whose first read is of the disk at `name`, when not
-  // empty) are dropped once they have sent `bytes` bytes of disk data; `count` 0 clears it. False
-  // when there is no such disk.
+  // The next `count` connections that read or write (whose first read or write is of the disk at
+  // `name`, when not empty) are dropped once they have moved `bytes` bytes of disk data; `count` 0
+  // clears it. False when there is no such disk.
   bool drop_connections(std::uint64_t bytes, int count, const std::string& name = "");
-  // For a connection's first read: true, with its byte budget, when it is to be dropped.
+  // For a connection's first read or write: true, with its byte budget, when it is to be dropped.
   bool take_drop(const Opened& opened, std::uint64_t& bytes);
-  // Reads of the disk at `name` block while held, so that a test knows a reader is mid-run.
-  // False when there is no such disk.
-  bool hold_reads(const std::string& name, bool hold);
+  // Reads and writes of the disk at `name` ("*": of every disk, also those made later) block while
+  // held, so that a test knows a reader or writer is mid-run. False when there is no such disk.
+  bool hold(const std::string& name, bool hold);
   // Waits while the opened disk is held (or until release_holds()).
   void wait_while_held(const Opened& opened);
   // Ends every hold for good: the service is stopping.
   void release_holds();
-  // The readers waiting on held disks, by the disk's first path.
-  std::map<std::string, int> held_readers();
+  // The readers and writers waiting on held disks, by the disk's first path.
+  std::map<std::string, int> held_waiters();
 
   // The image file of the disk at `path`, existing or not; "" when the simulator has no data
   // folder.
@@ -144,6 +145,7 @@ class Disk_Store {
   std::mutex hold_mutex_;                  // guards the holds and waiting counts of the disks
   std::condition_variable hold_changed_;
   bool holds_released_ = false;
+  std::atomic<bool> hold_all_{false};
 };
 
 }  // namespace cas_sim

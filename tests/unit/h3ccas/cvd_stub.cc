@@ -1,7 +1,9 @@
 // A libcvd for the loader and connection tests: it appends each call to the file that
 // CVD_STUB_JOURNAL names, cvd_init returns CVD_STUB_INIT_RESULT (default 0), the host
 // "unreachable" refuses connections and the disk "/missing" does not exist. Reads return the
-// letters 'a'..'z' repeated from offset 0; reads of "/unreadable" fail from 64 KiB on.
+// letters 'a'..'z' repeated from offset 0; reads of "/unreadable" fail from 64 KiB on. Writes land
+// in the folder CVD_STUB_DISKS names, in a file named as the disk's last path component; those to a
+// path holding "unwritable" fail.
 #include "h3ccas/servant/cvd_api.h"
 
 #include <cerrno>
@@ -9,6 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 struct cvd_connection {
   std::string host;
@@ -83,7 +88,14 @@ int64_t cvd_disk_read(cvd_disk_t disk, uint64_t offset, uint64_t length, void* b
 
 int64_t cvd_disk_write(cvd_disk_t disk, uint64_t offset, uint64_t length, const void* buffer) {
   journal("write " + disk->path + " " + std::to_string(offset) + " " + std::to_string(length));
-  return static_cast<int64_t>(length);
+  const std::string file = disk->path.substr(disk->path.rfind('/') + 1);
+  const char* dir = std::getenv("CVD_STUB_DISKS");
+  int fd = dir ? ::open((dir + ("/" + file)).c_str(), O_WRONLY | O_CREAT, 0644) : -1;
+  int64_t n = fd < 0 ? static_cast<int64_t>(length)
+                     : ::pwrite(fd, buffer, length, static_cast<off_t>(offset));
+  if (fd >= 0)
+    ::close(fd);
+  return disk->path.find("unwritable") == std::string::npos ? n : -EIO;
 }
 
 }  // extern "C"

@@ -146,7 +146,6 @@ TEST_F(Servant_Test, ExecReplies) {
       {{{"action", "Backup"}}, -32602, "Invalid value on params.action.", true},
       {exec_params("backup", R"({"cvd_target_addr":null})"), -32602, "", true},
       {exec_params("restore", R"({"disks":[{"source_path":"/a"}]})"), -32602, "", true},
-      {exec_params("restore"), -32603, "VM restore is not available yet.", true},
   };
   CVD_Loader loader;
   Exposed<Exec_Handler> handler(loader);

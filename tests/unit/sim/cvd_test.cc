@@ -246,7 +246,13 @@ TEST_F(Libcvd_Test, ReachesTheServiceByTheAddressMapReadsFrozenSnapshotsAndMeets
   cvd_disk_t dropped = open(conn, "/p1/scratch", CVD_OPEN_READ);
   EXPECT_EQ(cvd_disk_read(dropped, 0, 4 << 20, &read[0]), -ECONNRESET);
   EXPECT_EQ(cvd_disk_read(frozen, 0, 4 << 20, &read[0]), 4 << 20);
-  for (cvd_disk_t d : {writer, frozen, by_name, dropped})
+  // A writing connection meets the drop too, and nothing past the budget lands.
+  ASSERT_EQ(call("POST", http_ + "/sim/cvd/drop", R"({"after_bytes": 1048576})"), "200");
+  cvd_disk_t cut = open(conn, "/p1/data", CVD_OPEN_READ_WRITE);
+  const std::string zeros(2 << 20, '\0');
+  EXPECT_EQ(cvd_disk_write(cut, 0, zeros.size(), zeros.data()), -ECONNRESET);
+  EXPECT_NE(image("/p1/data").substr(0, zeros.size()), zeros);
+  for (cvd_disk_t d : {writer, frozen, by_name, dropped, cut})
     EXPECT_EQ(cvd_disk_close(d), 0);
   EXPECT_EQ(cvd_disconnect(conn), 0);
 }
