@@ -557,6 +557,23 @@ bool VM_Restore::prepare_disks(const JSON_Value& catalogs, Disk_Plans& disks) {
   return true;
 }
 
+bool VM_Restore::check_volume_unused_i(const Disk_Restore_Param& disk) {
+  std::vector<CAS_Storage_Volume> volumes;
+  if (!client_->list_storage_volume(params_.target_host_id_, disk.cas_pool_name_, volumes))
+    return false;
+  const std::string name = base_name(disk.target_path_);
+  for (const CAS_Storage_Volume& volume : volumes)
+    if (volume.name_ == name && !volume.used_by_.empty()) {
+      LOG_MSG((LM_ERROR,
+               "Unable to restore disk '%s' of CAS VM '%s' onto volume '%s' of pool '%s', CAS VM "
+               "'%s' uses it.\n",
+               disk.src_disk_.path_.c_str(), params_.target_vm_name_.c_str(), name.c_str(),
+               disk.cas_pool_name_.c_str(), volume.used_by_.c_str()));
+      return false;
+    }
+  return true;
+}
+
 bool VM_Restore::create_disks(Disk_Plans& disks) {
   const VM_Restore_Params& p = params_;
   for (const auto& plan : disks) {
@@ -571,6 +588,8 @@ bool VM_Restore::create_disks(Disk_Plans& disks) {
                "Unable to restore disk '%s' of CAS VM '%s' to block storage, the disk format is "
                "NOT raw.\n",
                src.path_.c_str(), p.target_vm_name_.c_str()));
+      return false;
+    } else if (!check_volume_unused_i(*plan)) {
       return false;
     } else {
       plan->zero_holes_ = true;

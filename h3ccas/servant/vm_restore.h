@@ -95,6 +95,9 @@ class VM_Restore {
   std::string get_pool_uuid(const JSON_Value& storages) const;
   bool get_pool(const std::string& uuid, const std::string& uri, Storage_Pool*& pool);
   bool create_disks(Disk_Plans& disks);
+  // An existing block volume is written over, so never one that a VM uses: a copy of a VM
+  // restored into the pool of its own volumes would otherwise overwrite the VM's disks.
+  bool check_volume_unused_i(const Disk_Restore_Param& disk);
   // A new file volume for `disk`; taken names are retried with "_0" .. "_9" appended to the
   // target path, which then names the volume created.
   bool create_volume(Disk_Restore_Param& disk);
