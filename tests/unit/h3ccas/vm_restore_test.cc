@@ -218,7 +218,12 @@ TEST_F(Restore, FaultsCleanUp) {
     Log_Capture log;
     EXPECT_TRUE(!run(p, result) && log.count(LM_ERROR) == 1 && log.contains(line)) << messages(log);
     EXPECT_EQ(cvm_->log, line[0] == 'B' ? "" : all);  // the chain is checked before any change
-    EXPECT_EQ(result.dump() + std::to_string(act_->state), R"({"code":1}3)");
+    EXPECT_EQ(result["code"].dump() + std::to_string(act_->state), "13");
+    // A damaged object is named in the result too.
+    const S bad = result.value("bad_objects", JSON_Value::array()).dump();
+    const bool damaged = line.find("object '/") != S::npos || line.find("open '/") != S::npos;
+    EXPECT_EQ(bad.find(line.substr(0, line.find('\n'))) != S::npos, damaged) << bad;
+    EXPECT_EQ(result.size(), damaged ? 2u : 1u);
   }
 }
 
