@@ -173,6 +173,11 @@ void VM_Restore::finish_i(bool ok) {
 
 bool VM_Restore::restore(JSON_Value& result) {
   result = {{"code", Task_Base::Failed}};
+  // Objects found bad are named in the result: another try would read them the same.
+  Scope_Exit named([&] {
+    if (JSON_Value bad = bad_objects_json_i(); !bad.empty())
+      result["bad_objects"] = std::move(bad);
+  });
   if (!init())
     return false;
   bool ok = false;
@@ -226,13 +231,8 @@ bool VM_Restore::verify(JSON_Value& result) {
   }
   const bool read = ready && run_disks_i(disks, "verify_CAS_disk",
                                          [this](const auto& disk) { return verify_disk_i(disk); });
-  JSON_Value bad = JSON_Value::array();
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const Bad_Object& b : bad_objects_)
-      bad.push_back({{"object", b.object}, {"error", b.error}});
-    ok = read && bad_objects_.empty();
-  }
+  JSON_Value bad = bad_objects_json_i();
+  ok = read && bad.empty();
   result = {{"code", ok ? Task_Base::Succeeded : Task_Base::Failed},
             {"vm_id", params_.source_vm_id_},
             {"storage_size", storage_size_.load()},
@@ -240,6 +240,14 @@ bool VM_Restore::verify(JSON_Value& result) {
             {"source_size", source_size_},
             {"bad_objects", std::move(bad)}};
   return ok;
+}
+
+JSON_Value VM_Restore::bad_objects_json_i() const {
+  JSON_Value bad = JSON_Value::array();
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const Bad_Object& b : bad_objects_)
+    bad.push_back({{"object", b.object}, {"error", b.error}});
+  return bad;
 }
 
 void VM_Restore::remove_residuals_i() {
@@ -557,6 +565,23 @@ bool VM_Restore::prepare_disks(const JSON_Value& catalogs, Disk_Plans& disks) {
   return true;
 }
 
+bool VM_Restore::check_volume_unused_i(const Disk_Restore_Param& disk) {
+  std::vector<CAS_Storage_Volume> volumes;
+  if (!client_->list_storage_volume(params_.target_host_id_, disk.cas_pool_name_, volumes))
+    return false;
+  const std::string name = base_name(disk.target_path_);
+  for (const CAS_Storage_Volume& volume : volumes)
+    if (volume.name_ == name && !volume.used_by_.empty()) {
+      LOG_MSG((LM_ERROR,
+               "Unable to restore disk '%s' of CAS VM '%s' onto volume '%s' of pool '%s', CAS VM "
+               "'%s' uses it.\n",
+               disk.src_disk_.path_.c_str(), params_.target_vm_name_.c_str(), name.c_str(),
+               disk.cas_pool_name_.c_str(), volume.used_by_.c_str()));
+      return false;
+    }
+  return true;
+}
+
 bool VM_Restore::create_disks(Disk_Plans& disks) {
   const VM_Restore_Params& p = params_;
   for (const auto& plan : disks) {
@@ -571,6 +596,8 @@ bool VM_Restore::create_disks(Disk_Plans& disks) {
                "Unable to restore disk '%s' of CAS VM '%s' to block storage, the disk format is "
                "NOT raw.\n",
                src.path_.c_str(), p.target_vm_name_.c_str()));
+      return false;
+    } else if (!check_volume_unused_i(*plan)) {
       return false;
     } else {
       plan->zero_holes_ = true;
@@ -658,12 +685,13 @@ bool VM_Restore::run_disks_i(const Disk_Plans& disks, const char* name, const Di
   return succeeded_disk_ == static_cast<std::uint64_t>(count);
 }
 
-bool VM_Restore::read_piece_i(const Disk_Restore_Param::Piece& piece, Client_IO_Ex& io,
-                              const Image_Reader::Block_Callback& sink) const {
+VM_Restore::Piece_Read VM_Restore::read_piece_i(const Disk_Restore_Param::Piece& piece,
+                                                Client_IO_Ex& io,
+                                                const Image_Reader::Block_Callback& sink) const {
   if (!io.open(piece.remote_path_, Client_IO_Ex::Read)) {
     LOG_MSG((LM_ERROR, "Failed to open '%s' on storage pool: %s\n", piece.remote_path_.c_str(),
              io.error().c_str()));
-    return false;
+    return Piece_Read::Bad;
   }
   storage_size_ += io.storage_size();
   Image_Block_Reader reader(&io, buffer_size());
@@ -687,26 +715,29 @@ bool VM_Restore::read_piece_i(const Disk_Restore_Param::Piece& piece, Client_IO_
   if (read) {
     io.close();
     if (!checked && !check())
-      return false;
+      return Piece_Read::Bad;
     // An intact object of the right set may still be another piece than the catalog lists.
     if (reader.plain_bytes() != piece.source_size_) {
       LOG_MSG((LM_ERROR, "Image object '%s' holds %Q bytes of disk data, not the %Q of its set.\n",
                piece.remote_path_.c_str(), static_cast<ACE_UINT64>(reader.plain_bytes()),
                static_cast<ACE_UINT64>(piece.source_size_)));
-      return false;
+      return Piece_Read::Bad;
     }
-    return true;
+    return Piece_Read::Ok;
   }
-  // The reader has named a damaged object, the check a foreign one, the sink its own failure.
-  if (!foreign && !reader.stopped() && !is_canceled() && !io.error().empty())
+  // The check has named a foreign object, the sink its own failure, the reader a damaged object.
+  if (foreign)
+    return Piece_Read::Bad;
+  if (reader.stopped() || is_canceled())
+    return Piece_Read::Stopped;
+  if (!io.error().empty())
     LOG_MSG((LM_ERROR, "Failed to read from storage pool: %s\n", io.error().c_str()));
-  return false;
+  return Piece_Read::Bad;
 }
 
 bool VM_Restore::read_disk_i(const Disk_Restore_Param& disk,
                              const Image_Reader::Block_Callback& sink,
-                             const std::function<bool()>& base_done,
-                             std::vector<Bad_Object>* bad) const {
+                             const std::function<bool()>& base_done, bool every_piece) const {
   Client_IO_Ex io;
   const Storage_Pool* connected = nullptr;
   bool base = true, ok = true;
@@ -716,7 +747,7 @@ bool VM_Restore::read_disk_i(const Disk_Restore_Param& disk,
       if (!base_done())
         return false;
     }
-    if (piece.source_size_ == 0 && !bad)
+    if (piece.source_size_ == 0 && !every_piece)
       continue;
     if (piece.pool_ != connected) {
       if (!CHECK_TRUE(piece.pool_ != nullptr))
@@ -727,16 +758,15 @@ bool VM_Restore::read_disk_i(const Disk_Restore_Param& disk,
       }
       connected = piece.pool_;
     }
-    if (!bad) {
-      if (!read_piece_i(piece, io, sink))
-        return false;
-      continue;
-    }
     Error_Line line;
-    if (!read_piece_i(piece, io, sink)) {
-      if (is_canceled())
+    const Piece_Read read = read_piece_i(piece, io, sink);
+    if (read == Piece_Read::Stopped)
+      return false;
+    if (read == Piece_Read::Bad) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      bad_objects_.push_back({piece.remote_path_, line.text()});
+      if (!every_piece)
         return false;
-      bad->push_back({piece.remote_path_, line.text()});
       ok = false;
     }
   }
@@ -813,7 +843,7 @@ Task_Base::Error VM_Restore::restore_disk_i(const std::shared_ptr<Disk_Restore_P
     covered.clear();
     return true;
   };
-  if (!read_disk_i(*disk, sink, zero_holes, nullptr))
+  if (!read_disk_i(*disk, sink, zero_holes, false))
     return Task_Base::Failed;
   ++succeeded_disk_;
   return Task_Base::Succeeded;
@@ -837,13 +867,8 @@ Task_Base::Error VM_Restore::verify_disk_i(const std::shared_ptr<Disk_Restore_Pa
       info->add_processed_size(n);
     return !is_canceled();
   };
-  std::vector<Bad_Object> bad;
   const bool ok = read_disk_i(
-      *disk, sink, [] { return true; }, &bad);
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    bad_objects_.insert(bad_objects_.end(), bad.begin(), bad.end());
-  }
+      *disk, sink, [] { return true; }, true);
   if (!ok)
     return Task_Base::Failed;
   ++succeeded_disk_;

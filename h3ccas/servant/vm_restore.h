@@ -73,7 +73,8 @@ class VM_Restore {
   VM_Restore& operator=(const VM_Restore&) = delete;
 
   // The whole restore. `result` receives "code" (0: restored), and on success "vm_id" (the new
-  // VM), "storage_size", "set_size" and "source_size".
+  // VM), "storage_size", "set_size" and "source_size"; on a failure for a bad image object,
+  // "bad_objects" as verify gives them.
   bool restore(JSON_Value& result);
   // Reads every object of the chain ending in the chosen set, as an original restore would, and
   // writes nothing anywhere. `result` receives "code", "vm_id" (the source VM), the sizes and
@@ -95,6 +96,9 @@ class VM_Restore {
   std::string get_pool_uuid(const JSON_Value& storages) const;
   bool get_pool(const std::string& uuid, const std::string& uri, Storage_Pool*& pool);
   bool create_disks(Disk_Plans& disks);
+  // An existing block volume is written over, so never one that a VM uses: a copy of a VM
+  // restored into the pool of its own volumes would otherwise overwrite the VM's disks.
+  bool check_volume_unused_i(const Disk_Restore_Param& disk);
   // A new file volume for `disk`; taken names are retried with "_0" .. "_9" appended to the
   // target path, which then names the volume created.
   bool create_volume(Disk_Restore_Param& disk);
@@ -121,14 +125,18 @@ class VM_Restore {
   // true when every plan succeeded.
   bool run_disks_i(const Disk_Plans& disks, const char* name, const Disk_Task& task);
   // Reads the pieces of `disk` in order and hands every verified block to `sink`; `base_done`
-  // runs once the full set's pieces are through. Without `bad` the first bad piece ends the
-  // reading; with it each bad piece is recorded and the reading goes on. Empty pieces are read
-  // only when recording.
+  // runs once the full set's pieces are through. A bad piece is added to bad_objects_ and ends
+  // the reading, unless `every_piece`: then the reading goes on, and empty pieces are read too.
   bool read_disk_i(const Disk_Restore_Param& disk, const Image_Reader::Block_Callback& sink,
-                   const std::function<bool()>& base_done, std::vector<Bad_Object>* bad) const;
+                   const std::function<bool()>& base_done, bool every_piece) const;
+  // Bad: the object is missing, damaged, of another set or not the catalog's piece (logged);
+  // Stopped: the sink stopped the reading or the job was stopped.
+  enum class Piece_Read { Ok, Bad, Stopped };
   // Reads one piece through `io` (connected to the piece's pool) into `sink`.
-  bool read_piece_i(const Disk_Restore_Param::Piece& piece, Client_IO_Ex& io,
-                    const Image_Reader::Block_Callback& sink) const;
+  Piece_Read read_piece_i(const Disk_Restore_Param::Piece& piece, Client_IO_Ex& io,
+                          const Image_Reader::Block_Callback& sink) const;
+  // bad_objects_ as [{"object", "error"}, ...].
+  JSON_Value bad_objects_json_i() const;
   // Runs at the end of restore and verify: the outcome into the progress and activity records.
   void finish_i(bool ok);
   void remove_residuals_i();

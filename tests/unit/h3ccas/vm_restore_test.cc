@@ -24,7 +24,9 @@ struct Fake_CVM : HTTP_Session {
     if (!req.headers().get("Authorization"))
       return resp.headers().put("WWW-Authenticate", R"(Digest realm="r", nonce="n")"),
              resp.set_status(401), true;
-    resp.body() = R"({"msgId":"1","completed":"true","result":"0","targetId":"42"})";
+    resp.body() = lists.count(req.path())
+                      ? lists[req.path()]
+                      : R"({"msgId":"1","completed":"true","result":"0","targetId":"42"})";
     if (req.method() != HTTP_Method::GET)
       log += line + (vol.empty() ? "" : " " + vol) + "\n", bodies[line] = b;
     if (taken.count(vol) || broken.count(line))
@@ -34,6 +36,7 @@ struct Fake_CVM : HTTP_Session {
   const S& host() const override { return log; }
   std::uint16_t port() const override { return 1; }
   std::set<S> taken, broken;
+  std::map<S, S> lists;  // answers to GET by path
   S log;
   std::map<S, JSON_Value> bodies;
 };
@@ -156,6 +159,19 @@ TEST_F(Restore, ChainIntoVolumes) {
   write_text_file(dir_.file("disks/lun1"), S(1 << 20, 'x'));
   auto p = params();
   p.disks_ = {{disk1, "lun", "/iscsi", "iscsi", "lun1", UNKNOWN}}, p.opts_.start_vm_ = true;
+  // Never over a volume a VM uses.
+  cvm_->lists["/cas/casrs/storage/volume"] =
+      R"({"storageVolume":[{"name":"lun0","size":"1","users":"a"},)"
+      R"({"name":"lun1","size":"1","users":"w"}]})";
+  EXPECT_FALSE(run(p, result));
+  EXPECT_TRUE(
+      log.contains("Unable to restore disk '/vms/a/disk1.qcow2' of CAS VM 'new' onto "
+                   "volume 'lun1' of pool 'lun', CAS VM 'w' uses it.\n"));
+  EXPECT_EQ(read("disks/lun1") + cvm_->log,
+            S(1 << 20, 'x') + "POST /cas/casrs/vm/add\nDELETE /cas/casrs/vm/delete/42\n");
+  cvm_->lists["/cas/casrs/storage/volume"] =
+      R"({"storageVolume":{"name":"lun1","size":"1","users":""}})";
+  cvm_->log.clear();
   cvm_->broken = {"PUT /cas/casrs/vm/start/42"};
   ASSERT_TRUE(run(p, result)) << messages(log);
   EXPECT_EQ(read("disks/lun1"), image(1 << 20));
@@ -202,7 +218,12 @@ TEST_F(Restore, FaultsCleanUp) {
     Log_Capture log;
     EXPECT_TRUE(!run(p, result) && log.count(LM_ERROR) == 1 && log.contains(line)) << messages(log);
     EXPECT_EQ(cvm_->log, line[0] == 'B' ? "" : all);  // the chain is checked before any change
-    EXPECT_EQ(result.dump() + std::to_string(act_->state), R"({"code":1}3)");
+    EXPECT_EQ(result["code"].dump() + std::to_string(act_->state), "13");
+    // A damaged object is named in the result too.
+    const S bad = result.value("bad_objects", JSON_Value::array()).dump();
+    const bool damaged = line.find("object '/") != S::npos || line.find("open '/") != S::npos;
+    EXPECT_EQ(bad.find(line.substr(0, line.find('\n'))) != S::npos, damaged) << bad;
+    EXPECT_EQ(result.size(), damaged ? 2u : 1u);
   }
 }
 
