@@ -192,7 +192,9 @@ bool restore_entry(const JSON_Value& set, const Restore_Args& args,
 
 JSON_Value restore_definition(const JSON_Value& set, const JSON_Value& entries, bool verify,
                               const JSON_Value& options, const std::string& uid) {
-  JSON_Value source = {{"entries", entries}, {"pool_uuid", set.value("pool_uuid", "")}};
+  // No "pool_uuid": each set is read from the pool its catalog entry names, so that a run may
+  // take sets of several pools.
+  JSON_Value source = {{"entries", entries}};
   if (verify)
     source["verify"] = true;
   return {{"uid", uid},

@@ -70,7 +70,7 @@ TEST(Restore_Command, EntryMapsDisksAndNetworksOntoTheHost) {
   const JSON_Value def =
       restore_definition(json(set), {}, true, restore_options(original, json(R"({"x":1})")), "u");
   EXPECT_EQ(def["source"].dump() + def["options"].dump() + def["host_id"].dump(),
-            R"({"entries":null,"pool_uuid":"bp","verify":true})"
+            R"({"entries":null,"verify":true})"
             R"({"cvd_sdk_log_level":"info","cvd_sdk_network_timeout":10,"original_restore":true,)"
             R"("overwrite_vm":false,"parallel_vms":1,"reserve_mac":false,"start_vm":true,)"
             R"("write_buffer_size":4194304,"x":1}"c1")");
