@@ -326,11 +326,13 @@ void Disk_Store::forget(const std::string& path) {
   const std::string first = moved == moved_.end() ? path : moved->second;
   auto it = states_.find(first);
   if (it != states_.end()) {
-    // Readers that hold the disk keep their descriptors; the files go now.
-    std::unique_lock<std::shared_mutex> disk_lock(it->second->mutex);
-    for (const auto& f : it->second->snapshots)
-      unlink(f->file.c_str());
+    // Readers that hold the disk keep their descriptors; the files go now. The state outlives
+    // its lock.
+    const std::shared_ptr<Disk_State> state = std::move(it->second);
     states_.erase(it);
+    std::unique_lock<std::shared_mutex> disk_lock(state->mutex);
+    for (const auto& f : state->snapshots)
+      unlink(f->file.c_str());
   }
   for (auto m = moved_.begin(); m != moved_.end();)
     m = m->second == first ? moved_.erase(m) : std::next(m);
