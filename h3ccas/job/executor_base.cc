@@ -81,20 +81,20 @@ bool VM_Results::record(const std::string& vm_id, bool succeeded, std::uint64_t 
   return true;
 }
 
-void VM_Results::record_bad_objects(const std::string& vm_id, JSON_Value objects) {
+void VM_Results::record_fields(const std::string& vm_id, const JSON_Value& fields) {
   std::lock_guard<std::mutex> lock(mutex_);
-  bad_objects_[vm_id] = std::move(objects);
+  fields_[vm_id].update(fields);
 }
 
 JSON_Value VM_Results::eject() {
   std::lock_guard<std::mutex> lock(mutex_);
   JSON_Value out = histories_.eject();
   for (auto& entry : out) {
-    auto bad = bad_objects_.find(entry.value("uuid", ""));
-    if (bad != bad_objects_.end())
-      entry["bad_objects"] = std::move(bad->second);
+    auto fields = fields_.find(entry.value("uuid", ""));
+    if (fields != fields_.end())
+      entry.update(fields->second);
   }
-  bad_objects_.clear();
+  fields_.clear();
   return out;
 }
 
@@ -115,7 +115,11 @@ int fold_servant_result(VM_Results& results, const std::string& vm_id,
     json_extract_array(result, "bad_objects", bad, false);
     const bool damaged = !bad.empty();
     if (damaged)
-      results.record_bad_objects(vm_id, std::move(bad));
+      results.record_fields(vm_id, {{"bad_objects", std::move(bad)}});
+    // A backup says which it made: an incremental one may have become a full one.
+    std::string type;
+    if (json_extract(result, "backup_type", type, false))
+      results.record_fields(vm_id, {{"type", type}});
     if (code != 0) {
       results.record(vm_id, false, 0, 0, 0);
       // Damaged objects read the same on another try.

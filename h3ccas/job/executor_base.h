@@ -54,9 +54,9 @@ class VM_Results {
   // for a VM that was never added.
   bool record(const std::string& vm_id, bool succeeded, std::uint64_t storage_size,
               std::uint64_t source_size, std::uint64_t set_size);
-  // The objects a VM's servant found damaged, [{"object", "error"}]: its entry of the job result
-  // lists them under "bad_objects".
-  void record_bad_objects(const std::string& vm_id, JSON_Value objects);
+  // Further fields of a VM's entry in the job result, beside its history: "bad_objects" (the
+  // objects its servant found damaged, [{"object", "error"}]) and "type" (the backup it made).
+  void record_fields(const std::string& vm_id, const JSON_Value& fields);
   int succeeded() const { return succeeded_; }
   std::uint64_t storage_size() const { return storage_size_; }
   std::uint64_t source_size() const { return source_size_; }
@@ -65,9 +65,9 @@ class VM_Results {
   JSON_Value eject();
 
  private:
-  std::mutex mutex_;  // guards histories_ and bad_objects_
+  std::mutex mutex_;  // guards histories_ and fields_
   VM_Histories histories_;
-  std::unordered_map<std::string, JSON_Value> bad_objects_;
+  std::unordered_map<std::string, JSON_Value> fields_;
   std::atomic<int> succeeded_{0};
   std::atomic<std::uint64_t> storage_size_{0}, source_size_{0}, set_size_{0};
 };

@@ -65,7 +65,8 @@ bool VM_Backup::backup(JSON_Value& result) {
             {"storage_size", skip_backup_ ? 0 : std::uint64_t(storage_size_)},
             {"set_size", skip_backup_ ? 0 : set_size_},
             {"source_size", skip_backup_ ? 0 : source_size_},
-            {"vm_id", params_.vm_id_}};
+            {"vm_id", params_.vm_id_},
+            {"backup_type", job_def_subtype_to_string(backup_type_)}};
   return done;
 }
 

@@ -19,8 +19,9 @@ class VM_Backup : public Backup_Transfer {
 
   explicit VM_Backup(VM_Backup_Params params, std::unique_ptr<RESTful_Client> client = nullptr);
 
-  // The whole run; `result` always receives "code", "storage_size", "set_size", "source_size"
-  // and "vm_id". A skipped VM counts as a success.
+  // The whole run; `result` always receives "code", "storage_size", "set_size", "source_size",
+  // "vm_id" and "backup_type" (the backup made: "full" or "incremental"). A skipped VM counts as
+  // a success.
   bool backup(JSON_Value& result);
   // The job was stopped: its activity record says so.
   bool is_canceled() const override;

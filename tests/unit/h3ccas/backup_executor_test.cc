@@ -209,9 +209,10 @@ TEST_F(Backup_Executor_Test, CountsServantResults) {
   const char* unrecognized = R"({"code":0,"source_size":2,"storage_size":1,"vm_id":"c"})";
   Log_Capture log;
   const std::vector<int> codes = {
-      result("a", R"({"code":0,"storage_size":1,"source_size":20,"set_size":300,"vm_id":"a"})"),
+      result("a", R"({"code":0,"storage_size":1,"source_size":20,"set_size":300,"vm_id":"a",)"
+                  R"("backup_type":"full"})"),
       result("b", R"({"code":3})"), result("c", unrecognized), result("d", nullptr),
-      // Damaged objects read the same on another try; the job's result lists them.
+      // Damaged objects read the same on another try.
       result("f", R"({"code":1,"bad_objects":[{"object":"o"}]})"),
       (j->state_i(JOB_STOPPED), result("e", R"({"code":3})"))};
   EXPECT_EQ(codes, (std::vector<int>{0, 2, 1, 1, 1, 1}));
@@ -219,10 +220,12 @@ TEST_F(Backup_Executor_Test, CountsServantResults) {
   EXPECT_EQ(std::tuple(e.results_.succeeded(), e.results_.storage_size(), e.results_.source_size(),
                        e.results_.set_size()),
             std::tuple(1, 1ull, 20ull, 300ull));
+  // The job's result lists damaged objects, and the backup each VM made.
   S bad;
   for (const auto& vm : e.results_.eject())
-    bad += vm.contains("bad_objects") ? vm["uuid"].get<S>() + vm["bad_objects"].dump() : "";
-  EXPECT_EQ(bad, R"(f[{"object":"o"}])");
+    bad += (vm.contains("bad_objects") ? vm["uuid"].get<S>() + vm["bad_objects"].dump() : "") +
+           vm.value("type", "");
+  EXPECT_EQ(bad, R"(f[{"object":"o"}]full)");
 }
 
 // No servant can back up here: each VM fails on its own, the others still run, the job fails and

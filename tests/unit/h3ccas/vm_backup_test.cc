@@ -287,7 +287,8 @@ TEST_F(Flow, Runs) {
   JSON_Value result = chn->sent[0]["result"];
   EXPECT_GT(result["storage_size"], 0u);
   result.erase("storage_size");
-  EXPECT_EQ(result, json(R"({"code":0,"set_size":70000,"source_size":1048576,"vm_id":"7"})"));
+  EXPECT_EQ(result, json(R"({"backup_type":"full","code":0,"set_size":70000,)"
+                         R"("source_size":1048576,"vm_id":"7"})"));
   // A job being stopped shows in its activity record.
   auto b = backup();
   act_->state = Job_Activity::cancelled;
