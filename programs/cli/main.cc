@@ -424,6 +424,9 @@ int main(int argc, char** argv) {
                    "vswitch, profile Default or the CVM's first)")
       ->check(a_value)
       ->excludes(original);
+  restore->add_flag("--no-network", restore_args.no_network, "a new VM without network cards")
+      ->excludes(original)
+      ->excludes("--network");
   for (auto [flag, value, what] :
        {std::tuple{"--cpus", &restore_args.cpus, "CPU sockets (default: the source's)"},
         std::tuple{"--cores", &restore_args.cores, "cores per socket (default: the source's)"}})

@@ -85,7 +85,7 @@ bool map_network(const std::string& mapping, const Restore_Inventory& inv, JSON_
                              ? &inv.vswitches.front()
                              : named(inv.vswitches, "name", vswitch);
   if (!vs) {
-    error = vswitch.empty() ? "host '" + host + "' has no virtual switch"
+    error = vswitch.empty() ? "host '" + host + "' has no virtual switch (give --no-network)"
                             : "no virtual switch '" + vswitch + "' on host '" + host + "'";
     return false;
   }
@@ -172,7 +172,9 @@ bool restore_entry(const JSON_Value& set, const Restore_Args& args,
                      {"provisioning_mode", mode == "0" || mode == "1" ? mode : "2"},
                      {"target_volume_name", path.substr(path.rfind('/') + 1)}});
   }
-  for (std::size_t i = 0; i < std::max<std::size_t>(args.networks.size(), 1); ++i) {
+  const std::size_t nic_count =
+      args.no_network ? 0 : std::max<std::size_t>(args.networks.size(), 1);
+  for (std::size_t i = 0; i < nic_count; ++i) {
     JSON_Value nic;
     if (!map_network(args.networks.empty() ? "" : args.networks[i], inv, nic, error))
       return false;

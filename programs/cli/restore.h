@@ -18,6 +18,7 @@ struct Restore_Args {
   std::string host;                   // id or name; default: the source VM's host
   std::string pool;                   // CAS storage pool on the host; default: each disk's own
   std::vector<std::string> networks;  // VSWITCH[/PROFILE], one per NIC, by name
+  bool no_network = false;            // a new VM without NICs
   int cpus = 0, cores = 0;            // 0: the source VM's
   std::uint64_t memory_mib = 0;       // 0: the source VM's
   bool original = false, overwrite = false, reserve_mac = false, start = false;

@@ -28,14 +28,16 @@ TEST_F(Restore_World, EveryPointOfAChainToANewVm) {
     std::size_t point;
     const char* host;
     const char* pool_path;
+    std::size_t nics;
   } rows[] = {
-      {sets[2], {"--name", "web01-full"}, 0, "cvk01", "/vms/images/web01-vd"},
+      {sets[2], {"--name", "web01-full"}, 0, "cvk01", "/vms/images/web01-vd", 1},
       {sets[1],
-       {"--name", "web01-inc", "--host", "cvk02", "--pool", "fastpool"},
+       {"--name", "web01-inc", "--host", "cvk02", "--pool", "fastpool", "--no-network"},
        1,
        "cvk02",
-       "/vms/fast/web01-vd"},
-      {sets[2], {"--name", "web01-latest", "--latest"}, 2, "cvk01", "/vms/images/web01-vd"},
+       "/vms/fast/web01-vd",
+       0},
+      {sets[2], {"--name", "web01-latest", "--latest"}, 2, "cvk01", "/vms/images/web01-vd", 1},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.flags[1]);
@@ -46,6 +48,7 @@ TEST_F(Restore_World, EveryPointOfAChainToANewVm) {
     EXPECT_EQ(digests(row.flags[1]), points[row.point]);
     const JSON_Value vm = find_vm(row.flags[1]);
     EXPECT_EQ(vm.value("host", ""), row.host);
+    EXPECT_EQ(vm["vm"]["networks"].size(), row.nics);
     for (const JSON_Value& disk : vm["vm"]["disks"])
       EXPECT_EQ(disk["path"].get<std::string>().rfind(row.pool_path, 0), 0u) << disk.dump();
   }

@@ -23,13 +23,14 @@ TEST(Restore_Command, EntryMapsDisksAndNetworksOntoTheHost) {
                         json(R"([{"id":"v1","name":"vsw0"},{"id":"v2","name":"vsw1"}])"),
                         json(R"([{"id":"p1","name":"web"},{"id":"p2","name":"Default"}])")};
   const std::tuple<const char*, const char*, const char*> rows[] = {
-      // --pool, --network..., the entry's disks and networks, or the error
+      // --pool, --network... ("-": --no-network), the entry's disks and networks, or the error
       {"", "",
        R"([["fast","/f","dir","1","web.img"],["lun","/l","iscsi","2","web-2"]])"
        R"([["v1","vsw0","p2","Default"]])"},
       {"fast", "vsw1/web vsw0",
        R"([["fast","/f","dir","1","web.img"],["fast","/f","dir","2","web-2"]])"
        R"([["v2","vsw1","p1","web"],["v1","vsw0","p2","Default"]])"},
+      {"", "-", R"([["fast","/f","dir","1","web.img"],["lun","/l","iscsi","2","web-2"]][])"},
       {"slow", "", "no storage pool 'slow' on host 'cvk2'"},
       {"", "vsw9", "no virtual switch 'vsw9' on host 'cvk2'"},
       {"", "vsw0/db", "no port profile 'db' on this CVM"},
@@ -38,6 +39,8 @@ TEST(Restore_Command, EntryMapsDisksAndNetworksOntoTheHost) {
     Restore_Args args;
     std::istringstream words(networks);
     args.networks.assign(std::istream_iterator<std::string>(words), {});
+    if ((args.no_network = args.networks == std::vector<std::string>{"-"}))
+      args.networks.clear();
     args.name = "web2", args.pool = pool, args.cpus = 4;
     JSON_Value entry;
     std::string error, got;
