@@ -41,7 +41,7 @@ VM_Backup::VM_Backup(VM_Backup_Params params, std::unique_ptr<RESTful_Client> cl
 
 bool VM_Backup::is_canceled() const {
   const Job_Activity* act = job_act_.get();
-  return act && __atomic_load_n(&act->state, __ATOMIC_RELAXED) == Job_Activity::cancelled;
+  return act && act->is_cancelled();
 }
 
 void VM_Backup::pause(unsigned seconds) {

@@ -90,7 +90,7 @@ VM_Restore::VM_Restore(VM_Restore_Params params, std::unique_ptr<RESTful_Client>
 
 bool VM_Restore::is_canceled() const {
   const Job_Activity* act = job_act_.get();
-  return act && __atomic_load_n(&act->state, __ATOMIC_RELAXED) == Job_Activity::cancelled;
+  return act && act->is_cancelled();
 }
 
 std::size_t VM_Restore::buffer_size() const {
@@ -675,7 +675,23 @@ bool VM_Restore::run_disks_i(const Disk_Plans& disks, const char* name, const Di
   const int threads = std::min(count, std::max(params_.opts_.parallel_disks_per_vm_, 1));
   LOG_MSG((LM_INFO, "Activating %d thread(s) to restore the VM, disk(s) count = %d.\n", threads,
            count));
-  if (!scheduler.activate(threads, task))
+  // Whatever becomes of a disk, it counts as processed.
+  auto run = [this, &task](const std::shared_ptr<Disk_Restore_Param>& disk) {
+    if (disk.get() == nullptr) {
+      LOG_MSG((LM_EMERGENCY, "Unexpected error in %N:%l, disk.get() is NULL:\n%?\n"));
+      return Task_Base::Failed;
+    }
+    VM_Progress_Info* info = progress_.get();
+    Scope_Exit processed([info] {
+      if (info)
+        info->add_processed_virtual_disk();
+    });
+    if (!task(*disk))
+      return Task_Base::Failed;
+    ++succeeded_disk_;
+    return Task_Base::Succeeded;
+  };
+  if (!scheduler.activate(threads, run))
     return false;
   scheduler.wait();
   if (is_canceled()) {
@@ -773,36 +789,26 @@ bool VM_Restore::read_disk_i(const Disk_Restore_Param& disk,
   return (!base || base_done()) && ok;
 }
 
-Task_Base::Error VM_Restore::restore_disk_i(const std::shared_ptr<Disk_Restore_Param>& disk) const {
-  if (disk.get() == nullptr) {
-    LOG_MSG((LM_EMERGENCY, "Unexpected error in %N:%l, disk.get() is NULL:\n%?\n"));
-    return Task_Base::Failed;
-  }
+bool VM_Restore::restore_disk_i(const Disk_Restore_Param& disk) const {
   VM_Progress_Info* info = progress_.get();
-  Scope_Exit processed([info] {
-    if (info)
-      info->add_processed_virtual_disk();
-  });
   const VM_Restore_Params& p = params_;
   const char* vm = p.target_vm_name_.c_str();
   LOG_MSG((LM_INFO,
            "Restroing CAS VM '%s' disk '%s':\n  source VM='%s'\n  source path='%s'\n  size=%s\n",
-           vm, disk->target_path_.c_str(), p.source_vm_name_.c_str(), disk->src_disk_.path_.c_str(),
-           size_to_str(disk->source_size_).c_str()));
+           vm, disk.target_path_.c_str(), p.source_vm_name_.c_str(), disk.src_disk_.path_.c_str(),
+           size_to_str(disk.source_size_).c_str()));
   // An empty disk needs no write, unless it replaces what an existing volume holds.
-  if (disk->source_size_ == 0 && !(disk->zero_holes_ && disk->src_disk_.total_bytes_ > 0)) {
-    ++succeeded_disk_;
-    return Task_Base::Succeeded;
-  }
+  if (disk.source_size_ == 0 && !(disk.zero_holes_ && disk.src_disk_.total_bytes_ > 0))
+    return true;
   CVD_Connection conn;
   if (!conn.connect(p.cvm_, p.cvd_target_addr_.empty() ? p.target_host_ip_ : p.cvd_target_addr_,
                     p.target_vm_name_))
-    return Task_Base::Failed;
+    return false;
   CVD_Disk_Handle handle =
-      conn.open(unify_path(disk->target_path_, disk->cas_pool_type_ == "rbd", nullptr), nullptr,
+      conn.open(unify_path(disk.target_path_, disk.cas_pool_type_ == "rbd", nullptr), nullptr,
                 CVD_OPEN_READ_WRITE);
   if (!handle)
-    return Task_Base::Failed;
+    return false;
   auto write = [&](const void* data, std::size_t n, std::uint64_t offset) {
     if (cvd_disk_write(handle.get(), offset, n, data) != static_cast<std::int64_t>(n)) {
       LOG_MSG((LM_ERROR, "Failed to write data to CAS VM '%s'.\n", vm));
@@ -810,10 +816,12 @@ Task_Base::Error VM_Restore::restore_disk_i(const std::shared_ptr<Disk_Restore_P
     }
     return true;
   };
-  // Ranges of the disk the full set wrote, merged where they meet.
+  // Ranges of the disk the full set wrote, merged where they meet; noted until its holes are
+  // zeroed.
   std::vector<Block> covered;
+  bool noting = disk.zero_holes_;
   auto sink = [&](const void* data, std::size_t n, std::uint64_t offset) {
-    if (disk->zero_holes_) {
+    if (noting) {
       if (!covered.empty() && covered.back().offset_ + covered.back().length_ == offset)
         covered.back().length_ += n;
       else
@@ -826,11 +834,12 @@ Task_Base::Error VM_Restore::restore_disk_i(const std::shared_ptr<Disk_Restore_P
     return !is_canceled();
   };
   auto zero_holes = [&] {
-    if (!disk->zero_holes_)
+    if (!noting)
       return true;
+    noting = false;
     std::sort(covered.begin(), covered.end(),
               [](const Block& a, const Block& b) { return a.offset_ < b.offset_; });
-    covered.push_back({disk->src_disk_.total_bytes_, 0});
+    covered.push_back({disk.src_disk_.total_bytes_, 0});
     const std::vector<char> zeros(buffer_size());
     std::uint64_t at = 0;
     for (const Block& block : covered) {
@@ -840,39 +849,23 @@ Task_Base::Error VM_Restore::restore_disk_i(const std::shared_ptr<Disk_Restore_P
           return false;
       at = std::max(at, block.offset_ + block.length_);
     }
-    covered.clear();
     return true;
   };
-  if (!read_disk_i(*disk, sink, zero_holes, false))
-    return Task_Base::Failed;
-  ++succeeded_disk_;
-  return Task_Base::Succeeded;
+  return read_disk_i(disk, sink, zero_holes, false);
 }
 
-Task_Base::Error VM_Restore::verify_disk_i(const std::shared_ptr<Disk_Restore_Param>& disk) const {
-  if (disk.get() == nullptr) {
-    LOG_MSG((LM_EMERGENCY, "Unexpected error in %N:%l, disk.get() is NULL:\n%?\n"));
-    return Task_Base::Failed;
-  }
+bool VM_Restore::verify_disk_i(const Disk_Restore_Param& disk) const {
   VM_Progress_Info* info = progress_.get();
-  Scope_Exit processed([info] {
-    if (info)
-      info->add_processed_virtual_disk();
-  });
   LOG_MSG((LM_INFO, "Verifying backup of CAS VM '%s' disk '%s', size=%s.\n",
-           params_.source_vm_name_.c_str(), disk->src_disk_.path_.c_str(),
-           size_to_str(disk->source_size_).c_str()));
+           params_.source_vm_name_.c_str(), disk.src_disk_.path_.c_str(),
+           size_to_str(disk.source_size_).c_str()));
   auto sink = [&](const void*, std::size_t n, std::uint64_t) {
     if (info)
       info->add_processed_size(n);
     return !is_canceled();
   };
-  const bool ok = read_disk_i(
-      *disk, sink, [] { return true; }, true);
-  if (!ok)
-    return Task_Base::Failed;
-  ++succeeded_disk_;
-  return Task_Base::Succeeded;
+  return read_disk_i(
+      disk, sink, [] { return true; }, true);
 }
 
 }  // namespace h3ccas

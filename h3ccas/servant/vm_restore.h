@@ -103,8 +103,9 @@ class VM_Restore {
   // target path, which then names the volume created.
   bool create_volume(Disk_Restore_Param& disk);
   bool restore_disks(const Disk_Plans& disks);
-  Task_Base::Error restore_disk_i(const std::shared_ptr<Disk_Restore_Param>& disk) const;
-  Task_Base::Error verify_disk_i(const std::shared_ptr<Disk_Restore_Param>& disk) const;
+  // One disk's work on a worker thread; false after one log line.
+  bool restore_disk_i(const Disk_Restore_Param& disk) const;
+  bool verify_disk_i(const Disk_Restore_Param& disk) const;
 
   VM_Restore_Params params_;
   Job_Activity_Handle job_act_;
@@ -120,9 +121,9 @@ class VM_Restore {
   std::vector<Volume> created_volumes_;
 
  private:
-  using Disk_Task = std::function<Task_Base::Error(const std::shared_ptr<Disk_Restore_Param>&)>;
-  // Runs `task` over the plans on parallel_disks_per_vm_ threads, one task per target at a time;
-  // true when every plan succeeded.
+  using Disk_Task = std::function<bool(const Disk_Restore_Param&)>;
+  // Runs `task` over the plans on parallel_disks_per_vm_ threads, one task per target at a time,
+  // counting each disk processed and each success; true when every plan succeeded.
   bool run_disks_i(const Disk_Plans& disks, const char* name, const Disk_Task& task);
   // Reads the pieces of `disk` in order and hands every verified block to `sink`; `base_done`
   // runs once the full set's pieces are through. A bad piece is added to bad_objects_ and ends

@@ -29,6 +29,8 @@ struct Job_Activity {
   std::int64_t last_run_time;         // when a run last ended or was found to have nothing to do
 
   void reset();
+  // A stop was asked for; read atomically, as the agent writes it from another process.
+  bool is_cancelled() const { return __atomic_load_n(&state, __ATOMIC_RELAXED) == cancelled; }
   // Stores `text` in a text field of this record. False after one log line when it does not fit
   // (the field is left as it was).
   static bool set_text(char (&field)[id_capacity], const std::string& text);
